@@ -1,0 +1,53 @@
+/// One TCP connection: bytes in as they come, bytes out in order, in one piece or dribbled.
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "loop.h"
+
+namespace arvok::lab {
+
+/// How bytes are put on the wire.
+struct Pace {
+    std::size_t split = 0;  ///< bytes per write; 0: all at once
+    int interval = 2;       ///< milliseconds between the writes
+};
+
+class Connection {
+  public:
+    /// `received` gets every batch of bytes; `ended` is called once, with the reason, when the other side or
+    /// the network ended the connection. Neither may destroy the connection; both may close it.
+    Connection(int descriptor, std::function<void(std::string_view)> received,
+               std::function<void(const std::string &)> ended);
+
+    /// Queues bytes behind everything queued before.
+    void send(std::string bytes, const Pace &pace = {});
+    /// Ends it at once and drops what is queued; `ended` is not called.
+    void close();
+    bool open() const { return watch_.descriptor() >= 0; }
+
+  private:
+    struct Piece {
+        std::string bytes;
+        std::size_t written = 0;
+        int pause = 0;  ///< milliseconds before the next piece
+    };
+
+    void ready(unsigned events);
+    void read();
+    void write();
+    void fail(const std::string &why);
+
+    std::function<void(std::string_view)> received_;
+    std::function<void(const std::string &)> ended_;
+    Watch watch_;
+    Timer pause_;
+    std::deque<Piece> queue_;
+    std::size_t queued_ = 0;
+};
+
+}  // namespace arvok::lab
