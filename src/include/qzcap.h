@@ -429,7 +429,7 @@ struct qzcap_rssi_query {
 };
 
 /// Asks a station to move to another access point.
-struct qzcap_bss_transition {
+struct qzcap_bsstransition {
     char *mac;
     char *bssid;  ///< the target
     uint32_t channel;
@@ -449,7 +449,7 @@ struct qzcap_roaming {
 int qzcap_wifi_deassociation(const char *const *macs, unsigned int count, char **errtext);
 /// Starts a query; its result comes as a notification of the roaming object.
 int qzcap_start_rssi_query(const struct qzcap_rssi_query *record, char **errtext);
-int qzcap_bss_transition(const struct qzcap_bss_transition *record, char **errtext);
+int qzcap_bss_transition(const struct qzcap_bsstransition *record, char **errtext);
 struct qzcap_roaming *qzcap_get_roaming(void);
 void qzcap_free_roaming(struct qzcap_roaming *record);
 int qzcap_set_roaming(const struct qzcap_roaming *record, char **errtext);

@@ -1,0 +1,79 @@
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <string>
+#include <string_view>
+
+#include "qzcap.h"
+
+namespace {
+
+/// The next character written begins a line. Threads may log at the same time; each call is one write.
+std::atomic<bool> at_line_start{true};
+
+std::string formatted(const char *format, std::va_list args) {
+    char small[1024];
+    std::va_list again;
+    va_copy(again, args);
+    const int length = std::vsnprintf(small, sizeof(small), format, args);
+    std::string text;
+    if (length >= 0 && static_cast<std::size_t>(length) < sizeof(small)) {
+        text.assign(small, static_cast<std::size_t>(length));
+    } else if (length >= 0) {
+        text.resize(static_cast<std::size_t>(length));
+        std::vsnprintf(text.data(), text.size() + 1, format, again);
+    }
+    va_end(again);
+    return text;
+}
+
+/// "HH:MM:SS.mmm "
+std::string time_prefix() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm local{};
+    localtime_r(&now.tv_sec, &local);
+    char text[32];
+    std::snprintf(text, sizeof(text), "%02d:%02d:%02d.%03d ", local.tm_hour, local.tm_min, local.tm_sec,
+                  static_cast<int>(now.tv_nsec / 1000000));
+    return text;
+}
+
+void write_all(std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            return;
+        }
+        text.remove_prefix(static_cast<std::size_t>(written));
+    }
+}
+
+}  // namespace
+
+void qzcap_printf(const char *format, ...) {
+    const int saved_errno = errno;  // "%m" reads it, and callers log between a failure and its handling
+    std::va_list args;
+    va_start(args, format);
+    const std::string text = formatted(format, args);
+    va_end(args);
+    if (!text.empty()) {
+        const std::string prefix = time_prefix();
+        std::string out;
+        bool start = at_line_start.exchange(text.back() == '\n');
+        for (std::string_view rest = text; !rest.empty(); start = true) {
+            const std::string_view line = rest.substr(0, rest.find('\n') + (rest.find('\n') != rest.npos));
+            out.append(start ? prefix : std::string()).append(line);
+            rest.remove_prefix(line.size());
+        }
+        write_all(out);
+    }
+    errno = saved_errno;
+}
