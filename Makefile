@@ -1,0 +1,54 @@
+# A thin front on CMake. `make run` is the main job, `make test` is what CI runs.
+
+BUILD      ?= build
+SANITIZED  ?= $(BUILD)-asan
+BUILD_TYPE ?= RelWithDebInfo
+JOBS       ?= $(shell nproc)
+CMAKE_ARGS ?=
+
+CTEST  = ctest --output-on-failure --no-tests=error -j $(JOBS)
+CODE   = git ls-files '*.cpp' '*.c' '*.h'
+TIDIED = $(shell git ls-files 'src/*.cpp' 'lab/*.cpp')
+
+.PHONY: all setup run test check-format format lint bench sanitized install clean
+
+all: setup
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) $(CMAKE_ARGS) >$(BUILD).log 2>&1 || { cat $(BUILD).log; exit 1; }
+	@rm -f $(BUILD).log
+	@cmake --build $(BUILD) -j $(JOBS) -- --no-print-directory -s
+
+setup:
+	@tools/setup.sh
+
+# The agent on its desk device in an emulated home, step by step.
+run: all
+	@ARVOK_BIN=$(abspath $(BUILD))/bin lab/home -- lab/tour
+
+# Formatting, static analysis, every test, the tour; then tests and tour again under the sanitizers.
+test: check-format all lint
+	$(CTEST) --test-dir $(BUILD)
+	ARVOK_BIN=$(abspath $(BUILD))/bin lab/home -- lab/tour </dev/null
+	@$(MAKE) --no-print-directory sanitized
+	$(CTEST) --test-dir $(SANITIZED)
+	ARVOK_BIN=$(abspath $(SANITIZED))/bin lab/home -- lab/tour </dev/null
+
+sanitized:
+	@$(MAKE) --no-print-directory all BUILD=$(SANITIZED) BUILD_TYPE=Debug CMAKE_ARGS=-DARVOK_SANITIZE=ON
+
+check-format: setup
+	@$(CODE) | xargs clang-format --dry-run --Werror
+
+format: setup
+	@$(CODE) | xargs clang-format -i
+
+lint: all
+	@echo $(TIDIED) | xargs -n 4 -P $(JOBS) clang-tidy -p $(BUILD) --quiet
+
+bench: all
+	@ARVOK_BIN=$(abspath $(BUILD))/bin $(BUILD)/bin/arvok-bench
+
+install: all
+	@cmake --install $(BUILD)
+
+clean:
+	rm -rf $(BUILD) $(SANITIZED)

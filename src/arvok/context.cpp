@@ -1,0 +1,8 @@
+#include "context.h"
+
+namespace arvok {
+
+context g_ctx;
+arvok_client *const ec = &g_ctx.arvok;
+
+}  // namespace arvok

@@ -1,0 +1,106 @@
+#include "utask/utask.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+extern "C" {
+#include <libubox/uloop.h>
+#include <qzcap.h>
+}
+
+#include "utask/log.h"
+
+namespace arvok {
+namespace {
+
+// A task as it travels through the pipe: well below the pipe's atomic size, so tasks of several threads never
+// mix.
+struct task {
+    void *arg;
+    utask_fn fn;
+};
+static_assert(sizeof(task) == 2 * sizeof(void *));
+static_assert(sizeof(void *) != 4 || sizeof(task) == 8, "8 bytes on the device");
+
+struct utask_task {
+    void *arg;
+    utask_fn fn;
+    utask_fn done;
+};
+
+int write_fd = -1;
+uloop_fd reader{};
+
+// One wake-up drains every complete task; whatever else read() says ends the pass.
+void read_cb(uloop_fd *watch, unsigned int) {
+    task t;
+    while (read(watch->fd, &t, sizeof t) == static_cast<ssize_t>(sizeof t))
+        if (t.fn)
+            t.fn(t.arg);
+}
+
+void *worker(void *record) {
+    const utask_task t = *static_cast<utask_task *>(record);
+    std::free(record);
+    if (t.fn)
+        t.fn(t.arg);
+    if (t.done)
+        utask_set(t.arg, t.done);
+    return nullptr;
+}
+
+}  // namespace
+
+void utask_init() {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
+        qzcap_printf("[ERROR] open pipe failed\n");
+        std::exit(1);
+    }
+    write_fd = ends[1];
+    reader.fd = ends[0];
+    reader.cb = read_cb;
+    uloop_fd_add(&reader, ULOOP_READ);
+}
+
+void utask_done() {
+    read_cb(&reader,
+            ULOOP_READ);  // what is still queued owns its argument; with the modules gone it only lets go
+    uloop_fd_delete(&reader);
+    close(reader.fd);
+    close(write_fd);
+    write_fd = -1;
+    uloop_done();
+}
+
+int utask_set(void *arg, utask_fn fn) {
+    const task t{arg, fn};
+    ssize_t written;
+    do
+        written = write(write_fd, &t, sizeof t);
+    while (written < 0 && errno == EINTR);
+    if (written != static_cast<ssize_t>(sizeof t)) {
+        qzcap_printf("[ERROR] %s write pipe failed\n", "utask_set");
+        return -1;
+    }
+    return 0;
+}
+
+int utask_asyn_set(void *arg, utask_fn fn, utask_fn done) {
+    auto *t = static_cast<utask_task *>(ucalloc(sizeof(utask_task), "utask.cpp", __LINE__));
+    *t = {arg, fn, done};
+    pthread_t thread;
+    if (pthread_create(&thread, nullptr, worker, t) != 0) {
+        qzcap_printf("[ERROR] create pthread failed\n");
+        std::free(t);
+        return -1;
+    }
+    pthread_detach(thread);
+    return 0;
+}
+
+}  // namespace arvok
