@@ -1,9 +1,5 @@
-// The gateway link's connection: address, frames, timers and the policy of reconnecting.
-//
-// A frame is {u32 magic, u32 length} in network byte order and a body of 1 to max_body bytes: JSON text, in
-// the clear until a key has been agreed, AES-CBC under that key from then on.
+// The gateway link's connection: address, sending and receiving, timers and the policy of reconnecting.
 
-#include <arpa/inet.h>
 #include <unistd.h>
 
 #include <cerrno>

@@ -2,38 +2,22 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <string>
 
 #include "common/network.h"
+#include "own_network.h"
 
 namespace arvok {
 namespace {
 
-bool write_file(const char *path, const std::string &text) {
-    return bool(std::ofstream(path) << text << std::flush);
-}
-
-// A network of this process's own, as root within it. False where the kernel does not allow that.
-bool enter_own_network() {
-    const std::string uid = std::to_string(getuid()), gid = std::to_string(getgid());
-    if (unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0)
-        return false;
-    return write_file("/proc/self/setgroups", "deny") &&
-           write_file("/proc/self/uid_map", "0 " + uid + " 1") &&
-           write_file("/proc/self/gid_map", "0 " + gid + " 1");
-}
-
 class Gateway : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
-        ASSERT_TRUE(enter_own_network()) << "no user and network namespaces here";
-        ip("link set lo up");
+        ASSERT_TRUE(enter_own_network()) << "no network namespaces here";
         ip("link add br-lan type veth peer name lan1");
         ip("link add wan0 type veth peer name wan1");
         for (const char *name : {"br-lan", "lan1", "wan0", "wan1"})
