@@ -1,0 +1,211 @@
+#include "device.h"
+
+#include "state.h"
+
+namespace arvok::qzcapd {
+
+/// One object on the bus. The library's record comes first, so that handlers find the rest.
+struct Device::Object {
+    ubus_object object{};
+    ubus_object_type type{};
+    Device *device = nullptr;
+    std::string name;
+    std::vector<ubus_method> methods;
+    std::vector<std::vector<blobmsg_policy>> policies;
+    bool on_bus = false;
+};
+
+namespace {
+
+blobmsg_policy policy_of(const Param &param) {
+    blobmsg_policy policy{};
+    policy.name = param.name;
+    switch (param.type) {
+        case Param::Type::text:
+            policy.type = BLOBMSG_TYPE_STRING;
+            break;
+        case Param::Type::number:
+            policy.type = BLOBMSG_TYPE_INT32;
+            break;
+        case Param::Type::texts:
+            policy.type = BLOBMSG_TYPE_ARRAY;
+            break;
+        case Param::Type::record:
+            policy.type = BLOBMSG_TYPE_TABLE;
+            break;
+    }
+    return policy;
+}
+
+}  // namespace
+
+Device::Device(ubus_context *ctx, json_ptr state)
+    : ctx_(ctx), state_(std::move(state)), factory_(copy(state_.get())) {}
+
+Device::~Device() {
+    for (const auto &object : objects_) {
+        if (object->on_bus) {
+            ubus_remove_object(ctx_, &object->object);
+        }
+    }
+}
+
+int Device::publish() {
+    for (const capi::Call &call : capi::calls) {
+        const Row *row = find_row(call.object, call.method);
+        if (row == nullptr) {
+            continue;
+        }
+        if (objects_.empty() || objects_.back()->name != call.object) {
+            objects_.push_back(std::make_unique<Object>());
+            objects_.back()->device = this;
+            objects_.back()->name = call.object;
+        }
+        Object &object = *objects_.back();
+        std::vector<blobmsg_policy> &policy = object.policies.emplace_back();
+        for (const Param &param : row->params) {
+            policy.push_back(policy_of(param));
+        }
+        ubus_method &method = object.methods.emplace_back();
+        method.name = call.method;
+        method.handler = on_call;
+        method.policy = policy.data();
+        method.n_policy = static_cast<int>(policy.size());
+    }
+    for (const auto &object : objects_) {
+        object->type.name = object->name.c_str();
+        object->type.methods = object->methods.data();
+        object->type.n_methods = static_cast<int>(object->methods.size());
+        object->object.name = object->name.c_str();
+        object->object.type = &object->type;
+        object->object.methods = object->methods.data();
+        object->object.n_methods = object->type.n_methods;
+        if (const int status = ubus_add_object(ctx_, &object->object); status != 0) {
+            return status;
+        }
+        object->on_bus = true;
+    }
+    return 0;
+}
+
+int Device::on_call(ubus_context *, ubus_object *object, ubus_request_data *req, const char *method,
+                    blob_attr *msg) {
+    const auto *self = reinterpret_cast<const Object *>(object);
+    const Row *row = find_row(self->name, method);
+    const json_ptr args = from_blob(msg);
+    if (row == nullptr) {
+        return UBUS_STATUS_METHOD_NOT_FOUND;
+    }
+    return args ? self->device->serve(*row, req, args.get()) : UBUS_STATUS_INVALID_ARGUMENT;
+}
+
+int Device::serve(const Row &row, ubus_request_data *req, const cJSON *args) {
+    record(row, args);
+    Reply reply;
+    if (const auto found = failures_.find(row.call->function); found != failures_.end()) {
+        const Failure failure = found->second;
+        if (--found->second.times == 0) {
+            failures_.erase(found);
+        }
+        if (failure.mode == Failure::Mode::empty) {
+            return UBUS_STATUS_OK;
+        }
+        if (failure.mode == Failure::Mode::timeout) {
+            ubus_request_data forgotten{};
+            ubus_defer_request(ctx_, req, &forgotten);
+            return UBUS_STATUS_OK;
+        }
+        reply = refused(failure.reason);
+    } else {
+        reply = answer(row, args);
+    }
+    Message message;
+    if (!to_blob(reply.body.get(), &message)) {
+        return UBUS_STATUS_UNKNOWN_ERROR;
+    }
+    ubus_send_reply(ctx_, req, message.head());
+    for (const Notification &notification : reply.notifications) {
+        notify(notification);
+    }
+    return UBUS_STATUS_OK;
+}
+
+Reply Device::answer(const Row &row, const cJSON *args) {
+    if (const std::string fault = check_arguments(row, args); !fault.empty()) {
+        return refused(fault);
+    }
+    json_ptr before = row.changes ? copy(state_.get()) : nullptr;
+    World world{state_.get(), factory_.get()};
+    Reply reply = row.handler(world, args);
+    if (before && !reply.ok) {
+        state_ = std::move(before);
+    } else if (before) {
+        for (Notification &notification : announcements(before.get(), state_.get())) {
+            reply.notifications.push_back(std::move(notification));
+        }
+    }
+    return reply;
+}
+
+void Device::record(const Row &row, const cJSON *args) {
+    json_ptr entry(cJSON_CreateObject());
+    put_text(entry.get(), "call", row.call->function);
+    put(entry.get(), "args", copy(args));
+    if (watcher_) {
+        watcher_(entry.get());
+    }
+    journal_.push_back(std::move(entry));
+    if (journal_.size() > journal_limit) {
+        journal_.pop_front();
+    }
+}
+
+std::string Device::patch(const cJSON *patch) {
+    json_ptr merged = copy(state_.get());
+    merge_patch(merged.get(), patch);
+    if (std::string fault = check_state(merged.get()); !fault.empty()) {
+        return fault;
+    }
+    std::swap(state_, merged);
+    for (const Notification &notification : announcements(merged.get(), state_.get())) {
+        notify(notification);
+    }
+    return "";
+}
+
+json_ptr Device::journal() const {
+    json_ptr entries(cJSON_CreateArray());
+    for (const json_ptr &entry : journal_) {
+        cJSON_AddItemToArray(entries.get(), copy(entry.get()).release());
+    }
+    return entries;
+}
+
+bool Device::fail_next(const std::string &function, const Failure &failure) {
+    for (const capi::Call &call : capi::calls) {
+        if (function == call.function) {
+            failures_.erase(function);
+            if (failure.times > 0) {
+                failures_.emplace(function, failure);
+            }
+            return true;
+        }
+    }
+    return false;
+}
+
+bool Device::notify(const Notification &notification) {
+    for (const capi::NumberedObject &numbered : capi::numbered_objects) {
+        for (const auto &object : objects_) {
+            if (numbered.number == notification.object && object->name == numbered.name) {
+                Message message;
+                return to_blob(notification.message.get(), &message) &&
+                       ubus_notify(ctx_, &object->object, notification.method.c_str(), message.head(), -1) ==
+                           0;
+            }
+        }
+    }
+    return false;
+}
+
+}  // namespace arvok::qzcapd

@@ -1,0 +1,87 @@
+/// The emulated device: its state, its objects on the bus, the journal of calls and the failures on order.
+#ifndef ARVOK_QZCAPD_DEVICE_H
+#define ARVOK_QZCAPD_DEVICE_H
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "calls_table.h"
+#include "json.h"
+
+extern "C" {
+#include <libubus.h>
+}
+
+namespace arvok::qzcapd {
+
+/// How a call fails on demand.
+struct Failure {
+    enum class Mode {
+        error,    ///< answered with a result of -1 and the reason
+        timeout,  ///< never answered
+        empty,    ///< answered without any data
+    } mode = Mode::error;
+    std::string reason;
+    unsigned int times = 1;
+};
+
+class Device {
+  public:
+    /// Tells who follows the journal about a new entry.
+    using Watcher = std::function<void(const cJSON *entry)>;
+
+    /// `state` has passed check_state. The context must outlive the device.
+    Device(ubus_context *ctx, json_ptr state);
+    ~Device();
+    Device(const Device &) = delete;
+    Device &operator=(const Device &) = delete;
+
+    /// Puts the platform's objects on the bus. Returns a bus status.
+    int publish();
+
+    const cJSON *state() const { return state_.get(); }
+
+    /// Merges a patch into the state and announces what changed. Returns what is wrong with it (the state
+    /// then stays as it was), or an empty text.
+    std::string patch(const cJSON *patch);
+
+    /// The calls since the start or the last clear, oldest first; beyond `journal_limit` the oldest are
+    /// dropped.
+    json_ptr journal() const;
+    void clear_journal() { journal_.clear(); }
+    void watch_journal(Watcher watcher) { watcher_ = std::move(watcher); }
+
+    /// Orders the failure of the next calls of a function; replaces an earlier order. False: no such
+    /// function.
+    bool fail_next(const std::string &function, const Failure &failure);
+
+    /// Sends a notification of a numbered platform object. False: no such object, or it cannot be sent.
+    bool notify(const Notification &notification);
+
+  private:
+    struct Object;
+    static constexpr std::size_t journal_limit = 2000;
+
+    static int on_call(ubus_context *ctx, ubus_object *object, ubus_request_data *req, const char *method,
+                       blob_attr *msg);
+    int serve(const Row &row, ubus_request_data *req, const cJSON *args);
+    Reply answer(const Row &row, const cJSON *args);
+    void record(const Row &row, const cJSON *args);
+
+    ubus_context *ctx_;
+    json_ptr state_;
+    json_ptr factory_;
+    std::vector<std::unique_ptr<Object>> objects_;
+    std::deque<json_ptr> journal_;
+    std::map<std::string, Failure> failures_;
+    Watcher watcher_;
+};
+
+}  // namespace arvok::qzcapd
+
+#endif

@@ -1,0 +1,80 @@
+#include <getopt.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "device.h"
+#include "emulator.h"
+#include "state.h"
+
+extern "C" {
+#include <libubox/uloop.h>
+}
+
+namespace {
+
+using namespace arvok::qzcapd;
+
+struct FreeContext {
+    void operator()(ubus_context *ctx) const { ubus_free(ctx); }
+};
+using context_ptr = std::unique_ptr<ubus_context, FreeContext>;
+
+/// Serves until the loop ends; returns the exit status.
+int run(json_ptr state, const char *socket) {
+    const context_ptr ctx(ubus_connect(socket));
+    if (!ctx) {
+        std::fprintf(stderr, "qzcapd: no bus at %s\n", socket != nullptr ? socket : "the default socket");
+        return 1;
+    }
+    ubus_add_uloop(ctx.get());
+    Device device(ctx.get(), std::move(state));
+    Emulator emulator(ctx.get(), device);
+    int status = device.publish();
+    if (status == 0) {
+        status = emulator.publish();
+    }
+    if (status != 0) {
+        std::fprintf(stderr, "qzcapd: cannot publish: %s\n", ubus_strerror(status));
+        return 1;
+    }
+    std::puts("qzcapd: ready");
+    std::fflush(stdout);
+    uloop_run();
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    static const option long_options[] = {{"state", required_argument, nullptr, 'f'},
+                                          {"socket", required_argument, nullptr, 's'},
+                                          {"help", no_argument, nullptr, 'h'},
+                                          {nullptr, 0, nullptr, 0}};
+    const char *path = QZCAPD_DEFAULT_STATE;
+    const char *socket = std::getenv("UBUS_SOCKET");
+    for (int opt = 0; (opt = getopt_long(argc, argv, "f:s:h", long_options, nullptr)) != -1;) {
+        if (opt == 'f') {
+            path = optarg;
+        } else if (opt == 's') {
+            socket = optarg;
+        } else {
+            std::fprintf(opt == 'h' ? stdout : stderr, "usage: qzcapd [--state FILE] [-s SOCKET]\n");
+            return opt == 'h' ? 0 : 1;
+        }
+    }
+    if (optind < argc) {
+        std::fprintf(stderr, "qzcapd: unexpected argument %s\n", argv[optind]);
+        return 1;
+    }
+    std::string error;
+    json_ptr state = load_state(path, &error);
+    if (!state) {
+        std::fprintf(stderr, "qzcapd: %s: %s\n", path, error.c_str());
+        return 1;
+    }
+    uloop_init();
+    const int status = run(std::move(state), socket);
+    uloop_done();
+    return status;
+}
