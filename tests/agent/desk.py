@@ -1,0 +1,127 @@
+"""The desk as a test sees it: the bus, the gateway peer, the device state, the agent and its log.
+
+Runs inside a home (lab/home --no-agent -- ...); everything is awaited with a deadline, nothing is slept for.
+"""
+
+import json
+import os
+import re
+import signal
+import subprocess
+import time
+import unittest
+
+DEADLINE = 20.0
+
+
+def call(obj, method, args=None, timeout=10):
+    """Calls a bus method and returns its answer; a bus error raises CalledProcessError with the status as its code."""
+    command = ["ubus", "-S", "-t", str(timeout), "call", obj, method, json.dumps(args or {})]
+    done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, check=True)
+    return json.loads(done.stdout) if done.stdout.strip() else {}
+
+
+def wait_until(condition, what, deadline=DEADLINE):
+    """Polls until condition() is true and returns what it returned."""
+    end = time.monotonic() + deadline
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > end:
+            raise AssertionError("did not happen within %.0f s: %s" % (deadline, what() if callable(what) else what))
+        time.sleep(0.02)
+
+
+class Agent:
+    """One run of the agent on the access point, and its log."""
+
+    def __init__(self, *args, program=("lab-ap", "arvokclt"), **kwargs):
+        self.path = os.path.join(os.environ["LAB_DIR"], "agent-%d.log" % time.monotonic_ns())
+        self.log = open(self.path, "wb")
+        self.process = subprocess.Popen([*program, *args], stdout=self.log, stderr=self.log,
+                                        stdin=subprocess.DEVNULL, **kwargs)
+        self.seen = 0
+
+    def text(self):
+        with open(self.path, "rb") as log:
+            return log.read().decode("utf-8", "replace")
+
+    def lines(self):
+        """The log without the times that begin its lines."""
+        return re.sub(r"(?m)^\d\d:\d\d:\d\d\.\d{3} ", "", self.text())
+
+    def expect(self, line, deadline=DEADLINE):
+        """Waits for a text in the log behind the last one found."""
+        def found():
+            at = self.lines().find(line, self.seen)
+            if at >= 0:
+                self.seen = at + len(line)
+            return at >= 0
+        wait_until(found, lambda: "%r in the log:\n%s" % (line, self.lines()[-3000:]), deadline)
+
+    def stop(self, number=signal.SIGTERM):
+        """Ends the agent in an orderly way and returns its exit status."""
+        if self.process.poll() is None:
+            self.process.send_signal(number)
+        try:
+            return self.process.wait(DEADLINE)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
+            raise AssertionError("the agent did not end:\n" + self.lines()[-3000:])
+
+
+class AgentCase(unittest.TestCase):
+    """A test with the device and the gateway in their default state; the agents that it starts must end well."""
+
+    def setUp(self):
+        call("lab.gateway", "misbehave", {"fault": "none"})
+        call("lab.gateway", "messages", {"clear": True})
+        call("qzcapd.emulator", "calls", {"clear": True})
+        self.agents = []
+
+    def tearDown(self):
+        for agent in self.agents:
+            status = agent.stop()
+            self.assertEqual(status, 0, "exit status of the agent:\n" + agent.lines()[-3000:])
+            for report in ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:"):
+                self.assertNotIn(report, agent.text())
+        wait_until(lambda: not self.peer()["connected"], "the gateway's connection closed")
+
+    def start(self, *args, **kwargs):
+        agent = Agent(*args, **kwargs)
+        self.agents.append(agent)
+        return agent
+
+    @staticmethod
+    def peer():
+        return call("lab.gateway", "peer")
+
+    @staticmethod
+    def misbehave(**fault):
+        call("lab.gateway", "misbehave", fault)
+
+    @staticmethod
+    def received(kind=None):
+        """What the gateway received, in order; of one type only, if given."""
+        messages = [entry["message"] for entry in call("lab.gateway", "messages")["messages"]]
+        return [m for m in messages if kind is None or m.get("type") == kind]
+
+    def wait_for_message(self, kind, count=1, deadline=DEADLINE):
+        return wait_until(lambda: len(self.received(kind)) >= count and self.received(kind),
+                          "%d of type %s" % (count, kind), deadline)
+
+    @staticmethod
+    def calls():
+        return [entry["call"] for entry in call("qzcapd.emulator", "calls")["calls"]]
+
+    @staticmethod
+    def patch(patch):
+        call("qzcapd.emulator", "patch", {"patch": patch})
+
+    @staticmethod
+    def fail(function, times=1, reason="on demand"):
+        call("qzcapd.emulator", "fail", {"call": function, "reason": reason, "times": times})
+
+

@@ -1,0 +1,202 @@
+"""The gateway link end to end: the real agent against the gateway peer, on the emulated device."""
+
+import re
+import subprocess
+import time
+import unittest
+
+from desk import AgentCase, call, wait_until
+
+GATEWAY = "192.168.1.1"
+
+
+def neighbour_mac():
+    """The gateway's MAC as the kernel of the access point has it."""
+    table = subprocess.run(["lab-ap", "cat", "/proc/net/arp"], stdout=subprocess.PIPE, check=True).stdout.decode()
+    return re.search(r"^192\.168\.1\.1\s+\S+\s+\S+\s+(\S+)", table, re.M).group(1).replace(":", "").upper()
+
+
+class Registration(AgentCase):
+    def test_messages_of_a_registration(self):
+        agent = self.start("-g", GATEWAY)
+        self.wait_for_message("keepalive", 2)
+        messages = self.received()
+        self.assertEqual([m["type"] for m in messages],
+                         ["keyngreq", "dh", "dev_reg", "wan_report", "dev_report", "keepalive", "keepalive"])
+        self.assertEqual([m["sequence"] for m in messages], list(range(7)))
+        self.assertEqual({m["mac"] for m in messages}, {"025A10000001"})
+        encrypted = [entry["encrypted"] for entry in call("lab.gateway", "messages")["messages"]]
+        self.assertEqual(encrypted, [False, False] + [True] * 5)
+
+        keyngreq, dh, dev_reg, wan, lan = messages[:5]
+        self.assertEqual(list(keyngreq), ["type", "sequence", "mac", "version", "keymodelist"])
+        self.assertEqual((keyngreq["version"], keyngreq["keymodelist"]), ("V2019.1.0", [{"keymode": "dh"}]))
+        self.assertEqual(list(dh["data"]), ["dh_key", "dh_p", "dh_g"])
+
+        state = call("qzcapd.emulator", "state")
+        device = state["devinfo"]
+        self.assertEqual(list(dev_reg), ["type", "sequence", "mac", "link_mac", "data"])
+        self.assertEqual(dev_reg["link_mac"], neighbour_mac())
+        self.assertEqual(list(dev_reg["data"].items()), [
+            ("vendor", device["vendor"]), ("model", device["model"]), ("swversion", device["swversion"]),
+            ("hdversion", device["hdversion"]), ("sn", device["sn"]), ("ipaddr", "192.168.1.2"), ("url", device["url"]),
+            ("wireless", device["wireless"]), ("QZEI", device["QZEI"]), ("devtype", device["devtype"]),
+            ("supportMesh", 1), ("mapAlmac", state["mesh"]["almac"]), ("description", device["description"])])
+
+        record = state["waninfo"]
+        self.assertEqual(list(wan["status"].items()),
+                         [("ipaddr", record["ipaddr"]), ("status", "up"), ("dns", [record["dns1"], record["dns2"]])])
+        active = {mac: host for mac, host in state["laninfo"].items() if host["active"]}
+        self.assertEqual([(d["mac"], d["vmac"], d["connecttype"]) for d in lan["dev"]],
+                         [(mac, host["vmac"], host["connecttype"]) for mac, host in active.items()])
+        for host in lan["dev"]:
+            self.assertLess(abs(host["firstOnline"] - time.time()), 60)
+
+        log = agent.lines()
+        self.assertNotIn("keepalive", log)
+        for direction, kind in (("->", "keyngreq"), ("<-", "keyngack"), ("->", "dh"), ("<-", "dh"), ("->", "dev_reg"),
+                                ("<-", "ack"), ("->", "wan_report"), ("->", "dev_report")):
+            line = re.search(r'^\[INFO\] \(arvok\) %s (\{"type":"%s".*\}) \((\d+)\)$' % (direction, kind), log, re.M)
+            self.assertEqual(len(line.group(1).encode()), int(line.group(2)))
+
+    def test_pace_of_the_keepalives(self):
+        self.start("-g", GATEWAY)
+        self.wait_for_message("keepalive", 3)
+        arrivals = [entry["time"] for entry in call("lab.gateway", "messages")["messages"]
+                    if entry["message"]["type"] in ("dev_reg", "keepalive")]
+        seconds = [sum(float(part) * scale for part, scale in zip(t.split(":"), (3600, 60, 1))) for t in arrivals]
+        for gap, expected in zip((b - a for a, b in zip(seconds, seconds[1:])), (1, 5, 5)):
+            self.assertAlmostEqual(gap % 86400, expected, delta=0.5)
+
+    def test_device_without_mesh_and_first_online_across_connections(self):
+        self.patch({"devinfo": {"supportMesh": 0}})
+        self.addCleanup(self.patch, {"devinfo": {"supportMesh": 1}})
+        agent = self.start("-g", GATEWAY)
+        first = self.wait_for_message("dev_report")[0]["dev"]
+        data = self.received("dev_reg")[0]["data"]
+        self.assertEqual(data["supportMesh"], 0)
+        self.assertNotIn("mapAlmac", data)
+        self.misbehave(fault="close", after=1)
+        agent.expect("[ERROR] (arvok) tcp connection broken\n")
+        self.assertEqual(self.wait_for_message("dev_report", 2)[1]["dev"], first)
+
+    def test_platform_failures_cost_only_their_own_message(self):
+        self.fail("qzcap_get_mesh")
+        self.fail("qzcap_get_waninfo")
+        self.fail("qzcap_list_laninfo")
+        agent = self.start("-g", GATEWAY)
+        self.wait_for_message("keepalive", 2)
+        self.assertEqual([m["type"] for m in self.received()][:4], ["keyngreq", "dh", "dev_reg", "keepalive"])
+        self.assertNotIn("mapAlmac", self.received("dev_reg")[0]["data"])
+        self.assertIn("[ERROR] update_wan_info failed\n[ERROR] qzcap_list_laninfo failed[", agent.lines())
+
+
+class Addresses(AgentCase):
+    def test_default_and_discovered_gateway_alternate(self):
+        self.misbehave(fault="refuse", times=0)
+        commands = [["ip", "address", "add", "192.168.1.9/24", "dev", "lan0"],
+                    ["lab-ap", "ip", "route", "replace", "default", "via", "192.168.1.9"]]
+        undo = [["ip", "address", "del", "192.168.1.9/24", "dev", "lan0"],
+                ["lab-ap", "ip", "route", "replace", "default", "via", "192.168.1.1"]]
+        for command in commands:
+            subprocess.run(command, check=True)
+        for command in undo:
+            self.addCleanup(subprocess.run, command, check=True)
+        agent = self.start()
+        for address, flag in ((GATEWAY, 1), ("192.168.1.9", 0), (GATEWAY, 1)):
+            agent.expect('[INFO] (arvok) connect "%s:32768" (%d)\n' % (address, flag))
+            agent.expect("[ERROR] (arvok) tcp connection broken\n")
+        self.misbehave(fault="none")
+        agent.expect('[INFO] (arvok) connect "192.168.1.9:32768" (0)\n')
+        self.wait_for_message("dev_reg")
+
+    def test_unset_gateway_is_the_default_address(self):
+        agent = self.start()
+        agent.expect('[INFO] (arvok) connect "192.168.1.1:32768" (1)\n')
+        self.wait_for_message("wan_report")
+
+
+class Faults(AgentCase):
+    def test_reconnection_after_ten_seconds(self):
+        self.misbehave(fault="bad_magic")
+        agent = self.start("-g", GATEWAY)
+        agent.expect("[ERROR] invalid magic 0x")
+        agent.expect("[ERROR] (arvok) invalid msg header, 0\n")
+        agent.expect("[INFO] (arvok) disconnect fd: ")
+        began = time.monotonic()
+        agent.expect("[INFO] (arvok) connect ")
+        self.assertAlmostEqual(time.monotonic() - began, 10, delta=1)
+        self.wait_for_message("wan_report")
+
+    def test_each_fault_has_its_line_and_ends_the_connection(self):
+        for fault, line in (({"fault": "bad_length", "length": 0}, "[ERROR] (arvok) invalid msg header, 0\n"),
+                            ({"fault": "bad_length", "length": 16385}, "[ERROR] (arvok) invalid msg header, 16385\n"),
+                            ({"fault": "bad_json"}, "[ERROR] (arvok) invalid msg (not json format)\n"),
+                            ({"fault": "bad_json", "on": "dev_reg"}, "[ERROR] (arvok) invalid msg (not json format)\n"),
+                            ({"fault": "wrong_key", "on": "dev_reg"}, "[ERROR] (arvok) invalid msg (not json format)\n"),
+                            ({"fault": "silent"}, "[ERROR] (arvok) wait ack timeout\n"),
+                            ({"fault": "drop", "on": "keyngreq"}, "[ERROR] (arvok) wait ack timeout\n"),
+                            ({"fault": "close"}, "[ERROR] (arvok) tcp connection broken\n")):
+            with self.subTest(**fault):
+                self.misbehave(fault="none")
+                self.misbehave(**fault)
+                agent = self.start("-g", GATEWAY)
+                agent.expect(line)
+                agent.expect("[INFO] (arvok) disconnect fd: ")
+                wait_until(lambda: not self.peer()["connected"], "disconnection")
+                self.assertEqual(agent.stop(), 0)
+
+    def test_gateway_that_stops_answering_is_found_out_by_the_keepalive(self):
+        agent = self.start("-g", GATEWAY)
+        self.wait_for_message("keepalive", 1)
+        self.misbehave(fault="silent", times=0)
+        agent.expect("[ERROR] (arvok) wait keepalive ack timeout\n", 40)
+        agent.expect("[INFO] (arvok) disconnect fd: ")
+
+    def test_answers_that_do_not_fit_are_not_consumed(self):
+        for answer, change, line, result in (
+                ("keyngreq", {"keymode": "DH"}, "[ERROR] unsupported keymode\n", "wait ack timeout"),
+                ("keyngreq", {"keymode": None}, "[ERROR] invalid keymode\n", "wait ack timeout"),
+                ("dh", {"data": {"dh_g": "Aw=="}}, "[ERROR] invalid dh_g\n", None),
+                ("dh", {"data": {"dh_key": 7}}, "[ERROR] invalid dh_key\n", None)):
+            with self.subTest(answer=answer, change=change):
+                self.misbehave(fault="none")
+                self.misbehave(fault="edit", on=answer, set=change)
+                agent = self.start("-g", GATEWAY)
+                agent.expect(line)
+                if result:
+                    agent.expect(result)
+                else:
+                    self.assertEqual(self.received("dev_reg"), [])
+                self.assertEqual(agent.stop(), 0)
+                self.assertNotIn("dev_reg", agent.lines())
+
+    def test_three_short_connections_lead_to_the_long_pause(self):
+        agent = self.start("-g", GATEWAY)
+        for count in (1, 2, 3):
+            self.wait_for_message("dev_reg", count, 30)
+            self.misbehave(fault="close", after=1)
+            agent.expect("[WARNING] (arvok) connect time < 30s, count %d\n" % count)
+        agent.expect("[WARNING] (arvok) refused count >= 3, reconnect after 4 hours\n")
+
+    def test_pieces_and_floods(self):
+        agent = self.start("-g", GATEWAY)
+        self.wait_for_message("wan_report")
+        text = {"type": "flood", "pad": "x" * 40}
+        call("lab.gateway", "send", {"message": text, "repeat": 50})
+        for _ in range(50):
+            agent.expect("[ERROR] (arvok) unknown type: flood\n")
+        call("lab.gateway", "send", {"message": {"type": "piecemeal", "pad": "x" * 4000}, "split": 1000, "interval": 20})
+        agent.expect("[INFO] (arvok) wait for the TCP fragmentation, 992/")
+        agent.expect("[ERROR] (arvok) unknown type: piecemeal\n")
+        # The longest body: what zero padding makes 16384 bytes of.
+        overhead = len('{"type":"longest","pad":"","sequence":10000,"mac":"000000000000"}')
+        call("lab.gateway", "send", {"message": {"type": "longest", "pad": "x" * (16384 - overhead)}})
+        agent.expect("[ERROR] (arvok) unknown type: longest\n")
+        call("lab.gateway", "send", {"message": text, "split": 1})
+        agent.expect("[ERROR] invalid magic 0x")
+        agent.expect("[INFO] (arvok) disconnect fd: ")
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)

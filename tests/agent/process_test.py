@@ -1,0 +1,174 @@
+"""The process itself: options, start-up, ends, and the platform around it."""
+
+import os
+import re
+import signal
+import subprocess
+import time
+import unittest
+
+from desk import Agent, AgentCase, call, wait_until
+
+USAGE = (
+    "usage:\n"
+    "\tarvokclt [-g <ip>] [-b <ip:port>] [-p <port>]\n"
+    "\tarvokclt {-v|--version|-h|--help}\n"
+    "\n"
+    "\t-d, --debug           open debug mode and display log\n"
+    "\t-g, --gw-addr         set the address of the connected gateway\n"
+    "\t-b, --bss-server      set the server of the BSS platform\n"
+    "\t-p, --local-port      set the port that the local server listens on\n"
+    "\n")
+MARKER = "/tmp/arvokclt_test_mode"
+
+
+def run(*args, **env):
+    done = subprocess.run(["arvokclt", *args], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                          env={**os.environ, **env}, timeout=20)
+    return done.returncode, done.stdout.decode(), done.stderr.decode()
+
+
+class Options(unittest.TestCase):
+    def test_usage(self):
+        for args in (["-h"], ["--help"], ["-e"], ["-c"], ["-l"], ["-L", "x"], ["-L"], ["-x"], ["--unknown"],
+                     ["-g"], ["-g", "10.0.0.300"], ["-g", "gateway"], ["-p", "0"], ["-p", "65536"], ["-p", "80x"],
+                     ["-p", ""], ["-b", "1.2.3.4"], ["-b", "1.2.3.4:0"], ["-b", ":80"], ["-b", "-host:80"],
+                     ["-g", "10.0.0.3", "-p", "17999", "-b", "host.example:80", "-g", "10.0.0"]):
+            with self.subTest(args=args):
+                self.assertEqual(run(*args), (255, USAGE, ""))
+
+    def test_version(self):
+        pattern = r"arvokclt 1\.0\.7 ipq5018x\nsvn: 677\nbuild: \d\d:\d\d:\d\d [A-Z][a-z]{2} [ \d]\d \d{4}\n"
+        for args in (["-v"], ["--version"], ["-v", "-g", "nonsense"], ["-d", "-g", "10.0.0.3", "-v"]):
+            status, out, err = run(*args)
+            self.assertEqual((status, err), (0, ""))
+            self.assertRegex(out, "^%s$" % pattern)
+
+    def test_no_bus(self):
+        self.assertEqual(run("-g", "10.0.0.3", UBUS_SOCKET="/nowhere/ubus.sock"), (255, "", ""))
+
+
+class TestMode(AgentCase):
+    def marker(self, text):
+        with open(MARKER, "wb") as marker:
+            marker.write(text)
+        self.addCleanup(lambda: os.path.exists(MARKER) and os.unlink(MARKER))
+
+    def test_marker_overrides_the_option(self):
+        for text, address in ((b"192.168.1.1\n", "192.168.1.1"), (b"192.168.1.1", "192.168.1.1"),
+                              (b"192.168.1.1\r\n", "192.168.1.1\r"), (b"192.168.1.1\n\n", "192.168.1.1\n"),
+                              (b"", ""), (b"x" * 100, "x" * 31)):
+            with self.subTest(text=text):
+                self.marker(text)
+                agent = self.start("-g", "192.168.1.200")
+                agent.expect('[INFO] (arvok) connect "%s:32768" (0)\n' % address)
+                if address == "192.168.1.1":
+                    self.wait_for_message("dev_reg")
+                else:
+                    agent.expect("[ERROR] (arvok) create socket failed: ")
+                self.assertEqual(agent.stop(), 0)
+                call("lab.gateway", "messages", {"clear": True})
+
+
+class Life(AgentCase):
+    def test_start_asks_the_platform_in_order(self):
+        self.start("-g", "192.168.1.1")
+        self.wait_for_message("wan_report")
+        wanted = ["qzcap_get_devinfo", "qzcap_get_wifi_switch", "qzcap_delete_vsie_beacontx_by_name"]
+        self.assertEqual(self.calls()[:3], wanted)
+        calls = call("qzcapd.emulator", "calls")["calls"]
+        self.assertEqual(calls[2]["args"]["name"], "arvokclt")
+
+    def test_device_that_is_not_ready_is_asked_every_five_seconds(self):
+        self.fail("qzcap_get_devinfo", 2)
+        began = time.monotonic()
+        agent = self.start("-g", "192.168.1.1")
+        agent.expect("[ERROR] update_dev_info failed\n[ERROR] update_dev_info failed\n")
+        agent.expect("[INFO] (arvok) connect ")
+        self.assertAlmostEqual(time.monotonic() - began, 10, delta=1.5)
+
+    def test_device_record_that_cannot_be_refreshed(self):
+        self.misbehave(fault="refuse", times=0)
+        agent = self.start()
+        agent.expect("[ERROR] (arvok) tcp connection broken\n")
+        self.fail("qzcap_get_devinfo")
+        agent.expect("[WARNING] (arvok) devinfo get failed\n")
+
+    def test_ends_in_order_from_every_state(self):
+        def registered(agent):
+            self.wait_for_message("wan_report")
+
+        def key_answer_awaited(agent):
+            agent.expect('-> {"type":"keyngreq"')
+
+        def dh_answer_awaited(agent):
+            agent.expect('-> {"type":"dh"')
+
+        def waiting_to_reconnect(agent):
+            agent.expect("disconnect fd")
+
+        for state, fault in ((registered, {"fault": "none"}),
+                             (key_answer_awaited, {"fault": "silent", "times": 0}),
+                             (dh_answer_awaited, {"fault": "drop", "on": "dh"}),
+                             (waiting_to_reconnect, {"fault": "refuse", "times": 0})):
+            for number in (signal.SIGTERM, signal.SIGINT):
+                with self.subTest(state=state.__name__, signal=number):
+                    self.misbehave(fault="none")
+                    self.misbehave(**fault)
+                    call("lab.gateway", "messages", {"clear": True})
+                    agent = self.start("-g", "192.168.1.1")
+                    state(agent)
+                    self.assertEqual(agent.stop(number), 0)
+
+    def test_connection_in_the_making(self):
+        # Nobody answers for this address: the connection stays in the making.
+        subprocess.run(["lab-ap", "ip", "neigh", "replace", "192.168.1.77", "lladdr", "02:00:00:00:00:77", "dev",
+                        "br-lan", "nud", "permanent"], check=True)
+        agent = self.start("-g", "192.168.1.77")
+        agent.expect('-> {"type":"keyngreq"')
+        agent.expect("[ERROR] (arvok) wait ack timeout\n")
+        agent.expect("disconnect fd")
+
+    def test_platform_that_hangs_or_goes(self):
+        agent = self.start("-g", "192.168.1.1")
+        self.wait_for_message("keepalive", 1)
+        call("qzcapd.emulator", "fail", {"call": "qzcap_get_waninfo", "reason": "", "times": 1, "mode": "timeout"})
+        call("qzcapd.emulator", "fail", {"call": "qzcap_get_devinfo", "reason": "", "times": 1, "mode": "timeout"})
+        self.misbehave(fault="close", after=1)
+        agent.expect("[ERROR] (arvok) tcp connection broken\n")
+        self.wait_for_message("dev_report", 2, 40)
+        self.assertIn("[ERROR] update_wan_info failed\n", agent.lines())
+
+    def test_app_object_is_published_and_withdrawn(self):
+        agent = self.start("-g", "192.168.1.1")
+        self.wait_for_message("dev_reg")
+        names = lambda: subprocess.run(["ubus", "list"], stdout=subprocess.PIPE, check=True).stdout.decode().split()
+        self.assertIn("qzapp.arvokclt", names())
+        agent.stop()
+        wait_until(lambda: "qzapp.arvokclt" not in names(), "the app object withdrawn")
+
+
+class OwnBus(AgentCase):
+    def test_loss_of_the_bus_ends_the_agent_in_order(self):
+        socket = os.path.join(os.environ["LAB_DIR"], "own.sock")
+        env = {**os.environ, "UBUS_SOCKET": socket}
+        bus = subprocess.Popen(["ubusd", "-s", socket])
+        wait_until(lambda: subprocess.run(["ubus", "list"], env=env, stderr=subprocess.DEVNULL).returncode == 0, "bus")
+        state = os.path.join(os.environ["LAB_DIR"], "state.json")
+        with open(state, "w") as out:
+            out.write(__import__("json").dumps(call("qzcapd.emulator", "state")))
+        device = subprocess.Popen(["qzcapd", "--state", state, "-s", socket], stderr=subprocess.DEVNULL)
+        try:
+            subprocess.run(["ubus", "-t", "10", "wait_for", "qzcapd.emulator"], env=env, check=True)
+            agent = self.start("-g", "192.168.1.1", env=env)
+            self.wait_for_message("wan_report")
+            bus.kill()
+            self.assertEqual(agent.process.wait(20), 0)
+        finally:
+            for process in (bus, device):
+                process.kill()
+                process.wait()
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
