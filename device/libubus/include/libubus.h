@@ -107,13 +107,14 @@ struct ubus_context {
     uint16_t request_seq;
     int stack_depth;
     bool on_loop;
-    bool lost_told;
+    bool lost;       // nothing can be sent or received any more
+    bool lost_told;  // and whoever waits has been told
     void (*connection_lost)(
         struct ubus_context *ctx);  ///< may reconnect; by default ends the loop that ctx is on
     struct ubus_data_call *data_calls;
-    uint8_t *in;
-    unsigned int in_len;
-    unsigned int in_size;
+    struct ubus_message *incoming;
+    uint8_t in_head[sizeof(struct ubus_msghdr) + sizeof(struct blob_attr)];
+    size_t in_len;
 };
 
 struct ubus_object_data {

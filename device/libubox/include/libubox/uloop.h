@@ -49,12 +49,12 @@ struct uloop_timeout {
 struct uloop_process {
     struct list_head list;
     bool pending;
-    uloop_process_handler cb;  ///< `ret` is the status as waitpid() gives it
+    uloop_process_handler cb;  ///< `ret`: the status of waitpid(), -1 when it is lost
     pid_t pid;
 };
 
 /// Private, for the inline functions below.
-extern bool uloop_cancelled;
+extern volatile bool uloop_cancelled;
 
 /// Prepares the loop and ignores SIGPIPE unless the process has chosen otherwise. 0, or -1 with errno;
 /// calling it again does nothing.

@@ -39,7 +39,7 @@ struct ustream {
     struct uloop_timeout state_change;
 
     /// Private: how the stream reaches its descriptor.
-    void (*set_read_blocked)(struct ustream *s);
+    void (*watch)(struct ustream *s);
     int (*write)(struct ustream *s, const char *buf, int len, bool more);
     void (*free)(struct ustream *s);
 
@@ -53,7 +53,7 @@ struct ustream {
     bool string_data;  ///< keep a zero behind the buffered input
     bool eof;
     bool write_error;  ///< output is lost and no more is taken
-    enum read_blocked_reason read_blocked;
+    int read_blocked;  ///< private: READ_BLOCKED_*
 };
 
 struct ustream_fd {
