@@ -220,7 +220,9 @@ int BusObject::messages(ubus_request_data *request, const cJSON *arguments) {
 int BusObject::peer(ubus_request_data *request, const cJSON *arguments) {
     if (const char *name = unknown_member(arguments, {}))
         return invalid(std::string("peer: unknown argument \"") + name + "\"");
-    return reply(request, gateway_.describe().get());
+    const json_ptr description = gateway_.describe();
+    cJSON_AddBoolToObject(description.get(), "subscribers", object_.has_subscribers);
+    return reply(request, description.get());
 }
 
 int BusObject::misbehave(ubus_request_data *, const cJSON *arguments) {
