@@ -1,7 +1,9 @@
 #include "bus_object.h"
 
+#include <algorithm>
 #include <cstring>
-#include <initializer_list>
+#include <iterator>
+#include <span>
 #include <utility>
 
 #include "hex.h"
@@ -19,29 +21,40 @@ constexpr int longest_wait = 3600000;
 constexpr int most_copies = 10000;
 constexpr std::size_t most_pending = 1000;
 
+// What the methods take, as `ubus -v list` shows it. `request` and `send` take any message in place of their
+// options.
+constexpr blobmsg_policy request_options[] = {{"message", BLOBMSG_TYPE_TABLE},
+                                              {"timeout", BLOBMSG_TYPE_INT32}};
+constexpr blobmsg_policy send_options[] = {{"message", BLOBMSG_TYPE_TABLE},
+                                           {"split", BLOBMSG_TYPE_INT32},
+                                           {"interval", BLOBMSG_TYPE_INT32},
+                                           {"repeat", BLOBMSG_TYPE_INT32},
+                                           {"encrypt", BLOBMSG_TYPE_BOOL}};
+constexpr blobmsg_policy raw_arguments[] = {
+    {"hex", BLOBMSG_TYPE_STRING}, {"split", BLOBMSG_TYPE_INT32}, {"interval", BLOBMSG_TYPE_INT32}};
+constexpr blobmsg_policy messages_arguments[] = {{"direction", BLOBMSG_TYPE_STRING},
+                                                 {"after", BLOBMSG_TYPE_INT32},
+                                                 {"type", BLOBMSG_TYPE_STRING},
+                                                 {"clear", BLOBMSG_TYPE_BOOL}};
+constexpr blobmsg_policy misbehave_arguments[] = {
+    {"fault", BLOBMSG_TYPE_STRING}, {"on", BLOBMSG_TYPE_STRING},   {"times", BLOBMSG_TYPE_INT32},
+    {"length", BLOBMSG_TYPE_INT32}, {"delay", BLOBMSG_TYPE_INT32}, {"after", BLOBMSG_TYPE_INT32},
+    {"set", BLOBMSG_TYPE_TABLE}};
+
 // The name of a member that is not among `known`, or null.
-const char *unknown_member(const cJSON *arguments, std::initializer_list<const char *> known) {
+const char *unknown_member(const cJSON *arguments, std::span<const blobmsg_policy> known) {
     for (const cJSON *member = arguments->child; member; member = member->next) {
-        bool found = false;
-        for (const char *name : known)
-            found |= !std::strcmp(member->string, name);
-        if (!found)
+        const auto same = [member](const blobmsg_policy &policy) {
+            return !std::strcmp(policy.name, member->string);
+        };
+        if (std::none_of(known.begin(), known.end(), same))
             return member->string;
     }
     return nullptr;
 }
 
-// Reads an optional member of `arguments` into `value`; false when it is there and not what it should be.
-bool read(const cJSON *arguments, const char *name, std::int64_t low, std::int64_t high, auto &value) {
-    if (!cJSON_GetObjectItemCaseSensitive(arguments, name))
-        return true;
-    const auto number = integer_member(arguments, name, low, high);
-    if (number)
-        value = static_cast<std::remove_reference_t<decltype(value)>>(*number);
-    return number.has_value();
-}
-
-bool read(const cJSON *arguments, const char *name, bool &value) {
+// Reads an optional truth value; false when it is there and none.
+bool read_bool(const cJSON *arguments, const char *name, bool &value) {
     const cJSON *member = cJSON_GetObjectItemCaseSensitive(arguments, name);
     if (cJSON_IsBool(member))
         value = cJSON_IsTrue(member);
@@ -49,8 +62,8 @@ bool read(const cJSON *arguments, const char *name, bool &value) {
 }
 
 bool read_pace(const cJSON *arguments, Pace &pace) {
-    return read(arguments, "split", 1, 1 << 20, pace.split) &&
-           read(arguments, "interval", 0, longest_wait, pace.interval);
+    return read_integer(arguments, "split", 1, 1 << 20, pace.split) &&
+           read_integer(arguments, "interval", 0, longest_wait, pace.interval);
 }
 
 // A call gives the message itself, or it gives options with the message inside.
@@ -80,12 +93,12 @@ int BusObject::entry(ubus_context *, ubus_object *object, ubus_request_data *req
 }
 
 const ubus_method BusObject::methods[] = {
-    UBUS_METHOD_NOARG("request", entry<&BusObject::request>),
-    UBUS_METHOD_NOARG("send", entry<&BusObject::send>),
-    UBUS_METHOD_NOARG("raw", entry<&BusObject::raw>),
-    UBUS_METHOD_NOARG("messages", entry<&BusObject::messages>),
+    UBUS_METHOD("request", entry<&BusObject::request>, request_options),
+    UBUS_METHOD("send", entry<&BusObject::send>, send_options),
+    UBUS_METHOD("raw", entry<&BusObject::raw>, raw_arguments),
+    UBUS_METHOD("messages", entry<&BusObject::messages>, messages_arguments),
     UBUS_METHOD_NOARG("peer", entry<&BusObject::peer>),
-    UBUS_METHOD_NOARG("misbehave", entry<&BusObject::misbehave>),
+    UBUS_METHOD("misbehave", entry<&BusObject::misbehave>, misbehave_arguments),
 };
 
 BusObject::BusObject(ubus_context *bus, Gateway &gateway, Traffic &traffic, Faults &faults)
@@ -121,9 +134,9 @@ int BusObject::publish() {
 int BusObject::request(ubus_request_data *request, const cJSON *arguments) {
     int timeout = default_timeout;
     if (has_options(arguments)) {
-        if (const char *name = unknown_member(arguments, {"message", "timeout"}))
+        if (const char *name = unknown_member(arguments, request_options))
             return invalid(std::string("request: unknown option \"") + name + "\"");
-        if (!read(arguments, "timeout", 1, longest_wait, timeout))
+        if (!read_integer(arguments, "timeout", 1, longest_wait, timeout))
             return invalid("request: \"timeout\" is a number of milliseconds");
     }
     json_ptr message = message_of(arguments);
@@ -153,12 +166,11 @@ int BusObject::send(ubus_request_data *request, const cJSON *arguments) {
     SendOptions options;
     if (has_options(arguments)) {
         bool encrypt = gateway_.keyed();
-        if (const char *name =
-                unknown_member(arguments, {"message", "split", "interval", "repeat", "encrypt"}))
+        if (const char *name = unknown_member(arguments, send_options))
             return invalid(std::string("send: unknown option \"") + name + "\"");
         if (!read_pace(arguments, options.pace) ||
-            !read(arguments, "repeat", 1, most_copies, options.repeat) ||
-            !read(arguments, "encrypt", encrypt))
+            !read_integer(arguments, "repeat", 1, most_copies, options.repeat) ||
+            !read_bool(arguments, "encrypt", encrypt))
             return invalid(
                 "send: \"split\" and \"repeat\" are numbers from 1 on, \"interval\" from 0 on, "
                 "\"encrypt\" is true or false");
@@ -181,7 +193,7 @@ int BusObject::send(ubus_request_data *request, const cJSON *arguments) {
 }
 
 int BusObject::raw(ubus_request_data *, const cJSON *arguments) {
-    if (const char *name = unknown_member(arguments, {"hex", "split", "interval"}))
+    if (const char *name = unknown_member(arguments, raw_arguments))
         return invalid(std::string("raw: unknown argument \"") + name + "\"");
     Pace pace;
     const char *digits = string_member(arguments, "hex");
@@ -196,11 +208,12 @@ int BusObject::raw(ubus_request_data *, const cJSON *arguments) {
 }
 
 int BusObject::messages(ubus_request_data *request, const cJSON *arguments) {
-    if (const char *name = unknown_member(arguments, {"clear", "direction", "after", "type"}))
+    if (const char *name = unknown_member(arguments, messages_arguments))
         return invalid(std::string("messages: unknown argument \"") + name + "\"");
     bool clear = false;
     HistoryQuery query;
-    if (!read(arguments, "clear", clear) || !read(arguments, "after", 0, INT64_C(1) << 52, query.after))
+    if (!read_bool(arguments, "clear", clear) ||
+        !read_integer(arguments, "after", 0, INT64_C(1) << 52, query.after))
         return invalid("messages: \"clear\" is true or false, \"after\" is a number");
     if (const char *type_wanted = string_member(arguments, "type"))
         query.type = type_wanted;
@@ -226,6 +239,8 @@ int BusObject::peer(ubus_request_data *request, const cJSON *arguments) {
 }
 
 int BusObject::misbehave(ubus_request_data *, const cJSON *arguments) {
+    if (const char *name = unknown_member(arguments, misbehave_arguments))
+        return invalid(std::string("misbehave: unknown argument \"") + name + "\"");
     const std::string wrong = faults_.arm(arguments);
     if (!wrong.empty())
         return invalid("misbehave: " + wrong);

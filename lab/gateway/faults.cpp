@@ -4,7 +4,6 @@
 #include <array>
 #include <climits>
 #include <cstring>
-#include <iterator>
 
 #include "frame.h"
 #include "json.h"
@@ -36,26 +35,9 @@ constexpr std::array<Word, 12> words{{
 constexpr std::array answered_types{"keyngreq",   "dh",         "dev_reg", "keepalive", "wan_report",
                                     "dev_report", "map_report", "cfg",     "event",     "ubus_notify"};
 
-constexpr std::array arguments_known{"fault", "on", "times", "length", "delay", "after", "set"};
-
 bool contains(const auto &list, const char *text) {
     return std::any_of(list.begin(), list.end(),
                        [text](const char *entry) { return !std::strcmp(entry, text); });
-}
-
-// Reads an optional number into `value`; false when it is there and not within the bounds.
-template <typename T>
-bool read_number(const cJSON *arguments, const char *name, std::int64_t low, std::int64_t high, T &value) {
-    if (!cJSON_GetObjectItemCaseSensitive(arguments, name))
-        return true;
-    const auto number = integer_member(arguments, name, low, high);
-    if (number)
-        value = static_cast<T>(*number);
-    return number.has_value();
-}
-
-bool bound_to_answers(FaultKind kind) {
-    return kind != FaultKind::refuse;
 }
 
 }  // namespace
@@ -66,10 +48,6 @@ const char *Fault::word() const {
 }
 
 std::string Faults::arm(const cJSON *arguments) {
-    for (const cJSON *member = arguments->child; member; member = member->next)
-        if (!contains(arguments_known, member->string))
-            return std::string("unknown argument \"") + member->string + "\"";
-
     const char *word = string_member(arguments, "fault");
     if (!word)
         return "\"fault\" is missing";
@@ -93,10 +71,10 @@ std::string Faults::arm(const cJSON *arguments) {
             return std::string("\"on\" names no message that is answered: ") + (on ? on : "not a text");
         fault.on = on;
     }
-    if (!read_number(arguments, "times", 0, INT_MAX, fault.times) ||
-        !read_number(arguments, "length", 0, UINT32_MAX, fault.length) ||
-        !read_number(arguments, "delay", 0, INT_MAX, fault.delay) ||
-        !read_number(arguments, "after", 0, INT_MAX, fault.after))
+    if (!read_integer(arguments, "times", 0, INT_MAX, fault.times) ||
+        !read_integer(arguments, "length", 0, UINT32_MAX, fault.length) ||
+        !read_integer(arguments, "delay", 0, INT_MAX, fault.delay) ||
+        !read_integer(arguments, "after", 0, INT_MAX, fault.after))
         return "\"times\", \"length\", \"delay\" and \"after\" are whole numbers from 0 on";
 
     const cJSON *set = cJSON_GetObjectItemCaseSensitive(arguments, "set");
@@ -105,14 +83,17 @@ std::string Faults::arm(const cJSON *arguments) {
     if (set)
         fault.set.reset(cJSON_Duplicate(set, 1), JsonRelease());
 
-    std::erase_if(armed_, [&fault](const Fault &earlier) { return earlier.on == fault.on; });
+    std::erase_if(armed_, [&fault](const Fault &earlier) {
+        return earlier.on == fault.on &&
+               (earlier.kind == FaultKind::refuse) == (fault.kind == FaultKind::refuse);
+    });
     armed_.push_back(std::move(fault));
     return {};
 }
 
 std::optional<Fault> Faults::take(std::string_view answered) {
     const auto fault = std::find_if(armed_.begin(), armed_.end(), [answered](const Fault &armed) {
-        if (!bound_to_answers(armed.kind) || armed.after > 0)
+        if (armed.kind == FaultKind::refuse || armed.after > 0)
             return false;
         // A silent gateway still sends what it is told to send over the bus.
         if (armed.kind == FaultKind::silent && answered.empty())

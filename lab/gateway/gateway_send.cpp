@@ -85,6 +85,8 @@ std::optional<Sent> Gateway::send(json_ptr message, const SendOptions &options) 
     }
     if (!wire.empty())
         link->connection->send(std::move(wire), options.pace);
+    if (!link->connection->open())
+        return std::nullopt;
     return sent;
 }
 

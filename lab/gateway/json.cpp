@@ -1,5 +1,7 @@
 #include "json.h"
 
+#include <cmath>
+
 extern "C" {
 #include <libubox/blobmsg.h>
 #include <libubox/blobmsg_json.h>
@@ -28,7 +30,8 @@ std::optional<std::int64_t> integer_member(const cJSON *object, const char *name
         return std::nullopt;
     const double value = member->valuedouble;
     // Written so that a NaN fails too.
-    if (!(value >= static_cast<double>(low) && value <= static_cast<double>(high)))
+    if (!(value >= static_cast<double>(low) && value <= static_cast<double>(high)) ||
+        value != std::trunc(value))
         return std::nullopt;
     return static_cast<std::int64_t>(value);
 }

@@ -34,9 +34,20 @@ json_ptr parse_object(const std::string &text);
 /// The member's text, or null when it is absent or no string. Borrowed from `object`.
 const char *string_member(const cJSON *object, const char *name);
 
-/// The member as an integer, or nothing when it is absent, no number or outside of [low, high].
+/// The member, or nothing when it is absent or no whole number in [low, high].
 std::optional<std::int64_t> integer_member(const cJSON *object, const char *name, std::int64_t low,
                                            std::int64_t high);
+
+/// Reads an optional integer into `value`; false when it is there and no whole number in [low, high].
+template <typename T>
+bool read_integer(const cJSON *object, const char *name, std::int64_t low, std::int64_t high, T &value) {
+    if (!cJSON_GetObjectItemCaseSensitive(object, name))
+        return true;
+    const std::optional<std::int64_t> number = integer_member(object, name, low, high);
+    if (number)
+        value = static_cast<T>(*number);
+    return number.has_value();
+}
 
 /// Lays `patch` over `target`: members of objects are merged at every depth, null removes a member, anything
 /// else replaces it. Both must be objects.
