@@ -1,0 +1,312 @@
+// The desk's handles on the emulated device: patches and notifications, the journal, failures on order, state
+// files.
+#include <signal.h>
+
+#include "desk.h"
+
+extern "C" {
+#include <libubox/uloop.h>
+}
+
+namespace arvok::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class Emulator : public Desk {
+  protected:
+    /// What a subscriber of the numbered object hears while `act` runs, up to a marker sent last.
+    std::vector<std::string> heard(int object, const std::function<void()> &act) {
+        Listener listener;
+        EXPECT_EQ(qzcap_ubus_subscribe(&listener.subscriber, qzcap_get_objid_by_id(object)), 0);
+        act();
+        emulator("notify", R"({"object":)" + std::to_string(object) + R"(,"method":"marker","message":{}})");
+        EXPECT_TRUE(
+            run_until([&] { return !listener.heard.empty() && listener.heard.back() == "marker {}"; }));
+        EXPECT_EQ(qzcap_ubus_unsubscribe(&listener.subscriber, qzcap_get_objid_by_id(object)), 0);
+        listener.heard.pop_back();
+        return listener.heard;
+    }
+};
+
+TEST_F(Emulator, ChangesAreAnnouncedWhoeverMakesThem) {
+    struct Case {
+        const char *patch;
+        int object;
+        std::vector<std::string> heard;
+    };
+    const Case cases[] = {
+        {R"({"laninfo":{"02:C0:FF:EE:00:05":{"active":1}}})",
+         QZCAP_OBJ_LANINFO,
+         {R"(devicestatus {"mac":"02:C0:FF:EE:00:05","active":1})"}},
+        {R"({"laninfo":{"02:C0:FF:EE:00:05":{"active":1,"rssi":-50}}})", QZCAP_OBJ_LANINFO, {}},
+        {R"({"laninfo":{"02:C0:FF:EE:00:05":{"active":0},"02:C0:FF:EE:00:01":{"active":0}}})",
+         QZCAP_OBJ_LANINFO,
+         {R"(devicestatus {"mac":"02:C0:FF:EE:00:01","active":0})",
+          R"(devicestatus {"mac":"02:C0:FF:EE:00:05","active":0})"}},
+        {R"({"laninfo":{"02:00:00:00:00:99":{"index":9,"active":1}}})",
+         QZCAP_OBJ_LANINFO,
+         {R"(newdevice {"mac":"02:00:00:00:00:99","active":1})",
+          R"(devicestatus {"mac":"02:00:00:00:00:99","active":1})"}},
+        {R"({"laninfo":{"02:00:00:00:00:99":null}})",
+         QZCAP_OBJ_LANINFO,
+         {R"(devicestatus {"mac":"02:00:00:00:00:99","active":0})"}},
+        {R"({"waninfo":{"status":"down"}})",
+         QZCAP_OBJ_WAN,
+         {R"(wanstatus {"status":"down","ipaddr":"192.168.1.2"})"}},
+        {R"({"waninfo":{"ipaddr":"192.168.1.3"}})", QZCAP_OBJ_WAN, {R"(wanstatus {"ipaddr":"192.168.1.3"})"}},
+        {R"({"waninfo":{"uploadspeed":"9"}})", QZCAP_OBJ_WAN, {}},
+        {R"({"wifi_switch":{"arvoksync":"off"}})", QZCAP_OBJ_WIFI, {R"(arvoksync {"arvoksync":"off"})"}},
+        {R"({"mesh":{"role":"agent"}})", QZCAP_OBJ_MESH, {R"(mode {"mode":"agent"})"}},
+    };
+    for (const Case &item : cases) {
+        EXPECT_EQ(heard(item.object, [&] { patch(item.patch); }), item.heard) << item.patch;
+    }
+    EXPECT_THAT(heard(QZCAP_OBJ_MESH, [] { qzcap_set_mesh_role("controller", nullptr); }),
+                ElementsAre(R"(mode {"mode":"controller"})"));
+    EXPECT_THAT(heard(QZCAP_OBJ_WIFI, [&] { call("qzcapd.wifi", "set", R"({"arvoksync":"on"})"); }),
+                ElementsAre(R"(arvoksync {"arvoksync":"on"})"));
+    EXPECT_THAT(heard(QZCAP_OBJ_LANINFO,
+                      [] {
+                          const char *const station[] = {"02:C0:FF:EE:00:04"};
+                          qzcap_wifi_deassociation(station, 1, nullptr);
+                      }),
+                ElementsAre(R"(devicestatus {"mac":"02:C0:FF:EE:00:04","active":0})"));
+    EXPECT_THAT(
+        heard(QZCAP_OBJ_ROAMING,
+              [] {
+                  qzcap_rssi_query query{const_cast<char *>("02:c0:ff:ee:00:02"), nullptr, 0, 0};
+                  qzcap_start_rssi_query(&query, nullptr);
+              }),
+        ElementsAre(R"(roamingreport {"roamingreport":[{"mac":"02:C0:FF:EE:00:02","connecttime":3600,)"
+                    R"("rssi":-48,"channel":36}]})"));
+    EXPECT_THAT(
+        heard(QZCAP_OBJ_VSIE,
+              [&] { emulator("notify", R"({"object":30,"method":"vsie","message":{"vsie":[221,5]}})"); }),
+        ElementsAre(R"(vsie {"vsie":[221,5]})"));
+}
+
+TEST_F(Emulator, SwitchesAreSetOverTheBus) {
+    struct Case {
+        const char *message;
+        const char *answer;
+    };
+    const Case cases[] = {
+        {R"({"wifiswitch":"off"})", R"({"result":0})"},
+        {R"({"wpsswitch":"on"})", R"({"result":0})"},
+        {R"({"arvoksync":"ON"})", R"({"result":-1,"failreason":"arvoksync: must be on or off"})"},
+        {R"({"arvoksync":1})", R"({"result":-1,"failreason":"arvoksync: must be a text"})"},
+        {R"({"ledswitch":"on"})", R"({"result":-1,"failreason":"ledswitch: no such argument"})"},
+        {R"({})",
+         R"({"result":-1,"failreason":"exactly one of wifiswitch, wpsswitch, arvoksync must be given"})"},
+        {R"({"wifiswitch":"on","arvoksync":"off"})",
+         R"({"result":-1,"failreason":"exactly one of wifiswitch, wpsswitch, arvoksync must be given"})"},
+    };
+    for (const Case &item : cases) {
+        EXPECT_EQ(print(call("qzcapd.wifi", "set", item.message).get()), item.answer) << item.message;
+    }
+    EXPECT_EQ(print(at(state().get(), "wifi_switch")),
+              R"({"wifiswitch":"off","wpsswitch":"on","arvoksync":"on"})");
+}
+
+TEST_F(Emulator, JournalHoldsEveryCallWithItsArguments) {
+    Listener listener;
+    ASSERT_EQ(qzcap_ubus_subscribe(&listener.subscriber, qzcap_get_objid_by_name("qzcapd.emulator")), 0);
+    qzcap_reboot();
+    qzcap_wifi_ap ap{};
+    ap.ssid = const_cast<char *>("x");
+    fail_next("qzcap_wifi_ap_set", "no");
+    qzcap_wifi_ap_set(10, 1, &ap, nullptr);
+    qzcap_set_led_switch("green", nullptr);
+    const std::string entries[] = {
+        R"({"call":"qzcap_reboot","args":{}})",
+        R"({"call":"qzcap_wifi_ap_set","args":{"band":10,"index":1,"record":{"hidden":0,"ssid":"x","guest":0}}})",
+        R"({"call":"qzcap_set_led_switch","args":{"status":"green"}})"};
+    const std::string all = R"({"calls":[)" + entries[0] + "," + entries[1] + "," + entries[2] + "]}";
+    EXPECT_EQ(print(emulator("calls").get()), all);
+    EXPECT_EQ(print(emulator("calls", R"({"clear":true})").get()), all);
+    EXPECT_EQ(print(emulator("calls").get()), R"({"calls":[]})");
+    EXPECT_TRUE(run_until([&] { return listener.heard.size() >= 3; }));
+    EXPECT_THAT(listener.heard,
+                ElementsAre("call " + entries[0], "call " + entries[1], "call " + entries[2]));
+    qzcap_ubus_unsubscribe(&listener.subscriber, qzcap_get_objid_by_name("qzcapd.emulator"));
+}
+
+TEST_F(Emulator, FailuresLastAsOftenAsOrdered) {
+    emulator("fail", R"({"call":"qzcap_get_mesh","times":2})");
+    for (const bool good : {false, false, true}) {
+        qzcap_mesh *mesh = qzcap_get_mesh();
+        EXPECT_EQ(mesh != nullptr, good);
+        qzcap_free_mesh(mesh);
+    }
+    emulator("fail", R"({"call":"qzcap_get_mesh","times":5})");
+    emulator("fail", R"({"call":"qzcap_get_mesh","times":0})");
+    qzcap_mesh *mesh = qzcap_get_mesh();
+    EXPECT_NE(mesh, nullptr) << "times 0 must withdraw the order";
+    qzcap_free_mesh(mesh);
+}
+
+TEST_F(Emulator, BadRequestsGetAReasonAndChangeNothing) {
+    struct Case {
+        const char *method;
+        const char *message;
+        int status;
+        const char *reason;
+    };
+    const Case cases[] = {
+        {"patch", R"({})", UBUS_STATUS_INVALID_ARGUMENT, "patch: must be an object"},
+        {"patch", R"({"patch":[1]})", UBUS_STATUS_INVALID_ARGUMENT, "patch: must be an object"},
+        {"patch", R"({"patch":{"waninof":{}}})", UBUS_STATUS_INVALID_ARGUMENT, "waninof: no such member"},
+        {"patch", R"({"patch":{"waninfo":{"ipaddr":5}}})", UBUS_STATUS_INVALID_ARGUMENT,
+         "waninfo.ipaddr: must be a text"},
+        {"patch", R"({"patch":{"laninfo":{"02:C0:FF:EE:00:01":{"rssi":"-50"}}}})",
+         UBUS_STATUS_INVALID_ARGUMENT, "laninfo.02:C0:FF:EE:00:01.rssi: must be a signed 32-bit number"},
+        {"patch", R"({"patch":{"laninfo":{"02:C0:FF:EE:00:01":{"mac":"x"}}}})", UBUS_STATUS_INVALID_ARGUMENT,
+         "laninfo.02:C0:FF:EE:00:01.mac: no such member"},
+        {"patch", R"({"patch":{"wifi_ap":{"6G":{}}}})", UBUS_STATUS_INVALID_ARGUMENT,
+         R"(wifi_ap.6G: must be "2.4G" or "5G")"},
+        {"patch", R"({"patch":{"wifi_timer":{"first":{}}}})", UBUS_STATUS_INVALID_ARGUMENT,
+         "wifi_timer.first: must be keyed by numbers"},
+        {"patch", R"({"patch":{"neighbourinfo":[{"channel":-1}]}})", UBUS_STATUS_INVALID_ARGUMENT,
+         "neighbourinfo[0].channel: must be a number from 0 to 4294967295"},
+        {"calls", R"({"clear":"yes"})", UBUS_STATUS_INVALID_ARGUMENT, "clear: must be true or false"},
+        {"fail", R"({})", UBUS_STATUS_INVALID_ARGUMENT, "call: no such function: "},
+        {"fail", R"({"call":"qzcap_fly"})", UBUS_STATUS_INVALID_ARGUMENT,
+         "call: no such function: qzcap_fly"},
+        {"fail", R"({"call":"qzcap_reset","times":-1})", UBUS_STATUS_INVALID_ARGUMENT,
+         "times: must be a number from 0 to 1000000"},
+        {"fail", R"({"call":"qzcap_reset","mode":"slow"})", UBUS_STATUS_INVALID_ARGUMENT,
+         "mode: must be error, timeout or empty"},
+        {"notify", R"({"object":8,"method":"x","message":{}})", UBUS_STATUS_NOT_FOUND,
+         "object: no such platform object"},
+        {"notify", R"({"object":5,"method":"x"})", UBUS_STATUS_INVALID_ARGUMENT,
+         "object (number), method (text) and message (object) must be given"},
+        {"app", R"({"message":"x"})", UBUS_STATUS_INVALID_ARGUMENT, "message: must be an object"},
+        {"app", R"({"message":{}})", UBUS_STATUS_NOT_FOUND, "qzapp.arvokclt is not on the bus"},
+    };
+    const std::string before = print(state().get());
+    for (const Case &item : cases) {
+        int status = 0;
+        const json_ptr answer = call("qzcapd.emulator", item.method, item.message, &status);
+        EXPECT_EQ(status, item.status) << item.message;
+        EXPECT_EQ(text_at(answer.get(), "failreason"), item.reason) << item.message;
+    }
+    EXPECT_EQ(print(state().get()), before);
+}
+
+TEST_F(Emulator, UnusableStateFilesAreRefused) {
+    struct Case {
+        const char *content;
+        const char *complaint;
+    };
+    const Case cases[] = {
+        {"", "not JSON, line 1"},
+        {"{\n\"devinfo\": {\n,}}", "not JSON, line 3"},
+        {"{} {}", "not JSON, line 1"},
+        {"[]", "the state must be an object"},
+        {R"({"devinfo":{"mac":7}})", "devinfo.mac: must be a text"},
+        {R"({"led_switch":1})", "led_switch: must be a text"},
+        {R"({"led_switch":null})", "led_switch: must be a text"},
+        {R"({"serverinfo":{"abi_list":["a",1]}})", "serverinfo.abi_list: must be an array of texts"},
+        {R"({"vsie_beacontx":{"0":{"data":"xyz"}}})",
+         "vsie_beacontx.0.data: must be a text of pairs of hexadecimal digits"},
+        {R"({"devinfo":{"lanports":[0]}})",
+         "devinfo.lanports: must be an array of numbers from 1 to 4294967295"},
+    };
+    for (const Case &item : cases) {
+        Process daemon({QZCAPD, "--state", file("state.json", item.content), "-s", socket()});
+        EXPECT_EQ(daemon.wait(), 1) << item.content;
+        EXPECT_THAT(daemon.output(), HasSubstr(std::string("state.json: ") + item.complaint)) << item.content;
+    }
+    Process missing({QZCAPD, "--state", "/nowhere/state.json", "-s", socket()});
+    EXPECT_EQ(missing.wait(), 1);
+    EXPECT_THAT(missing.output(), HasSubstr("/nowhere/state.json: cannot be read"));
+    Process directory({QZCAPD, "--state", "/", "-s", socket()});
+    EXPECT_EQ(directory.wait(), 1);
+    Process busless({QZCAPD, "--state", HOME_STATE, "-s", socket() + ".none"});
+    EXPECT_EQ(busless.wait(), 1);
+    EXPECT_THAT(busless.output(), HasSubstr("no bus at"));
+}
+
+/// An app of this process, and one message sent to it through the emulator.
+class Apps : public Emulator {
+  protected:
+    static int answer(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *,
+                      blob_attr *msg) {
+        return ubus_send_reply(ctx, req, msg);
+    }
+
+    static int ignore(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *, blob_attr *) {
+        ubus_request_data never{};
+        ubus_defer_request(ctx, req, &never);
+        uloop_end();
+        return 0;
+    }
+
+    /// The status and, when there is one, the answer. The loop serves the app meanwhile.
+    std::string send_message(const std::function<void()> &once_delivered = nullptr) {
+        struct Exchange {
+            ubus_request request{};
+            std::string answer;
+            int status = -1;
+        } exchange;
+        blob_buf buf{};
+        blob_buf_init(&buf, 0);
+        void *message = blobmsg_open_table(&buf, "message");
+        blobmsg_add_string(&buf, "CmdType", "ECHO");
+        blobmsg_close_table(&buf, message);
+        blobmsg_add_string(&buf, "app", program_invocation_short_name);
+        ubus_context *ctx = qzcap_get_ubus_context();
+        EXPECT_EQ(ubus_invoke_async(ctx, qzcap_get_objid_by_name("qzcapd.emulator"), "app", buf.head,
+                                    &exchange.request),
+                  0);
+        blob_buf_free(&buf);
+        exchange.request.data_cb = [](ubus_request *request, int, blob_attr *msg) {
+            char *text = nullptr;
+            ubus_request carrier{};
+            carrier.priv = &text;
+            qzcap_data_cb(&carrier, 0, msg);
+            reinterpret_cast<Exchange *>(request)->answer = text_ptr(text).get();
+        };
+        exchange.request.complete_cb = [](ubus_request *request, int status) {
+            reinterpret_cast<Exchange *>(request)->status = status;
+            uloop_end();
+        };
+        ubus_complete_request_async(ctx, &exchange.request);
+        if (once_delivered) {
+            uloop_run_timeout(-1);
+            once_delivered();
+        }
+        EXPECT_TRUE(run_until([&] { return exchange.status >= 0; }));
+        return std::to_string(exchange.status) + " " + exchange.answer;
+    }
+};
+
+TEST_F(Apps, MessagesReachTheRegisteredCallbackAndItsAnswerComesBack) {
+    qzcap_appmgtcb callbacks{};
+    callbacks.postmsg = answer;
+    void *handle = qzcap_register_appmgtcb(nullptr, &callbacks);
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(send_message(), R"(0 {"CmdType":"ECHO"})");
+    EXPECT_EQ(qzcap_register_appmgtcb(nullptr, &callbacks), nullptr) << "the name is taken";
+    callbacks.postmsg = nullptr;
+    EXPECT_EQ(send_message(), std::to_string(UBUS_STATUS_METHOD_NOT_FOUND) + " ");
+    qzcap_unregister_appmgtcb(handle);
+    EXPECT_THAT(send_message(), testing::StartsWith(std::to_string(UBUS_STATUS_NOT_FOUND)));
+    qzcap_unregister_appmgtcb(nullptr);
+    EXPECT_EQ(qzcap_register_appmgtcb(nullptr, nullptr), nullptr);
+}
+
+TEST_F(Apps, UnansweredMessageEndsWithTheDaemon) {
+    qzcap_appmgtcb callbacks{};
+    callbacks.postmsg = ignore;
+    void *handle = qzcap_register_appmgtcb(nullptr, &callbacks);
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(send_message([this] { stop_platform(); }), std::to_string(UBUS_STATUS_CONNECTION_FAILED) + " ");
+    qzcap_unregister_appmgtcb(handle);
+}
+
+}  // namespace
+}  // namespace arvok::test

@@ -1,0 +1,219 @@
+// The bus session, the log, result parsing, and installations.
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "desk.h"
+
+extern "C" {
+#include <libubox/uloop.h>
+}
+
+namespace arvok::test {
+namespace {
+
+using testing::MatchesRegex;
+
+TEST(Session, MissingBusIsAFailureThatLeavesNothing) {
+    setenv("UBUS_SOCKET", "/nowhere/ubus.sock", 1);
+    EXPECT_NE(qzcap_ubus_start(0), 0);
+    EXPECT_EQ(qzcap_get_ubus_context(), nullptr);
+    EXPECT_EQ(qzcap_get_objid_by_id(QZCAP_OBJ_WAN), 0U);
+    qzcap_ubus_done();
+}
+
+class BusSession : public Desk {};
+
+TEST_F(BusSession, CanBeStartedOnceAndAgain) {
+    EXPECT_NE(qzcap_ubus_start(0), 0) << "already started";
+    qzcap_ubus_done();
+    qzcap_ubus_done();
+    ASSERT_EQ(qzcap_ubus_start(0), 0);
+    EXPECT_NE(qzcap_get_objid_by_id(QZCAP_OBJ_LANINFO), 0U);
+    EXPECT_EQ(qzcap_get_objid_by_id(QZCAP_OBJ_LANINFO), qzcap_get_objid_by_name("qzcapd.laninfo"));
+    EXPECT_EQ(qzcap_get_objid_by_id(8), 0U);
+    EXPECT_EQ(qzcap_get_objid_by_name("qzcapd.none"), 0U);
+    EXPECT_EQ(qzcap_get_objid_by_name(nullptr), 0U);
+}
+
+TEST_F(BusSession, LossOfTheBusEndsTheLoop) {
+    stop_bus();
+    uloop_run_timeout(-1);
+    EXPECT_EQ(qzcap_get_led_switch(), nullptr);
+}
+
+TEST_F(BusSession, SubscriptionsEndWhateverTheyAreEndedWith) {
+    const std::uint32_t mesh = qzcap_get_objid_by_id(QZCAP_OBJ_MESH);
+    const std::uint32_t roaming = qzcap_get_objid_by_id(QZCAP_OBJ_ROAMING);
+    Listener listener;
+    ubus_subscriber without_callback{};
+    EXPECT_LT(qzcap_ubus_subscribe(&listener.subscriber, 0), 0);
+    EXPECT_LT(qzcap_ubus_subscribe(&listener.subscriber, 12345), 0);
+    EXPECT_LT(qzcap_ubus_subscribe(&without_callback, mesh), 0);
+    EXPECT_LT(qzcap_ubus_unsubscribe(&listener.subscriber, mesh), 0) << "never subscribed";
+
+    ASSERT_EQ(qzcap_ubus_subscribe(&listener.subscriber, mesh), 0);
+    qzcap_ubus_unsubscribe(&listener.subscriber, roaming);  // of another object: ends it all the same
+    patch(R"({"mesh":{"role":"auto"}})");
+    Listener later;
+    ASSERT_EQ(qzcap_ubus_subscribe(&later.subscriber, mesh), 0);
+    patch(R"({"mesh":{"role":"agent"}})");
+    EXPECT_TRUE(run_until([&] { return !later.heard.empty(); }));
+    EXPECT_THAT(listener.heard, testing::IsEmpty());
+    EXPECT_THAT(later.heard, testing::ElementsAre(R"(mode {"mode":"agent"})"));
+    // `later` is left subscribed: the end of the session must let go of it.
+}
+
+TEST_F(BusSession, AnswersComeAsTextAndAsBlob) {
+    blob_buf *buf = qzcap_get_blob_buf();
+    blob_buf_init(buf, 0);
+    const std::uint32_t wifi = qzcap_get_objid_by_name("qzcapd.wifi");
+    char *reply = nullptr;
+    ASSERT_EQ(ubus_invoke(qzcap_get_ubus_context(), wifi, "get", buf->head, qzcap_data_cb, &reply, 2000), 0);
+    EXPECT_STREQ(text_ptr(reply).get(),
+                 R"({"result":0,"record":{"wifiswitch":"on","wpsswitch":"off","arvoksync":"on"}})");
+    blob_attr *answer = nullptr;
+    ASSERT_EQ(
+        ubus_invoke(qzcap_get_ubus_context(), wifi, "get", buf->head, qzcap_data_blob_cb, &answer, 2000), 0);
+    char *rendered = nullptr;
+    ubus_request carrier{};
+    carrier.priv = &rendered;
+    qzcap_data_cb(&carrier, 0, answer);
+    EXPECT_THAT(text_ptr(rendered).get(), testing::StartsWith(R"({"result":0,)"));
+    qzcap_free(answer);
+}
+
+TEST(ParseResult, TellsSuccessFromFailure) {
+    struct Case {
+        const char *reply;
+        bool success;
+        const char *reason;
+    };
+    const Case cases[] = {
+        {R"({"result":0})", true, nullptr},
+        {R"({"result":0,"failreason":"ignored"})", true, nullptr},
+        {R"({"result":-1,"failreason":"busy"})", false, "busy"},
+        {R"({"result":7})", false, "result 7"},
+        {R"({"result":"0"})", false, "malformed answer"},
+        {R"({"failreason":"busy"})", false, "malformed answer"},
+        {R"([0])", false, "malformed answer"},
+        {"", false, "malformed answer"},
+        {nullptr, false, "no answer"},
+    };
+    for (const Case &item : cases) {
+        char *reason = const_cast<char *>("stale");
+        EXPECT_EQ(qzcap_parse_result_and_failreason(item.reply, &reason) == 0, item.success) << item.reply;
+        EXPECT_STREQ(reason, item.reason);
+        qzcap_free(reason);
+        EXPECT_EQ(qzcap_parse_result_and_failreason(item.reply, nullptr) == 0, item.success);
+    }
+}
+
+/// Standard error as a socket that keeps writes apart.
+class Log : public testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends_), 0);
+        const int size = 1 << 20;
+        setsockopt(ends_[1], SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
+        saved_ = dup(STDERR_FILENO);
+        dup2(ends_[1], STDERR_FILENO);
+    }
+    void TearDown() override {
+        dup2(saved_, STDERR_FILENO);
+        for (const int fd : {saved_, ends_[0], ends_[1]}) {
+            close(fd);
+        }
+    }
+    std::string next_write() const {
+        std::string text(1 << 18, '\0');
+        const ssize_t length = recv(ends_[0], text.data(), text.size(), MSG_DONTWAIT);
+        text.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+        return text;
+    }
+
+  private:
+    int ends_[2] = {-1, -1};
+    int saved_ = -1;
+};
+
+TEST_F(Log, LinesCarryTheTimeAndOpenLinesGoOn) {
+    const std::string time = "[0-9][0-9]:[0-9][0-9]:[0-9][0-9]\\.[0-9][0-9][0-9] ";
+    struct Case {
+        const char *text;
+        std::string written;
+    };
+    const Case cases[] = {
+        {"[INFO] one\n", time + "\\[INFO\\] one\n"},
+        {"[ERROR] open", time + "\\[ERROR\\] open"},
+        {" goes on", " goes on"},
+        {"", ""},
+        {" and ends\nnext", " and ends\n" + time + "next"},
+        {"\n\n", "\n" + time + "\n"},
+        {"last\n", time + "last\n"},
+    };
+    for (const Case &item : cases) {
+        errno = EPIPE;
+        qzcap_printf("%s", item.text);
+        EXPECT_EQ(errno, EPIPE) << "a log call must leave errno alone";
+        EXPECT_THAT(next_write(), MatchesRegex(item.written)) << item.text;
+        EXPECT_EQ(next_write(), "") << "one write for: " << item.text;
+    }
+    const std::string longest(100000, 'x');
+    qzcap_printf("%s\n", longest.c_str());
+    EXPECT_THAT(next_write(), testing::EndsWith(longest + "\n"));
+}
+
+/// What an installation reported to its caller.
+struct Outcome {
+    int called = 0;
+    std::string message;
+};
+
+void installed(ubus_request *req, blob_attr *msg) {
+    auto *outcome = static_cast<Outcome *>(req->priv);
+    ++outcome->called;
+    char *text = nullptr;
+    ubus_request carrier{};
+    carrier.priv = &text;
+    qzcap_data_cb(&carrier, 0, msg);
+    outcome->message = text != nullptr ? text_ptr(text).get() : "(none)";
+    uloop_end();
+}
+
+class Installation : public Desk {
+  protected:
+    std::string install(const char *url) {
+        Outcome outcome;
+        EXPECT_EQ(qzcap_install_app(qzcap_get_ubus_context(), url, installed, &outcome), 0);
+        EXPECT_TRUE(run_until([&] { return outcome.called > 0; }));
+        return outcome.message;
+    }
+};
+
+TEST_F(Installation, ReportsItsOutcomeLater) {
+    EXPECT_EQ(install("http://192.168.1.1/a/radio_2.0_ipq5018x.ipk"),
+              R"({"result":0,"name":"radio","version":"2.0"})");
+    EXPECT_EQ(print(at(state().get(), "app.radio")), R"({"version":"2.0","state":"stopped"})");
+    for (const char *url : {"http://192.168.1.1/radio.ipk", "http://192.168.1.1/_2.0_x.ipk", ""}) {
+        EXPECT_EQ(install(url),
+                  R"({"result":-1,"failreason":"url: must end in NAME_VERSION_ARCHITECTURE.SUFFIX"})");
+    }
+    fail_next("qzcap_install_app", "disk full");
+    EXPECT_EQ(install("http://192.168.1.1/a/radio_2.1_ipq5018x.ipk"),
+              R"({"result":-1,"failreason":"disk full"})");
+    fail_next("qzcap_install_app", "", "empty");
+    EXPECT_EQ(install("http://192.168.1.1/a/radio_2.1_ipq5018x.ipk"), "(none)");
+}
+
+TEST_F(Installation, EndOfTheSessionEndsIt) {
+    fail_next("qzcap_install_app", "", "timeout");
+    Outcome outcome;
+    ASSERT_EQ(qzcap_install_app(qzcap_get_ubus_context(), "http://x/a_1_b.ipk", installed, &outcome), 0);
+    qzcap_ubus_done();
+    EXPECT_EQ(outcome.called, 1);
+    EXPECT_EQ(outcome.message, "(none)");
+    EXPECT_LT(qzcap_install_app(qzcap_get_ubus_context(), "http://x/a_1_b.ipk", installed, &outcome), 0);
+}
+
+}  // namespace
+}  // namespace arvok::test
