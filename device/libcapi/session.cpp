@@ -1,5 +1,7 @@
+extern "C" {
 #include <libubox/blobmsg_json.h>
 #include <libubox/uloop.h>
+}
 
 #include <algorithm>
 #include <cstdlib>

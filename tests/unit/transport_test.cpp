@@ -68,7 +68,7 @@ class Transport : public ::testing::Test {
         if (peer_ >= 0)
             close(peer_);
         close(listener_);
-        log();
+        ::testing::internal::GetCapturedStderr();
         g_ctx = {};
     }
 
@@ -190,10 +190,11 @@ TEST_F(Transport, AFrameInTwoSegmentsIsHandledWhereverItIsSplitBehindTheHeader) 
         turn();
         const bool header_taken = cut > 16;
         EXPECT_EQ(ec->pending_len, header_taken ? static_cast<int>(body.size()) : 0) << cut;
-        if (header_taken)
+        if (header_taken) {
             EXPECT_NE(log_text().find("[INFO] (arvok) wait for the TCP fragmentation, " +
                                       std::to_string(cut - 8) + "/" + std::to_string(body.size()) + "\n"),
                       std::string::npos);
+        }
         EXPECT_EQ(log().find("<-"), std::string::npos) << cut;
         send_bytes(whole.substr(cut));
         expect_log("[INFO] (arvok) <- " + body + " (" + std::to_string(body.size()) + ")\n");

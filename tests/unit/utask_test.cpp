@@ -47,8 +47,14 @@ class Utask : public ::testing::Test {
         open_ = false;
     }
     void TearDown() override { done(); }
-    // Runs the loop until a task ends it.
-    void run() { uloop_run_timeout(10000); }
+    // Runs the loop until a task ends it, or at the latest after ten seconds.
+    static void run(int ms = 10000) {
+        uloop_timeout limit{};
+        limit.cb = [](uloop_timeout *) { uloop_end(); };
+        uloop_timeout_set(&limit, ms);
+        uloop_run_timeout(-1);
+        uloop_timeout_cancel(&limit);
+    }
     bool open_ = false;
 };
 
@@ -93,10 +99,7 @@ TEST_F(Utask, AFullPipeIsReportedAndWhatFittedStillRuns) {
         queued++;
     EXPECT_NE(::testing::internal::GetCapturedStderr().find("[ERROR] utask_set write pipe failed\n"),
               std::string::npos);
-    uloop_timeout ender{};
-    ender.cb = [](uloop_timeout *) { uloop_end(); };
-    uloop_timeout_set(&ender, 1);
-    run();
+    run(1);
     EXPECT_EQ(ran.size(), static_cast<std::size_t>(queued));
 }
 
