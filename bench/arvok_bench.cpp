@@ -13,6 +13,7 @@
 
 #include "arvok_client/frame.h"
 #include "common/json.h"
+#include "common/text.h"
 #include "utask/utask.h"
 
 extern "C" {
