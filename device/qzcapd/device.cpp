@@ -166,6 +166,7 @@ std::string Device::patch(const cJSON *patch) {
     if (std::string fault = check_state(merged.get()); !fault.empty()) {
         return fault;
     }
+    number_hosts(merged.get());
     std::swap(state_, merged);
     for (const Notification &notification : announcements(merged.get(), state_.get())) {
         notify(notification);

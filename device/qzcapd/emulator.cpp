@@ -207,7 +207,9 @@ int Emulator::app(ubus_request_data *req, const cJSON *args) {
     pending->emulator = this;
     pending->request.data_cb = [](ubus_request *request, int, blob_attr *msg) {
         auto *self = reinterpret_cast<AppMessage *>(request);
-        ubus_send_reply(self->emulator->ctx_, &self->waiting, msg);
+        if (msg != nullptr) {
+            ubus_send_reply(self->emulator->ctx_, &self->waiting, msg);
+        }
     };
     pending->request.complete_cb = [](ubus_request *request, int status) {
         auto *self = reinterpret_cast<AppMessage *>(request);

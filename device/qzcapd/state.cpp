@@ -1,10 +1,10 @@
 #include "state.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <fstream>
 #include <limits>
-#include <sstream>
 #include <string_view>
 
 namespace arvok::qzcapd {
@@ -233,16 +233,42 @@ const Member *find_member(std::string_view name) {
 
 json_ptr load_state(const std::string &path, std::string *error) {
     std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    if (!file || !(text << file.rdbuf())) {
+    std::string text;
+    for (char buffer[4096]; file.read(buffer, sizeof(buffer)) || file.gcount() > 0;) {
+        text.append(buffer, static_cast<std::size_t>(file.gcount()));
+    }
+    if (!file.eof()) {
         *error = "cannot be read";
         return nullptr;
     }
-    json_ptr document = parse(text.str(), error);
-    if (document) {
-        *error = check_state(document.get());
+    json_ptr document = parse(text, error);
+    if (!document) {
+        return nullptr;
     }
-    return error->empty() ? std::move(document) : nullptr;
+    Message probe;
+    *error = check_state(document.get());
+    if (error->empty() && !to_blob(document.get(), &probe)) {
+        *error = "nested too deeply for the bus";
+    }
+    if (!error->empty()) {
+        return nullptr;
+    }
+    number_hosts(document.get());
+    return document;
+}
+
+void number_hosts(cJSON *document) {
+    const cJSON *hosts = get(document, "laninfo");
+    double last = 0;
+    cJSON *host = nullptr;
+    cJSON_ArrayForEach(host, hosts) {
+        last = std::max(last, get_number(host, "index"));
+    }
+    cJSON_ArrayForEach(host, hosts) {
+        if (get(host, "index") == nullptr) {
+            put_number(host, "index", ++last);
+        }
+    }
 }
 
 std::string check_state(const cJSON *document) {

@@ -9,11 +9,14 @@
 
 namespace arvok::qzcapd {
 
-/// Reads and checks a state file; on failure null, and `error` says what is wrong with it.
+/// Reads, checks and completes a state file; on failure null, and `error` says what is wrong with it.
 json_ptr load_state(const std::string &path, std::string *error);
 
 /// What is wrong with a state document: an unknown member, a value of the wrong type. Empty: nothing.
 std::string check_state(const cJSON *document);
+
+/// Gives LAN hosts without an index the next free one, in the document's order.
+void number_hosts(cJSON *document);
 
 /// What is wrong with a record's value: a member that `which` does not allow, or of the wrong type. Empty:
 /// nothing.

@@ -64,6 +64,8 @@ TEST_F(Emulator, ChangesAreAnnouncedWhoeverMakesThem) {
     for (const Case &item : cases) {
         EXPECT_EQ(heard(item.object, [&] { patch(item.patch); }), item.heard) << item.patch;
     }
+    patch(R"({"laninfo":{"02:00:00:00:00:98":{}}})");
+    EXPECT_EQ(number_at(state().get(), "laninfo.02:00:00:00:00:98.index"), 7) << "a new host gets an index";
     EXPECT_THAT(heard(QZCAP_OBJ_MESH, [] { qzcap_set_mesh_role("controller", nullptr); }),
                 ElementsAre(R"(mode {"mode":"controller"})"));
     EXPECT_THAT(heard(QZCAP_OBJ_WIFI, [&] { call("qzcapd.wifi", "set", R"({"arvoksync":"on"})"); }),
@@ -225,6 +227,7 @@ TEST_F(Emulator, UnusableStateFilesAreRefused) {
     EXPECT_THAT(missing.output(), HasSubstr("/nowhere/state.json: cannot be read"));
     Process directory({QZCAPD, "--state", "/", "-s", socket()});
     EXPECT_EQ(directory.wait(), 1);
+    EXPECT_THAT(directory.output(), HasSubstr("/: cannot be read"));
     Process busless({QZCAPD, "--state", HOME_STATE, "-s", socket() + ".none"});
     EXPECT_EQ(busless.wait(), 1);
     EXPECT_THAT(busless.output(), HasSubstr("no bus at"));
