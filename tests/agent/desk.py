@@ -38,9 +38,9 @@ class Agent:
 
     def __init__(self, *args, program=("lab-ap", "arvokclt"), **kwargs):
         self.path = os.path.join(os.environ["LAB_DIR"], "agent-%d.log" % time.monotonic_ns())
-        self.log = open(self.path, "wb")
-        self.process = subprocess.Popen([*program, *args], stdout=self.log, stderr=self.log,
-                                        stdin=subprocess.DEVNULL, **kwargs)
+        with open(self.path, "wb") as log:
+            self.process = subprocess.Popen([*program, *args], stdout=log, stderr=log, stdin=subprocess.DEVNULL,
+                                            **kwargs)
         self.seen = 0
 
     def text(self):
@@ -121,7 +121,7 @@ class AgentCase(unittest.TestCase):
         call("qzcapd.emulator", "patch", {"patch": patch})
 
     @staticmethod
-    def fail(function, times=1, reason="on demand"):
+    def fail_call(function, times=1, reason="on demand"):
         call("qzcapd.emulator", "fail", {"call": function, "reason": reason, "times": times})
 
 

@@ -1,13 +1,13 @@
 """The process itself: options, start-up, ends, and the platform around it."""
 
+import json
 import os
-import re
 import signal
 import subprocess
 import time
 import unittest
 
-from desk import Agent, AgentCase, call, wait_until
+from desk import AgentCase, call, wait_until
 
 USAGE = (
     "usage:\n"
@@ -80,7 +80,7 @@ class Life(AgentCase):
         self.assertEqual(calls[2]["args"]["name"], "arvokclt")
 
     def test_device_that_is_not_ready_is_asked_every_five_seconds(self):
-        self.fail("qzcap_get_devinfo", 2)
+        self.fail_call("qzcap_get_devinfo", 2)
         began = time.monotonic()
         agent = self.start("-g", "192.168.1.1")
         agent.expect("[ERROR] update_dev_info failed\n[ERROR] update_dev_info failed\n")
@@ -91,7 +91,7 @@ class Life(AgentCase):
         self.misbehave(fault="refuse", times=0)
         agent = self.start()
         agent.expect("[ERROR] (arvok) tcp connection broken\n")
-        self.fail("qzcap_get_devinfo")
+        self.fail_call("qzcap_get_devinfo")
         agent.expect("[WARNING] (arvok) devinfo get failed\n")
 
     def test_ends_in_order_from_every_state(self):
@@ -156,7 +156,7 @@ class OwnBus(AgentCase):
         wait_until(lambda: subprocess.run(["ubus", "list"], env=env, stderr=subprocess.DEVNULL).returncode == 0, "bus")
         state = os.path.join(os.environ["LAB_DIR"], "state.json")
         with open(state, "w") as out:
-            out.write(__import__("json").dumps(call("qzcapd.emulator", "state")))
+            out.write(json.dumps(call("qzcapd.emulator", "state")))
         device = subprocess.Popen(["qzcapd", "--state", state, "-s", socket], stderr=subprocess.DEVNULL)
         try:
             subprocess.run(["ubus", "-t", "10", "wait_for", "qzcapd.emulator"], env=env, check=True)
