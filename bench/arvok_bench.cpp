@@ -33,7 +33,8 @@ std::string message(std::size_t size) {
     std::string text = R"({"type":"status","sequence":7,"mac":"021122334455","list":[)";
     while (text.size() + item.size() + 8 < size)
         text += item;
-    text.back() == ',' ? text.pop_back() : void();
+    if (text.back() == ',')
+        text.pop_back();
     text += R"(],"p":")";
     text.append(size - std::min(size, text.size() + 2), 'x');
     return text + "\"}";

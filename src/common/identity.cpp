@@ -76,7 +76,7 @@ int _convert_mac(char *mac) {
         for (int i = 2; i < 17; i += 3)
             if (mac[i] != '-' && mac[i] != ':')
                 return -1;
-        for (int pair = 1; pair < 6; pair++)
+        for (std::size_t pair = 1; pair < 6; pair++)
             std::memmove(mac + pair * 2, mac + pair * 3, 2);
         mac[12] = '\0';
     }
