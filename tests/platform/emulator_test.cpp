@@ -64,8 +64,6 @@ TEST_F(Emulator, ChangesAreAnnouncedWhoeverMakesThem) {
     for (const Case &item : cases) {
         EXPECT_EQ(heard(item.object, [&] { patch(item.patch); }), item.heard) << item.patch;
     }
-    patch(R"({"laninfo":{"02:00:00:00:00:98":{}}})");
-    EXPECT_EQ(number_at(state().get(), "laninfo.02:00:00:00:00:98.index"), 7) << "a new host gets an index";
     EXPECT_THAT(heard(QZCAP_OBJ_MESH, [] { qzcap_set_mesh_role("controller", nullptr); }),
                 ElementsAre(R"(mode {"mode":"controller"})"));
     EXPECT_THAT(heard(QZCAP_OBJ_WIFI, [&] { call("qzcapd.wifi", "set", R"({"arvoksync":"on"})"); }),
@@ -88,6 +86,15 @@ TEST_F(Emulator, ChangesAreAnnouncedWhoeverMakesThem) {
         heard(QZCAP_OBJ_VSIE,
               [&] { emulator("notify", R"({"object":30,"method":"vsie","message":{"vsie":[221,5]}})"); }),
         ElementsAre(R"(vsie {"vsie":[221,5]})"));
+}
+
+TEST_F(Emulator, NewHostsAreNumbered) {
+    patch(R"({"laninfo":{"02:00:00:00:00:98":{}}})");
+    EXPECT_EQ(number_at(state().get(), "laninfo.02:00:00:00:00:98.index"), 7);
+    stop_platform();
+    start_platform(
+        file("numbered.json", R"({"laninfo":{"02:00:00:00:00:01":{},"02:00:00:00:00:02":{"index":4}}})"));
+    EXPECT_EQ(number_at(state().get(), "laninfo.02:00:00:00:00:01.index"), 5);
 }
 
 TEST_F(Emulator, SwitchesAreSetOverTheBus) {
@@ -134,6 +141,18 @@ TEST_F(Emulator, JournalHoldsEveryCallWithItsArguments) {
     EXPECT_THAT(listener.heard,
                 ElementsAre("call " + entries[0], "call " + entries[1], "call " + entries[2]));
     qzcap_ubus_unsubscribe(&listener.subscriber, qzcap_get_objid_by_name("qzcapd.emulator"));
+}
+
+TEST_F(Emulator, JournalForgetsTheOldest) {
+    qzcap_reboot();
+    qzcap_wifi_channelscan(nullptr);
+    for (int i = 0; i < 1999; ++i) {
+        qzcap_free(qzcap_get_led_switch());
+    }
+    const json_ptr answer = emulator("calls");
+    const cJSON *calls = at(answer.get(), "calls");
+    EXPECT_EQ(cJSON_GetArraySize(calls), 2000);
+    EXPECT_EQ(text_at(cJSON_GetArrayItem(calls, 0), "call"), "qzcap_wifi_channelscan");
 }
 
 TEST_F(Emulator, FailuresLastAsOftenAsOrdered) {
