@@ -97,6 +97,9 @@ int ubus_remove_object(struct ubus_context *ctx, struct ubus_object *obj) {
     if (blob_put_int32(&b, UBUS_ATTR_OBJID, obj->id))
         result = ubus_ask_daemon(ctx, b.head, UBUS_MSG_REMOVE_OBJECT, forget_type, obj);
     blob_buf_free(&b);
+    /* Without an answer nobody knows whether the type is still there. */
+    if (result != UBUS_STATUS_OK && obj->type)
+        obj->type->id = 0;
     /* Whatever the daemon says, the caller may free it now. */
     list_del(&obj->list);
     obj->id = 0;

@@ -1,0 +1,344 @@
+// The client library against the real daemon.
+#include <gmock/gmock.h>
+
+#include <chrono>
+#include <csignal>
+
+#include "support.h"
+
+namespace arvok {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using testing::ElementsAre;
+
+// Serves "child" from another process: its own methods, and one that never ends.
+void serve_child(const Peer &peer) {
+    Service service(peer, "child");
+    ubus_request_data deferred;
+
+    service.custom = [&](ubus_request_data *request, const std::string &json, blob_attr *) {
+        if (json.find("die") != std::string::npos)
+            _exit(1);
+        ubus_defer_request(peer.get(), request, &deferred);
+        return 0;
+    };
+    uloop_run();
+}
+
+void wait_for(const Peer &peer, const char *path) {
+    ASSERT_TRUE(pump_until([&] {
+        uint32_t id;
+        return ubus_lookup_id(peer.get(), path, &id) == UBUS_STATUS_OK;
+    })) << path;
+}
+
+std::vector<std::string> invoke(ubus_context *bus, uint32_t id, const char *method, const std::string &json,
+                                int timeout, int expected) {
+    std::vector<std::string> data;
+    Json message(json);
+    const auto take = [](ubus_request *request, int, blob_attr *answer) {
+        static_cast<std::vector<std::string> *>(request->priv)->push_back(json_of(answer));
+    };
+    EXPECT_EQ(ubus_invoke(bus, id, method, message.head(), take, &data, timeout), expected) << method;
+    return data;
+}
+
+TEST_F(Bus, SynchronousCallsGetEveryAnswerAStatusOrATimeOut) {
+    OtherProcess child(socket, serve_child);
+    Peer peer(socket);
+    wait_for(peer, "child");
+    const uint32_t id = peer.id_of("child");
+    const std::string nested =
+        R"({"t":{"l":[{"deep":[[1]]},"x"],"n":null},"i":-1,"big":-5000000000,"d":0.5})";
+
+    EXPECT_THAT(invoke(peer.get(), id, "echo", nested, 5000, UBUS_STATUS_OK), ElementsAre(nested));
+    EXPECT_THAT(invoke(peer.get(), id, "numbers", "{}", 0, UBUS_STATUS_OK),
+                ElementsAre("{\"i\":1}", "{\"i\":2}", "{\"i\":3}"));
+    EXPECT_THAT(invoke(peer.get(), id, "nothing", "{}", 5000, UBUS_STATUS_METHOD_NOT_FOUND), ElementsAre());
+    EXPECT_THAT(invoke(peer.get(), 4711, "echo", "{}", 5000, UBUS_STATUS_NOT_FOUND), ElementsAre());
+    const auto begin = steady_clock::now();
+    invoke(peer.get(), id, "custom", "{}", 300, UBUS_STATUS_TIMEOUT);
+    EXPECT_GE(steady_clock::now() - begin, milliseconds(300));
+    EXPECT_LT(steady_clock::now() - begin, milliseconds(2000));
+    // Large messages in both directions, up to the limit and not beyond.
+    const std::string large = "{\"x\":\"" + std::string(1000000, 'y') + "\"}";
+    EXPECT_THAT(invoke(peer.get(), id, "echo", large, 5000, UBUS_STATUS_OK), ElementsAre(large));
+    invoke(peer.get(), id, "echo", "{\"x\":\"" + std::string(1100000, 'y') + "\"}", 5000,
+           UBUS_STATUS_INVALID_ARGUMENT);
+    EXPECT_THAT(invoke(peer.get(), id, "echo", "{}", 5000, UBUS_STATUS_OK), ElementsAre("{}"));
+}
+
+TEST_F(Bus, ADyingProviderEndsItsCallsAtOnce) {
+    OtherProcess child(socket, serve_child);
+    Peer peer(socket);
+    wait_for(peer, "child");
+    const uint32_t id = peer.id_of("child");
+    const auto pending = peer.start(id, "custom");
+    const auto begin = steady_clock::now();
+
+    invoke(peer.get(), id, "custom", R"({"die":1})", 9000, UBUS_STATUS_NOT_FOUND);
+    EXPECT_LT(steady_clock::now() - begin, milliseconds(3000));
+    EXPECT_TRUE(pump_until([&] { return pending->complete; }));
+    EXPECT_EQ(pending->status, UBUS_STATUS_NOT_FOUND);
+}
+
+TEST_F(Bus, AHandlerMayCallAndWhatArrivesMeanwhileIsServedAfter) {
+    std::vector<std::string> log;
+    // Asked for "go", it first calls back into the front and only then answers.
+    OtherProcess child(socket, [](const Peer &peer) {
+        Service service(peer, "child");
+        service.custom = [&](ubus_request_data *, const std::string &, blob_attr *) {
+            peer.start(peer.id_of("front"), "custom", R"({"say":"note"})");
+            return int{UBUS_STATUS_OK};
+        };
+        uloop_run();
+    });
+    Peer peer(socket), caller(socket);
+    Service front(peer, "front");
+    wait_for(peer, "child");
+    front.custom = [&](ubus_request_data *request, const std::string &json, blob_attr *message) {
+        log.push_back(json);
+        if (json.find("relay") == std::string::npos)
+            return int{UBUS_STATUS_OK};
+        const uint32_t child_id = peer.id_of("child");
+        invoke(peer.get(), child_id, "custom", "{}", 5000, UBUS_STATUS_OK);
+        // The note has been sent before this answer.
+        EXPECT_THAT(invoke(peer.get(), child_id, "echo", json, 5000, UBUS_STATUS_OK), ElementsAre(json));
+        log.emplace_back("relayed " + json_of(message));
+        return ubus_send_reply(peer.get(), request, message);
+    };
+    const Answer answer = caller.call("front", "custom", R"({"say":"relay"})");
+    EXPECT_EQ(answer.status, UBUS_STATUS_OK);
+    EXPECT_THAT(answer.data, ElementsAre(R"({"say":"relay"})"));
+    ASSERT_TRUE(pump_until([&] { return log.size() == 3; }));
+    EXPECT_THAT(log, ElementsAre(R"({"say":"relay"})", R"(relayed {"say":"relay"})", R"({"say":"note"})"));
+}
+
+TEST_F(Bus, DeferredRequestsAreAnsweredLaterInAnyOrder) {
+    Peer peer(socket), caller(socket);
+    Service service(peer, "service");
+    ubus_request_data deferred[2];
+    int n = 0;
+    service.custom = [&](ubus_request_data *request, const std::string &, blob_attr *) {
+        EXPECT_STRNE(request->acl.user, nullptr);
+        ubus_defer_request(peer.get(), request, &deferred[n++]);
+        return int{UBUS_STATUS_UNKNOWN_ERROR};
+    };
+    const uint32_t id = caller.id_of("service");
+    const auto first = caller.start(id, "custom"), second = caller.start(id, "custom");
+    ASSERT_TRUE(pump_until([&] { return n == 2; }));
+    EXPECT_FALSE(first->complete || second->complete);
+    for (int i : {1, 0}) {
+        Json reply("{\"i\":" + std::to_string(i) + "}");
+        ubus_send_reply(peer.get(), &deferred[i], reply.head());
+        ubus_complete_deferred_request(peer.get(), &deferred[i], i ? UBUS_STATUS_OK : UBUS_STATUS_NO_DATA);
+        const auto &answer = i ? second : first;
+        ASSERT_TRUE(pump_until([&] { return answer->complete; }));
+        EXPECT_THAT(answer->data, ElementsAre("{\"i\":" + std::to_string(i) + "}"));
+    }
+    EXPECT_EQ(first->status, UBUS_STATUS_NO_DATA);
+    EXPECT_EQ(second->status, UBUS_STATUS_OK);
+}
+
+TEST_F(Bus, AnAbortedRequestIsNotHeardOfAgain) {
+    Peer peer(socket), caller(socket);
+    Service service(peer, "service");
+    struct Call : ubus_request {
+        int data = 0;
+        int completions = 0;
+    } call;
+    Json empty;
+
+    ASSERT_EQ(ubus_invoke_async(caller.get(), caller.id_of("service"), "numbers", empty.head(), &call), 0);
+    call.data = call.completions = 0;
+    call.data_cb = [](ubus_request *request, int, blob_attr *) {
+        static_cast<Call *>(request)->data++;
+        ubus_abort_request(request->ctx, request);
+    };
+    call.complete_cb = [](ubus_request *request, int) { static_cast<Call *>(request)->completions++; };
+    ubus_complete_request_async(caller.get(), &call);
+    // Whatever was under way to the same client has arrived before this answer.
+    ASSERT_TRUE(pump_until([&] { return call.data > 0; }));
+    caller.call("service", "echo");
+    EXPECT_EQ(call.data, 1);
+    EXPECT_EQ(call.completions, 0);
+}
+
+struct Subscriber : ubus_subscriber {
+    std::vector<std::string> seen;
+    std::vector<uint32_t> removed;
+    int answer = UBUS_STATUS_OK;
+
+    explicit Subscriber(const Peer &peer) : ubus_subscriber{} {
+        cb = [](ubus_context *, ubus_object *object, ubus_request_data *, const char *method,
+                blob_attr *message) {
+            auto *self = static_cast<Subscriber *>(reinterpret_cast<ubus_subscriber *>(object));
+            self->seen.push_back(method + json_of(message));
+            return self->answer;
+        };
+        remove_cb = [](ubus_context *, ubus_subscriber *subscriber, uint32_t id) {
+            static_cast<Subscriber *>(subscriber)->removed.push_back(id);
+        };
+        EXPECT_EQ(ubus_register_subscriber(peer.get(), this), UBUS_STATUS_OK);
+    }
+};
+
+TEST_F(Bus, SubscribersAreNotifiedCountedAndToldTheEnd) {
+    Peer provider(socket), watcher(socket);
+    Subscriber one(watcher), two(watcher);
+    std::vector<bool> activity;
+    Json message(R"({"n":1})");
+    uint32_t id;
+    {
+        Service service(provider, "service");
+        id = service.object()->id;
+        service.on_subscribers = [&](bool active) { activity.push_back(active); };
+        EXPECT_EQ(ubus_subscribe(watcher.get(), &one, 4711), UBUS_STATUS_NOT_FOUND);
+        for (Subscriber *subscriber : {&one, &two, &one})
+            EXPECT_EQ(ubus_subscribe(watcher.get(), subscriber, id), UBUS_STATUS_OK);
+        ubus_notify(provider.get(), service.object(), "first", message.head(), -1);
+        ASSERT_TRUE(pump_until([&] { return one.seen.size() + two.seen.size() == 2; }));
+        EXPECT_THAT(activity, ElementsAre(true));
+
+        EXPECT_EQ(ubus_unsubscribe(watcher.get(), &one, id), UBUS_STATUS_OK);
+        ubus_notify(provider.get(), service.object(), "second", message.head(), -1);
+        ASSERT_TRUE(pump_until([&] { return two.seen.size() == 2; }));
+        EXPECT_EQ(ubus_unsubscribe(watcher.get(), &two, id), UBUS_STATUS_OK);
+        ASSERT_TRUE(pump_until([&] { return activity.size() == 2; }));
+        EXPECT_THAT(activity, ElementsAre(true, false));
+        EXPECT_NE(ubus_unsubscribe(watcher.get(), &two, id), UBUS_STATUS_OK);
+        ubus_subscribe(watcher.get(), &two, id);
+    }
+    ASSERT_TRUE(pump_until([&] { return !two.removed.empty(); }));
+    EXPECT_THAT(two.removed, ElementsAre(id));
+    EXPECT_THAT(one.seen, ElementsAre("first{\"n\":1}"));
+    EXPECT_THAT(two.seen, ElementsAre("first{\"n\":1}", "second{\"n\":1}"));
+    EXPECT_TRUE(one.removed.empty());
+}
+
+TEST_F(Bus, AnAwaitedNotificationEndsWithTheLastAnswer) {
+    Peer provider(socket), watcher(socket);
+    Service service(provider, "service");
+    Json message;
+    struct Notification : ubus_notify_request {
+        std::vector<int> statuses;
+        bool complete;
+    };
+    const auto notify = [&](const char *type) {
+        Notification notification{};
+        EXPECT_EQ(ubus_notify_async(provider.get(), service.object(), type, message.head(), &notification),
+                  0);
+        notification.status_cb = [](ubus_notify_request *request, int, int status) {
+            static_cast<Notification *>(request)->statuses.push_back(status);
+        };
+        notification.complete_cb = [](ubus_notify_request *request, int, int) {
+            static_cast<Notification *>(request)->complete = true;
+        };
+        ubus_complete_request_async(provider.get(), &notification.req);
+        EXPECT_TRUE(pump_until([&] { return notification.complete; }));
+        return notification.statuses;
+    };
+
+    EXPECT_EQ(ubus_notify(provider.get(), service.object(), "alone", message.head(), 5000), UBUS_STATUS_OK);
+    EXPECT_THAT(notify("alone"), ElementsAre());
+    Subscriber one(watcher), two(watcher);
+    two.answer = UBUS_STATUS_NOT_SUPPORTED;
+    ubus_subscribe(watcher.get(), &one, service.object()->id);
+    ubus_subscribe(watcher.get(), &two, service.object()->id);
+    EXPECT_THAT(notify("both"), ElementsAre(UBUS_STATUS_OK, UBUS_STATUS_NOT_SUPPORTED));
+    // Nobody serves the subscribers while this waits.
+    EXPECT_EQ(ubus_notify(provider.get(), service.object(), "both", message.head(), 100),
+              UBUS_STATUS_TIMEOUT);
+}
+
+TEST_F(Bus, EventsTellOfObjectsAndDoNotComeBack) {
+    Peer sender(socket), listener(socket);
+    struct Handler : ubus_event_handler {
+        std::vector<std::string> seen;
+    } own{}, other{};
+    for (Handler *handler : {&own, &other})
+        handler->cb = [](ubus_context *, ubus_event_handler *ev, const char *type, blob_attr *message) {
+            static_cast<Handler *>(ev)->seen.push_back(type + json_of(message));
+        };
+    ASSERT_EQ(ubus_register_event_handler(sender.get(), &own, "*"), 0);
+    ASSERT_EQ(ubus_register_event_handler(listener.get(), &other, "test.*"), 0);
+    ASSERT_EQ(ubus_register_event_handler(listener.get(), &other, "ubus.object.*"), 0);
+    ASSERT_EQ(ubus_register_event_handler(listener.get(), &other, "*"), 0);
+    std::string about;
+    {
+        Service service(sender, "service");
+        about = "{\"id\":" + std::to_string(static_cast<int32_t>(service.object()->id)) +
+                ",\"path\":\"service\"}";
+    }
+    Json message(R"({"x":[true]})");
+    EXPECT_EQ(ubus_send_event(sender.get(), "test.event", message.head()), UBUS_STATUS_OK);
+    ASSERT_TRUE(pump_until([&] { return other.seen.size() >= 3 && own.seen.size() >= 2; }));
+    EXPECT_THAT(other.seen, ElementsAre("ubus.object.add" + about, "ubus.object.remove" + about,
+                                        "test.event{\"x\":[true]}"));
+    EXPECT_THAT(own.seen, ElementsAre("ubus.object.add" + about, "ubus.object.remove" + about));
+    EXPECT_EQ(ubus_unregister_event_handler(listener.get(), &other), UBUS_STATUS_OK);
+    EXPECT_EQ(ubus_unregister_event_handler(sender.get(), &own), UBUS_STATUS_OK);
+}
+
+TEST_F(Bus, ALostBusEndsTheLoopFailsWhatIsPendingAndCanBeFoundAgain) {
+    Peer peer(socket), caller(socket);
+    Service service(peer, "service");
+    ubus_request_data deferred;
+    service.custom = [&](ubus_request_data *request, const std::string &, blob_attr *) {
+        ubus_defer_request(peer.get(), request, &deferred);
+        return 0;
+    };
+    static int lost;
+    lost = 0;
+    caller.get()->connection_lost = [](ubus_context *) { lost++; };
+    const uint32_t id = caller.id_of("service");
+    const auto pending = caller.start(id, "custom");
+    daemon->signal(SIGTERM);
+    // The other client has the callback that ends the loop.
+    EXPECT_EQ(uloop_run(), 0);
+    ASSERT_TRUE(pump_until([&] { return pending->complete && lost; }));
+    EXPECT_EQ(pending->status, UBUS_STATUS_CONNECTION_FAILED);
+    EXPECT_EQ(lost, 1);
+    EXPECT_EQ(daemon->finish(), 0);
+    EXPECT_NE(access(socket.c_str(), F_OK), 0);
+    uint32_t gone = 0;
+    EXPECT_EQ(ubus_lookup_id(caller.get(), "service", &gone), UBUS_STATUS_CONNECTION_FAILED);
+    EXPECT_EQ(caller.start(id, "custom")->status, UBUS_STATUS_CONNECTION_FAILED);
+    EXPECT_EQ(ubus_reconnect(caller.get(), socket.c_str()), UBUS_STATUS_CONNECTION_FAILED);
+
+    start_daemon();
+    for (const Peer *again : {&peer, &caller}) {
+        EXPECT_EQ(ubus_reconnect(again->get(), socket.c_str()), UBUS_STATUS_OK);
+        ubus_add_uloop(again->get());
+    }
+    EXPECT_NE(service.object()->id, id);
+    EXPECT_THAT(caller.call("service", "echo", R"({"back":true})").data, ElementsAre(R"({"back":true})"));
+}
+
+TEST_F(Bus, ADaemonThatDoesNotReadBlocksNobodyForEver) {
+    Peer peer(socket);
+    Service service(peer, "service");
+    Json message("{\"x\":\"" + std::string(500000, 'x') + "\"}");
+    int status = UBUS_STATUS_OK;
+
+    daemon->signal(SIGSTOP);
+    const auto begin = steady_clock::now();
+    for (int i = 0; i < 20 && status == UBUS_STATUS_OK; i++)
+        status = ubus_notify(peer.get(), service.object(), "flood", message.head(), -1);
+    EXPECT_EQ(status, UBUS_STATUS_CONNECTION_FAILED);
+    EXPECT_LT(steady_clock::now() - begin, milliseconds(9000));
+    daemon->signal(SIGCONT);
+}
+
+TEST_F(Bus, ErrorsHaveTheirTexts) {
+    EXPECT_STREQ(ubus_strerror(UBUS_STATUS_OK), "Success");
+    EXPECT_STREQ(ubus_strerror(UBUS_STATUS_SYSTEM_ERROR), "System error");
+    for (const int unknown : {-1, int{__UBUS_STATUS_LAST}, 1 << 30})
+        EXPECT_STREQ(ubus_strerror(unknown), "Unknown error");
+    EXPECT_EQ(ubus_connect("/nonexistent"), nullptr);
+}
+
+}  // namespace
+}  // namespace arvok

@@ -1,0 +1,285 @@
+// The daemon against clients that do not keep to the rules.
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstring>
+#include <fstream>
+#include <random>
+
+#include "support.h"
+
+namespace arvok {
+namespace {
+
+using testing::HasSubstr;
+
+struct Attributes {
+    blob_buf buf{};
+
+    Attributes() { blob_buf_init(&buf, 0); }
+    ~Attributes() { blob_buf_free(&buf); }
+    Attributes(const Attributes &) = delete;
+};
+
+std::string invocation(uint32_t object, const char *method, const std::string &json, uint16_t seq = 1) {
+    Attributes attributes;
+    Json data(json);
+    blob_put_int32(&attributes.buf, UBUS_ATTR_OBJID, object);
+    blob_put_string(&attributes.buf, UBUS_ATTR_METHOD, method);
+    blob_put(&attributes.buf, UBUS_ATTR_DATA, blob_data(data.head()), unsigned(blob_len(data.head())));
+    return Wire::message(UBUS_MSG_INVOKE, seq, object, attributes.buf);
+}
+
+// An object without a path on the bus.
+uint32_t add_object(Wire &wire) {
+    Attributes none;
+    wire.send(Wire::message(UBUS_MSG_ADD_OBJECT, 9, 0, none.buf));
+    const WireMessage data = wire.receive();
+    EXPECT_EQ(data.type, UBUS_MSG_DATA);
+    EXPECT_GT(data.object, 1024u);
+    const WireMessage status = wire.receive();
+    EXPECT_EQ(status.status, UBUS_STATUS_OK);
+    EXPECT_EQ(status.seq, 9);
+    return data.object;
+}
+
+TEST_F(Bus, AnswersWrongRequestsWithTheirStatus) {
+    Peer peer(socket);
+    Service service(peer, "service");
+    Wire wire(socket);
+    const uint32_t own = add_object(wire), foreign = service.object()->id;
+    const auto blob = [](const std::function<void(blob_buf *)> &fill) {
+        auto attributes = std::make_shared<Attributes>();
+        fill(&attributes->buf);
+        return attributes;
+    };
+    const auto objid = [&](uint32_t id) {
+        return blob([&](blob_buf *b) { blob_put_int32(b, UBUS_ATTR_OBJID, id); });
+    };
+    const auto nothing = blob([](blob_buf *) {});
+    const struct {
+        int type;
+        std::shared_ptr<Attributes> attributes;
+        int status;
+    } cases[] = {
+        {UBUS_MSG_HELLO, nothing, UBUS_STATUS_INVALID_COMMAND},
+        {UBUS_MSG_MONITOR, nothing, UBUS_STATUS_INVALID_COMMAND},
+        {200, nothing, UBUS_STATUS_INVALID_COMMAND},
+        {UBUS_MSG_INVOKE, nothing, UBUS_STATUS_INVALID_ARGUMENT},
+        {UBUS_MSG_INVOKE, objid(foreign), UBUS_STATUS_INVALID_ARGUMENT},
+        {UBUS_MSG_INVOKE, blob([](blob_buf *b) {
+             blob_put_int8(b, UBUS_ATTR_OBJID, 1);
+             blob_put_string(b, UBUS_ATTR_METHOD, "m");
+         }),
+         UBUS_STATUS_INVALID_ARGUMENT},
+        {UBUS_MSG_INVOKE, blob([&](blob_buf *b) {
+             blob_put_int32(b, UBUS_ATTR_OBJID, foreign);
+             blob_put(b, UBUS_ATTR_METHOD, "unterminated", 12);
+         }),
+         UBUS_STATUS_INVALID_ARGUMENT},
+        {UBUS_MSG_REMOVE_OBJECT, nothing, UBUS_STATUS_INVALID_ARGUMENT},
+        {UBUS_MSG_REMOVE_OBJECT, objid(foreign), UBUS_STATUS_NOT_FOUND},
+        {UBUS_MSG_NOTIFY, nothing, UBUS_STATUS_INVALID_ARGUMENT},
+        {UBUS_MSG_NOTIFY, blob([&](blob_buf *b) {
+             blob_put_int32(b, UBUS_ATTR_OBJID, foreign);
+             blob_put_string(b, UBUS_ATTR_METHOD, "m");
+         }),
+         UBUS_STATUS_PERMISSION_DENIED},
+        {UBUS_MSG_SUBSCRIBE, objid(own), UBUS_STATUS_INVALID_ARGUMENT},
+        {UBUS_MSG_SUBSCRIBE, blob([&](blob_buf *b) {
+             blob_put_int32(b, UBUS_ATTR_OBJID, foreign);
+             blob_put_int32(b, UBUS_ATTR_TARGET, own);
+         }),
+         UBUS_STATUS_INVALID_ARGUMENT},
+        {UBUS_MSG_LOOKUP, blob([](blob_buf *b) { blob_put_string(b, UBUS_ATTR_OBJPATH, ""); }),
+         UBUS_STATUS_NOT_FOUND},
+        {UBUS_MSG_ADD_OBJECT, blob([](blob_buf *b) { blob_put_string(b, UBUS_ATTR_OBJPATH, "untyped"); }),
+         UBUS_STATUS_INVALID_ARGUMENT},
+        {UBUS_MSG_ADD_OBJECT, blob([](blob_buf *b) {
+             blob_put_string(b, UBUS_ATTR_OBJPATH, "odd");
+             blob_put(b, UBUS_ATTR_SIGNATURE, "not a table....", 16);
+         }),
+         UBUS_STATUS_INVALID_ARGUMENT},
+        {UBUS_MSG_ADD_OBJECT, blob([](blob_buf *b) {
+             blob_put_string(b, UBUS_ATTR_OBJPATH, "service");
+             blob_put(b, UBUS_ATTR_SIGNATURE, nullptr, 0);
+         }),
+         UBUS_STATUS_INVALID_ARGUMENT},
+    };
+    uint16_t seq = 100;
+    for (const auto &wrong : cases) {
+        ASSERT_TRUE(wire.send(Wire::message(wrong.type, ++seq, 77, wrong.attributes->buf)));
+        const WireMessage answer = wire.receive();
+        EXPECT_EQ(answer.type, UBUS_MSG_STATUS) << "case " << seq - 101;
+        EXPECT_EQ(answer.status, wrong.status) << "case " << seq - 101;
+        EXPECT_EQ(answer.seq, seq);
+        EXPECT_EQ(answer.peer, 77u);
+    }
+    for (const char *json : {"{}", R"({"object":1,"pattern":"x"})", R"({"object":"1","pattern":"x"})"}) {
+        wire.send(invocation(UBUS_SYSTEM_OBJECT_EVENT, "register", json));
+        EXPECT_GT(wire.receive().status, 0) << json;
+    }
+    // Answers to calls that nobody has made go nowhere, and a ping is answered.
+    Attributes status, none;
+    blob_put_int32(&status.buf, UBUS_ATTR_OBJID, foreign);
+    blob_put_int32(&status.buf, UBUS_ATTR_STATUS, 0);
+    wire.send(Wire::message(UBUS_MSG_STATUS, 1, wire.id(), status.buf));
+    wire.send(Wire::message(UBUS_MSG_PING, 500, 0, none.buf));
+    EXPECT_EQ(wire.receive().type, UBUS_MSG_DATA);
+    const WireMessage pong = wire.receive();
+    EXPECT_EQ(pong.status, UBUS_STATUS_OK);
+    EXPECT_EQ(pong.seq, 500);
+}
+
+TEST_F(Bus, ForwardsCallsInTheFormThatProvidersExpect) {
+    Wire provider(socket), caller(socket);
+    const uint32_t object = add_object(provider);
+
+    caller.send(invocation(object, "method", R"({"a":1})", 321));
+    const WireMessage call = provider.receive();
+    EXPECT_EQ(call.type, UBUS_MSG_INVOKE);
+    EXPECT_EQ(call.seq, 321);
+    EXPECT_EQ(call.peer, caller.id());
+    EXPECT_EQ(call.object, object);
+    blob_attr *attributes[UBUS_ATTR_MAX];
+    WireMessage copy = call;
+    blob_parse(reinterpret_cast<blob_attr *>(copy.body.data()), attributes, nullptr, UBUS_ATTR_MAX);
+    EXPECT_STREQ(blob_get_string(attributes[UBUS_ATTR_METHOD]), "method");
+    EXPECT_EQ(json_of(attributes[UBUS_ATTR_DATA]), R"({"a":1})");
+    EXPECT_NE(attributes[UBUS_ATTR_USER], nullptr);
+    EXPECT_NE(attributes[UBUS_ATTR_GROUP], nullptr);
+    EXPECT_EQ(attributes[UBUS_ATTR_NO_REPLY], nullptr);
+
+    Attributes status;
+    blob_put_int32(&status.buf, UBUS_ATTR_STATUS, 5);
+    blob_put_int32(&status.buf, UBUS_ATTR_OBJID, object);
+    provider.send(Wire::message(UBUS_MSG_STATUS, call.seq, call.peer, status.buf));
+    const WireMessage answer = caller.receive();
+    EXPECT_EQ(answer.status, 5);
+    EXPECT_EQ(answer.seq, 321);
+    EXPECT_EQ(answer.peer, object);
+    // The call has ended: nothing more about it when the provider goes, only that it is gone.
+    provider.close();
+    caller.send(invocation(object, "method", "{}", 322));
+    const WireMessage end = caller.receive();
+    EXPECT_EQ(end.seq, 322);
+    EXPECT_EQ(end.status, UBUS_STATUS_NOT_FOUND);
+}
+
+TEST_F(Bus, ClientsThatBreakTheStreamAreDroppedAndHarmNobody) {
+    Peer peer(socket), caller(socket);
+    Service service(peer, "service");
+    const std::string sound = invocation(service.object()->id, "echo", R"({"a":1})");
+    std::string version = sound, tiny = sound, huge = sound;
+    version[0] = 1;
+    memcpy(&tiny[8], "\0\0\0\3", 4);
+    memcpy(&huge[8], "\0\x20\0\0", 4);
+    for (const std::string &broken : {version, tiny, huge}) {
+        Wire wire(socket);
+        wire.send(broken);
+        EXPECT_EQ(wire.receive().type, -1);
+    }
+    // Killed in the middle of a message, at every byte of it.
+    for (size_t cut = 1; cut < sound.size(); cut += 3) {
+        Wire wire(socket);
+        wire.send(sound.substr(0, cut));
+        wire.close();
+    }
+    EXPECT_THAT(caller.call("service", "echo", R"({"still":"here"})").data,
+                testing::ElementsAre(R"({"still":"here"})"));
+}
+
+TEST_F(Bus, RandomlyDamagedMessagesHarmNobody) {
+    Peer peer(socket), caller(socket);
+    Service service(peer, "service");
+    std::mt19937 random(20240518);
+    std::vector<std::string> sound;
+    Attributes signature, subscription;
+
+    service.custom = [](ubus_request_data *, const std::string &, blob_attr *) { return 0; };
+    blob_put_string(&signature.buf, UBUS_ATTR_OBJPATH, "odd");
+    void *list = blob_nest_start(&signature.buf, UBUS_ATTR_SIGNATURE);
+    blobmsg_close_table(&signature.buf, blobmsg_open_table(&signature.buf, "method"));
+    blob_nest_end(&signature.buf, list);
+    sound.push_back(Wire::message(UBUS_MSG_ADD_OBJECT, 1, 0, signature.buf));
+    sound.push_back(invocation(service.object()->id, "echo", R"({"a":{"b":[1,"x"]}})"));
+    sound.push_back(invocation(service.object()->id, "custom", R"({"a":{"b":[1,"x"]}})"));
+    sound.push_back(invocation(UBUS_SYSTEM_OBJECT_EVENT, "send", R"({"id":"x","data":{"y":[]}})"));
+    sound.push_back(invocation(UBUS_SYSTEM_OBJECT_EVENT, "register", R"({"object":1025,"pattern":"*"})"));
+    for (int round = 0; round < 150; round++) {
+        Wire wire(socket);
+        for (int i = 0; i < 20; i++) {
+            std::string bytes = sound[random() % sound.size()];
+            for (unsigned flips = random() % 4; flips > 0; flips--) {
+                // Behind the outer length, where the damage reaches the content.
+                const size_t at = 12 + random() % (bytes.size() - 12);
+                bytes[at] =
+                    static_cast<char>(random() % 2 ? random() : unsigned(bytes[at]) + random() % 9 - 4);
+            }
+            wire.send(bytes);
+        }
+        uloop_run_timeout(0);
+    }
+    EXPECT_EQ(caller.call("service", "echo").status, UBUS_STATUS_OK);
+    EXPECT_THAT(ubus({"list", "-v"}).output, HasSubstr("'service' @"));
+}
+
+TEST_F(Bus, AClientThatDoesNotReadIsDroppedAndHarmsNobody) {
+    Wire stuck(socket);
+    Peer sender(socket), listener(socket);
+    struct Handler : ubus_event_handler {
+        int seen;
+    } handler{};
+    const uint32_t object = add_object(stuck);
+    stuck.send(invocation(UBUS_SYSTEM_OBJECT_EVENT, "register",
+                          "{\"object\":" + std::to_string(int32_t(object)) + ",\"pattern\":\"*\"}"));
+    ASSERT_EQ(stuck.receive().status, UBUS_STATUS_OK);
+    handler.cb = [](ubus_context *, ubus_event_handler *ev, const char *, blob_attr *) {
+        static_cast<Handler *>(ev)->seen++;
+    };
+    ASSERT_EQ(ubus_register_event_handler(listener.get(), &handler, "flood"), 0);
+
+    Json message("{\"x\":\"" + std::string(100000, 'x') + "\"}");
+    for (int i = 0; i < 100; i++) {
+        ASSERT_EQ(ubus_send_event(sender.get(), "flood", message.head()), UBUS_STATUS_OK);
+        uloop_run_timeout(0);
+    }
+    ASSERT_TRUE(pump_until([&] { return handler.seen == 100; })) << handler.seen;
+    int received = 0;
+    while (stuck.receive().type >= 0)
+        received++;
+    EXPECT_LT(received, 100);
+    ubus_unregister_event_handler(listener.get(), &handler);
+}
+
+TEST_F(Bus, TheDaemonRespectsWhatIsAtItsSocket) {
+    const auto run = [](const std::vector<std::string> &arguments) {
+        Program program(arguments);
+        const int status = program.finish();
+        return std::make_pair(status, program.errors());
+    };
+    // One that is served, a file, and a directory that cannot be made.
+    EXPECT_THAT(run({UBUSD, "-s", socket}), testing::Pair(1, HasSubstr("in use")));
+    std::ofstream(directory + "/file") << "precious";
+    EXPECT_THAT(run({UBUSD, "-s", directory + "/file"}), testing::Pair(1, HasSubstr("not a socket")));
+    EXPECT_THAT(run({UBUSD, "-s", directory + "/file/x"}), testing::Pair(1, HasSubstr("cannot make")));
+    EXPECT_THAT(run({UBUSD, "-s", directory + "/" + std::string(200, 'x')}),
+                testing::Pair(1, HasSubstr("cannot listen")));
+    EXPECT_THAT(run({UBUSD, "-x"}), testing::Pair(1, HasSubstr("Usage")));
+    EXPECT_THAT(run({UBUSD, "stray"}), testing::Pair(1, HasSubstr("stray")));
+    EXPECT_EQ(ubus({"list"}).status, 0);
+
+    // One that a killed daemon has left behind.
+    daemon->signal(SIGKILL);
+    EXPECT_EQ(daemon->finish(), -SIGKILL);
+    EXPECT_EQ(access(socket.c_str(), F_OK), 0);
+    start_daemon();
+    EXPECT_EQ(ubus({"list"}).status, 0);
+    EXPECT_EQ(stop_daemon(), 0);
+    EXPECT_NE(access(socket.c_str(), F_OK), 0);
+}
+
+}  // namespace
+}  // namespace arvok

@@ -1,0 +1,393 @@
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+extern "C" {
+#include <libubox/uloop.h>
+#include <libubox/usock.h>
+}
+
+namespace arvok {
+namespace {
+
+using testing::ElementsAre;
+
+struct Timer : uloop_timeout {
+    std::function<void()> action;
+
+    explicit Timer(std::function<void()> what = {}) : uloop_timeout{}, action(std::move(what)) {
+        cb = [](uloop_timeout *timer) {
+            // A copy: the action may free this timer.
+            const auto act = static_cast<Timer *>(timer)->action;
+            act();
+        };
+    }
+    ~Timer() { uloop_timeout_cancel(this); }
+    Timer(const Timer &) = delete;
+};
+
+struct Pair {
+    int ends[2];
+
+    Pair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0); }
+    ~Pair() {
+        close(ends[0]);
+        close(ends[1]);
+    }
+    void send(const std::string &text) {
+        EXPECT_EQ(write(ends[1], text.data(), text.size()), ssize_t(text.size()));
+    }
+};
+
+struct Watch : uloop_fd {
+    std::function<void(unsigned int)> action;
+
+    explicit Watch(int descriptor) : uloop_fd{} {
+        fd = descriptor;
+        cb = [](uloop_fd *watch, unsigned int events) {
+            const auto act = static_cast<Watch *>(watch)->action;
+            act(events);
+        };
+    }
+    ~Watch() { uloop_fd_delete(this); }
+    Watch(const Watch &) = delete;
+};
+
+class Loop : public testing::Test {
+  protected:
+    Loop() { EXPECT_EQ(uloop_init(), 0); }
+    ~Loop() override { uloop_done(); }
+
+    // Runs to the end that the test itself makes.
+    void run() {
+        bool in_time = true;
+        Timer limit([&] {
+            in_time = false;
+            uloop_end();
+        });
+        uloop_timeout_set(&limit, 10000);
+        uloop_run();
+        EXPECT_TRUE(in_time);
+    }
+
+    std::vector<std::string> log;
+};
+
+TEST_F(Loop, TimersRunInTheOrderOfTheirExpiryAndThenOfArming) {
+    auto entry = [this](const char *name) { return [this, name] { log.emplace_back(name); }; };
+    Timer a(entry("a")), b(entry("b")), c(entry("c")), moved(entry("moved")), now(entry("now"));
+    Timer end([] { uloop_end(); });
+
+    uloop_timeout_set(&moved, 1);
+    uloop_timeout_set(&end, 60);
+    uloop_timeout_set(&c, 30);
+    uloop_timeout_set(&a, 10);
+    uloop_timeout_set(&b, 10);
+    uloop_timeout_set(&moved, 31);  // armed again: only the last time counts
+    uloop_timeout_set(&now, -5);
+    run();
+    EXPECT_THAT(log, ElementsAre("now", "a", "b", "c", "moved"));
+}
+
+TEST_F(Loop, ACallbackMayCancelFreeAndArmAnyTimer) {
+    auto freed = std::make_unique<Timer>([this] { log.emplace_back("freed"); });
+    Timer cancelled([this] { log.emplace_back("cancelled"); });
+    std::unique_ptr<Timer> itself;
+    Timer again;
+    int rounds = 0;
+
+    itself = std::make_unique<Timer>([&] {
+        log.emplace_back("itself");
+        freed.reset();
+        uloop_timeout_cancel(&cancelled);
+        itself.reset();
+    });
+    again.action = [&] {
+        if (++rounds == 3)
+            uloop_end();
+        else
+            uloop_timeout_set(&again, 0);
+    };
+    uloop_timeout_set(itself.get(), 0);
+    uloop_timeout_set(freed.get(), 0);
+    uloop_timeout_set(&cancelled, 0);
+    uloop_timeout_set(&again, 5);
+    run();
+    EXPECT_THAT(log, ElementsAre("itself"));
+    EXPECT_EQ(rounds, 3);
+}
+
+TEST_F(Loop, ATimerTellsItsTimeAndIsForgottenAtTheEnd) {
+    Timer timer([this] { log.emplace_back("late"); });
+
+    EXPECT_EQ(uloop_timeout_cancel(&timer), -1);
+    EXPECT_EQ(uloop_timeout_remaining64(&timer), -1);
+    uloop_timeout_set(&timer, 30000);
+    EXPECT_TRUE(timer.pending);
+    EXPECT_NEAR(double(uloop_timeout_remaining64(&timer)), 30000, 1000);
+    EXPECT_EQ(uloop_timeout_cancel(&timer), 0);
+
+    // Forgotten with the loop: neither called nor pending in the next one.
+    uloop_timeout_set(&timer, 0);
+    uloop_done();
+    EXPECT_FALSE(timer.pending);
+    ASSERT_EQ(uloop_init(), 0);
+    uloop_run_timeout(0);
+    EXPECT_TRUE(log.empty());
+}
+
+TEST_F(Loop, ADescriptorDeletedAndFreedByItsSiblingIsNotCalled) {
+    Pair one, two;
+    auto first = std::make_unique<Watch>(one.ends[0]);
+    auto second = std::make_unique<Watch>(two.ends[0]);
+    int calls = 0;
+
+    first->action = [&](unsigned int) {
+        calls++;
+        second.reset();
+    };
+    second->action = [&](unsigned int) {
+        calls++;
+        first.reset();
+    };
+    one.send("x");
+    two.send("x");
+    ASSERT_EQ(uloop_fd_add(first.get(), ULOOP_READ), 0);
+    ASSERT_EQ(uloop_fd_add(second.get(), ULOOP_READ), 0);
+    uloop_run_timeout(1000);
+    EXPECT_EQ(calls, 1);
+    EXPECT_NE(first == nullptr, second == nullptr);
+}
+
+TEST_F(Loop, LevelsAreReportedUntilTheyAreServedAndEdgesOnce) {
+    for (const bool edge : {false, true}) {
+        Pair pair;
+        Watch watch(pair.ends[0]);
+        int calls = 0;
+
+        watch.action = [&](unsigned int events) {
+            EXPECT_EQ(events, unsigned(ULOOP_READ));
+            calls++;
+        };
+        pair.send("x");
+        ASSERT_EQ(uloop_fd_add(&watch, ULOOP_READ | (edge ? ULOOP_EDGE_TRIGGER : 0)), 0);
+        for (int i = 0; i < 3; i++)
+            uloop_run_timeout(0);
+        EXPECT_EQ(calls, edge ? 1 : 3);
+        // Arming again reports an edge anew.
+        uloop_fd_add(&watch, ULOOP_READ | (edge ? ULOOP_EDGE_TRIGGER : 0));
+        uloop_run_timeout(0);
+        EXPECT_EQ(calls, edge ? 2 : 4);
+    }
+}
+
+TEST_F(Loop, BlockingModeIsTheCallersChoice) {
+    Pair pair;
+    Watch watch(pair.ends[0]);
+
+    uloop_fd_add(&watch, ULOOP_READ | ULOOP_BLOCKING);
+    EXPECT_EQ(fcntl(watch.fd, F_GETFL) & O_NONBLOCK, 0);
+    uloop_fd_delete(&watch);
+    uloop_fd_add(&watch, ULOOP_READ);
+    EXPECT_NE(fcntl(watch.fd, F_GETFL) & O_NONBLOCK, 0);
+}
+
+TEST_F(Loop, AHangUpIsReportedOnce) {
+    Pair pair;
+    Watch watch(pair.ends[0]);
+    int calls = 0;
+
+    watch.action = [&](unsigned int) { calls++; };
+    uloop_fd_add(&watch, ULOOP_READ);
+    shutdown(pair.ends[1], SHUT_RDWR);
+    shutdown(pair.ends[0], SHUT_RDWR);
+    for (int i = 0; i < 3; i++)
+        uloop_run_timeout(0);
+    EXPECT_EQ(calls, 1);
+    EXPECT_TRUE(watch.eof && watch.error);
+    EXPECT_FALSE(watch.registered);
+}
+
+TEST_F(Loop, ARunInsideACallbackServesTheOthersAndNotTheEdgeInProgress) {
+    Pair outer, other;
+    Watch watch(outer.ends[0]), sibling(other.ends[0]);
+    int depth = 0;
+
+    watch.action = [&](unsigned int) {
+        char c;
+
+        EXPECT_EQ(++depth, 1);
+        log.emplace_back("watch");
+        while (read(watch.fd, &c, 1) == 1)
+            ;
+        if (log.size() == 1) {
+            // Both edges come while this callback runs: the sibling's is served now, its own afterwards.
+            outer.send("y");
+            other.send("y");
+            for (int i = 0; i < 3; i++)
+                uloop_run_timeout(0);
+        } else {
+            uloop_end();
+        }
+        depth--;
+    };
+    sibling.action = [&](unsigned int) { log.emplace_back("sibling"); };
+    outer.send("x");
+    uloop_fd_add(&watch, ULOOP_READ | ULOOP_EDGE_TRIGGER);
+    uloop_fd_add(&sibling, ULOOP_READ | ULOOP_EDGE_TRIGGER);
+    run();
+    EXPECT_THAT(log, ElementsAre("watch", "sibling", "watch"));
+}
+
+TEST_F(Loop, EdgesThatWereFoundAndNotServedAreNotLost) {
+    Pair one, two;
+    Watch first(one.ends[0]), second(two.ends[0]);
+    int calls = 0;
+
+    first.action = second.action = [&](unsigned int) {
+        calls++;
+        uloop_end();
+    };
+    one.send("x");
+    two.send("x");
+    uloop_fd_add(&first, ULOOP_READ | ULOOP_EDGE_TRIGGER);
+    uloop_fd_add(&second, ULOOP_READ | ULOOP_EDGE_TRIGGER);
+    run();
+    EXPECT_EQ(calls, 1);
+    run();
+    EXPECT_EQ(calls, 2);
+}
+
+TEST_F(Loop, TerminationSignalsEndEveryRunAndTheProcessHasItsHandlersBack) {
+    for (const int number : {SIGTERM, SIGINT}) {
+        Timer nested([&] {
+            raise(number);
+            // The inner run must not swallow it.
+            EXPECT_EQ(uloop_run(), number);
+        });
+        Timer limit([] { FAIL() << "still running"; });
+
+        uloop_timeout_set(&nested, 0);
+        uloop_timeout_set(&limit, 10000);
+        EXPECT_EQ(uloop_run(), number);
+        struct sigaction action {};
+        sigaction(number, nullptr, &action);
+        EXPECT_EQ(action.sa_handler, SIG_DFL);
+    }
+    // One that the process ignores stays ignored, and the next run is not affected by the last.
+    std::signal(SIGINT, SIG_IGN);
+    raise(SIGINT);
+    Timer end([] { uloop_end(); });
+    Timer ignored([] { raise(SIGINT); });
+    uloop_timeout_set(&ignored, 0);
+    uloop_timeout_set(&end, 20);
+    EXPECT_EQ(uloop_run(), 0);
+    std::signal(SIGINT, SIG_DFL);
+}
+
+TEST_F(Loop, ASignalFromOutsideWakesAWaitingLoop) {
+    Pair pair;
+    const pid_t child = fork();
+    if (child == 0) {
+        char go;
+        const bool told = read(pair.ends[0], &go, 1) == 1;
+        kill(getppid(), SIGTERM);
+        _exit(told ? 0 : 1);
+    }
+    Timer running([&] { pair.send("x"); });
+    uloop_timeout_set(&running, 0);
+    EXPECT_EQ(uloop_run(), SIGTERM);
+    int status = 1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+struct Process : uloop_process {
+    std::function<void(int)> action;
+
+    explicit Process(const std::function<void()> &body) : uloop_process{} {
+        cb = [](uloop_process *process, int status) { static_cast<Process *>(process)->action(status); };
+        pid = fork();
+        if (pid == 0) {
+            body();
+            _exit(7);
+        }
+    }
+};
+
+TEST_F(Loop, ChildrenAreReportedWithTheirStatusAlsoWhenTheyEndedBefore) {
+    Process early([] {});
+    Process killed([] { pause(); });
+    Process foreign([] {});
+    std::vector<int> codes;
+
+    siginfo_t info{};
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(early.pid), &info, WEXITED | WNOWAIT), 0);
+    early.action = [&](int status) {
+        codes.push_back(WEXITSTATUS(status));
+        kill(killed.pid, SIGKILL);
+    };
+    killed.action = [&](int status) {
+        codes.push_back(WTERMSIG(status));
+        uloop_end();
+    };
+    EXPECT_EQ(uloop_process_add(&early), 0);
+    EXPECT_EQ(uloop_process_add(&early), -1);
+    uloop_process_add(&killed);
+    run();
+    EXPECT_THAT(codes, ElementsAre(7, SIGKILL));
+    EXPECT_EQ(uloop_process_delete(&early), -1);
+    // A child that is not watched is left to whoever started it.
+    int status = 0;
+    EXPECT_EQ(waitpid(foreign.pid, &status, 0), foreign.pid);
+    EXPECT_EQ(WEXITSTATUS(status), 7);
+}
+
+TEST_F(Loop, SocketsConnectListenAndRefuse) {
+    const int server = usock(USOCK_TCP | USOCK_SERVER | USOCK_NUMERIC | USOCK_IPV4ONLY, "127.0.0.1", "0");
+    ASSERT_GE(server, 0);
+    sockaddr_storage bound{};
+    socklen_t size = sizeof(bound);
+    ASSERT_EQ(getsockname(server, reinterpret_cast<sockaddr *>(&bound), &size), 0);
+    uint16_t port;
+    memcpy(&port, reinterpret_cast<char *>(&bound) + 2, sizeof(port));
+    const std::string service = std::to_string(ntohs(port));
+
+    const int client = usock(USOCK_TCP | USOCK_NUMERIC, "127.0.0.1", service.c_str());
+    EXPECT_GE(client, 0);
+    EXPECT_NE(fcntl(client, F_GETFD) & FD_CLOEXEC, 0);
+    EXPECT_EQ(fcntl(client, F_GETFL) & O_NONBLOCK, 0);
+    close(client);
+    // The port can be taken again at once.
+    close(server);
+    const int again =
+        usock(USOCK_TCP | USOCK_SERVER | USOCK_NUMERIC | USOCK_NOCLOEXEC, "127.0.0.1", service.c_str());
+    EXPECT_GE(again, 0);
+    EXPECT_EQ(fcntl(again, F_GETFD) & FD_CLOEXEC, 0);
+    close(again);
+
+    EXPECT_EQ(usock(USOCK_TCP | USOCK_NUMERIC, "127.0.0.1", service.c_str()), -1);
+    EXPECT_EQ(errno, ECONNREFUSED);
+    EXPECT_EQ(usock(USOCK_TCP | USOCK_NUMERIC, "localhost", service.c_str()), -1);
+    EXPECT_EQ(usock(USOCK_UNIX, "/nonexistent/socket", nullptr), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(usock(USOCK_UNIX, std::string(200, 'x').c_str(), nullptr), -1);
+    // A refusal that is not waited for is no failure yet.
+    const int late = usock(USOCK_TCP | USOCK_NUMERIC | USOCK_NONBLOCK, "127.0.0.1", service.c_str());
+    if (late >= 0)
+        close(late);
+    else
+        EXPECT_EQ(errno, ECONNREFUSED);
+}
+
+}  // namespace
+}  // namespace arvok
