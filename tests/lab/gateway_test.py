@@ -109,6 +109,10 @@ class GatewayTest(unittest.TestCase):
         self.assertEqual([entry["direction"] for entry in record], ["rx", "tx"] * 10)
         self.assertEqual([entry["encrypted"] for entry in record], [False] * 4 + [True] * 16)
         self.assertEqual([entry["number"] for entry in record], sorted(entry["number"] for entry in record))
+        self.assertEqual(self.call("messages", {"direction": "tx", "after": record[-4]["number"]})["messages"],
+                         [record[-3], record[-1]])
+        self.assertEqual(self.call("messages", {"type": "dev_reg", "clear": True})["messages"], [record[4]])
+        self.assertEqual(self.call("messages")["messages"], [])
 
     def test_shared_number_of_fifteen_bytes(self):
         point = self.connect(negotiated=False)
@@ -146,7 +150,6 @@ class GatewayTest(unittest.TestCase):
             "type is a number": frame(b"{\"type\":1,\"sequence\":0}"),
             "no sequence": frame(json.dumps({**good, "sequence": "0"}).encode()),
             "other key modes": frame(json.dumps({**good, "keymodelist": [{"keymode": "DH"}, 7]}).encode()),
-            "key before request": frame(b"{\"type\":\"dh\",\"sequence\":1}"),
         }
         for name, data in plain.items():
             with self.subTest(name), AccessPoint(self.port) as point:
@@ -172,6 +175,9 @@ class GatewayTest(unittest.TestCase):
                 point.ask_for_key()
                 with self.assertRaises(Ended):
                     point.exchange(**changes)
+
+        with self.subTest("key before request"), AccessPoint(self.port) as point, self.assertRaises(Ended):
+            point.exchange()
 
         for name, data in {"not encrypted": frame(b"x" * 15), "another key": frame(b"x" * 32)}.items():
             with self.subTest(name), AccessPoint(self.port) as point:
@@ -242,8 +248,10 @@ class GatewayTest(unittest.TestCase):
         point = self.connect()
         self.call("send", {"type": "cfg", "sequence": 5})
         self.assertEqual(point.receive()["sequence"], 5)
-        self.call("send", {"message": {"type": "cfg"}, "split": 3, "interval": 1})
-        self.assertEqual(point.receive()["type"], "cfg")
+        self.call("send", {"message": {"type": "cfg"}, "split": 48, "interval": 400})
+        piece = point.socket.recv(1000)
+        self.assertEqual(len(piece), 48)
+        point.read(8 + int.from_bytes(piece[4:8], "big") - 48)
         self.call("send", {"message": {"type": "cfg", "sequence": 100}, "repeat": 3})
         self.assertEqual([point.receive()["sequence"] for _ in range(3)], [100, 101, 102])
         self.call("send", {"message": {"type": "cfg"}, "encrypt": False})

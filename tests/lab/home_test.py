@@ -232,6 +232,17 @@ class HomeTest(unittest.TestCase):
                 self.assertEqual(done.returncode, status, done.stderr)
                 self.assertIn(text, done.stderr)
 
+    def test_tour_with_a_step_that_does_not_happen(self):
+        script = """
+            ubus call lab.gateway misbehave '{"fault":"drop","on":"dev_reg"}'
+            lab-ap arvokclt -g 192.168.1.1 >$LAB_DIR/agent.log 2>&1 &
+            """ + os.path.join(REPO, "lab/tour") + " --deadline 2"
+        done = home("--no-agent", "--", "sh", "-c", script, env=self.env)
+        self.assertEqual(done.returncode, 1, done.stderr)
+        for text in ("FAILED: the acknowledgement of sequence 2 did not come within 2 s", '-> {"type":"dev_reg"',
+                     "7 of 10 steps happened"):
+            self.assertIn(text, done.stdout)
+
     def test_start_that_fails(self):
         broken = os.path.join(self.folder, "broken.json")
         with open(broken, "w", encoding="ascii") as file:
