@@ -2,9 +2,9 @@
 
 #include <unistd.h>
 
-#include <cctype>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "common/identity.h"
 #include "common/text.h"

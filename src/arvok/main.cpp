@@ -3,8 +3,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdlib>
-
 #include "arvok/options.h"
 #include "common/text.h"
 #include "context.h"

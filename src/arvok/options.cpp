@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "common/files.h"
 #include "common/network.h"
@@ -106,11 +105,13 @@ void apply_test_mode() {
         return;
     g_ctx.debug = 1;
     g_ctx.gw_addr_set = 1;
-    std::memset(g_ctx.gw_addr, 0, sizeof g_ctx.gw_addr);
-    const int len = _read_file(test_mode_file, g_ctx.gw_addr, sizeof g_ctx.gw_addr);
-    if (len > 0 && g_ctx.gw_addr[len - 1] == '\n')
-        g_ctx.gw_addr[len - 1] = '\0';
-    g_ctx.gw_addr[sizeof g_ctx.gw_addr - 1] = '\0';
+    char address[sizeof g_ctx.gw_addr + 1] = "";
+    const int len = _read_file(test_mode_file, address, sizeof g_ctx.gw_addr);
+    if (len <= 0)
+        return;
+    if (address[len - 1] == '\n')
+        address[len - 1] = '\0';
+    _strlcpy(g_ctx.gw_addr, address, sizeof g_ctx.gw_addr);
 }
 
 }  // namespace arvok

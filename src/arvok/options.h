@@ -7,7 +7,8 @@ namespace arvok {
 /// for -h and for everything that is not an option or has no valid argument, with status 255.
 void parse_options(int argc, char **argv);
 
-/// When the test-mode marker exists: debug mode, and the gateway address is what the file holds.
+/// When the test-mode marker exists: debug mode, and the gateway address is what the file holds, if it holds
+/// anything.
 void apply_test_mode();
 
 }  // namespace arvok

@@ -12,7 +12,6 @@
 #include <cstdint>
 #include <list>
 #include <memory>
-#include <string>
 
 #include "common/crypto.h"
 #include "common/json.h"
@@ -37,11 +36,13 @@ struct bus_subscription {
     std::int32_t from_cloud;  ///< who asked: 0 the gateway, 1 the cloud
 };
 
-/// When the agent first saw a host active.
+/// When the agent first saw a host active. Hosts that change their MACs must not fill the memory of a device
+/// that runs for years: beyond first_online_max the oldest records go.
 struct first_online {
-    std::string mac;
+    char mac[32];
     std::int64_t time;  ///< seconds since the epoch
 };
+constexpr std::size_t first_online_max = 1024;
 
 /// Device actions that wait until the reply has been sent.
 enum arvok_action : std::uint32_t { action_bridge = 1, action_reboot = 2, action_reset = 4 };

@@ -108,7 +108,7 @@ int arvok_dh(const cJSON *root, reply_context &context) {
     }
     ec->dh.server_pub = std::move(peer_pub);
     gen_client_dh_aes_key(ec->dh);
-    update_dev_info();
+    update_dev_info();  // the gateway is told what the device is now, not what it was at the start
     send_registration();
     ec->reports_pending = 1;
     ec->linked = 1;

@@ -1,7 +1,5 @@
 // What the device tells the gateway on its own. Reports are built at once and sent on the loop's next turn.
 
-#include <iterator>
-
 #include "arvok_client/arvok_client.h"
 #include "common/clock.h"
 #include "common/text.h"
@@ -51,11 +49,16 @@ void send_arvok_lan_report() {
 }
 
 std::int64_t arvok_first_online(const char *mac) {
+    mac = text_or_empty(mac);
     for (const first_online &seen : ec->first_online_list)
-        if (_strcasecmp(seen.mac.c_str(), mac) == 0)
+        if (_strcasecmp(seen.mac, mac) == 0)
             return seen.time;
-    ec->first_online_list.push_front({text_or_empty(mac), static_cast<std::int64_t>(wall_clock())});
-    return ec->first_online_list.front().time;
+    if (ec->first_online_list.size() >= first_online_max)
+        ec->first_online_list.pop_back();
+    first_online &now = ec->first_online_list.emplace_front();
+    _strlcpy(now.mac, mac, sizeof now.mac);
+    now.time = wall_clock();
+    return now.time;
 }
 
 }  // namespace arvok

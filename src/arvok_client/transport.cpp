@@ -92,7 +92,8 @@ void connect_link() {
         return;
     qzcap_printf("[INFO] (arvok) connect \"%s:%s\" (%d)\n", address, link_port, g_ctx.gw_default_tried);
 
-    errno = EINVAL;  // what a text that is no address leaves
+    // Numeric, because resolving a name would stop the loop; a text that is no address leaves errno as it is.
+    errno = EINVAL;
     const int fd = usock(USOCK_TCP | USOCK_NONBLOCK | USOCK_NUMERIC, address, link_port);
     if (fd <= 0) {
         qzcap_printf("[ERROR] (arvok) create socket failed: %s\n", std::strerror(errno));

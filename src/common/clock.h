@@ -6,7 +6,8 @@
 
 namespace arvok {
 
-/// Seconds since the epoch. The one place where the agent asks for the wall clock: tests put their own here.
+/// Seconds since the epoch. What the agent does at a time of day asks here and nowhere else: tests put their
+/// own clock in.
 extern std::time_t (*wall_clock)();
 
 /// Broken-down China Standard Time of `t`. Static storage of the C library; valid until the next call.

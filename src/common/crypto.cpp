@@ -108,7 +108,7 @@ int _do_rsa_encrypt(const void *in, int inlen, bytes_ptr &out, const char *pem) 
         return 0;
     }
     const pkey_ptr key(PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr));
-    if (!key || EVP_PKEY_base_id(key.get()) != EVP_PKEY_RSA) {
+    if (!key || EVP_PKEY_base_id(key.get()) != EVP_PKEY_RSA || EVP_PKEY_size(key.get()) <= 0) {
         qzcap_printf("[ERROR] failed to get rsa :\n%s\n", pem);
         return 0;
     }

@@ -50,7 +50,7 @@ struct dh_key {
     text_ptr g;           ///< generator
     text_ptr client_pub;  ///< public value of the side that chose the parameters
     text_ptr server_pub;  ///< public value of the other side
-    bytes_ptr aes_key;    ///< shared secret; its first aes_key_size bytes are the key. Null until agreed.
+    bytes_ptr aes_key;    ///< shared secret; its first aes_key_size bytes are the key. Null until computed.
 };
 
 /// Releases every field. Safe on a cleared record.
@@ -60,7 +60,8 @@ void free_dh_key(dh_key &key);
 void gen_client_dh_key(dh_key &key);
 
 /// Computes aes_key from server_pub. A shared number with leading zero bytes gives a shorter secret, which is
-/// logged and used left-aligned in the zero-filled key. Without a usable server_pub there is no aes_key.
+/// logged and used left-aligned in the zero-filled key. A server_pub that does not decode leaves aes_key as
+/// it was; one that is no public value of the group leaves an all-zero key, logged with length -1.
 void gen_client_dh_aes_key(dh_key &key);
 
 /// The other side: takes p, g and client_pub, fills dh, aes_key and server_pub.

@@ -3,8 +3,6 @@
 
 #include <openssl/bn.h>
 
-#include <cstring>
-
 extern "C" {
 #include <qzcap.h>
 }
@@ -24,9 +22,7 @@ constexpr BN_ULONG generator = 2;
 // For generator 2 the safe prime is 23 modulo 24, which makes 2 generate the subgroup of prime order.
 bool choose_parameters(dh_object &dh) {
     const bignum_ptr add(BN_new()), rem(BN_new());
-    dh.p.reset(BN_new());
-    dh.g.reset(BN_new());
-    return add && rem && dh.p && dh.g && BN_set_word(add.get(), 24) && BN_set_word(rem.get(), 23) &&
+    return add && rem && BN_set_word(add.get(), 24) && BN_set_word(rem.get(), 23) &&
            BN_generate_prime_ex(dh.p.get(), prime_bits, 1, add.get(), rem.get(), nullptr) &&
            BN_set_word(dh.g.get(), generator);
 }
@@ -107,7 +103,11 @@ void free_dh_key(dh_key &key) {
 void gen_client_dh_key(dh_key &key) {
     static constexpr char self[] = "gen_client_dh_key";
     free_dh_key(key);
-    key.dh = std::make_unique<dh_object>();
+    key.dh = std::make_unique<dh_object>(dh_object{bignum_ptr(BN_new()), bignum_ptr(BN_new()), nullptr});
+    if (!key.dh->p || !key.dh->g) {
+        qzcap_printf("[ERROR] %s new failed\n", self);
+        return;
+    }
     if (!choose_parameters(*key.dh)) {
         qzcap_printf("[ERROR] %s generate parameters failed\n", self);
         return;

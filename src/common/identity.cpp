@@ -5,11 +5,11 @@
 #include <unistd.h>
 #include <uuid/uuid.h>
 
-#include <cctype>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
+
+#include "common/clock.h"
 
 namespace arvok {
 namespace {
@@ -28,7 +28,7 @@ void seed_generator() {
         }
     }
     if (seed == 0)
-        seed = static_cast<std::uint32_t>(std::time(nullptr));
+        seed = static_cast<std::uint32_t>(wall_clock());
     std::srand(seed);
 }
 

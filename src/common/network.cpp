@@ -90,38 +90,36 @@ bool receive_routes(int fd, route_dump &dump) {
     }
 }
 
-// What one route message says. The gateway's text is left in `gateway` even when the route is then passed
-// over.
-enum class route { answer, passed_over };
-
-route read_route(const unsigned char *attrs, std::size_t len, int skip_bridge, const char *exclude,
-                 char *gateway) {
-    char interface[IF_NAMESIZE] = "";
+// Reads the gateway of one route message into `gateway`, which is cleared first. True when it is the answer:
+// a gateway through a known interface, neither of which is to be passed over.
+bool read_route(const unsigned char *attrs, std::size_t len, int skip_bridge, const char *exclude,
+                char *gateway) {
     gateway[0] = '\0';
     while (len >= sizeof(rtattr)) {
         rtattr attr;
         std::memcpy(&attr, attrs, sizeof attr);
         if (attr.rta_len < sizeof attr || attr.rta_len > len)
-            break;
+            return false;
         const unsigned char *value = attrs + RTA_LENGTH(0);
         const std::size_t value_len = attr.rta_len - RTA_LENGTH(0);
         if (attr.rta_type == RTA_GATEWAY && value_len >= sizeof(in_addr)) {
             inet_ntop(AF_INET, value, gateway, INET_ADDRSTRLEN);
             if (exclude && std::strcmp(exclude, gateway) == 0)
-                return route::passed_over;
+                return false;
         } else if (attr.rta_type == RTA_OIF && value_len >= sizeof(std::uint32_t) && gateway[0]) {
+            char interface[IF_NAMESIZE];
             std::uint32_t index;
             std::memcpy(&index, value, sizeof index);
             if (if_indextoname(index, interface))
-                break;
+                return !(skip_bridge && std::strncmp(interface, "br", 2) == 0);
         }
         const std::size_t step = RTA_ALIGN(attr.rta_len);
         if (step >= len)
-            break;
+            return false;
         attrs += step;
         len -= step;
     }
-    return skip_bridge && std::strncmp(interface, "br", 2) == 0 ? route::passed_over : route::answer;
+    return false;
 }
 
 void find_gateway(const route_dump &dump, int skip_bridge, const char *exclude, char *gateway) {
@@ -132,7 +130,7 @@ void find_gateway(const route_dump &dump, int skip_bridge, const char *exclude, 
         if (header.nlmsg_len < attrs_offset || header.nlmsg_len > dump.len - at)
             return;
         if (read_route(dump.bytes + at + attrs_offset, header.nlmsg_len - attrs_offset, skip_bridge, exclude,
-                       gateway) == route::answer)
+                       gateway))
             return;
         const std::size_t step = NLMSG_ALIGN(header.nlmsg_len);
         if (step >= dump.len - at)

@@ -2,8 +2,10 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 
@@ -32,7 +34,7 @@ struct utask_task {
     utask_fn done;
 };
 
-int write_fd = -1;
+std::atomic<int> write_fd{-1};
 uloop_fd reader{};
 
 // One wake-up drains every complete task; whatever else read() says ends the pass.
@@ -41,6 +43,21 @@ void read_cb(uloop_fd *watch, unsigned int) {
     while (read(watch->fd, &t, sizeof t) == static_cast<ssize_t>(sizeof t))
         if (t.fn)
             t.fn(t.arg);
+}
+
+// What is still queued when everything ends: a task with an argument runs, so that it can let go of it, which
+// is all that is left to do with the modules gone; one without owns nothing. Tasks that these queue are not
+// waited for.
+void release_queued_tasks() {
+    int queued = 0;
+    ioctl(reader.fd, FIONREAD, &queued);
+    task t;
+    for (; queued >= static_cast<int>(sizeof t); queued -= static_cast<int>(sizeof t)) {
+        if (read(reader.fd, &t, sizeof t) != static_cast<ssize_t>(sizeof t))
+            return;
+        if (t.fn && t.arg)
+            t.fn(t.arg);
+    }
 }
 
 void *worker(void *record) {
@@ -68,12 +85,11 @@ void utask_init() {
 }
 
 void utask_done() {
-    read_cb(&reader,
-            ULOOP_READ);  // what is still queued owns its argument; with the modules gone it only lets go
+    release_queued_tasks();
+    const int writer = write_fd.exchange(-1);  // a worker that ends only now is refused
     uloop_fd_delete(&reader);
     close(reader.fd);
-    close(write_fd);
-    write_fd = -1;
+    close(writer);
     uloop_done();
 }
 

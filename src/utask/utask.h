@@ -16,7 +16,8 @@ using utask_fn = void (*)(void *arg);
 /// module.
 void utask_init();
 
-/// Closes the pipe and the loop library. After every other module.
+/// Closes the pipe and the loop library. After every other module. Of the tasks still queued, those with an
+/// argument run once more, to release it.
 void utask_done();
 
 /// Queues `fn(arg)` for the loop thread; a null `fn` is queued and dropped. From any thread. Returns 0, or -1

@@ -97,6 +97,13 @@ TEST(AesEcb, RefusesWhatIsNotItsOwn) {
               std::string::npos);
 }
 
+// An elliptic-curve key.
+constexpr char other_kind_of_key[] =
+    "-----BEGIN PUBLIC KEY-----\n"
+    "MFkwEwYHKoZIzj0CAQYIKoZIzj0DAQcDQgAEKrBAR/E049UIx+3N2wE840wyejkb\n"
+    "K5W1L8HHueH+RxJOBP7NdzgtvVqge6I0Legw9+UAxAFGqzDqLreX7zekzw==\n"
+    "-----END PUBLIC KEY-----\n";
+
 class Rsa : public ::testing::TestWithParam<int> {
   protected:
     void SetUp() override {
@@ -131,33 +138,34 @@ class Rsa : public ::testing::TestWithParam<int> {
 
 TEST_P(Rsa, FillsUpToWholeBlocksOfTheModulus) {
     const int k = GetParam() / 8;
-    for (int n : {0, 10, k - 1, k, k + 3}) {
-        std::string plain(static_cast<std::size_t>(n), '\x01');
+    struct {
+        int key_bytes, in, out;
+        unsigned char filler;
+    } const cases[] = {{128, 10, 128, 118}, {128, 127, 128, 1}, {128, 128, 256, 128}, {128, 131, 256, 125},
+                       {256, 10, 256, 246}, {256, 255, 256, 1}, {256, 256, 512, 0}};
+    for (const auto &c : cases) {
+        if (c.key_bytes != k)
+            continue;
+        const std::string plain(static_cast<std::size_t>(c.in), '\x01');
         bytes_ptr cipher;
-        const int total = (n / k + 1) * k;
-        ASSERT_EQ(_do_rsa_encrypt(plain.data(), n, cipher, pem_.c_str()), total);
-        // A block is only encrypted when it is below the modulus, which a block that begins with 0x80 or more
-        // is by luck of the key; so compare the blocks that begin lower.
-        const std::string expected =
-            plain + std::string(static_cast<std::size_t>(total - n), static_cast<char>(k - n % k));
-        const std::string back = decrypt(cipher, total);
-        for (int at = 0; at < total; at += k) {
-            const auto begin = static_cast<std::size_t>(at), size = static_cast<std::size_t>(k);
-            if (static_cast<unsigned char>(expected[begin]) < 0x80) {
-                EXPECT_EQ(back.substr(begin, size), expected.substr(begin, size)) << n << " at " << at;
-            }
-        }
+        ASSERT_EQ(_do_rsa_encrypt(plain.data(), c.in, cipher, pem_.c_str()), c.out);
+        EXPECT_EQ(decrypt(cipher, c.out),
+                  plain + std::string(static_cast<std::size_t>(c.out - c.in), static_cast<char>(c.filler)));
     }
 }
 
 TEST_P(Rsa, RefusesWhatIsNoPublicKey) {
-    ::testing::internal::CaptureStderr();
     bytes_ptr cipher;
+    ::testing::internal::CaptureStderr();
     EXPECT_EQ(_do_rsa_encrypt("x", 1, cipher, "no key"), 0);
-    EXPECT_EQ(_do_rsa_encrypt("x", 1, cipher, ""), 0);
+    EXPECT_EQ(_do_rsa_encrypt("x", 1, cipher, other_kind_of_key), 0);
+    EXPECT_EQ(_do_rsa_encrypt("x", 1, cipher, nullptr), 0);
     EXPECT_EQ(cipher, nullptr);
-    EXPECT_NE(::testing::internal::GetCapturedStderr().find("[ERROR] failed to get rsa :\n"),
-              std::string::npos);
+    const std::string log = ::testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("[ERROR] failed to get rsa :\n"), std::string::npos);
+    EXPECT_NE(log.find("no key\n"), std::string::npos);
+    EXPECT_NE(log.find("BEGIN PUBLIC KEY"), std::string::npos);
+    EXPECT_NE(log.find("[ERROR] failed to create key BIO\n"), std::string::npos);
 }
 
 INSTANTIATE_TEST_SUITE_P(KeySizes, Rsa, ::testing::Values(1024, 2048));
@@ -227,36 +235,87 @@ TEST(DiffieHellman, ShortSecretsAreLeftAlignedAndLogged) {
     EXPECT_EQ(hex(client.aes_key.get(), 16), hex(expected, 16));
 }
 
+TEST(DiffieHellman, ANewExchangeForgetsTheLast) {
+    dh_key client, server;
+    gen_client_dh_key(client);
+    carry(client, server, true);
+    gen_server_dh_aes_key(server);
+    carry(server, client, false);
+    gen_client_dh_aes_key(client);
+    const std::string first = client.p.get();
+    gen_client_dh_key(client);
+    EXPECT_EQ(client.server_pub, nullptr);
+    EXPECT_EQ(client.aes_key, nullptr);
+    EXPECT_STRNE(client.p.get(), first.c_str());
+}
+
+std::string computed(const text_ptr &prime, int offset) {
+    text_ptr bytes;
+    const int len = _do_b64_code(prime.get(), _strlen(prime.get()), bytes, false);
+    const bignum_ptr n(BN_bin2bn(reinterpret_cast<unsigned char *>(bytes.get()), len, nullptr));
+    BN_sub_word(n.get(), static_cast<BN_ULONG>(-offset));
+    unsigned char out[16];
+    text_ptr text;
+    _do_b64_code(out, BN_bn2bin(n.get(), out), text, true);
+    return text.get();
+}
+
 TEST(DiffieHellman, HostilePublicValues) {
+    dh_key client;
+    gen_client_dh_key(client);
+    constexpr char undecodable[] = "[ERROR] gen_client_dh_aes_key base64 encode failed\n";
+    constexpr char outside[] = "[ERROR] gen_client_dh_aes_key aes key len invalid: -1\n";
+    const std::string p = client.p.get(), top = computed(client.p, -1);
     struct {
         const char *pub, *log;
         bool key;
-    } const cases[] = {
-        {nullptr, "[ERROR] gen_client_dh_aes_key base64 encode failed\n", false},
-        {"", "[ERROR] gen_client_dh_aes_key base64 encode failed\n", false},
-        {"!!!!", "[ERROR] gen_client_dh_aes_key base64 encode failed\n", false},
-        {"AQ==", "[ERROR] gen_client_dh_aes_key aes key len invalid: -1\n", true},
-        {"/////////////////////////w==", "[ERROR] gen_client_dh_aes_key aes key len invalid: -1\n", true},
-    };
+    } const cases[] = {{nullptr, undecodable, false}, {"", undecodable, false},
+                       {"!!!!", undecodable, false},  {"AQ==", outside, true},
+                       {p.c_str(), outside, true},    {top.c_str(), outside, true},
+                       {"AA==", outside, true},       {"//////////////////////////8=", outside, true}};
     for (const auto &c : cases) {
-        dh_key client;
-        gen_client_dh_key(client);
         client.server_pub = _strdup(c.pub);
+        client.aes_key.reset();
         ::testing::internal::CaptureStderr();
         gen_client_dh_aes_key(client);
         EXPECT_NE(::testing::internal::GetCapturedStderr().find(c.log), std::string::npos)
             << text_or_empty(c.pub);
         EXPECT_EQ(client.aes_key != nullptr, c.key) << text_or_empty(c.pub);
+        if (client.aes_key) {
+            EXPECT_EQ(hex(client.aes_key.get(), 16), std::string(32, '0'));
+        }
     }
-    dh_key server;
-    server.p = _strdup("AA==");
-    server.g = _strdup("Ag==");
-    server.client_pub = _strdup("Ag==");
-    gen_server_dh_aes_key(server);  // a prime of zero
-    EXPECT_EQ(server.server_pub, nullptr);
-    dh_key nothing;
-    gen_client_dh_aes_key(nothing);
-    gen_server_dh_aes_key(nothing);
+    client.server_pub = _strdup("Ag==");
+    client.dh.reset();
+    ::testing::internal::CaptureStderr();
+    gen_client_dh_aes_key(client);  // no parameters of its own
+    EXPECT_NE(::testing::internal::GetCapturedStderr().find("[ERROR] gen_client_dh_aes_key bin2bn failed\n"),
+              std::string::npos);
+}
+
+TEST(DiffieHellman, HostileParameters) {
+    struct {
+        const char *p, *g, *pub, *log;
+    } const cases[] = {
+        {nullptr, "Ag==", "Ag==", "[ERROR] gen_server_dh_aes_key base64 decode failed\n"},
+        {"Fw==", "", "Ag==", "[ERROR] gen_server_dh_aes_key base64 decode failed\n"},
+        {"Fw==", "Ag==", "?", "[ERROR] gen_server_dh_aes_key base64 decode failed\n"},
+        {"AA==", "Ag==", "Ag==", "[ERROR] gen_server_dh_aes_key generate key failed\n"},
+        {"Fw==", "Ag==", "Ag==", "[ERROR] gen_server_dh_aes_key aes key len invalid: 1\n"},
+    };
+    for (const auto &c : cases) {
+        dh_key server;
+        server.p = _strdup(c.p);
+        server.g = _strdup(c.g);
+        server.client_pub = _strdup(c.pub);
+        ::testing::internal::CaptureStderr();
+        gen_server_dh_aes_key(server);
+        EXPECT_NE(::testing::internal::GetCapturedStderr().find(c.log), std::string::npos) << c.log;
+        if (server.aes_key) {
+            EXPECT_EQ(hex(server.aes_key.get(), 16).substr(2),
+                      std::string(30, '0'));  // never fewer than a key's bytes
+        }
+    }
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <linux/netlink.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -53,10 +54,32 @@ TEST_F(Gateway, OnlyABridgeRouteIsNoAnswerInRouterMode) {
     EXPECT_STREQ(_get_gateway_ip(1, nullptr), "");
 }
 
-TEST_F(Gateway, ManyRoutesDoNotOverrunTheBuffer) {
+TEST_F(Gateway, OtherRoutesAreNotTakenForTheAnswer) {
+    ip("rule add from 10.0.0.2 table 100");
+    ip("route add 198.51.100.0/24 dev wan0 table 100");  // without a gateway, and dumped first
     route("default via 10.0.0.1 dev wan0");
+    EXPECT_STREQ(_get_gateway_ip(0, nullptr), "10.0.0.1");
+    EXPECT_STREQ(_get_gateway_ip(0, "10.0.0.1"), "");
+    ip("route flush table 100");
+    ip("rule del from 10.0.0.2 table 100");
+}
+
+// Another socket of this process that holds its port number makes the kernel choose one for the search, which
+// then cannot tell the answer's first part from its last and takes all of them, as far as they fit.
+TEST_F(Gateway, AnAnswerInPartsIsTakenAsFarAsItFits) {
+    const int other = socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
+    sockaddr_nl own{};
+    own.nl_family = AF_NETLINK;
+    own.nl_pid = static_cast<unsigned>(getpid());
+    ASSERT_EQ(bind(other, reinterpret_cast<sockaddr *>(&own), sizeof own), 0);
+    route("default via 10.0.0.1 dev wan0");
+    EXPECT_STREQ(_get_gateway_ip(0, nullptr), "10.0.0.1");
     for (int i = 0; i < 120; i++)
         route("172.16." + std::to_string(i) + ".0/24 via 10.0.0.9 dev wan0");
+    ::testing::internal::CaptureStderr();
+    EXPECT_STREQ(_get_gateway_ip(0, nullptr), "");
+    EXPECT_NE(::testing::internal::GetCapturedStderr().find("error in received packet"), std::string::npos);
+    close(other);
     EXPECT_STREQ(_get_gateway_ip(0, nullptr), "10.0.0.1");
 }
 

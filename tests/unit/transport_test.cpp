@@ -1,184 +1,11 @@
-// The link's framing under every split of the bytes, its faults, its timers and its reconnection policy: the
-// agent's transport against a raw socket in the same process, in a network namespace of its own.
+// The link's framing under every split of the bytes, its faults and its reconnection policy.
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <cstring>
-#include <functional>
-#include <string>
-#include <vector>
-
-#include "arvok_client/arvok_client.h"
-#include "arvok_client/frame.h"
-#include "common/clock.h"
-#include "common/text.h"
-#include "context.h"
-#include "own_network.h"
-#include "utask/utask.h"
+#include "link_fixture.h"
 
 namespace arvok {
 namespace {
 
-std::string be32(std::uint32_t n) {
-    n = htonl(n);
-    return std::string(reinterpret_cast<char *>(&n), 4);
-}
-
-std::string frame(const std::string &body) {
-    return be32(frame_magic) + be32(static_cast<std::uint32_t>(body.size())) + body;
-}
-
-// A message that shows in the log that it was handled, and nothing else.
-std::string probe(const std::string &name) {
-    return R"({"type":")" + name + R"("})";
-}
-
-class Transport : public ::testing::Test {
-  protected:
-    static void SetUpTestSuite() { ASSERT_TRUE(enter_own_network()) << "no network namespaces here"; }
-
-    void SetUp() override {
-        g_ctx = {};
-        g_ctx.gw_addr_set = 1;
-        _strlcpy(g_ctx.gw_addr, "127.0.0.1", sizeof g_ctx.gw_addr);
-        g_ctx.devinfo.reset(static_cast<qzcap_devinfo *>(qzcap_calloc(1, sizeof(qzcap_devinfo))));
-        g_ctx.devinfo->mac = qzcap_strdup("021122334455");
-        listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const int on = 1;
-        setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(32768);
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ASSERT_EQ(bind(listener_, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-        ASSERT_EQ(listen(listener_, 4), 0);
-        ::testing::internal::CaptureStderr();
-        uloop_init();
-        utask_init();
-        ec_init();
-    }
-    void TearDown() override {
-        ec_done();
-        utask_done();
-        if (peer_ >= 0)
-            close(peer_);
-        close(listener_);
-        ::testing::internal::GetCapturedStderr();
-        g_ctx = {};
-    }
-
-    // Turns the loop until `done`, or fails after two seconds.
-    void pump(const std::function<bool()> &done) {
-        for (int turns = 0; turns < 2000; turns++) {
-            if (done())
-                return;
-            uloop_run_timeout(1);
-        }
-        FAIL() << "did not happen; log so far:\n" << log_text();
-    }
-    void turn() {
-        for (int i = 0; i < 3; i++)
-            uloop_run_timeout(1);
-    }
-    void connect() {
-        ec_run();
-        if (peer_ >= 0)
-            close(peer_);
-        peer_ = accept(listener_, nullptr, nullptr);
-        ASSERT_GE(peer_, 0);
-        fcntl(peer_, F_SETFL, O_NONBLOCK);
-        EXPECT_EQ(receive(), R"({"type":"keyngreq","sequence":0,"mac":"021122334455","version":"V2019.1.0",)"
-                             R"("keymodelist":[{"keymode":"dh"}]})");
-    }
-    void send_bytes(const std::string &bytes) {
-        ASSERT_EQ(::send(peer_, bytes.data(), bytes.size(), MSG_NOSIGNAL),
-                  static_cast<ssize_t>(bytes.size()));
-    }
-    // The body of the agent's next frame.
-    std::string receive(const unsigned char *key = nullptr) {
-        pump([this] {
-            char buf[4096];
-            const ssize_t got = recv(peer_, buf, sizeof buf, 0);
-            if (got > 0)
-                inbox_.append(buf, static_cast<std::size_t>(got));
-            return inbox_.size() >= 8 && inbox_.size() >= 8 + body_size();
-        });
-        if (inbox_.size() < 8 || inbox_.size() < 8 + body_size())
-            return "";
-        const std::size_t size = body_size();
-        EXPECT_EQ(inbox_.substr(0, 4), "\x3f\x72\x1f\xb5");
-        const std::string body = inbox_.substr(8, size);
-        inbox_.erase(0, 8 + size);
-        return frame_body_text(body.c_str(), static_cast<int>(size), key).get();
-    }
-    std::size_t body_size() const {
-        std::uint32_t n;
-        std::memcpy(&n, inbox_.data() + 4, 4);
-        return ntohl(n);
-    }
-    // Agrees a key as the gateway does and takes the registration.
-    dh_key negotiate() {
-        dh_key key;
-        send_bytes(frame(R"({"type":"keyngack","keymode":"dh"})"));
-        const json_ptr dh = json_parse(receive().c_str());
-        const cJSON *data = json_member(dh.get(), "data");
-        key.p = _get_json_str(data, "dh_p");
-        key.g = _get_json_str(data, "dh_g");
-        key.client_pub = _get_json_str(data, "dh_key");
-        gen_server_dh_aes_key(key);
-        send_bytes(
-            frame(R"({"type":"dh","data":{"dh_key":")" + std::string(key.server_pub.get()) + R"("}})"));
-        const json_ptr dev_reg = json_parse(receive(key.aes_key.get()).c_str());
-        EXPECT_STREQ(json_text(dev_reg.get(), "type"), "dev_reg");
-        EXPECT_EQ(_get_json_int(dev_reg.get(), "sequence", -1), 2);
-        return key;
-    }
-
-    // Everything logged since the last call.
-    std::string log() {
-        std::string text = log_text();
-        log_.clear();
-        return text;
-    }
-    const std::string &log_text() {
-        log_ += ::testing::internal::GetCapturedStderr();
-        ::testing::internal::CaptureStderr();
-        return log_;
-    }
-    void expect_log(const std::string &line) {
-        pump([&] { return log_text().find(line) != std::string::npos; });
-    }
-    static bool connected() { return ec->stream.fd > 0; }
-    static void expect_armed(uloop_timeout &timer, int ms) {
-        const int left = uloop_timeout_remaining(&timer);
-        EXPECT_LE(left, ms);
-        EXPECT_GT(left, ms - 1500);
-    }
-    static void fire(uloop_timeout &timer) {
-        uloop_timeout_cancel(&timer);
-        timer.cb(&timer);
-    }
-    void expect_reconnection(int ms) {
-        pump([] { return !connected(); });
-        expect_armed(ec->reconnect_timer, ms);
-        for (uloop_timeout *timer : {&ec->ack_timer, &ec->keepalive_timer, &ec->keepalive_ack_timer})
-            EXPECT_FALSE(timer->pending);
-        EXPECT_EQ(ec->linked, 0);
-        EXPECT_EQ(ec->dh.aes_key, nullptr);
-        char byte;
-        pump([&] { return recv(peer_, &byte, 1, 0) == 0; });
-    }
-
-    int listener_ = -1, peer_ = -1;
-    std::string inbox_, log_;
-};
-
-TEST_F(Transport, AFrameInTwoSegmentsIsHandledWhereverItIsSplitBehindTheHeader) {
+TEST_F(Link, AFrameInTwoSegmentsIsHandledWhereverItIsSplitBehindTheHeader) {
     connect();
     const std::string body = probe("split-here-please"), whole = frame(body);
     // Up to eight bytes wait for more; with one to eight bytes of the body the header is taken and its length
@@ -204,31 +31,28 @@ TEST_F(Transport, AFrameInTwoSegmentsIsHandledWhereverItIsSplitBehindTheHeader) 
     EXPECT_TRUE(connected());
 }
 
-TEST_F(Transport, AHeaderWithUpToEightBodyBytesLosesItsLength) {
-    connect();
+TEST_F(Link, AHeaderWithUpToEightBodyBytesLosesItsLength) {
     const std::string whole = frame(probe("lost"));
-    send_bytes(whole.substr(0, 12));  // header and four bytes of the body
-    turn();
-    EXPECT_EQ(ec->pending_len, 0);
-    EXPECT_TRUE(connected());
-    send_bytes(whole.substr(12));  // the body is now taken for a header
-    expect_log("[ERROR] invalid magic 0x7b227479\n");
-    expect_log("[ERROR] (arvok) invalid msg header, 0\n");
-    expect_reconnection(10000);
-}
-
-TEST_F(Transport, ByteAtATimeEndsInTheLostHeader) {
-    connect();
-    for (char byte : frame(probe("slowly"))) {
-        if (::send(peer_, &byte, 1, MSG_NOSIGNAL) != 1)
-            break;
+    struct {
+        std::size_t cut;
+        const char *magic;  // what stands where the next header is looked for
+    } const cases[] = {{9, "0x7b227479"}, {12, "0x7b227479"}, {16, "0x7b227479"}};
+    for (const auto &c : cases) {
+        connect();
+        log();
+        send_bytes(whole.substr(0, c.cut));
         turn();
+        EXPECT_EQ(ec->pending_len, 0);
+        EXPECT_TRUE(connected());
+        EXPECT_EQ(log(), "");
+        send_bytes(whole.substr(c.cut));  // the body is now taken for a header
+        expect_log(std::string("[ERROR] invalid magic ") + c.magic + "\n");
+        expect_log("[ERROR] (arvok) invalid msg header, 0\n");
+        expect_reconnection(10000);
     }
-    expect_log("[ERROR] invalid magic");
-    expect_reconnection(10000);
 }
 
-TEST_F(Transport, FiftyFramesInOneSegment) {
+TEST_F(Link, FiftyFramesInOneSegment) {
     connect();
     std::string all;
     for (int i = 0; i < 50; i++)
@@ -244,7 +68,7 @@ TEST_F(Transport, FiftyFramesInOneSegment) {
     EXPECT_TRUE(connected());
 }
 
-TEST_F(Transport, TheLongestBodyFitsTheBuffer) {
+TEST_F(Link, TheLongestBodyFitsTheBuffer) {
     connect();
     const std::string body = R"({"type":"long","pad":")" + std::string(16384 - 24, 'x') + "\"}";
     ASSERT_EQ(body.size(), 16384u);
@@ -256,7 +80,7 @@ TEST_F(Transport, TheLongestBodyFitsTheBuffer) {
     EXPECT_TRUE(connected());
 }
 
-TEST_F(Transport, FaultyFramesEndTheConnection) {
+TEST_F(Link, FaultyFramesEndTheConnection) {
     struct {
         std::string bytes;
         std::vector<const char *> lines;
@@ -287,96 +111,7 @@ TEST_F(Transport, FaultyFramesEndTheConnection) {
     EXPECT_EQ(ec->short_conn_count, 0);  // faults of ours to detect are not counted as broken connections
 }
 
-TEST_F(Transport, MessagesThatAreNoRequestsAreOnlyLogged) {
-    connect();
-    log();
-    for (const char *body : {"[1,2,3]", "\"a text\"", R"({"type":5,"x":1})", R"({"type":"CFG"})"})
-        send_bytes(frame(body) + frame(probe("next")));
-    expect_log("[ERROR] (arvok) unknown type: CFG\n");
-    turn();
-    EXPECT_NE(log().find("[ERROR] (arvok) type not found\n"), std::string::npos);
-    EXPECT_TRUE(connected());
-    EXPECT_TRUE(ec->ack_timer.pending);  // none of them ends the wait for the key answer
-}
-
-TEST_F(Transport, TheKeyAnswerIsAwaitedForFiveSeconds) {
-    connect();
-    expect_armed(ec->ack_timer, 5000);
-    for (const char *rejected : {R"({"type":"keyngack"})", R"({"type":"keyngack","keymode":"DH"})",
-                                 R"({"type":"keyngack","keymode":7})"})
-        send_bytes(frame(rejected));
-    expect_log("[ERROR] unsupported keymode\n");
-    expect_log("[ERROR] invalid keymode\n");
-    EXPECT_TRUE(ec->ack_timer.pending);
-    EXPECT_EQ(ec->connect_time, 0);
-    fire(ec->ack_timer);
-    expect_log("[ERROR] (arvok) wait ack timeout\n");
-    expect_reconnection(10000);
-}
-
-TEST_F(Transport, NegotiationRegistersAndStartsTheKeepalives) {
-    connect();
-    const dh_key key = negotiate();
-    EXPECT_EQ(ec->linked, 1);
-    EXPECT_EQ(ec->reports_pending, 1);
-    EXPECT_FALSE(ec->ack_timer.pending);  // the dispatcher took the registration's deadline back
-    expect_armed(ec->keepalive_timer, 1000);
-    log();
-
-    for (int sequence = 3; sequence < 6; sequence++) {
-        fire(ec->keepalive_timer);
-        EXPECT_EQ(receive(key.aes_key.get()), R"({"type":"keepalive","sequence":)" +
-                                                  std::to_string(sequence) + R"(,"mac":"021122334455"})");
-        expect_armed(ec->keepalive_ack_timer, 20000);
-        EXPECT_FALSE(ec->keepalive_timer.pending);
-        const std::string ack = R"({"type":"ack","sequence":)" + std::to_string(sequence) + "}";
-        const std::vector<char> sealed =
-            frame_encode(ack.c_str(), static_cast<int>(ack.size()), key.aes_key.get());
-        send_bytes({sealed.begin(), sealed.end()});
-        pump([] { return ec->keepalive_timer.pending; });
-        expect_armed(ec->keepalive_timer, 5000);
-        EXPECT_FALSE(ec->keepalive_ack_timer.pending);
-    }
-    turn();
-    EXPECT_EQ(log(), "");  // keepalives and their acknowledgements are never logged
-    EXPECT_EQ(ec->reports_pending, 1);
-
-    fire(ec->keepalive_timer);
-    fire(ec->keepalive_ack_timer);
-    expect_log("[ERROR] (arvok) wait keepalive ack timeout\n");
-    receive(key.aes_key.get());
-    expect_reconnection(10000);
-}
-
-TEST_F(Transport, ADhAnswerThatDoesNotFitIsNotConsumed) {
-    connect();
-    send_bytes(frame(R"({"type":"keyngack","keymode":"dh"})"));
-    receive();
-    struct {
-        const char *data, *line;
-    } const rejected[] = {
-        {"{}", "[ERROR] invalid dh_key\n"},
-        {"5", "[ERROR] invalid dh_key\n"},
-        {R"({"dh_key":5})", "[ERROR] invalid dh_key\n"},
-        {R"({"dh_key":"Aw==","dh_p":"Aw=="})", "[ERROR] invalid dh_p\n"},
-        {R"({"dh_key":"Aw==","dh_g":"Aw=="})", "[ERROR] invalid dh_g\n"},
-    };
-    for (const auto &r : rejected) {
-        log();
-        send_bytes(frame(R"({"type":"dh","data":)" + std::string(r.data) + "}"));
-        expect_log(r.line);
-        EXPECT_EQ(ec->linked, 0);
-    }
-    // An echo of another type is ignored; without a key from it the link goes on in the clear.
-    send_bytes(frame(R"({"type":"dh","data":{"dh_key":"????","dh_p":7}})"));
-    const json_ptr dev_reg = json_parse(receive().c_str());
-    EXPECT_STREQ(json_text(dev_reg.get(), "type"), "dev_reg");
-    EXPECT_EQ(_get_json_int(json_member(dev_reg.get(), "data"), "supportMesh", -1), 0);
-    EXPECT_EQ(json_member(json_member(dev_reg.get(), "data"), "mapAlmac"), nullptr);
-    EXPECT_EQ(ec->dh.aes_key, nullptr);
-}
-
-TEST_F(Transport, ThreeShortConnectionsLeadToAPauseOfFourHours) {
+TEST_F(Link, ThreeShortConnectionsLeadToAPauseOfFourHours) {
     const auto break_after_negotiation = [this](long age) {
         connect();
         negotiate();
@@ -408,7 +143,7 @@ TEST_F(Transport, ThreeShortConnectionsLeadToAPauseOfFourHours) {
     EXPECT_EQ(ec->short_conn_count, 0);
 }
 
-TEST_F(Transport, SyncRestartsTheLinkInASecond) {
+TEST_F(Link, SyncRestartsTheLinkInASecond) {
     connect();
     log();
     ASSERT_EQ(utask_set(nullptr, ec_arvoksync_on), 0);
@@ -418,17 +153,16 @@ TEST_F(Transport, SyncRestartsTheLinkInASecond) {
     EXPECT_NE(seen.find(")[INFO] (arvok) disconnect fd: "), std::string::npos);  // no line feed between them
 }
 
-TEST_F(Transport, WithoutAConnectionMessagesAreReleased) {
+TEST_F(Link, WithoutAConnectionMessagesAreReleased) {
     arvok_send(nullptr);
     arvok_send(new arvok_msg{json_object(json_ptr()), 0});
     arvok_send(arvok_msg_new("lost", 5000).release());
     EXPECT_FALSE(ec->ack_timer.pending);
     arvok_send_event(json_object().text("event", "none").take());
     EXPECT_EQ(log_text().find("->"), std::string::npos);
-    EXPECT_EQ(send_arvok_wan_report(nullptr), 0);  // not registered: nothing is built
 }
 
-TEST_F(Transport, ConnectionsThatFailAreTriedAgain) {
+TEST_F(Link, ConnectionsThatFailAreTriedAgain) {
     close(listener_);
     listener_ = -1;
     ec_run();
@@ -443,25 +177,62 @@ TEST_F(Transport, ConnectionsThatFailAreTriedAgain) {
     expect_armed(ec->reconnect_timer, 10000);
 }
 
-TEST_F(Transport, ErrorsAreRecordedCutAndLogged) {
-    arvok_set_error(10004, "%s failed: %s", "call", std::string(300, 'x').c_str());
-    EXPECT_EQ(ec->errcode, 10004);
-    EXPECT_EQ(std::string(ec->errmsg), "call failed: " + std::string(255 - 13, 'x'));
-    EXPECT_NE(log_text().find("[ERROR] (10004) call failed: xxx"), std::string::npos);
-    EXPECT_STREQ(json_print(arvok_error_item(10001, "unrecognized request").get()).get(),
-                 R"({"errmsg":"unrecognized request"})");
-    EXPECT_EQ(ec->errcode, 10001);
+TEST_F(Link, ABodyThatNeverCameSpoilsNothingLater) {
+    connect();
+    send_bytes(frame(probe("waiting-waiting-waiting")).substr(0, 30));
+    expect_log("wait for the TCP fragmentation");
+    EXPECT_GT(ec->pending_len, 0);
+    shutdown(peer_, SHUT_RDWR);
+    pump([] { return !connected(); });
+    connect();
+    send_bytes(frame(probe("fresh")));
+    expect_log("unknown type: fresh\n");
 }
 
-TEST_F(Transport, MessagesThroughTheCloudNeverTouchTheLinksHandshake) {
-    for (const char *type : {"keyngack", "dh", "ack"}) {
-        reply_context context{1, 0, nullptr};
-        const json_ptr root =
-            json_parse((R"({"type":")" + std::string(type) + R"(","keymode":"dh","sequence":-1})").c_str());
-        EXPECT_EQ(handle_arvok_msg(root.get(), context), 0) << type;
-        EXPECT_FALSE(context.reply);
-        EXPECT_FALSE(ec->keepalive_timer.pending);
-    }
+TEST_F(Link, WhatFollowsAFaultIsAbandonedAlsoWhenTheConnectionEndsWithIt) {
+    connect();
+    negotiate();
+    log();
+    std::string bytes = "no header, this";
+    while (bytes.size() < 40000)
+        bytes += frame(probe("abandoned"));
+    send_bytes(bytes);
+    shutdown(peer_, SHUT_WR);
+    pump([] { return !connected(); });
+    for (int i = 0; i < 20; i++)
+        turn();
+    EXPECT_EQ(log_text().find("abandoned"), std::string::npos);
+    EXPECT_EQ(log_text().find("tcp connection broken"), std::string::npos);
+    EXPECT_EQ(ec->short_conn_count, 0);
+}
+
+TEST_F(Link, AMessageLargerThanTheSocketTakesGoesOutWhole) {
+    connect();
+    arvok_msg_ptr msg = arvok_msg_new("large", 0);
+    msg->root.text("pad", std::string(8000000, 'x').c_str());
+    arvok_send(msg.release());
+    std::string all;
+    pump([&] {
+        char buf[65536];
+        for (ssize_t got; (got = recv(peer_, buf, sizeof buf, 0)) > 0;)
+            all.append(buf, static_cast<std::size_t>(got));
+        return all.size() > 8000000;
+    });
+    EXPECT_TRUE(all.ends_with("xxx\"}"));
+}
+
+TEST_F(Link, WithoutAGatewayItLooksAgain) {
+    g_ctx.gw_addr_set = 0;
+    g_ctx.gw_default_tried = 1;
+    ec_run();  // the device record cannot be had here
+    EXPECT_NE(log_text().find("[WARNING] (arvok) devinfo get failed\n"), std::string::npos);
+    expect_armed(ec->reconnect_timer, 30000);
+    EXPECT_EQ(g_ctx.gw_default_tried, 0);
+
+    uloop_timeout_cancel(&ec->reconnect_timer);
+    ec_run();
+    EXPECT_NE(log_text().find("[INFO] (arvok) connect \"192.168.1.1:32768\" (1)\n"), std::string::npos);
+    EXPECT_EQ(g_ctx.gw_default_tried, 1);
 }
 
 }  // namespace
