@@ -5,10 +5,10 @@
 #include <string>
 
 #include "server.h"
+#include "socket_path.h"
 
 extern "C" {
 #include <libubox/uloop.h>
-#include <ubus_common.h>
 }
 
 namespace {
@@ -18,14 +18,14 @@ constexpr char USAGE[] =
     "\n"
     "Serves the bus on a Unix socket until SIGTERM or SIGINT.\n"
     "\n"
-    "  -s SOCKET  the socket (default: " UBUS_UNIX_SOCKET
+    "  -s SOCKET  the socket (default: " ARVOK_BUS_SOCKET
     ")\n"
     "  -h         show this help\n";
 
 }  // namespace
 
 int main(int argc, char **argv) {
-    std::string path = UBUS_UNIX_SOCKET;
+    std::string path = ARVOK_BUS_SOCKET;
     std::string error;
 
     for (int option; (option = getopt(argc, argv, "s:h")) != -1;) {

@@ -6,11 +6,18 @@
 /* How long a wait may miss a signal that came just before it, in milliseconds. */
 enum { WAIT_STEP = 200 };
 
-static int64_t now_ms(void) {
+static int64_t now_us(void) {
     struct timespec now;
 
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return (int64_t)now.tv_sec * 1000 + now.tv_nsec / 1000000;
+    return (int64_t)now.tv_sec * 1000000 + now.tv_nsec / 1000;
+}
+
+/* Rounded up: no wait ends before its time. */
+static int64_t ms_until(int64_t deadline_us) {
+    int64_t us = deadline_us - now_us();
+
+    return us > 0 ? (us + 999) / 1000 : us / 1000;
 }
 
 static bool seq_in_use(const struct ubus_context *ctx, uint16_t seq) {
@@ -34,6 +41,7 @@ int ubus_start_request(struct ubus_context *ctx, struct ubus_request *req, const
     req->peer = peer;
     req->seq = ctx->request_seq;
     req->status_msg = false;
+    req->while_ending = uloop_cancelling();
     return ubus_send(ctx, type, req->seq, peer, data);
 }
 
@@ -169,8 +177,7 @@ void ubus_answer(struct ubus_context *ctx, struct ubus_message *msg) {
 /* Waiting */
 
 int ubus_complete_request(struct ubus_context *ctx, struct ubus_request *req, int timeout) {
-    int64_t deadline = now_ms() + timeout;
-    bool was_cancelling = uloop_cancelling();
+    int64_t deadline = now_us() + (int64_t)timeout * 1000;
     int result = UBUS_STATUS_OK;
 
     if (!req->status_msg && list_empty(&req->list))
@@ -179,7 +186,7 @@ int ubus_complete_request(struct ubus_context *ctx, struct ubus_request *req, in
     while (!req->status_msg && result == UBUS_STATUS_OK) {
         struct ubus_message *msg;
         int received = ubus_receive(ctx, &msg);
-        int64_t rest = timeout > 0 ? deadline - now_ms() : WAIT_STEP;
+        int64_t rest = timeout > 0 ? ms_until(deadline) : WAIT_STEP;
 
         if (received > 0)
             ubus_dispatch(ctx, msg);
@@ -188,7 +195,7 @@ int ubus_complete_request(struct ubus_context *ctx, struct ubus_request *req, in
             continue;
         if (received < 0)
             result = UBUS_STATUS_CONNECTION_FAILED;
-        else if (!was_cancelling && uloop_cancelling())
+        else if (!req->while_ending && uloop_cancelling())
             result = UBUS_STATUS_NO_DATA;
         else if (rest > 0)
             ubus_wait_readable(ctx, rest < WAIT_STEP ? (int)rest : WAIT_STEP);

@@ -172,9 +172,8 @@ const char *get_tul_version() {
 }
 
 int get_bandwidth_index(const char *text) {
-    static constexpr const char *codes[] = {"20", "40", "0", "80", "160", "80+80"};
     int code = 0;
-    for (const char *known : codes) {
+    for (const char *known : bandwidth_texts) {
         if (_strcmp(text, known) == 0)
             return code;
         code++;

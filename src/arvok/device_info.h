@@ -62,8 +62,10 @@ const char *get_tul_version();
 /// Returns the bytes read, or -1 when the command cannot be started.
 int read_cmd_output(const char *command, char *buf);
 
-/// The platform's bandwidth code of a channel-bandwidth text ("20", "40", "0", "80", "160", "80+80"), or
-/// unknown_bandwidth.
+/// Channel bandwidths as the protocol writes them; the platform's code is the position. "0" is automatic.
+inline constexpr const char *bandwidth_texts[] = {"20", "40", "0", "80", "160", "80+80"};
+
+/// The platform's code of a bandwidth text, or unknown_bandwidth.
 int get_bandwidth_index(const char *text);
 constexpr int unknown_bandwidth = 2222;
 

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "arvok/options.h"
+#include "arvok/platform_events.h"
 #include "common/text.h"
 #include "context.h"
 #include "utask/utask.h"
@@ -60,6 +61,7 @@ int run(int argc, char **argv) {
         return exit_no_bus;
     g_ctx.appmgt_handle = qzcap_register_appmgtcb(nullptr, &cbs);
     wait_for_device();
+    subscribe_platform_events();
     read_switches();
     qzcap_delete_vsie_beacontx_by_name(vsie_owner, nullptr);
 
@@ -70,6 +72,7 @@ int run(int argc, char **argv) {
 
     ec_done();
     utask_done();
+    unsubscribe_platform_events();
     qzcap_unregister_appmgtcb(g_ctx.appmgt_handle);
     qzcap_ubus_done();
     release_device_info();

@@ -53,9 +53,10 @@ struct arvok_client {
     std::int32_t seq;              ///< sequence number of the next message built
     std::int32_t keepalive_seq;    ///< sequence number of the last keepalive; -1: none yet
     std::int32_t reports_pending;  ///< the first reports wait for the registration's acknowledgement
-    std::int32_t sync_on;   ///< gateway sync is on; kept by main, the settings and the platform's events
-    std::uint32_t actions;  ///< arvok_action bits of the message being handled
-    std::int32_t errcode;   ///< error of the message being handled
+    std::int32_t sync_on;      ///< gateway sync is on; kept by main, the settings and the platform's events
+    std::uint32_t event_mask;  ///< arvok_event bits that the gateway subscribed to
+    std::uint32_t actions;     ///< arvok_action bits of the message being handled
+    std::int32_t errcode;      ///< error of the message being handled
     char errmsg[256];
     std::int32_t short_conn_count;  ///< connections in a row that broke within short_connection_s
     std::int32_t connect_time;      ///< uptime in seconds when the key negotiation began; 0: not yet
@@ -71,6 +72,14 @@ struct arvok_client {
 };
 
 extern arvok_client *const ec;
+
+/// Bits of event_mask.
+enum arvok_event : std::uint32_t {
+    event_online = 1,
+    event_offline = 2,
+    event_vsie = 4,
+    event_rolechange = 16
+};
 
 /// Error codes of the protocol.
 enum arvok_errcode {
@@ -143,6 +152,20 @@ int arvok_dh(const cJSON *root, reply_context &context);
 int send_arvok_wan_report(const cJSON *event);
 /// The active LAN hosts.
 void send_arvok_lan_report();
+/// The stations that roamed, from the platform's roaming notification (not consumed).
+void send_arvok_wifi_report(const cJSON *event);
+/// The device's part in the mesh.
+void send_arvok_map_report();
+
+// --- events: besides, nothing is sent that the gateway did not subscribe to; `event` is never consumed ---
+
+/// A host came ("active" 1) or went ("active" 0).
+void send_arvok_lan_event(const cJSON *event);
+/// The mesh role is now `mode`.
+void send_arvok_map_event(const char *mode);
+/// A vendor-specific element was received.
+void send_arvok_vsie_event(const cJSON *event);
+
 /// When the agent first saw that host active, in seconds since the epoch: now, for a MAC not yet known.
 std::int64_t arvok_first_online(const char *mac);
 

@@ -3,7 +3,7 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "arvok_client/arvok_client.h"
+#include "arvok_client/handlers.h"
 #include "common/table.h"
 #include "context.h"
 
@@ -46,9 +46,8 @@ struct type_row {
 };
 
 constexpr type_row types[] = {
-    {"keyngack", arvok_keyngack},
-    {"dh", arvok_dh},
-    {"ack", arvok_ack},
+    {"keyngack", arvok_keyngack},     {"dh", arvok_dh},           {"ack", arvok_ack},     {"cfg", arvok_cfg},
+    {"get_status", arvok_get_status}, {"control", arvok_control}, {"qlink", arvok_qlink},
 };
 
 void reset_message_state() {
@@ -112,11 +111,42 @@ int handle_arvok_msg(const cJSON *root, reply_context &context) {
     return result;
 }
 
+bool valid_envelope(const cJSON *root, const reply_context &context) {
+    if (context.from_cloud)
+        return true;
+    if (!cJSON_IsNumber(json_member(root, "sequence"))) {
+        qzcap_printf("[ERROR] invalid sequence\n");
+        return false;
+    }
+    if (!json_text(root, "mac")) {
+        qzcap_printf("[ERROR] invalid mac\n");
+        return false;
+    }
+    return true;
+}
+
+json_object reply_to(const cJSON *root, const char *type) {
+    const cJSON *sequence = json_member(root, "sequence");
+    json_object reply;
+    reply.text("type", type).number("sequence", cJSON_IsNumber(sequence) ? sequence->valuedouble : 0);
+    reply.text("mac", own_mac());
+    return reply;
+}
+
+json_ptr ack_reply(const cJSON *root) {
+    return reply_to(root, "ack").number("errcode", ec->errcode).text("errmsg", ec->errmsg).take();
+}
+
 void arvok_set_error(int code, const char *format, ...) {
     va_list args;
     va_start(args, format);
     record_error(code, format, args);
     va_end(args);
+}
+
+void arvok_set_platform_error(const char *call, char *reason) {
+    const qz_text text(reason);
+    arvok_set_error(err_platform, "%s failed: %s", call, text_or_empty(text.get()));
 }
 
 json_ptr arvok_error_item(int code, const char *format, ...) {

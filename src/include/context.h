@@ -3,6 +3,7 @@
 /// stands beside it. Fields that main sets before the loop starts are read-only afterwards.
 
 #include <cstdint>
+#include <list>
 
 #include "arvok/device_info.h"
 #include "arvok_client/arvok_client.h"
@@ -10,9 +11,17 @@
 
 extern "C" {
 #include <libubox/blob.h>
+#include <libubus.h>
 }
 
 namespace arvok {
+
+/// A host that the platform announced as new.
+struct new_device {
+    char mac[32];
+};
+
+constexpr std::size_t event_subscribers = 6;
 
 struct context {
     std::int32_t is_router;         ///< device_info: the device routes
@@ -44,8 +53,12 @@ struct context {
     wifi_aps_ptr aps_5g;  ///< only when dual_band
     diagnostics_ptr diag;
 
-    struct blob_buf blob_buf;  ///< shared buffer for building bus messages, one at a time
-    void *appmgt_handle;       ///< registration with the app manager
+    ubus_subscriber subscribers[event_subscribers];  ///< platform_events
+    std::list<new_device> new_devices;               ///< newest first
+
+    struct blob_buf blob_buf;    ///< shared buffer for building bus messages, one at a time
+    void *appmgt_handle;         ///< registration with the app manager
+    uloop_timeout parent_timer;  ///< applies the LAN rules to the hosts that are there now
     std::int32_t wifi_switch_on;
 
     arvok_client arvok;  ///< the record that `ec` points at

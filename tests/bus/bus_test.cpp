@@ -317,6 +317,34 @@ TEST_F(Bus, ALostBusEndsTheLoopFailsWhatIsPendingAndCanBeFoundAgain) {
     EXPECT_THAT(caller.call("service", "echo", R"({"back":true})").data, ElementsAre(R"({"back":true})"));
 }
 
+TEST_F(Bus, ASignalEndsTheWaitForAnAnswerAndThenTheLoop) {
+    OtherProcess child(socket, [](const Peer &peer) {
+        Service service(peer, "child");
+        ubus_request_data deferred;
+        service.custom = [&](ubus_request_data *request, const std::string &, blob_attr *) {
+            ubus_defer_request(peer.get(), request, &deferred);
+            return kill(getppid(), SIGTERM);
+        };
+        uloop_run();
+    });
+    Peer peer(socket);
+    Service front(peer, "front");
+    wait_for(peer, "child");
+    front.custom = [&](ubus_request_data *, const std::string &, blob_attr *) {
+        const auto begin = steady_clock::now();
+        invoke(peer.get(), peer.id_of("child"), "custom", "{}", 9000, UBUS_STATUS_NO_DATA);
+        EXPECT_LT(steady_clock::now() - begin, milliseconds(3000));
+        return 0;
+    };
+    Peer caller(socket);
+    const auto answer = caller.start(caller.id_of("front"), "custom");
+    EXPECT_EQ(uloop_run(), SIGTERM);
+    EXPECT_TRUE(pump_until([&] { return answer->complete; }));
+    // Outside of the loop, calls work as ever.
+    EXPECT_THAT(invoke(peer.get(), peer.id_of("child"), "echo", "{}", 5000, UBUS_STATUS_OK),
+                ElementsAre("{}"));
+}
+
 TEST_F(Bus, ADaemonThatDoesNotReadBlocksNobodyForEver) {
     Peer peer(socket);
     Service service(peer, "service");

@@ -11,6 +11,7 @@
 #include <iterator>
 #include <memory>
 
+#include "../socket_path.h"
 #include "command.h"
 
 namespace {
@@ -20,7 +21,7 @@ using namespace arvok;
 constexpr char USAGE[] =
     "Usage: ubus [-s SOCKET] [-t SECONDS] [-S] [-v] COMMAND [ARGUMENT...]\n"
     "\n"
-    "  -s SOCKET   the socket of the bus (default: $UBUS_SOCKET, else " UBUS_UNIX_SOCKET
+    "  -s SOCKET   the socket of the bus (default: $UBUS_SOCKET, else " ARVOK_BUS_SOCKET
     ")\n"
     "  -t SECONDS  how long to wait (default: 30; subscribe and listen: until stopped)\n"
     "  -S          one line per answer\n"
@@ -134,7 +135,7 @@ int main(int argc, char **argv) {
         std::perror("ubus: cannot start the event loop");
         return 1;
     }
-    const int result = run(session, socket && *socket ? socket : nullptr, *row, arguments);
+    const int result = run(session, socket && *socket ? socket : ARVOK_BUS_SOCKET, *row, arguments);
     uloop_done();
     return result;
 }

@@ -145,6 +145,7 @@ struct ubus_request {
     bool status_msg;
     bool cancelled;
     bool notify;
+    bool while_ending;
     uint32_t peer;
     uint16_t seq;
     ubus_data_handler_t raw_data_cb;  ///< gets the whole message, UBUS_ATTR_* and all
@@ -172,7 +173,8 @@ struct ubus_context *ubus_connect(const char *path);
 int ubus_connect_ctx(struct ubus_context *ctx, const char *path);
 void ubus_shutdown(struct ubus_context *ctx);
 
-/// Closes the connection, forgets what is pending without a call and frees the context.
+/// Closes the connection, forgets what is pending without a call and frees the context. Of the callbacks,
+/// only connection_lost may do this.
 void ubus_free(struct ubus_context *ctx);
 
 /// Connects again and adds every object again; subscriptions and event patterns are gone, and the context is
@@ -197,8 +199,8 @@ int ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj);
 int ubus_remove_object(struct ubus_context *ctx, struct ubus_object *obj);
 
 /// Calls a method and waits at most `timeout` milliseconds (0: without limit) for its end;
-/// UBUS_STATUS_TIMEOUT then, UBUS_STATUS_NO_DATA when a signal ends the loop meanwhile. `msg` may be null.
-/// `cb` gets every piece of the answer.
+/// UBUS_STATUS_TIMEOUT then, UBUS_STATUS_NO_DATA when the loop that it is made from is ended meanwhile. `msg`
+/// may be null. `cb` gets every piece of the answer.
 int ubus_invoke(struct ubus_context *ctx, uint32_t obj, const char *method, struct blob_attr *msg,
                 ubus_data_handler_t cb, void *priv, int timeout);
 
