@@ -137,7 +137,7 @@ class Enabled(AgentCase):
                 else:
                     agent.expect("[DEBUG] arvok disabled\n")
                 self.assertEqual(agent.stop(), 0)
-                self.assertEqual("connect" in agent.lines(), runs)
+                self.assertEqual("(arvok) connect " in agent.lines(), runs)
 
 
 class Addresses(AgentCase):
@@ -167,7 +167,7 @@ class Addresses(AgentCase):
         for _ in range(2):  # every second attempt finds nobody, and says nothing
             agent.expect('[INFO] (arvok) connect "192.168.1.1:32768" (1)\n', 30)
             agent.expect("[ERROR] (arvok) tcp connection broken\n")
-        self.assertEqual(agent.lines().count("connect "), 2)
+        self.assertEqual(agent.lines().count("(arvok) connect "), 2)
 
     def test_unset_gateway_is_the_default_address(self):
         agent = self.start()

@@ -139,6 +139,28 @@ class Life(AgentCase):
         self.wait_for_message("dev_report", 2, 40)
         self.assertIn("[ERROR] update_wan_info failed\n", agent.lines())
 
+    def test_platform_session_from_start_to_end(self):
+        # A library between the agent and the platform's writes down the calls that nobody else sees.
+        trace = os.path.join(os.environ["LAB_DIR"], "session.trace")
+        agent = self.start("-g", "192.168.1.1", env={**os.environ, "LD_PRELOAD": os.environ["TRACE_LIBRARY"],
+                                                     "TRACE_FILE": trace, "ASAN_OPTIONS": "verify_asan_link_order=0"})
+        self.wait_for_message("wan_report")
+        self.assertEqual(agent.stop(), 0)
+        with open(trace) as lines:
+            calls = lines.read().split("\n")[:-1]
+        subscribed = [call for n in (5, 6, 7, 16, 15, 30) for call in ("qzcap_get_objid_by_id %d" % n, "qzcap_ubus_subscribe")]
+        # The mesh subscriber, of object 15, is handed back with the roaming object's number.
+        handed_back = [call for n in (5, 6, 7, 16, 16, 30) for call in ("qzcap_get_objid_by_id %d" % n,
+                                                                        "qzcap_ubus_unsubscribe")]
+        begin, end = calls.index("uloop_run_timeout -1"), calls.index("uloop_done")
+        self.assertEqual(calls[:begin], ["qzcap_ubus_start", "qzcap_register_appmgtcb", *subscribed])
+        self.assertEqual(calls[end:], ["uloop_done", *handed_back, "qzcap_unregister_appmgtcb", "qzcap_ubus_done",
+                                       "qzcap_free_devinfo", "qzcap_free_waninfo"])
+
+    def test_no_standard_descriptors(self):
+        self.start("-c", 'exec lab-ap arvokclt -g 192.168.1.1 0<&- 1>&- 2>&-', program=("sh",))
+        self.wait_for_message("wan_report")
+
     def test_app_object_is_published_and_withdrawn(self):
         agent = self.start("-g", "192.168.1.1")
         self.wait_for_message("dev_reg")
