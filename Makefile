@@ -46,6 +46,7 @@ lint: all
 
 bench: all
 	@ARVOK_BIN=$(abspath $(BUILD))/bin $(BUILD)/bin/arvok-bench
+	@ARVOK_BIN=$(abspath $(BUILD))/bin lab/home --peers none --no-agent -- arvok-link-bench
 
 install: all
 	@cmake --install $(BUILD)
