@@ -1,8 +1,27 @@
 #include "common/json.h"
 
+#include <climits>
+#include <cmath>
+#include <cstdint>
+#include <string>
+
 #include "common/text.h"
 
 namespace arvok {
+namespace {
+
+constexpr double exact_max = 9007199254740992;  // 2^53
+
+// The JSON library writes a number beyond int with 15 digits when that comes close: whole numbers are written
+// here.
+json_ptr json_number(double value) {
+    const double size = std::fabs(value);
+    if (size > INT_MAX && size <= exact_max && std::trunc(value) == value)
+        return json_ptr(cJSON_CreateRaw(std::to_string(static_cast<std::int64_t>(value)).c_str()));
+    return json_ptr(cJSON_CreateNumber(value));
+}
+
+}  // namespace
 
 json_ptr json_parse(const char *text) {
     return json_ptr(cJSON_Parse(text));
@@ -46,7 +65,7 @@ json_object &json_object::text(const char *key, const char *value) {
 }
 
 json_object &json_object::number(const char *key, double value) {
-    return add(key, json_ptr(cJSON_CreateNumber(value)));
+    return add(key, json_number(value));
 }
 
 json_object &json_object::add(const char *key, json_ptr value) {

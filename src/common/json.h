@@ -44,6 +44,7 @@ class json_object {
 
     /// A null text is written as "".
     json_object &text(const char *key, const char *value);
+    /// A whole number is written with all its digits up to 2^53.
     json_object &number(const char *key, double value);
     json_object &add(const char *key, json_ptr value);
 
