@@ -76,6 +76,12 @@ TEST(Blob, LooksOnTheWireAsThePeersExpect) {
     };
     // clang-format on
     EXPECT_EQ(b.bytes(), expected);
+
+    // A name must end where it says.
+    auto *value = static_cast<blob_attr *>(blob_data(b.buf.head));
+    EXPECT_TRUE(blobmsg_check_attr(value, true));
+    static_cast<char *>(blob_data(value))[3] = 'b';
+    EXPECT_FALSE(blobmsg_check_attr(value, true));
 }
 
 TEST(Blob, ParsesByNameAndTypeAndKeepsItsValues) {

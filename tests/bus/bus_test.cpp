@@ -142,6 +142,35 @@ TEST_F(Bus, DeferredRequestsAreAnsweredLaterInAnyOrder) {
     EXPECT_EQ(second->status, UBUS_STATUS_OK);
 }
 
+TEST_F(Bus, ADataCallbackMayCallAndItsRequestEndsAfterIt) {
+    OtherProcess child(socket, serve_child);
+    Peer peer(socket);
+    wait_for(peer, "child");
+    struct Call : ubus_request {
+        uint32_t child;
+        std::vector<std::string> log;
+    } call{};
+    Json empty;
+    const uint32_t id = peer.id_of("child");
+
+    ASSERT_EQ(ubus_invoke_async(peer.get(), id, "numbers", empty.head(), &call), 0);
+    call.child = id;
+    call.data_cb = [](ubus_request *request, int, blob_attr *data) {
+        auto *self = static_cast<Call *>(request);
+        self->log.push_back("begin " + json_of(data));
+        // All answers to the outer request come before the one to this.
+        invoke(request->ctx, self->child, "echo", "{}", 5000, UBUS_STATUS_OK);
+        self->log.emplace_back("end");
+    };
+    call.complete_cb = [](ubus_request *request, int) {
+        static_cast<Call *>(request)->log.emplace_back("complete");
+    };
+    ubus_complete_request_async(peer.get(), &call);
+    ASSERT_TRUE(pump_until([&] { return !call.log.empty() && call.log.back() == "complete"; }));
+    EXPECT_THAT(call.log, ElementsAre("begin {\"i\":1}", "begin {\"i\":2}", "begin {\"i\":3}", "end", "end",
+                                      "end", "complete"));
+}
+
 TEST_F(Bus, AnAbortedRequestIsNotHeardOfAgain) {
     Peer peer(socket), caller(socket);
     Service service(peer, "service");

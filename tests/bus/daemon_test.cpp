@@ -1,6 +1,6 @@
 // The daemon against clients that do not keep to the rules.
 #include <gmock/gmock.h>
-#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -99,7 +99,9 @@ TEST_F(Bus, AnswersWrongRequestsWithTheirStatus) {
          UBUS_STATUS_INVALID_ARGUMENT},
         {UBUS_MSG_ADD_OBJECT, blob([](blob_buf *b) {
              blob_put_string(b, UBUS_ATTR_OBJPATH, "odd");
-             blob_put(b, UBUS_ATTR_SIGNATURE, "not a table....", 16);
+             void *list = blob_nest_start(b, UBUS_ATTR_SIGNATURE);
+             blobmsg_add_string(b, "method", "no table");
+             blob_nest_end(b, list);
          }),
          UBUS_STATUS_INVALID_ARGUMENT},
         {UBUS_MSG_ADD_OBJECT, blob([](blob_buf *b) {
@@ -251,6 +253,41 @@ TEST_F(Bus, AClientThatDoesNotReadIsDroppedAndHarmsNobody) {
     while (stuck.receive().type >= 0)
         received++;
     EXPECT_LT(received, 100);
+    ubus_unregister_event_handler(listener.get(), &handler);
+}
+
+TEST_F(Bus, WhatWasSentBeforeLeavingStillCounts) {
+    Peer listener(socket);
+    struct Handler : ubus_event_handler {
+        int seen;
+    } handler{};
+    handler.cb = [](ubus_context *, ubus_event_handler *ev, const char *, blob_attr *) {
+        static_cast<Handler *>(ev)->seen++;
+    };
+    ASSERT_EQ(ubus_register_event_handler(listener.get(), &handler, "parting"), 0);
+
+    // Whoever leaves does not hear that its events have been sent, and they are more than the daemon takes in
+    // one turn.
+    std::string events;
+    for (int i = 0; i < 100; i++)
+        events += invocation(UBUS_SYSTEM_OBJECT_EVENT, "send", R"({"id":"parting","data":{}})");
+    Wire leaving(socket);
+    daemon->signal(SIGSTOP);
+    leaving.send(events);
+    leaving.close();
+    daemon->signal(SIGCONT);
+    ASSERT_TRUE(pump_until([&] { return handler.seen == 100; })) << handler.seen;
+
+    // The same with the daemon leaving, and the client that has not read yet.
+    Peer sender(socket);
+    Json message;
+    for (int i = 0; i < 100; i++)
+        ubus_send_event(sender.get(), "parting", message.head());
+    daemon->signal(SIGKILL);
+    waitid(P_PID, static_cast<id_t>(daemon->pid()), std::make_unique<siginfo_t>().get(), WEXITED | WNOWAIT);
+    ASSERT_TRUE(pump_until([&] { return handler.seen == 200; })) << handler.seen;
+    daemon->finish();
+    daemon.reset();
     ubus_unregister_event_handler(listener.get(), &handler);
 }
 

@@ -248,6 +248,27 @@ TEST_F(Loop, ARunInsideACallbackServesTheOthersAndNotTheEdgeInProgress) {
     EXPECT_THAT(log, ElementsAre("watch", "sibling", "watch"));
 }
 
+TEST_F(Loop, ARunInsideACallbackServesTheEdgesThatTheOuterOneHasFound) {
+    Pair one, two;
+    Watch first(one.ends[0]), second(two.ends[0]);
+    int served = 0;
+
+    // Both are found at once; whichever is called first waits for the other.
+    first.action = second.action = [&](unsigned int) {
+        if (++served == 2)
+            return;
+        for (int i = 0; i < 3; i++)
+            uloop_run_timeout(0);
+        EXPECT_EQ(served, 2);
+        uloop_end();
+    };
+    one.send("x");
+    two.send("x");
+    uloop_fd_add(&first, ULOOP_READ | ULOOP_EDGE_TRIGGER);
+    uloop_fd_add(&second, ULOOP_READ | ULOOP_EDGE_TRIGGER);
+    run();
+}
+
 TEST_F(Loop, EdgesThatWereFoundAndNotServedAreNotLost) {
     Pair one, two;
     Watch first(one.ends[0]), second(two.ends[0]);
@@ -340,9 +361,13 @@ TEST_F(Loop, ChildrenAreReportedWithTheirStatusAlsoWhenTheyEndedBefore) {
         codes.push_back(WTERMSIG(status));
         uloop_end();
     };
-    EXPECT_EQ(uloop_process_add(&early), 0);
-    EXPECT_EQ(uloop_process_add(&early), -1);
-    uloop_process_add(&killed);
+    // Within the run, whose look at the children that ended before it has passed.
+    Timer add([&] {
+        EXPECT_EQ(uloop_process_add(&early), 0);
+        EXPECT_EQ(uloop_process_add(&early), -1);
+        uloop_process_add(&killed);
+    });
+    uloop_timeout_set(&add, 10);
     run();
     EXPECT_THAT(codes, ElementsAre(7, SIGKILL));
     EXPECT_EQ(uloop_process_delete(&early), -1);

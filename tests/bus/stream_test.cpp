@@ -188,6 +188,10 @@ TEST_F(Streams, TextIsTerminatedUpToTheLastByteOfTheBuffer) {
     stream.send("ef");
     settle();
     EXPECT_EQ(seen, "cdef");
+    ustream_consume(&stream.stream, 4);
+    stream.send("x");
+    settle();
+    EXPECT_EQ(seen, "x");
 }
 
 TEST_F(Streams, OutputIsBufferedForASlowReaderInOrder) {
