@@ -75,9 +75,10 @@ constexpr field<qzcap_laninfo> host_fields_behind_rate[] = {
 json_ptr host_item(const qzcap_laninfo &host) {
     const qzcap_wifi_ap *ap = ap_of_host(host);
     const std::string ssid = std::string(text_or_empty(ap ? ap->ssid : nullptr)).substr(0, host_ssid_max);
+    const std::uint32_t mbits = host.negorate / 1000;
     json_object item;
     add_fields(item, host, host_fields_before_ssid);
-    item.text("ssid", ssid.c_str()).number("negorate", host.negorate / 1000);
+    item.text("ssid", ssid.c_str()).number("negorate", mbits);
     add_fields(item, host, host_fields_behind_rate);
     return item.take();
 }

@@ -69,7 +69,7 @@ class Registration(AgentCase):
                     if entry["message"]["type"] in ("dev_reg", "keepalive")]
         seconds = [sum(float(part) * scale for part, scale in zip(t.split(":"), (3600, 60, 1))) for t in arrivals]
         for gap, expected in zip((b - a for a, b in zip(seconds, seconds[1:])), (1, 5, 5)):
-            self.assertAlmostEqual(gap % 86400, expected, delta=0.5)
+            self.assertAlmostEqual(gap % 86400, expected, delta=1)
 
     def test_device_without_mesh_and_first_online_across_connections(self):
         self.patch({"devinfo": {"supportMesh": 0}})
@@ -184,7 +184,7 @@ class Faults(AgentCase):
         agent.expect("[INFO] (arvok) disconnect fd: ")
         began = time.monotonic()
         agent.expect("[INFO] (arvok) connect ")
-        self.assertAlmostEqual(time.monotonic() - began, 10, delta=1)
+        self.assertAlmostEqual(time.monotonic() - began, 10, delta=2)
         self.wait_for_message("wan_report")
 
     def test_each_fault_has_its_line_and_ends_the_connection(self):
