@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <limits>
+#include <map>
 #include <string>
 
 namespace arvok::capi {
@@ -31,7 +32,41 @@ blob_attr *find(blob_attr *table, const char *name, int type) {
     return nullptr;
 }
 
+// Where the platform's objects were found last, so that a call is one exchange and not two.
+std::map<std::string, std::uint32_t> known_objects;
+
+int find_object(ubus_context *ctx, const char *object, std::uint32_t *id) {
+    const int status = ubus_lookup_id(ctx, object, id);
+    if (status == 0) {
+        known_objects[object] = *id;
+    } else {
+        known_objects.erase(object);
+    }
+    return status;
+}
+
+// One call. An object that is gone from where it was may stand elsewhere, after a restart of its daemon.
+int invoke(ubus_context *ctx, const Call &call, const Arguments &arguments, blob_ptr &message) {
+    const auto known = known_objects.find(call.object);
+    std::uint32_t id = known != known_objects.end() ? known->second : 0;
+    if (id == 0) {
+        if (const int status = find_object(ctx, call.object, &id); status != 0) {
+            return status;
+        }
+    }
+    const std::uint32_t tried = id;
+    int status = ubus_invoke(ctx, id, call.method, arguments.head(), keep_answer, &message, call_timeout_ms);
+    if (status == UBUS_STATUS_NOT_FOUND && find_object(ctx, call.object, &id) == 0 && id != tried) {
+        status = ubus_invoke(ctx, id, call.method, arguments.head(), keep_answer, &message, call_timeout_ms);
+    }
+    return status;
+}
+
 }  // namespace
+
+void forget_objects() {
+    known_objects.clear();
+}
 
 Arguments &Arguments::text(const char *name, const char *value) {
     if (value != nullptr) {
@@ -83,15 +118,8 @@ Answer exchange(const Call &call, const Arguments &arguments, char **errtext) {
         return answer;
     }
     const std::string where = std::string(call.object) + " " + call.method + ": ";
-    std::uint32_t id = 0;
-    if (const int status = ubus_lookup_id(ctx, call.object, &id); status != 0) {
-        set_error(errtext, where + ubus_strerror(status));
-        return answer;
-    }
     blob_ptr message;
-    if (const int status =
-            ubus_invoke(ctx, id, call.method, arguments.head(), keep_answer, &message, call_timeout_ms);
-        status != 0) {
+    if (const int status = invoke(ctx, call, arguments, message); status != 0) {
         set_error(errtext, where + ubus_strerror(status));
         return answer;
     }

@@ -52,6 +52,9 @@ struct Answer {
 /// Makes the call and waits for its answer. On failure `errtext`, when not null, says why.
 Answer exchange(const Call &call, const Arguments &arguments, char **errtext);
 
+/// Forgets where the platform's objects are. At the end of a session.
+void forget_objects();
+
 /// The call's whole result is success or failure.
 int perform(const Call &call, const Arguments &arguments, char **errtext);
 

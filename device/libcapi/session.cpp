@@ -50,6 +50,7 @@ void qzcap_ubus_done() {
     }
     ubus_free(session.ctx);
     blob_buf_free(&session.buf);
+    forget_objects();
     uloop_done();
     session = Session{};
 }

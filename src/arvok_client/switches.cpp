@@ -30,14 +30,16 @@ struct switch_row {
     char *qzcap_wifi_switch::*state;
     const char *bus_key;
     bool skip_unchanged;
-    const char *failure;  // begins the error's text
+    const char *failure;  // format of the error's text
     bool is_sync;
 };
 
 constexpr switch_row wifi_switch{&qzcap_wifi_switch::wifiswitch, "wifiswitch", true, "set_wifi_switch",
                                  false};
-constexpr switch_row wps_switch{&qzcap_wifi_switch::wpsswitch, "wpsswitch", false, "set_wps_switch", false};
-constexpr switch_row sync_switch{&qzcap_wifi_switch::arvoksync, "arvoksync", true, "set_arvoksync", true};
+constexpr switch_row wps_switch{&qzcap_wifi_switch::wpsswitch, "wpsswitch", false,
+                                "set_wps_switch failed: %s", false};
+constexpr switch_row sync_switch{&qzcap_wifi_switch::arvoksync, "arvoksync", true, "set_arvoksync failed: %s",
+                                 true};
 
 json_ptr get_switch(const switch_row &row) {
     const wifi_switch_ptr switches(qzcap_get_wifi_switch());
@@ -86,7 +88,7 @@ void set_switch(const switch_row &row, const cJSON *value) {
         return arvok_set_error(err_invalid_parameter, "invalid status: %s", status);
     std::string reason;
     if (invoke_set(row.bus_key, word, reason) != 0)
-        return arvok_set_error(err_platform, "%s failed: %s", row.failure, reason.c_str());
+        return arvok_set_error(err_platform, row.failure, reason.c_str());
     if (row.is_sync)
         ec->sync_on = _strcmp(word, "on") == 0;
 }

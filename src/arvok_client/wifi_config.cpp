@@ -67,32 +67,34 @@ struct radio_request {
     bool has_channel;
     std::int32_t channel;
     const char *bandwidth;
-    std::uint32_t bandwidth_code;
 };
 
-enum class outcome { go_on, done, failed };
-
-bool read_radio(const cJSON *radio, radio_request &request) {
-    request = {.enable = json_text(radio, "enable"),
-               .txpower = json_text(radio, "txpower"),
-               .wifimode = json_text(radio, "wifimode"),
-               .has_channel = false,
-               .channel = 0,
-               .bandwidth = json_text(radio, "bandwidth"),
-               .bandwidth_code = 0};
+radio_request read_radio(const cJSON *radio) {
+    radio_request request{.enable = json_text(radio, "enable"),
+                          .txpower = json_text(radio, "txpower"),
+                          .wifimode = json_text(radio, "wifimode"),
+                          .has_channel = false,
+                          .channel = 0,
+                          .bandwidth = json_text(radio, "bandwidth")};
     const cJSON *channel = json_member(radio, "channel");
     if (cJSON_IsNumber(channel) || cJSON_IsString(channel)) {
         request.has_channel = true;
         request.channel = cJSON_IsNumber(channel) ? channel->valueint : std::atoi(channel->valuestring);
     }
-    if (request.bandwidth) {
-        const int code = get_bandwidth_index(request.bandwidth);
-        if (code == unknown_bandwidth) {
-            arvok_set_error(err_invalid_parameter, "invalid bandwidth \"%s\"", request.bandwidth);
-            return false;
-        }
-        request.bandwidth_code = static_cast<std::uint32_t>(code);
+    return request;
+}
+
+// The code of the bandwidth that is given, else the current one; false after recording that there is none.
+bool bandwidth_code(const radio_request &request, const qzcap_wifiinfo &current, std::uint32_t &code) {
+    code = current.bandwidth;
+    if (!request.bandwidth)
+        return true;
+    const int index = get_bandwidth_index(request.bandwidth);
+    if (index == unknown_bandwidth) {
+        arvok_set_error(err_invalid_parameter, "invalid bandwidth \"%s\"", request.bandwidth);
+        return false;
     }
+    code = static_cast<std::uint32_t>(index);
     return true;
 }
 
@@ -100,12 +102,20 @@ bool differs(const char *given, const char *current) {
     return given && _strcmp(given, current) != 0;
 }
 
-bool radio_differs(const radio_request &request, const qzcap_wifiinfo &current) {
-    return differs(request.enable, current.enable) ||
-           (request.has_channel && request.channel != current.channel) ||
-           differs(request.txpower, current.txpower) ||
-           (request.bandwidth && request.bandwidth_code != current.bandwidth) ||
-           differs(request.wifimode, current.wifimode);
+// How the comparison of a request with what is set goes on.
+enum class check { same, differs, failed };
+
+// In the order of the members: behind a difference nothing is looked at, not even whether it is valid.
+check check_radio(const radio_request &request, const qzcap_wifiinfo &current) {
+    if (differs(request.enable, current.enable) ||
+        (request.has_channel && request.channel != current.channel) ||
+        differs(request.txpower, current.txpower))
+        return check::differs;
+    std::uint32_t code;
+    if (!bandwidth_code(request, current, code))
+        return check::failed;
+    return code != current.bandwidth || differs(request.wifimode, current.wifimode) ? check::differs
+                                                                                    : check::same;
 }
 
 // The interfaces of a band object; null after recording the error.
@@ -136,10 +146,10 @@ class wifi_setting {
         if (g_ctx.is_router) {
             qzcap_printf("[INFO] router mode\n");
         } else {
-            const outcome changed = check();
-            if (changed == outcome::failed)
+            const check changed = compare();
+            if (changed == check::failed)
                 return;
-            if (changed == outcome::go_on) {
+            if (changed == check::same) {
                 qzcap_printf("[INFO] wifi config no changed\n");
                 return;
             }
@@ -157,7 +167,8 @@ class wifi_setting {
             wifi_ap_ptr &ap = main_ap_[&band - bands];
             ap.reset(qzcap_wifi_ap_get(band.ap, main_interface));
             if (!ap) {
-                arvok_set_error(err_platform, "qzcap_wifi_ap_get %s failed", band.word);
+                arvok_set_error(err_platform, band.radio == QZCAP_RADIO_2G ? "qzcap_wifi_ap_get 2.4G failed"
+                                                                           : "qzcap_wifi_ap_get 5G failed");
                 return false;
             }
         }
@@ -181,42 +192,39 @@ class wifi_setting {
         return nullptr;
     }
 
-    // done: a difference was found; go_on: none.
-    outcome check() const {
+    check compare() const {
         for (const cJSON *item = value_->child; item; item = item->next) {
             const cJSON *radio = json_member(item, "radio");
             bool unsupported;
             const wifi_band *band = band_of(radio, unsupported);
             if (unsupported) {
                 qzcap_printf("[INFO] dev not support 5G\n");
-                return outcome::go_on;
+                return check::same;
             }
             if (!band)
-                return outcome::failed;
-            const outcome result = check_band(item, radio, *band);
-            if (result != outcome::go_on)
+                return check::failed;
+            const check result = compare_band(item, radio, *band);
+            if (result != check::same)
                 return result;
         }
-        return outcome::go_on;
+        return check::same;
     }
 
-    outcome check_band(const cJSON *item, const cJSON *radio, const wifi_band &band) const {
-        radio_request request;
-        if (!read_radio(radio, request))
-            return outcome::failed;
-        if (radio_differs(request, *radio_of(band)))
-            return outcome::done;
+    check compare_band(const cJSON *item, const cJSON *radio, const wifi_band &band) const {
+        const check result = check_radio(read_radio(radio), *radio_of(band));
+        if (result != check::same)
+            return result;
         const cJSON *ap = ap_array(item);
         if (!ap)
-            return outcome::failed;
+            return check::failed;
         for (const cJSON *element = ap->child; element; element = element->next) {
             if (!valid_apidx(element))
-                return outcome::failed;
+                return check::failed;
             for (const ap_member &member : ap_members)
                 if (differs(json_text(element, member.key), (*main_ap(band)).*member.text))
-                    return outcome::done;
+                    return check::differs;
         }
-        return outcome::go_on;
+        return check::same;
     }
 
     void apply() {
@@ -235,15 +243,15 @@ class wifi_setting {
 
     static bool apply_radio(const cJSON *radio, const wifi_band &band) {
         const qzcap_wifiinfo &current = *radio_of(band);
-        radio_request request;
-        if (!read_radio(radio, request))
+        const radio_request request = read_radio(radio);
+        std::uint32_t bandwidth;
+        if (!bandwidth_code(request, current, bandwidth))
             return false;
         // "enable" counts as changed whenever it is given, also when it is what is set: only its absence does
         // not.
         const bool unchanged = !request.enable &&
                                (!request.has_channel || request.channel == current.channel) &&
-                               !differs(request.txpower, current.txpower) &&
-                               (!request.bandwidth || request.bandwidth_code == current.bandwidth) &&
+                               !differs(request.txpower, current.txpower) && bandwidth == current.bandwidth &&
                                !differs(request.wifimode, current.wifimode);
         if (unchanged)
             return true;
@@ -251,7 +259,7 @@ class wifi_setting {
         record.enable = chosen(request.enable, current.enable);
         record.channel = request.has_channel ? request.channel : current.channel;
         record.txpower = chosen(request.txpower, current.txpower);
-        record.bandwidth = request.bandwidth ? request.bandwidth_code : current.bandwidth;
+        record.bandwidth = bandwidth;
         record.wifimode = chosen(request.wifimode, current.wifimode);
         if (qzcap_set_wifiinfo_async(band.radio, &record, 0) >= 0)
             return true;

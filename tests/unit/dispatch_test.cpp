@@ -109,6 +109,14 @@ TEST_F(Link, ErrorsAreRecordedCutAndLogged) {
     EXPECT_EQ(ec->errcode, 10004);
     EXPECT_EQ(std::string(ec->errmsg), "call failed: " + std::string(255 - 13, 'x'));
     EXPECT_NE(log_text().find("[ERROR] (10004) call failed: xxx"), std::string::npos);
+    for (const auto &[character, bytes] :
+         {std::pair{"\u00e9", 254u}, {"\u20ac", 255u}, {"\U0001f600", 252u}}) {
+        std::string text;
+        while (text.size() < 300)
+            text += character;
+        arvok_set_error(10004, "%s", text.c_str());
+        EXPECT_EQ(std::string(ec->errmsg), text.substr(0, bytes));  // no half characters
+    }
     EXPECT_STREQ(json_print(arvok_error_item(10001, "unrecognized request").get()).get(),
                  R"({"errmsg":"unrecognized request"})");
     EXPECT_EQ(ec->errcode, 10001);
