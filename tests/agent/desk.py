@@ -125,3 +125,70 @@ class AgentCase(unittest.TestCase):
         call("qzcapd.emulator", "fail", {"call": function, "reason": reason, "times": times})
 
 
+
+
+class LinkedCase(AgentCase):
+    """A test of what passes on the link: one agent, registered, on a device in the state of the start."""
+
+    def setUp(self):
+        super().setUp()
+        call("qzcapd.system", "reset")
+        self.agent = None
+
+    def link(self, patch=None, *args):
+        """Starts the agent and waits until it is registered; the journal and the gateway's record begin then."""
+        if patch:
+            self.patch(patch)
+        self.agent = self.start("-g", os.environ["GATEWAY_ADDR"], *args)
+        self.wait_for_message("dev_report")
+        self.forget()
+        return self.agent
+
+    @staticmethod
+    def forget():
+        call("lab.gateway", "messages", {"clear": True})
+        call("qzcapd.emulator", "calls", {"clear": True})
+
+    def fail_call(self, function, times=1, reason="on demand", mode="error"):
+        call("qzcapd.emulator", "fail", {"call": function, "reason": reason, "times": times, "mode": mode})
+        self.addCleanup(self.mend, function)
+
+    @staticmethod
+    def mend(function):
+        call("qzcapd.emulator", "fail", {"call": function, "times": 0})
+
+    @staticmethod
+    def journal(*functions):
+        """The calls since the last look with their arguments, of these functions only, if given; forgets them."""
+        calls = call("qzcapd.emulator", "calls", {"clear": True})["calls"]
+        return [(c["call"], c["args"]) for c in calls if not functions or c["call"] in functions]
+
+    @staticmethod
+    def notify(number, method, message):
+        call("qzcapd.emulator", "notify", {"object": number, "method": method, "message": message})
+
+    @staticmethod
+    def state():
+        return call("qzcapd.emulator", "state")
+
+    @staticmethod
+    def request(message):
+        return call("lab.gateway", "request", {"message": message, "timeout": 15000}, 20)
+
+    def status(self, *names):
+        """Asks for status items; the error code and the values by name."""
+        reply = self.request({"type": "get_status", "get": [{"name": name} for name in names]})
+        self.assertEqual(list(reply), ["type", "sequence", "mac", "errcode", "status"])
+        return reply["errcode"], reply["status"]
+
+    def _acknowledged(self, message):
+        reply = self.request(message)
+        self.assertEqual(list(reply), ["type", "sequence", "mac", "errcode", "errmsg"])
+        self.assertEqual((reply["type"], reply["mac"]), ("ack", "025A10000001"))
+        return reply["errcode"], reply["errmsg"]
+
+    def control(self, *elements):
+        return self._acknowledged({"type": "control", "data": list(elements)})
+
+    def cfg(self, **rows):
+        return self._acknowledged({"type": "cfg", "set": rows})
