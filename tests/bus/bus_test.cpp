@@ -171,28 +171,27 @@ TEST_F(Bus, ADataCallbackMayCallAndItsRequestEndsAfterIt) {
                                       "end", "complete"));
 }
 
-TEST_F(Bus, AnAbortedRequestIsNotHeardOfAgain) {
+TEST_F(Bus, AnAbortedRequestIsNotHeardOfAgainAndMayBeFreed) {
     Peer peer(socket), caller(socket);
     Service service(peer, "service");
-    struct Call : ubus_request {
-        int data = 0;
-        int completions = 0;
-    } call;
+    static int data, completions;
     Json empty;
+    auto *call = new ubus_request;
 
-    ASSERT_EQ(ubus_invoke_async(caller.get(), caller.id_of("service"), "numbers", empty.head(), &call), 0);
-    call.data = call.completions = 0;
-    call.data_cb = [](ubus_request *request, int, blob_attr *) {
-        static_cast<Call *>(request)->data++;
+    data = completions = 0;
+    ASSERT_EQ(ubus_invoke_async(caller.get(), caller.id_of("service"), "numbers", empty.head(), call), 0);
+    call->data_cb = [](ubus_request *request, int, blob_attr *) {
+        data++;
         ubus_abort_request(request->ctx, request);
+        delete request;
     };
-    call.complete_cb = [](ubus_request *request, int) { static_cast<Call *>(request)->completions++; };
-    ubus_complete_request_async(caller.get(), &call);
+    call->complete_cb = [](ubus_request *, int) { completions++; };
+    ubus_complete_request_async(caller.get(), call);
+    ASSERT_TRUE(pump_until([&] { return data > 0; }));
     // Whatever was under way to the same client has arrived before this answer.
-    ASSERT_TRUE(pump_until([&] { return call.data > 0; }));
     caller.call("service", "echo");
-    EXPECT_EQ(call.data, 1);
-    EXPECT_EQ(call.completions, 0);
+    EXPECT_EQ(data, 1);
+    EXPECT_EQ(completions, 0);
 }
 
 struct Subscriber : ubus_subscriber {

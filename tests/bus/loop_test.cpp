@@ -1,6 +1,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -257,8 +258,7 @@ TEST_F(Loop, ARunInsideACallbackServesTheEdgesThatTheOuterOneHasFound) {
     first.action = second.action = [&](unsigned int) {
         if (++served == 2)
             return;
-        for (int i = 0; i < 3; i++)
-            uloop_run_timeout(0);
+        uloop_run_timeout(0);
         EXPECT_EQ(served, 2);
         uloop_end();
     };
@@ -339,6 +339,7 @@ struct Process : uloop_process {
         cb = [](uloop_process *process, int status) { static_cast<Process *>(process)->action(status); };
         pid = fork();
         if (pid == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
             body();
             _exit(7);
         }
