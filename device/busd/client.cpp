@@ -15,7 +15,7 @@ namespace {
 // Four of the largest messages: more than any client leaves unread that is alive.
 constexpr size_t MAX_OUTPUT = 4 * static_cast<size_t>(UBUS_MAX_MSGLEN);
 // A message grows with its bytes, whatever length it claims.
-constexpr size_t READ_STEP = 64 * 1024;
+constexpr size_t READ_STEP = size_t{64} * 1024;
 // Then it is the turn of the others.
 constexpr int MESSAGES_PER_TURN = 32;
 
