@@ -24,6 +24,8 @@ void remove_new_device(const char *mac) {
 }
 
 void add_new_device(const char *mac) {
+    if (g_ctx.new_devices.size() >= new_devices_max)
+        g_ctx.new_devices.pop_back();
     g_ctx.new_devices.emplace_front();
     _strlcpy(g_ctx.new_devices.front().mac, mac, sizeof new_device::mac);
 }

@@ -37,7 +37,7 @@ struct bus_subscription {
 };
 
 /// When the agent first saw a host active. Hosts that change their MACs must not fill the memory of a device
-/// that runs for years: beyond first_online_max the oldest records go.
+/// that runs for years: beyond first_online_max the records longest not asked for go.
 struct first_online {
     char mac[32];
     std::int64_t time;  ///< seconds since the epoch

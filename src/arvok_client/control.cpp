@@ -57,8 +57,10 @@ void deassociation(const cJSON *element) {
 // The payload of an element: base64 of hex digits, two to a byte; an odd last digit is a high half.
 bool decode_vsie(const char *data, std::vector<unsigned char> &payload) {
     text_ptr digits;
-    const int count = _do_b64_code(data, _strlen(data), digits, false);
-    if (count < 0 || count > vsie_size_max * 2)
+    if (_do_b64_code(data, _strlen(data), digits, false) < 0)
+        return false;
+    const int count = _strlen(digits.get());
+    if (count > vsie_size_max * 2)
         return false;
     payload.assign(static_cast<std::size_t>(count + 1) / 2, 0);
     for (int i = 0; i < count; i++) {

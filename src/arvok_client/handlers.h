@@ -81,7 +81,8 @@ json_ptr get_capability();
 json_ptr get_access_list();
 
 /// The object of a mesh record for "mapInfo" and the mesh report: "mapRole", "mapAlmac" and, for a
-/// controller, "backhaulBSS" are added to `object`. Null, or the platform call that failed.
+/// controller, "backhaulBSS" are added to `object`. Null, or the text that says which platform
+/// call failed.
 const char *add_map_info(json_object &object);
 
 }  // namespace arvok

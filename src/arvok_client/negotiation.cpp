@@ -68,7 +68,7 @@ void send_arvok_keyngreq() {
 }
 
 int arvok_keyngack(const cJSON *root, reply_context &context) {
-    if (context.from_cloud == 1)
+    if (context.from_cloud)
         return 0;
     const char *keymode = json_text(root, "keymode");
     if (!keymode) {
@@ -90,7 +90,7 @@ int arvok_keyngack(const cJSON *root, reply_context &context) {
 }
 
 int arvok_dh(const cJSON *root, reply_context &context) {
-    if (context.from_cloud == 1)
+    if (context.from_cloud)
         return 0;
     const cJSON *data = json_member(root, "data");
     text_ptr peer_pub = _get_json_str(data, "dh_key");

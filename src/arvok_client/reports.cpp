@@ -139,7 +139,7 @@ void send_arvok_map_report() {
         return;
     arvok_msg_ptr msg = arvok_msg_new("map_report", 0);
     if (const char *failed = add_map_info(msg->root)) {
-        qzcap_printf("[ERROR] %s failed\n", failed);
+        qzcap_printf("[ERROR] %s\n", failed);
         return;
     }
     arvok_post(std::move(msg));
@@ -150,9 +150,9 @@ void send_arvok_lan_event(const cJSON *event) {
     const cJSON *active = json_member(event, "active");
     if (!mac || !cJSON_IsNumber(active))
         return;
-    if (active->valueint == 1 && subscribed(event_online))
+    if (active->valuedouble == 1 && subscribed(event_online))
         send_online_event(mac);
-    else if (active->valueint == 0 && subscribed(event_offline))
+    else if (active->valuedouble == 0 && subscribed(event_offline))
         arvok_send_event(json_object().text("event", "offline").text("mac", mac).take());
 }
 
@@ -167,7 +167,7 @@ void send_arvok_vsie_event(const cJSON *event) {
     const cJSON *bytes = json_member(event, "vsie");
     if (!cJSON_IsNumber(band) || !mac || !cJSON_IsArray(bytes) || !subscribed(event_vsie))
         return;
-    const char *word = band->valueint == 0 ? "2.4G" : band->valueint == 1 ? "5G" : "5G-2";
+    const char *word = band->valuedouble == 0 ? "2.4G" : band->valuedouble == 1 ? "5G" : "5G-2";
     const text_ptr data = encode_vsie(bytes);
     arvok_send_event(json_object()
                          .text("event", "vsie")
@@ -179,12 +179,16 @@ void send_arvok_vsie_event(const cJSON *event) {
 
 std::int64_t arvok_first_online(const char *mac) {
     mac = text_or_empty(mac);
-    for (const first_online &seen : ec->first_online_list)
-        if (_strcasecmp(seen.mac, mac) == 0)
-            return seen.time;
-    if (ec->first_online_list.size() >= first_online_max)
-        ec->first_online_list.pop_back();
-    first_online &now = ec->first_online_list.emplace_front();
+    auto &list = ec->first_online_list;
+    const auto seen = std::find_if(list.begin(), list.end(),
+                                   [mac](const first_online &f) { return _strcasecmp(f.mac, mac) == 0; });
+    if (seen != list.end()) {
+        list.splice(list.begin(), list, seen);  // the record that goes first is the one longest not asked for
+        return seen->time;
+    }
+    if (list.size() >= first_online_max)
+        list.pop_back();
+    first_online &now = list.emplace_front();
     _strlcpy(now.mac, mac, sizeof now.mac);
     now.time = wall_clock();
     return now.time;

@@ -39,8 +39,10 @@ json_ptr of_wan(Value value) {
     return refreshed(update_wan_info, g_ctx.waninfo, "qzcap_get_waninfo failed", value);
 }
 
+constexpr std::size_t percent_text_size = 8;  // what does not fit is cut, also for the gateway
+
 json_ptr percent(std::uint32_t n) {
-    char text[8];
+    char text[percent_text_size];
     std::snprintf(text, sizeof text, "%u%%", n);
     return text_value(text);
 }
@@ -101,8 +103,7 @@ json_ptr number_list(const std::uint32_t *numbers) {
 
 json_ptr port_list(std::uint32_t *qzcap_devinfo::*ports, const char *missing) {
     return of_device([&](const qzcap_devinfo &device) {
-        return device.*ports ? number_list(device.*ports)
-                             : arvok_error_item(err_platform, "%s is null", missing);
+        return device.*ports ? number_list(device.*ports) : arvok_error_item(err_platform, "%s", missing);
     });
 }
 
@@ -160,10 +161,10 @@ json_ptr get_web_server() {
     return of_device([](const qzcap_devinfo &device) { return object_of(device, web_server_fields); });
 }
 json_ptr get_eth_wan_port_index() {
-    return port_list(&qzcap_devinfo::wanports, "wanports");
+    return port_list(&qzcap_devinfo::wanports, "wanports is null");
 }
 json_ptr get_eth_lan_port_index() {
-    return port_list(&qzcap_devinfo::lanports, "lanports");
+    return port_list(&qzcap_devinfo::lanports, "lanports is null");
 }
 
 json_ptr get_terminal_num() {

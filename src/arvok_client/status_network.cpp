@@ -219,11 +219,11 @@ json_ptr get_channel_quality() {
 const char *add_map_info(json_object &object) {
     const mesh_ptr mesh(qzcap_get_mesh());
     if (!mesh)
-        return "qzcap_get_mesh";
+        return "qzcap_get_mesh failed";
     const bool controller = _strcmp(mesh->role, "controller") == 0;
     const backhaulbss_ptr backhaul(controller ? qzcap_mesh_backhaulbss() : nullptr);
     if (controller && !backhaul)
-        return "qzcap_mesh_backhaulbss";
+        return "qzcap_mesh_backhaulbss failed";
     object.text("mapRole", mesh->role).text("mapAlmac", mesh->almac);
     if (backhaul)
         object.add("backhaulBSS", json_object()
@@ -238,7 +238,7 @@ const char *add_map_info(json_object &object) {
 json_ptr get_map_info() {
     json_object object;
     if (const char *failed = add_map_info(object))
-        return arvok_error_item(err_platform, "%s failed", failed);
+        return arvok_error_item(err_platform, "%s", failed);
     return object.take();
 }
 
@@ -251,7 +251,7 @@ json_ptr get_map_topology() {
         return arvok_error_item(err_platform, "qzcap_mesh_topo failed");
     json_ptr parsed = json_parse(topology.get());
     if (!cJSON_IsObject(parsed.get()))
-        parsed.reset(cJSON_CreateObject());
+        return arvok_error_item(err_platform, "qzcap_mesh_topo failed");
     json_object object(std::move(parsed));
     object.text("mapRole", mesh->role).text("mapAlmac", mesh->almac).number("onlineTime", mesh->onlinetime);
     json_ptr array(cJSON_CreateArray());

@@ -34,8 +34,8 @@ struct switch_row {
     bool is_sync;
 };
 
-constexpr switch_row wifi_switch{&qzcap_wifi_switch::wifiswitch, "wifiswitch", true, "set_wifi_switch",
-                                 false};
+constexpr switch_row wifi_switch{&qzcap_wifi_switch::wifiswitch, "wifiswitch", true,
+                                 "set_wifi_switch failed: %s", false};
 constexpr switch_row wps_switch{&qzcap_wifi_switch::wpsswitch, "wpsswitch", false,
                                 "set_wps_switch failed: %s", false};
 constexpr switch_row sync_switch{&qzcap_wifi_switch::arvoksync, "arvoksync", true, "set_arvoksync failed: %s",

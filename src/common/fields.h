@@ -35,7 +35,7 @@ struct field {
 
 /// The number that a decimal text stands for; 0 for none.
 inline double decimal_number(const char *text) {
-    return text ? static_cast<double>(std::strtoull(text, nullptr, 10)) : 0;
+    return text ? static_cast<double>(std::strtoll(text, nullptr, 10)) : 0;
 }
 
 template <typename Record>

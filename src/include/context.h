@@ -21,6 +21,9 @@ struct new_device {
     char mac[32];
 };
 
+/// More than are ever new at a time; a platform that keeps announcing one host must not fill the memory.
+constexpr std::size_t new_devices_max = 1024;
+
 constexpr std::size_t event_subscribers = 6;
 
 struct context {

@@ -1,6 +1,7 @@
 """What the gateway configures: radios and main interfaces, the schedule, the LED, the switches, and how a message of
 several rows runs."""
 
+import time
 import unittest
 
 from desk import LinkedCase, call
@@ -145,6 +146,19 @@ class Wifi(LinkedCase):
             agent.expect("[INFO] dev not support 5G\n[INFO] wifi config no changed\n")
         self.table([([band({"channel": 11}), five, band({"channel": 1})], DONE, [self.radio(channel=11)])], single)
 
+    def test_order_of_the_calls_and_of_the_comparison(self):
+        self.link()
+        later = [band(ap=[ap()]), band({"channel": 40, "bandwidth": "x"}, mode="5G")]
+        self.journal()
+        # The channel differs before the bandwidth is looked at: the first band is applied, the second refused.
+        self.assertEqual(self.cfg(wifi=later), invalid('bandwidth "x"'))
+        self.assertEqual([(name, args.get("band")) for name, args in self.journal()],
+                         [("qzcap_get_wifiinfo", 8), ("qzcap_get_wifiinfo", 9), ("qzcap_get_devinfo", None),
+                          ("qzcap_wifi_ap_get", 10), ("qzcap_wifi_ap_get", 11), (AP_SET, 10)])
+        self.assertEqual(self.cfg(wifi=[band(), band({"bandwidth": "x", "wifimode": "y"}, mode="5G")]),
+                         invalid('bandwidth "x"'))
+        self.assertEqual(self.applied(), [])
+
     def test_platform_failures(self):
         self.link()
         change = [band({"channel": 11}, [ap(ssid="A")]), band({"channel": 40}, [ap(ssid="B")], "5G")]
@@ -178,9 +192,16 @@ class Wifi(LinkedCase):
                 ({"wifi": [band(mode="6G")]}, invalid('mode "6G"'), False),
                 ({"wifi": [band({"bandwidth": "9"})]}, invalid('bandwidth "9"'), False),
                 ({"wifi": AS_IT_IS, "whitelist": 1}, (10001, "V2019.1.0 without this interface"), True),
+                ({"wifi": [band({"channel": 40}, mode="5G")], "single": 1}, DONE, True),
+                ({"wifi": AS_IT_IS, "refused": 1}, failed(AP_SET + " failed"), False),
                 ({"ledswitch": {"status": "OFF"}}, DONE, False)):
             with self.subTest(rows=rows):
+                single, refused = rows.pop("single", 0), rows.pop("refused", 0)
                 self.patch(router)
+                self.patch({"devinfo": {"support_5g": "no" if single else "yes"}})
+                self.status("workmode")
+                if refused:
+                    self.fail_call(AP_SET)
                 self.journal()
                 self.assertEqual(self.cfg(**rows), error)
                 self.control()  # its reply comes after what the first one left to do
@@ -287,7 +308,10 @@ class Switches(LinkedCase):
             for mode, reason in (("error", "locked"), ("empty", "no answer"), ("timeout", "Request timed out")):
                 with self.subTest(row=row, mode=mode):
                     self.fail_call("qzcap_set_wifi_switch", reason="locked", mode=mode)
+                    began = time.monotonic()
                     self.assertEqual(self.cfg(mode="set", **{row: {"status": "OFF"}}), failed(text + reason))
+                    if mode == "timeout":
+                        self.assertAlmostEqual(time.monotonic() - began, 2.4, delta=0.5)
             self.fail_call("qzcap_get_wifi_switch")
             self.assertEqual(self.cfg(mode="set", **{row: {"status": 1}}), failed("qzcap_get_wifi_switch failed"))
 
@@ -334,6 +358,23 @@ class Rows(LinkedCase):
             self.assertEqual(self.cfg(**self.LED), DONE)
             self.patch({"wifi_switch": {"arvoksync": "off"}})
             agent.expect('json: {"arvoksync":"off"}')
+        # And the other way round: off, though the platform's notification says on.
+        for read in (lambda: self.status("syncswitch"),
+                     lambda: self.cfg(syncswitch={"status": "OFF"})):
+            self.notify(7, "arvoksync", {"arvoksync": "on"})
+            agent.expect("[DEBUG] ec_arvoksync_on (")
+            agent.expect('-> {"type":"dev_report"')
+            self.assertEqual(self.cfg(**self.LED), DONE)
+            read()
+            self.assertEqual(self.cfg(**self.LED), self.OFF)
+
+    def test_a_setting_counts_at_once(self):
+        # Two messages in one segment: the second is handled before the platform's notification of the first can be.
+        self.link()
+        message = {"type": "cfg", "set": {"syncswitch": {"status": "OFF"}}}
+        call("lab.gateway", "send", {"message": message, "repeat": 2})
+        acks = self.wait_for_message("ack", 2)
+        self.assertEqual([ack["errcode"] for ack in acks], [0, 10003])
 
     def test_rows(self):
         self.link()

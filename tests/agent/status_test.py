@@ -47,6 +47,13 @@ class Items(StatusCase):
                  self.journal("qzcap_get_wifiinfo", "qzcap_wifi_ap_list", "qzcap_wifi_ap_stats")]
         self.assertFalse({9, 11} & set(asked), asked)
 
+    def test_device_that_lost_its_second_band(self):
+        self.link()
+        self.check(DUAL)  # the agent now holds records of both bands
+        self.patch({"devinfo": {"support_5g": "no"}})
+        self.status("workmode")
+        self.assertEqual(self.check(SINGLE), 10001)
+
     def test_names(self):
         agent = self.link()
         unknown = {"errmsg": "unrecognized request"}
@@ -83,6 +90,18 @@ class Items(StatusCase):
         neighbour = {"rfband": "5G", "ssidname": "", "bssid": "b", "networktype": "AP", "channel": 1, "rssi": 5,
                      "bandwidth": 7}
         for patch, items in (
+                ({"diagnostics": {"cpurate": 1234567}}, {"cpurate": "1234567"}),  # the buffer holds no more
+                ({"wifi_switch": {"wifiswitch": "off", "wpsswitch": "on"}},
+                 {"wifiswitch": {"status": "OFF"}, "wpsswitch": {"status": "ON"}, "syncswitch": {"status": "ON"}}),
+                ({"wifi_switch": {"wifiswitch": "ON", "wpsswitch": "yes"}},
+                 {"wifiswitch": {"status": "OFF"}, "wpsswitch": {"status": "OFF"}}),
+                ({"terminalnum": {"wired": 3, "wireless_2g": 5, "wireless_5g": 7}},
+                 {"terminalNum": {"wiredNum": 3, "2.4GwirelessNum": 5, "5GwirelessNum": 7}}),
+                ({"waninfo": {"gateway": "g", "dns1": "d", "status": "s", "status6": "t"}},
+                 {"waninfo": {**DUAL["waninfo"], "gateway": "g", "dns1": "d", "status": "s", "status6": "t"}}),
+                ({"wifiinfo": {"5G": {"supported_auth": "x", "supported_modes": "y"}}},
+                 {"capability": {**DUAL["capability"], "WiFi": [DUAL["capability"]["WiFi"][0], {
+                     **DUAL["capability"]["WiFi"][1], "auth": "x", "wifimode": "y"}]}}),
                 ({"diagnostics": {"cpurate": 100, "memoryusage": 0}}, {"cpurate": "100%", "memoryuserate": "0%"}),
                 ({"devinfo": {"lanports": None}}, {"ethLanPortIndex": {"errmsg": "lanports is null"},
                                                    "ethWanPortIndex": [4]}),
@@ -96,14 +115,14 @@ class Items(StatusCase):
                 ({"netstatinfo": {"tcp": None, "udp": []}}, {"netstatPorts": {"tcp": [], "udp": []}}),
                 ({"led_switch": "off"}, {"ledswitch": {"status": "OFF"}}),
                 ({"led_switch": "ON"}, {"ledswitch": {"status": "OFF"}}),
-                ({"wifi_timer": {"1": {"enable": "1"}, "2": None}},
+                ({"wifi_timer": {"1": {"enable": "yes "}, "2": None}},
                  {"wifitimer": [{"weekday": "1,2,3,4,5", "time": "06:30", "enable": "0"}]}),
                 ({"wifi_timer": {"1": None, "2": None}, "neighbourinfo": [], "laninfo": None},
                  {"wifitimer": [], "neighborinfo": [], "real_devinfo": []}),
-                ({"neighbourinfo": [neighbour, {**neighbour, "bandwidth": 5}, {**neighbour, "bandwidth": 2}]},
+                ({"neighbourinfo": [neighbour, {**neighbour, "bandwidth": 6}, {**neighbour, "bandwidth": 5}, {**neighbour, "bandwidth": 2}]},
                  {"neighborinfo": [{"rfband": "5G", "ssidname": "", "bssid": "b", "networktype": "AP", "channel": 1,
                                     "rssi": "5", "standard": "", "bandwidth": word}
-                                   for word in ("unknown", "80+80", "0")]}),
+                                   for word in ("unknown", "unknown", "80+80", "0")]}),
                 ({"mesh": {"role": "agent"}}, {"mapInfo": {"mapRole": "agent", "mapAlmac": "02:5A:10:00:00:01"},
                                                "mapTopology": [{**DUAL["mapTopology"][0], "mapRole": "agent"}]}),
                 ({"mesh": {"role": "Controller", "onlinetime": 7}, "mesh_topo": {"agents": []}},
@@ -128,9 +147,10 @@ class Items(StatusCase):
             "no band": ({"connecttype": 1, "port": 3}, "Home-3"),
         }
         self.patch({"laninfo": None})
-        self.patch({"laninfo": {name: {**host, "active": 1} for name, (host, _) in hosts.items()}})
+        self.patch({"laninfo": {name: {**host, "active": 1, "vmac": "behind " + name} for name, (host, _) in hosts.items()}})
         items = self.status("real_devinfo")[1]["real_devinfo"]
-        self.assertEqual([(i["mac"], i["ssid"]) for i in items], [(name, ssid) for name, (_, ssid) in hosts.items()])
+        self.assertEqual([(i["mac"], i["vmac"], i["ssid"]) for i in items],
+                         [(name, "behind " + name, ssid) for name, (_, ssid) in hosts.items()])
         self.patch({"wifi_ap": {"2.4G": {"3": {"ssid": "s" * 70}}}, "laninfo": {"wired": {"active": -1}}})
         items = self.status("real_devinfo")[1]["real_devinfo"]
         self.assertEqual((items[0]["active"], items[-1]["ssid"]), (-1, "s" * 63))
@@ -146,6 +166,9 @@ class Items(StatusCase):
         agent.expect('"totalBytesSent":%s,"totalBytesReceived":%s,"totalPacketsSent":%s,"totalPacketsReceived":%s,'
                      % tuple(numbers))
         agent.expect('"bytessent":%s,"bytesreceived":%s,"packetssent":%s,"packetsreceived":%s,' % tuple(numbers))
+        self.patch({"wifi_apstat": {"2.4G": {"1": {"bytessent": "-1", "bytesreceived": "", "packetssent": "12x"}}}})
+        counters = self.status("wlanstats")[1]["wlanstats"][0]
+        self.assertEqual([counters["total" + name] for name in ("BytesSent", "BytesReceived", "PacketsSent")], [-1, 0, 12])
 
 
 class Sweep(StatusCase):

@@ -138,6 +138,57 @@ TEST_F(Link, MessagesThroughTheCloudNeverTouchTheLinksHandshake) {
     EXPECT_EQ(log(), "");
 }
 
+TEST_F(Link, RequestsThroughTheCloudLeaveTheirReplyAndSendNothing) {
+    connect();
+    struct {
+        const char *message;
+        std::int32_t sync_on, allow_bridge;
+        const char *reply;
+    } const cases[] = {
+        {R"({"type":"control","data":[{"command":"reboot"}]})", 1, 0,
+         R"({"type":"ack","sequence":0,"mac":"021122334455","errcode":0,"errmsg":""})"},
+        {R"({"type":"control","sequence":"7","data":[]})", 1, 1,
+         R"({"type":"ack","sequence":0,"mac":"021122334455","errcode":0,"errmsg":""})"},
+        {R"({"type":"get_status","sequence":7,"get":[{"name":"arvokstat"}]})", 1, 0,
+         R"({"type":"status","sequence":7,"mac":"021122334455","errcode":0,"status":)"
+         R"({"arvokstat":{"connectedGateway":"no"}}})"},
+        {R"({"type":"cfg","set":{"eventsub":["vsie"]}})", 0, 1,
+         R"({"type":"ack","sequence":0,"mac":"021122334455","errcode":0,"errmsg":""})"},
+    };
+    log();
+    for (const auto &c : cases) {
+        ec->sync_on = c.sync_on;
+        reply_context context{1, c.allow_bridge, nullptr};
+        EXPECT_EQ(handle_arvok_msg(json_parse(c.message).get(), context), 1) << c.message;
+        EXPECT_STREQ(json_print(context.reply.get()).get(), c.reply);
+    }
+    EXPECT_EQ(ec->event_mask, event_vsie);
+    turn();
+    EXPECT_EQ(log(), "");  // nothing was sent, and no action was tried
+
+    ec->sync_on = 0;
+    send_bytes(frame(R"({"type":"cfg","sequence":1,"mac":"x","set":{"eventsub":[]}})"));
+    EXPECT_EQ(
+        receive(),
+        R"({"type":"ack","sequence":1,"mac":"021122334455","errcode":10003,"errmsg":"arvoksync is off"})");
+    EXPECT_EQ(ec->event_mask, event_vsie);
+}
+
+TEST_F(Link, OnlyConsumedMessagesEndTheWaitForAnAnswer) {
+    connect();
+    for (const char *refused :
+         {R"({"type":"control","sequence":1,"mac":"x"})", R"({"type":"cfg","sequence":1,"mac":"x"})",
+          R"({"type":"get_status","mac":"x","get":[]})"}) {
+        reply_context context{0, 1, nullptr};
+        EXPECT_EQ(handle_arvok_msg(json_parse(refused).get(), context), 0) << refused;
+        EXPECT_TRUE(ec->ack_timer.pending);
+    }
+    reply_context context{0, 1, nullptr};
+    EXPECT_EQ(handle_arvok_msg(json_parse(R"({"type":"qlink"})").get(), context), 1);
+    EXPECT_FALSE(ec->ack_timer.pending);
+    EXPECT_FALSE(context.reply);
+}
+
 TEST_F(Link, EveryMessageMakesTheCachedRecordsStale) {
     for (const char *message : {R"({"type":"unknown"})", R"({"no":"type"})", "[]"}) {
         g_ctx.devinfo_valid = g_ctx.waninfo_valid = g_ctx.wifiinfo_valid = g_ctx.diag_valid = 1;
@@ -186,8 +237,10 @@ TEST_F(Link, FirstOnlineTimesAreKeptForEachMacAndBounded) {
     EXPECT_EQ(arvok_first_online(nullptr), 101);
     EXPECT_EQ(arvok_first_online("02:aa:00:00:00:01"), 100);
     EXPECT_EQ(arvok_first_online(nullptr), 101);
-    for (std::size_t i = 0; i < 2 * first_online_max; i++)
+    for (std::size_t i = 0; i < 2 * first_online_max; i++) {
         arvok_first_online(std::to_string(i).c_str());
+        EXPECT_EQ(arvok_first_online("02:AA:00:00:00:01"), 100);  // a host that stays keeps its time
+    }
     EXPECT_EQ(ec->first_online_list.size(), first_online_max);
     EXPECT_EQ(arvok_first_online(std::to_string(2 * first_online_max - 1).c_str()), now - 1);
     wall_clock = clock;
