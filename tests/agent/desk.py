@@ -60,9 +60,18 @@ class Agent:
             return at >= 0
         wait_until(found, lambda: "%r in the log:\n%s" % (line, self.lines()[-3000:]), deadline)
 
+    def handles_signals(self):
+        """Whether the loop runs: it is the loop that ends in an orderly way."""
+        try:
+            with open("/proc/%d/status" % self.process.pid) as status:
+                return int(re.search(r"SigCgt:\s*(\w+)", status.read()).group(1), 16) >> (signal.SIGTERM - 1) & 1
+        except (OSError, AttributeError):
+            return True  # it has ended
+
     def stop(self, number=signal.SIGTERM):
         """Ends the agent in an orderly way and returns its exit status."""
         if self.process.poll() is None:
+            wait_until(self.handles_signals, "the agent's loop runs")
             self.process.send_signal(number)
         try:
             return self.process.wait(DEADLINE)
