@@ -78,18 +78,21 @@ bool call_object(const Request &request, Object &object, bool no_reply) {
     return true;
 }
 
+// The arguments of a call to the daemon's own object, which must all be there.
+template <std::size_t N>
+bool read_arguments(const Request &request, const blobmsg_policy (&policy)[N], blob_attr *(&arguments)[N]) {
+    if (const blob_attr *data = request.attribute(UBUS_ATTR_DATA))
+        blobmsg_parse(policy, N, arguments, blob_data(data), static_cast<unsigned int>(blob_len(data)));
+    return std::find(std::begin(arguments), std::end(arguments), nullptr) == std::end(arguments);
+}
+
 int register_pattern(const Request &request) {
     static const blobmsg_policy policy[] = {
         {.name = "object", .type = BLOBMSG_TYPE_INT32},
         {.name = "pattern", .type = BLOBMSG_TYPE_STRING},
     };
-    const blob_attr *data = request.attribute(UBUS_ATTR_DATA);
     blob_attr *arguments[std::size(policy)] = {};
-
-    if (data)
-        blobmsg_parse(policy, std::size(policy), arguments, blob_data(data),
-                      static_cast<unsigned int>(blob_len(data)));
-    if (!arguments[0] || !arguments[1])
+    if (!read_arguments(request, policy, arguments))
         return UBUS_STATUS_INVALID_ARGUMENT;
     Object *object = request.bus.find_object(blobmsg_get_u32(arguments[0]));
     if (!object)
@@ -115,13 +118,8 @@ int send_event(const Request &request) {
         {.name = "id", .type = BLOBMSG_TYPE_STRING},
         {.name = "data", .type = BLOBMSG_TYPE_TABLE},
     };
-    const blob_attr *data = request.attribute(UBUS_ATTR_DATA);
     blob_attr *arguments[std::size(policy)] = {};
-
-    if (data)
-        blobmsg_parse(policy, std::size(policy), arguments, blob_data(data),
-                      static_cast<unsigned int>(blob_len(data)));
-    if (!arguments[0] || !arguments[1])
+    if (!read_arguments(request, policy, arguments))
         return UBUS_STATUS_INVALID_ARGUMENT;
     const std::string name = blobmsg_get_string(arguments[0]);
     // These are the daemon's own.
