@@ -76,6 +76,7 @@ int run(int argc, char **argv) {
     qzcap_unregister_appmgtcb(g_ctx.appmgt_handle);
     qzcap_ubus_done();
     release_device_info();
+    blob_buf_free(&g_ctx.blob_buf);
     return 0;
 }
 
