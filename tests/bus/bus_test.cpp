@@ -393,7 +393,7 @@ TEST_F(Bus, ErrorsHaveTheirTexts) {
     EXPECT_STREQ(ubus_strerror(UBUS_STATUS_SYSTEM_ERROR), "System error");
     for (const int unknown : {-1, int{__UBUS_STATUS_LAST}, 1 << 30})
         EXPECT_STREQ(ubus_strerror(unknown), "Unknown error");
-    EXPECT_EQ(ubus_connect("/nonexistent"), nullptr);
+    EXPECT_EQ(ubus_connect("/nonexistent/absent"), nullptr);
 }
 
 }  // namespace

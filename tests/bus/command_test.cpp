@@ -57,7 +57,7 @@ TEST_F(Command, CallsPrintEveryAnswerAndFailWithTheStatus) {
         {{"call", "nobody", "custom"}, 4, "Command failed: Not found\n"},
         {{"call", "service", "echo", "{"}, 12, "Command failed: Parsing message data failed\n"},
         {{"send", "ubus.object.add", "{}"}, 6, "Command failed: Permission denied\n"},
-        {{"-s", "/nonexistent", "list"}, 255, "Failed to connect to ubus\n"},
+        {{"-s", "/nonexistent/absent", "list"}, 255, "Failed to connect to ubus\n"},
     };
     for (const auto &failure : failures) {
         const Result result = ubus(failure.arguments);

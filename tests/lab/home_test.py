@@ -136,7 +136,7 @@ class HomeTest(unittest.TestCase):
         self.assertEqual(os.listdir(self.labs), [], "LAB_DIR was left")
 
     def test_exit_status_and_kept_logs(self):
-        for command, status in ((["true"], 0), (["sh", "-c", "exit 7"], 7), (["/nonexistent"], 127),
+        for command, status in ((["true"], 0), (["sh", "-c", "exit 7"], 7), (["/nonexistent/absent"], 127),
                                 (["sh", "-c", "kill -9 $$"], 137)):
             with self.subTest(command=command):
                 done = home(*BARE, "--", *command, env=self.env)
@@ -251,7 +251,7 @@ class HomeTest(unittest.TestCase):
             ((), self.programs(lab_gateway="echo boom; exit 1"), 1, "gateway: ended at once; the end of its log:\nboom"),
             ((), self.programs(ubusd="echo boom; exit 1"), 1, "ubusd: ended at once; the end of its log:\nboom"),
             (("--state", broken), self.env, 1, "qzcapd: ended at once"),
-            (("--state", "/nonexistent"), self.env, 1, "cannot read the device state /nonexistent"),
+            (("--state", "/nonexistent/absent"), self.env, 1, "cannot read the device state /nonexistent/absent"),
             ((), self.programs(arvokclt=None), 1, "arvokclt is missing"),
             (("--peers", "gateway"), self.programs(lab_gateway=None), 1, "the peer gateway is not built"),
             (("--peers", "gateway,moon"), self.env, 2, "unknown peer: moon"),
