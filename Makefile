@@ -1,5 +1,8 @@
 # A thin front on CMake. `make run` is the main job, `make test` is what CI runs.
 
+SHELL       = /bin/bash
+.SHELLFLAGS = -o pipefail -c
+
 BUILD      ?= build
 SANITIZED  ?= $(BUILD)-asan
 BUILD_TYPE ?= RelWithDebInfo
@@ -10,12 +13,12 @@ CTEST  = ctest --output-on-failure --no-tests=error -j 6
 CODE   = git ls-files '*.cpp' '*.c' '*.h'
 TIDIED = $(shell git ls-files 'src/*.cpp' 'lab/*.cpp')
 
-.PHONY: all setup run test check-plain check-sanitized sanitized check-format format lint bench install clean
+.PHONY: all setup run test check-plain check-sanitized sanitized check-format format lint bench clean
 
 all: setup
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) $(CMAKE_ARGS) >$(BUILD).log 2>&1 || { cat $(BUILD).log; exit 1; }
 	@rm -f $(BUILD).log
-	@cmake --build $(BUILD) -j $(JOBS) -- --no-print-directory -s
+	@env -u MAKEFLAGS -u MFLAGS cmake --build $(BUILD) -j $(JOBS) -- --no-print-directory -s | { grep -v 'Built target' || true; }
 
 setup:
 	@tools/setup.sh
@@ -48,14 +51,11 @@ format: setup
 	@$(CODE) | xargs clang-format -i
 
 lint: all
-	@echo $(TIDIED) | xargs -n 4 -P $(JOBS) clang-tidy -p $(BUILD) --quiet
+	@echo $(TIDIED) | xargs -n 4 -P $(JOBS) clang-tidy -p $(BUILD) --quiet 2>&1 | { grep -v ' generated\.$$' || true; }
 
 bench: all
 	@ARVOK_BIN=$(abspath $(BUILD))/bin $(BUILD)/bin/arvok-bench
 	@ARVOK_BIN=$(abspath $(BUILD))/bin lab/home --peers none --no-agent -- arvok-link-bench
-
-install: all
-	@cmake --install $(BUILD)
 
 clean:
 	rm -rf $(BUILD) $(SANITIZED)

@@ -81,7 +81,7 @@ bool Server::listen(const std::string &path, std::string &error) {
     const auto directory = std::filesystem::path(path).parent_path();
 
     if (!directory.empty())
-        std::filesystem::create_directories(directory, failure);
+        std::filesystem::create_directory(directory, failure);  // no more: a mistyped path is an error
     if (failure) {
         error = "cannot make " + directory.string() + ": " + failure.message();
         return false;

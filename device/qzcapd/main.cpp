@@ -44,6 +44,15 @@ int run(json_ptr state, const char *socket) {
     return 0;
 }
 
+constexpr char usage[] =
+    "usage: qzcapd [-f FILE] [-s SOCKET]\n"
+    "\n"
+    "The emulated platform: holds the state of a device and puts the platform's objects on the bus.\n"
+    "\n"
+    "  -f, --state FILE     the state to start with (default: the home's)\n"
+    "  -s, --socket SOCKET  the bus (default: $UBUS_SOCKET, else the bus library's)\n"
+    "  -h, --help           this text\n";
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -59,12 +68,12 @@ int main(int argc, char **argv) {
         } else if (opt == 's') {
             socket = optarg;
         } else {
-            std::fprintf(opt == 'h' ? stdout : stderr, "usage: qzcapd [--state FILE] [-s SOCKET]\n");
+            std::fputs(usage, opt == 'h' ? stdout : stderr);
             return opt == 'h' ? 0 : 1;
         }
     }
     if (optind < argc) {
-        std::fprintf(stderr, "qzcapd: unexpected argument %s\n", argv[optind]);
+        std::fprintf(stderr, "qzcapd: unexpected argument %s\n%s", argv[optind], usage);
         return 1;
     }
     std::string error;
