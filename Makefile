@@ -45,6 +45,7 @@ sanitized:
 	@$(MAKE) --no-print-directory all BUILD=$(SANITIZED) BUILD_TYPE=Debug CMAKE_ARGS=-DARVOK_SANITIZE=ON
 
 check-format: setup
+	@test -n "$$($(CODE))" || { echo 'formatting is checked in a git checkout only'; exit 1; }
 	@$(CODE) | xargs clang-format --dry-run --Werror
 
 format: setup

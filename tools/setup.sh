@@ -3,10 +3,10 @@
 # With everything present it asks nothing and touches no network.
 set -eu
 
-packages="g++ cmake make libcjson-dev libjson-c-dev libssl-dev uuid-dev
+packages="g++ cmake make git libcjson-dev libjson-c-dev libssl-dev uuid-dev
           libgtest-dev libgmock-dev libbenchmark-dev
           clang-format clang-tidy
-          iproute2 util-linux openssl python3"
+          iproute2 util-linux procps openssl python3"
 
 if ! command -v dpkg-query >/dev/null; then
     echo "setup: not a Debian system; what the build needs is known there as:" $packages >&2

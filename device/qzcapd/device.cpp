@@ -157,6 +157,7 @@ void Device::record(const Row &row, const cJSON *args) {
     journal_.push_back(std::move(entry));
     if (journal_.size() > journal_limit) {
         journal_.pop_front();
+        ++dropped_;
     }
 }
 
@@ -174,11 +175,19 @@ std::string Device::patch(const cJSON *patch) {
     return "";
 }
 
-json_ptr Device::journal() const {
-    json_ptr entries(cJSON_CreateArray());
-    for (const json_ptr &entry : journal_) {
-        cJSON_AddItemToArray(entries.get(), copy(entry.get()).release());
+json_ptr Device::journal(std::size_t *left_out) const {
+    std::size_t first = journal_.size();
+    for (std::size_t bytes = 0; first > 0; --first) {
+        bytes += print(journal_[first - 1].get()).size();
+        if (bytes > journal_answer_limit) {
+            break;
+        }
     }
+    json_ptr entries(cJSON_CreateArray());
+    for (std::size_t i = first; i < journal_.size(); ++i) {
+        cJSON_AddItemToArray(entries.get(), copy(journal_[i].get()).release());
+    }
+    *left_out = dropped_ + first;
     return entries;
 }
 

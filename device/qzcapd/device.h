@@ -50,10 +50,13 @@ class Device {
     /// then stays as it was), or an empty text.
     std::string patch(const cJSON *patch);
 
-    /// The calls since the start or the last clear, oldest first; beyond `journal_limit` the oldest are
-    /// dropped.
-    json_ptr journal() const;
-    void clear_journal() { journal_.clear(); }
+    /// The calls since the start or the last clear, oldest first. `left_out` says how many of the oldest are
+    /// missing: those beyond `journal_limit`, and those that do not fit one bus message with the newer ones.
+    json_ptr journal(std::size_t *left_out) const;
+    void clear_journal() {
+        journal_.clear();
+        dropped_ = 0;
+    }
     void watch_journal(Watcher watcher) { watcher_ = std::move(watcher); }
 
     /// Orders the failure of the next calls of a function; replaces an earlier order. False: no such
@@ -66,6 +69,8 @@ class Device {
   private:
     struct Object;
     static constexpr std::size_t journal_limit = 2000;
+    static constexpr std::size_t journal_answer_limit =
+        400000;  // bytes of JSON text; well below a bus message
 
     static int on_call(ubus_context *ctx, ubus_object *object, ubus_request_data *req, const char *method,
                        blob_attr *msg);
@@ -78,6 +83,7 @@ class Device {
     json_ptr factory_;
     std::vector<std::unique_ptr<Object>> objects_;
     std::deque<json_ptr> journal_;
+    std::size_t dropped_ = 0;  // entries that went beyond the limit
     std::map<std::string, Failure> failures_;
     Watcher watcher_;
 };

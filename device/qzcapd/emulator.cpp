@@ -137,11 +137,16 @@ int Emulator::calls(ubus_request_data *req, const cJSON *args) {
         return refuse(req, "clear: must be true or false", UBUS_STATUS_INVALID_ARGUMENT);
     }
     json_ptr body(cJSON_CreateObject());
-    put(body.get(), "calls", device_.journal());
-    if (cJSON_IsTrue(clear)) {
+    std::size_t left_out = 0;
+    put(body.get(), "calls", device_.journal(&left_out));
+    if (left_out > 0) {
+        cJSON_AddNumberToObject(body.get(), "left_out", static_cast<double>(left_out));
+    }
+    const int status = send(req, body.get());
+    if (status == 0 && cJSON_IsTrue(clear)) {
         device_.clear_journal();
     }
-    return send(req, body.get());
+    return status;
 }
 
 int Emulator::fail(ubus_request_data *req, const cJSON *args) {
@@ -151,9 +156,9 @@ int Emulator::fail(ubus_request_data *req, const cJSON *args) {
     const cJSON *times = get(args, "times");
     Failure failure;
     failure.reason = reason != nullptr ? reason : "emulated failure";
-    if (times != nullptr &&
-        (!cJSON_IsNumber(times) || times->valuedouble < 0 || times->valuedouble > max_failures)) {
-        return refuse(req, "times: must be a number from 0 to 1000000", UBUS_STATUS_INVALID_ARGUMENT);
+    if (times != nullptr && (!cJSON_IsNumber(times) || times->valuedouble < 0 ||
+                             times->valuedouble > max_failures || times->valuedouble != times->valueint)) {
+        return refuse(req, "times: must be a whole number from 0 to 1000000", UBUS_STATUS_INVALID_ARGUMENT);
     }
     if (times != nullptr) {
         failure.times = static_cast<unsigned int>(times->valuedouble);

@@ -215,6 +215,11 @@ int BusObject::messages(ubus_request_data *request, const cJSON *arguments) {
     if (!read_bool(arguments, "clear", clear) ||
         !read_integer(arguments, "after", 0, INT64_C(1) << 52, query.after))
         return invalid("messages: \"clear\" is true or false, \"after\" is a number");
+    for (const char *name : {"type", "direction"}) {
+        const cJSON *member = cJSON_GetObjectItemCaseSensitive(arguments, name);
+        if (member && !cJSON_IsString(member))
+            return invalid(std::string("messages: \"") + name + "\" is a text");
+    }
     if (const char *type_wanted = string_member(arguments, "type"))
         query.type = type_wanted;
     if (const char *direction = string_member(arguments, "direction")) {

@@ -77,6 +77,9 @@ std::string Faults::arm(const cJSON *arguments) {
         !read_integer(arguments, "after", 0, INT_MAX, fault.after))
         return "\"times\", \"length\", \"delay\" and \"after\" are whole numbers from 0 on";
 
+    if (fault.after > 0 && (!fault.on.empty() || fault.times != 1))
+        return "\"after\" counts all messages, once: it goes without \"on\" and \"times\"";
+
     const cJSON *set = cJSON_GetObjectItemCaseSensitive(arguments, "set");
     if ((row->kind == FaultKind::edit) != cJSON_IsObject(set))
         return "\"set\" is the object that goes with \"edit\"";

@@ -78,7 +78,10 @@ Gateway::Gateway(GatewaySettings settings, Traffic &traffic, Faults &faults)
       faults_(faults),
       listener_([this](unsigned) { accept_one(); }),
       sweep_([this] { std::erase_if(links_, [](const auto &link) { return !link->connection->open(); }); }),
-      relisten_([this] { update_listening(); }) {}
+      relisten_([this] {
+          if (!update_listening())
+              relisten_.set(1000);
+      }) {}
 
 Gateway::~Gateway() = default;
 

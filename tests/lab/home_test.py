@@ -226,11 +226,20 @@ class HomeTest(unittest.TestCase):
             (last % (4, "late"), (), 99, "the agent ended with status 4"),
             (last % (4, "late"), ("--agent-may-fail",), 0, ""),
             (last % (0, "'x.cpp:1:2: runtime error: overflow'"), (), 99, "agent: the sanitizer reported an error"),
+            (last % (4, "ERROR: LeakSanitizer: leaks"), ("--agent-may-fail",), 99, "agent: the sanitizer reported"),
         ):
             with self.subTest(script=script, options=options):
                 done = home("--peers", "none", *options, "--", "true", env=self.programs(arvokclt=script))
                 self.assertEqual(done.returncode, status, done.stderr)
                 self.assertIn(text, done.stderr)
+
+    def test_daemon_that_ends_too_early(self):
+        for name in ("qzcapd", "lab-gateway", "ubusd"):
+            with self.subTest(name=name):
+                kill = "pkill -SEGV -x %s; while pgrep -x %s >/dev/null; do :; done" % (name, name)
+                done = home("--no-agent", "--", "sh", "-c", kill, env=self.env)
+                self.assertEqual(done.returncode, 99, done.stderr)
+                self.assertIn("%s ended before the home did" % name.replace("lab-", ""), done.stderr)
 
     def test_tour_with_a_step_that_does_not_happen(self):
         script = """

@@ -153,6 +153,19 @@ TEST_F(Emulator, JournalForgetsTheOldest) {
     const cJSON *calls = at(answer.get(), "calls");
     EXPECT_EQ(cJSON_GetArraySize(calls), 2000);
     EXPECT_EQ(text_at(cJSON_GetArrayItem(calls, 0), "call"), "qzcap_wifi_channelscan");
+    EXPECT_EQ(number_at(answer.get(), "left_out"), 1);
+
+    // What does not fit one message is left out too, and the newest stay readable.
+    emulator("calls", R"({"clear":true})");
+    const std::string mac(100000, 'm');
+    const char *macs[] = {mac.c_str()};
+    for (int i = 0; i < 15; ++i) {
+        qzcap_wifi_deassociation(macs, 1, nullptr);
+    }
+    const json_ptr newest = emulator("calls", R"({"clear":true})");
+    EXPECT_EQ(cJSON_GetArraySize(at(newest.get(), "calls")), 3);
+    EXPECT_EQ(number_at(newest.get(), "left_out"), 12);
+    EXPECT_EQ(cJSON_GetArraySize(at(emulator("calls").get(), "calls")), 0);
 }
 
 TEST_F(Emulator, FailuresLastAsOftenAsOrdered) {
@@ -197,7 +210,7 @@ TEST_F(Emulator, BadRequestsGetAReasonAndChangeNothing) {
         {"fail", R"({"call":"qzcap_fly"})", UBUS_STATUS_INVALID_ARGUMENT,
          "call: no such function: qzcap_fly"},
         {"fail", R"({"call":"qzcap_reset","times":-1})", UBUS_STATUS_INVALID_ARGUMENT,
-         "times: must be a number from 0 to 1000000"},
+         "times: must be a whole number from 0 to 1000000"},
         {"fail", R"({"call":"qzcap_reset","mode":"slow"})", UBUS_STATUS_INVALID_ARGUMENT,
          "mode: must be error, timeout or empty"},
         {"notify", R"({"object":8,"method":"x","message":{}})", UBUS_STATUS_NOT_FOUND,
