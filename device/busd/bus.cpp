@@ -189,7 +189,8 @@ void Bus::send_event(uint32_t sender, const std::string &name, const blob_attr *
     for (const auto &[id, object] : objects_) {
         Client *client = object->owner == sender ? nullptr : find_client(object->owner);
         const auto matches = [&name](const EventPattern &pattern) { return pattern.matches(name); };
-        if (!client || !std::any_of(object->patterns.begin(), object->patterns.end(), matches))
+        if (!client || client->over() ||
+            !std::any_of(object->patterns.begin(), object->patterns.end(), matches))
             continue;
         FrameBuilder builder;
         builder.put(UBUS_ATTR_OBJID, id);

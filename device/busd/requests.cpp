@@ -60,6 +60,8 @@ Outcome look_up(const Request &request) {
 // Hands a call to the owner of an object. False when it does not fit into a message.
 bool call_object(const Request &request, Object &object, bool no_reply) {
     Client *owner = request.bus.find_client(object.owner);
+    if (!owner || owner->over())
+        return false;  // before a large frame is built for nobody, perhaps thousands of times
     FrameBuilder builder;
 
     builder.put(UBUS_ATTR_OBJID, object.id);
@@ -70,7 +72,7 @@ bool call_object(const Request &request, Object &object, bool no_reply) {
     builder.put(UBUS_ATTR_GROUP, request.client.group);
     builder.put_content(UBUS_ATTR_DATA, request.attribute(UBUS_ATTR_DATA));
     const Frame frame = builder.finish(UBUS_MSG_INVOKE, request.message.seq, request.client.id);
-    if (!frame || !owner)
+    if (!frame)
         return false;
     if (!no_reply)
         object.calls.emplace(request.client.id, request.message.seq);

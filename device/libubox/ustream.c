@@ -121,6 +121,8 @@ char *ustream_reserve(struct ustream *s, int *len) {
         memmove(buf->head, buf->data, used);
         buf->data = buf->head;
         buf->tail = buf->head + used;
+        if (s->string_data)
+            *buf->tail = 0;
     }
     if (!buf || buf->tail == buf->end)
         buf = may_add_buf(&s->r) ? add_buf(&s->r, s->r.buffer_len) : NULL;

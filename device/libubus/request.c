@@ -190,8 +190,9 @@ int ubus_complete_request(struct ubus_context *ctx, struct ubus_request *req, in
 
         if (received > 0)
             ubus_dispatch(ctx, msg);
-        /* What has arrived in time is still taken, but not a stream of other messages without end. */
-        if (received > 0 && rest > -WAIT_STEP)
+        /* What has arrived in time is still taken, but not a stream of other messages without end, nor one
+         * that keeps the loop from ending. */
+        if (received > 0 && rest > -WAIT_STEP && (timeout > 0 || req->while_ending || !uloop_cancelling()))
             continue;
         if (received < 0)
             result = UBUS_STATUS_CONNECTION_FAILED;

@@ -239,8 +239,8 @@ int ubus_subscribe(struct ubus_context *ctx, struct ubus_subscriber *sub, uint32
 int ubus_unsubscribe(struct ubus_context *ctx, struct ubus_subscriber *sub, uint32_t id);
 
 /// Notifies the subscribers of an own object. With a negative timeout nothing is awaited; otherwise waits at
-/// most that many milliseconds (0: without limit) until all have answered and returns the first status that
-/// is not 0.
+/// most that many milliseconds (0: without limit) until the first UBUS_MAX_NOTIFY_PEERS have answered. What
+/// they answer does not matter; other than 0 means that an answer is missing.
 int ubus_notify(struct ubus_context *ctx, struct ubus_object *obj, const char *type, struct blob_attr *msg,
                 int timeout);
 /// The same, answered from the loop like an asynchronous call: set the callbacks, then
