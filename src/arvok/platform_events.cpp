@@ -30,7 +30,7 @@ void add_new_device(const char *mac) {
     _strlcpy(g_ctx.new_devices.front().mac, mac, sizeof new_device::mac);
 }
 
-void on_dev_event(const char *method, const char *, const cJSON *event) {
+void on_dev_event(const char *method, const cJSON *event) {
     const char *mac = json_text(event, "mac");
     const cJSON *active = json_member(event, "active");
     if (_strcmp(method, "devicestatus") == 0) {
@@ -45,12 +45,12 @@ void on_dev_event(const char *method, const char *, const cJSON *event) {
     }
 }
 
-void on_wan_event(const char *, const char *, const cJSON *event) {
+void on_wan_event(const char *, const cJSON *event) {
     if (event)
         send_arvok_wan_report(event);
 }
 
-void on_wifi_event(const char *, const char *, const cJSON *event) {
+void on_wifi_event(const char *, const cJSON *event) {
     const char *sync = json_text(event, "arvoksync");
     if (_strcmp(sync, "on") == 0) {
         ec->sync_on = 1;
@@ -60,24 +60,24 @@ void on_wifi_event(const char *, const char *, const cJSON *event) {
     }
 }
 
-void on_roaming_event(const char *, const char *, const cJSON *event) {
+void on_roaming_event(const char *, const cJSON *event) {
     if (event)
         send_arvok_wifi_report(event);
 }
 
-void on_map_event(const char *, const char *, const cJSON *event) {
+void on_map_event(const char *, const cJSON *event) {
     send_arvok_map_report();
     if (const char *mode = json_text(event, "mode"))
         send_arvok_map_event(mode);
 }
 
-void on_vsie_event(const char *, const char *, const cJSON *event) {
+void on_vsie_event(const char *, const cJSON *event) {
     if (event)
         send_arvok_vsie_event(event);
 }
 
 // What all callbacks share: render, log, parse, act. `event` is null when the text does not parse.
-using event_action = void (*)(const char *method, const char *text, const cJSON *event);
+using event_action = void (*)(const char *method, const cJSON *event);
 
 int take_event(const char *callback, event_action act, const char *method, blob_attr *msg) {
     if (!msg)
@@ -86,7 +86,7 @@ int take_event(const char *callback, event_action act, const char *method, blob_
     qzcap_printf("[DEBUG] %s: method %s, json: %s\n", callback, text_or_empty(method),
                  text_or_empty(text.get()));
     const json_ptr event = json_parse(text_or_empty(text.get()));
-    act(method, text_or_empty(text.get()), event.get());
+    act(method, event.get());
     return 0;
 }
 
