@@ -1,33 +1,21 @@
 #include "gateway.h"
 
-#include <arpa/inet.h>
 #include <ifaddrs.h>
 #include <netinet/in.h>
 #include <netpacket/packet.h>
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <iterator>
 #include <utility>
 
 #include "hex.h"
 
-extern "C" {
-#include <libubox/usock.h>
-}
-
 namespace arvok::lab {
 namespace {
 
 constexpr std::size_t max_links = 64;
-
-std::string text_of(const sockaddr_in &address) {
-    char text[INET_ADDRSTRLEN] = "";
-    inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
-    return std::string(text) + ":" + std::to_string(ntohs(address.sin_port));
-}
 
 // The MAC of the interface that holds `address`, as 12 upper-case digits; empty when there is none.
 std::string mac_of(const in_addr &address) {
@@ -57,7 +45,18 @@ std::string mac_of(const in_addr &address) {
                   : std::string();
 }
 
+constexpr FaultKind kinds[] = {
+    FaultKind::drop,           FaultKind::delay,     FaultKind::bad_magic, FaultKind::bad_length,
+    FaultKind::truncated_body, FaultKind::wrong_key, FaultKind::bad_json,  FaultKind::edit,
+    FaultKind::close,          FaultKind::silent,    FaultKind::refuse,
+};
+// Types of the agent's messages that get an answer.
+constexpr const char *answered[] = {"keyngreq",   "dh",         "dev_reg", "keepalive", "wan_report",
+                                    "dev_report", "map_report", "cfg",     "event",     "ubus_notify"};
+
 }  // namespace
+
+const FaultVocabulary gateway_faults{kinds, answered, frame_max_body + 1};
 
 const Gateway::Answer Gateway::answers[] = {
     {"keyngreq", &Gateway::answer_key_request},
@@ -72,38 +71,18 @@ const Gateway::Answer Gateway::answers[] = {
     {"ubus_notify", &Gateway::acknowledge},
 };
 
-Gateway::Gateway(GatewaySettings settings, Traffic &traffic, Faults &faults)
-    : settings_(std::move(settings)),
+Gateway::Gateway(const GatewaySettings &settings, Traffic &traffic, Faults &faults)
+    : mac_(settings.mac),
       traffic_(traffic),
       faults_(faults),
-      listener_([this](unsigned) { accept_one(); }),
-      sweep_([this] { std::erase_if(links_, [](const auto &link) { return !link->connection->open(); }); }),
-      relisten_([this] {
-          if (!update_listening())
-              relisten_.set(1000);
-      }) {}
+      listener_(settings.address, settings.port, traffic,
+                [this](int descriptor, const sockaddr_in &remote) { arrived(descriptor, remote); }),
+      sweep_([this] { std::erase_if(links_, [](const auto &link) { return !link->connection->open(); }); }) {}
 
 Gateway::~Gateway() = default;
 
 bool Gateway::update_listening() {
-    if (faults_.refusing()) {
-        listener_.close();
-        return true;
-    }
-    if (listener_.descriptor() >= 0)
-        return true;
-    const int descriptor = usock(USOCK_TCP | USOCK_SERVER | USOCK_IPV4ONLY | USOCK_NUMERIC | USOCK_NONBLOCK,
-                                 settings_.address.c_str(), settings_.port.c_str());
-    if (descriptor < 0)
-        return false;
-    listener_.open(descriptor, ULOOP_READ);
-    sockaddr_in bound{};
-    socklen_t size = sizeof bound;
-    getsockname(descriptor, reinterpret_cast<sockaddr *>(&bound), &size);
-    // Port 0 leaves the choice to the system; keep it, so that a later reopening finds the same.
-    settings_.port = std::to_string(ntohs(bound.sin_port));
-    traffic_.event(0, "listening on " + text_of(bound));
-    return true;
+    return listener_.listen(!faults_.refusing());
 }
 
 Gateway::Link *Gateway::peer() const {
@@ -112,19 +91,7 @@ Gateway::Link *Gateway::peer() const {
     return newest == links_.rend() ? nullptr : newest->get();
 }
 
-void Gateway::accept_one() {
-    sockaddr_in remote{}, local{};
-    socklen_t size = sizeof remote;
-    const int descriptor = accept4(listener_.descriptor(), reinterpret_cast<sockaddr *>(&remote), &size,
-                                   SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (descriptor < 0) {
-        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-            traffic_.event(0, std::string("cannot accept a connection: ") + std::strerror(errno));
-            listener_.close();
-            relisten_.set(1000);
-        }
-        return;
-    }
+void Gateway::arrived(int descriptor, const sockaddr_in &remote) {
     auto link = std::make_unique<Link>();
     Link &entry = *link;
     entry.connection = std::make_unique<Connection>(
@@ -136,9 +103,10 @@ void Gateway::accept_one() {
         traffic_.event(entry.number, "turned away " + entry.address + ": too many connections");
         return;
     }
-    size = sizeof local;
+    sockaddr_in local{};
+    socklen_t size = sizeof local;
     getsockname(descriptor, reinterpret_cast<sockaddr *>(&local), &size);
-    entry.own_mac = settings_.mac.empty() ? mac_of(local.sin_addr) : settings_.mac;
+    entry.own_mac = mac_.empty() ? mac_of(local.sin_addr) : mac_;
     links_.push_back(std::move(link));
     traffic_.connection_event(entry.number, "connected", entry.address, "");
 }
@@ -174,10 +142,16 @@ void Gateway::receive_body(Link &link, const std::string &body) {
     link.received++;
     if (const char *mac = string_member(message.get(), "mac"))
         link.mac = mac;
-    traffic_.message(Direction::rx, link.number, link.key.has_value(), body.size(), message.get());
+    record(Direction::rx, link, link.key.has_value(), body.size(), message.get());
     if (faults_.close_due())
         return end(link, "closed on purpose");
     handle(link, message.get());
+}
+
+void Gateway::record(Direction direction, const Link &link, bool sealed, std::size_t length,
+                     const cJSON *message) {
+    traffic_.message({direction, link.number, sealed ? "" : "plain", sealed, length,
+                      string_member(message, "type"), message});
 }
 
 void Gateway::handle(Link &link, const cJSON *message) {

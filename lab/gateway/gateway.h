@@ -21,10 +21,14 @@
 #include "faults.h"
 #include "frame.h"
 #include "json.h"
+#include "listener.h"
 #include "loop.h"
 #include "traffic.h"
 
 namespace arvok::lab {
+
+/// What a gateway can do wrong.
+extern const FaultVocabulary gateway_faults;
 
 struct GatewaySettings {
     std::string address = "0.0.0.0";
@@ -46,7 +50,7 @@ struct Sent {
 
 class Gateway {
   public:
-    Gateway(GatewaySettings settings, Traffic &traffic, Faults &faults);
+    Gateway(const GatewaySettings &settings, Traffic &traffic, Faults &faults);
     ~Gateway();
 
     /// Opens or closes the listening socket, as the armed faults want it. False, with errno, when it cannot
@@ -84,7 +88,6 @@ class Gateway {
         std::string mac, link_mac;  ///< as the access point gave them
         std::int64_t keepalives = 0, received = 0, sent = 0;
         std::unique_ptr<Connection> connection;
-        std::vector<std::unique_ptr<Timer>> delayed;  ///< frames that wait for their time
     };
 
     struct Answer {
@@ -94,9 +97,10 @@ class Gateway {
     static const Answer answers[];
 
     Link *peer() const;
-    void accept_one();
+    void arrived(int descriptor, const sockaddr_in &remote);
     void received(Link &link, std::string_view bytes);
     void receive_body(Link &link, const std::string &body);
+    void record(Direction direction, const Link &link, bool sealed, std::size_t length, const cJSON *message);
     void handle(Link &link, const cJSON *message);
     void answer_key_request(Link &link, const cJSON *message);
     void answer_key(Link &link, const cJSON *message);
@@ -110,12 +114,11 @@ class Gateway {
     void protocol_error(Link &link, const std::string &what);
     void end(Link &link, const std::string &why);
 
-    GatewaySettings settings_;
+    const std::string mac_;
     Traffic &traffic_;
     Faults &faults_;
-    Watch listener_;
-    Timer sweep_;     ///< frees ended links outside of their own callbacks
-    Timer relisten_;  ///< tries again after the system ran out of descriptors
+    Listener listener_;
+    Timer sweep_;  ///< frees ended links outside of their own callbacks
     std::vector<std::unique_ptr<Link>> links_;
     int accepted_ = 0;
     std::int64_t sequence_ = 1;

@@ -50,16 +50,12 @@ bool Gateway::pack(Link &link, json_ptr message, std::string_view answered, bool
 
     if (fault)
         traffic_.event(link.number, std::string("the next message is wrong on purpose: ") + fault->word());
-    traffic_.message(Direction::tx, link.number, sealed, body.size(), message.get());
+    record(Direction::tx, link, sealed, body.size(), message.get());
     link.sent++;
-    if (kind != FaultKind::delay) {
+    if (kind == FaultKind::delay)
+        link.connection->send_later(std::move(frame), fault->delay);
+    else
         wire += frame;
-        return true;
-    }
-    std::erase_if(link.delayed, [](const auto &timer) { return !timer->armed(); });
-    link.delayed.push_back(std::make_unique<Timer>(
-        [connection = link.connection.get(), late = std::move(frame)] { connection->send(late); }));
-    link.delayed.back()->set(fault->delay);
     return true;
 }
 
@@ -125,8 +121,8 @@ json_ptr Gateway::describe() const {
             to_hex({reinterpret_cast<const char *>(link->key->data()), link->key->size()}, hex_lower)
                 .c_str());
     number("connections", accepted_);
-    cJSON_AddBoolToObject(root, "listening", listener_.descriptor() >= 0);
-    cJSON_AddStringToObject(root, "port", settings_.port.c_str());
+    cJSON_AddBoolToObject(root, "listening", listener_.listening());
+    cJSON_AddStringToObject(root, "port", listener_.port().c_str());
     cJSON_AddStringToObject(root, "faults", faults_.describe().c_str());
     return reply;
 }
@@ -137,7 +133,6 @@ void Gateway::protocol_error(Link &link, const std::string &what) {
 
 void Gateway::end(Link &link, const std::string &why) {
     link.connection->close();
-    link.delayed.clear();
     traffic_.connection_event(link.number, "disconnected", link.address, why);
     on_ended(link.number);
     sweep_.set(0);

@@ -1,6 +1,5 @@
 // lab-gateway: the home gateway that an access point hangs off, as a program on a desk.
 
-#include <arpa/inet.h>
 #include <getopt.h>
 
 #include <cctype>
@@ -8,19 +7,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <functional>
 #include <optional>
 #include <string>
 
 #include "bus_object.h"
 #include "faults.h"
 #include "gateway.h"
+#include "program.h"
 #include "traffic.h"
-
-extern "C" {
-#include <libubox/uloop.h>
-#include <libubus.h>
-}
 
 namespace arvok::lab {
 namespace {
@@ -43,13 +38,6 @@ struct Options {
 };
 
 enum class Parsed { run, help, wrong };
-
-bool is_port(const char *text) {
-    char *end = nullptr;
-    errno = 0;
-    const unsigned long port = std::strtoul(text, &end, 10);
-    return std::isdigit(static_cast<unsigned char>(*text)) && !*end && errno == 0 && port <= 65535;
-}
 
 // 12 upper-case digits, or nothing.
 std::optional<std::string> normal_mac(const char *text) {
@@ -75,10 +63,9 @@ Parsed parse(int argc, char **argv, Options &options) {
         return Parsed::wrong;
     };
     for (int letter; (letter = getopt_long(argc, argv, "a:p:s:h", names, nullptr)) != -1;) {
-        in_addr address{};
         switch (letter) {
             case 'a':
-                if (inet_pton(AF_INET, optarg, &address) != 1)
+                if (!is_address(optarg))
                     return wrong("not an IPv4 address", optarg);
                 options.gateway.address = optarg;
                 break;
@@ -105,32 +92,12 @@ Parsed parse(int argc, char **argv, Options &options) {
     return optind < argc ? wrong("unexpected argument", argv[optind]) : Parsed::run;
 }
 
-struct BusRelease {
-    void operator()(ubus_context *bus) const { ubus_free(bus); }
-};
-
-bool bus_lost = false;
-
-int run(const Options &options) {
-    uloop_init();
+int serve(const Options &options, ubus_context *bus, const std::function<int()> &run) {
     // Declared in the order of dependence, so that everything ends before what it uses.
-    const std::unique_ptr<ubus_context, BusRelease> bus(ubus_connect(options.bus));
-    if (!bus) {
-        std::fprintf(stderr, "lab-gateway: cannot connect to the bus%s%s\n", options.bus ? " at " : "",
-                     options.bus ? options.bus : "");
-        return 1;
-    }
-    bus->connection_lost = [](ubus_context *) {
-        log_line("the bus is gone");
-        bus_lost = true;
-        uloop_end();
-    };
-    ubus_add_uloop(bus.get());
-
     Traffic traffic;
-    Faults faults;
+    Faults faults(gateway_faults);
     Gateway gateway(options.gateway, traffic, faults);
-    BusObject object(bus.get(), gateway, traffic, faults);
+    BusObject object(bus, gateway, traffic, faults);
     if (!gateway.update_listening()) {
         std::fprintf(stderr, "lab-gateway: cannot listen on %s:%s: %s\n", options.gateway.address.c_str(),
                      options.gateway.port.c_str(), std::strerror(errno));
@@ -140,9 +107,7 @@ int run(const Options &options) {
         std::fprintf(stderr, "lab-gateway: cannot publish lab.gateway: %s\n", ubus_strerror(status));
         return 1;
     }
-    uloop_run_timeout(-1);
-    log_line("stopped");
-    return bus_lost ? 1 : 0;
+    return run();
 }
 
 }  // namespace
@@ -162,7 +127,7 @@ int main(int argc, char **argv) {
         case Parsed::run:
             break;
     }
-    const int status = run(options);
-    uloop_done();
-    return status;
+    return live_on_bus(
+        "lab-gateway", options.bus,
+        [&options](ubus_context *bus, const std::function<int()> &run) { return serve(options, bus, run); });
 }

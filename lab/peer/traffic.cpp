@@ -17,6 +17,8 @@ constexpr std::size_t history_bytes = 64u << 20;
 // The bus carries messages of up to a mebibyte; the rest is for the envelope.
 constexpr std::size_t reply_bytes = 1000000;
 
+}  // namespace
+
 std::string time_of_day() {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
@@ -27,8 +29,6 @@ std::string time_of_day() {
                   now.tv_nsec / 1000000);
     return text;
 }
-
-}  // namespace
 
 void log_line(const std::string &text) {
     std::printf("%s %s\n", time_of_day().c_str(), text.c_str());
@@ -50,42 +50,47 @@ void Traffic::event(int connection, const std::string &text) const {
 }
 
 void Traffic::connection_event(int connection, const char *what, const std::string &address,
-                               const std::string &why) {
-    event(connection, std::string(what) + " " + address + (why.empty() ? "" : ": " + why));
+                               const std::string &why, const Labels &labels) {
+    std::string line = std::string(what) + " " + address;
+    for (const auto &[name, text] : labels)
+        line += std::string(", ") + name + " " + text;
+    event(connection, line + (why.empty() ? "" : ": " + why));
     blob_buf_init(&buffer_, 0);
     blobmsg_add_string(&buffer_, "time", time_of_day().c_str());
     blobmsg_add_u32(&buffer_, "connection", static_cast<std::uint32_t>(connection));
     blobmsg_add_string(&buffer_, "address", address.c_str());
+    add_labels(labels);
     if (!why.empty())
         blobmsg_add_string(&buffer_, "why", why.c_str());
     notify(what);
 }
 
-void Traffic::message(Direction direction, int connection, bool encrypted, std::size_t length,
-                      const cJSON *message) {
-    const char *arrow = direction == Direction::rx ? "<-" : "->";
-    event(connection, std::string(arrow) + (encrypted ? " " : " plain ") + json_text(message));
+void Traffic::message(const Passage &passage) {
+    const bool rx = passage.direction == Direction::rx;
+    const std::string text = json_text(passage.message);
+    event(passage.connection,
+          std::string(rx ? "<- " : "-> ") + passage.how + (*passage.how ? " " : "") + text);
 
     const auto elapsed = std::chrono::steady_clock::now() - start_;
-    const char *type = string_member(message, "type");
     blob_buf_init(&buffer_, 0);
     blobmsg_add_u32(&buffer_, "number", static_cast<std::uint32_t>(++number_));
     blobmsg_add_string(&buffer_, "time", time_of_day().c_str());
     blobmsg_add_u64(
         &buffer_, "ms",
         static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count()));
-    blobmsg_add_string(&buffer_, "direction", direction == Direction::rx ? "rx" : "tx");
-    blobmsg_add_u32(&buffer_, "connection", static_cast<std::uint32_t>(connection));
-    blobmsg_add_u8(&buffer_, "encrypted", encrypted);
-    blobmsg_add_u32(&buffer_, "length", static_cast<std::uint32_t>(length));
+    blobmsg_add_string(&buffer_, "direction", rx ? "rx" : "tx");
+    blobmsg_add_u32(&buffer_, "connection", static_cast<std::uint32_t>(passage.connection));
+    add_labels(passage.labels);
+    blobmsg_add_u8(&buffer_, "encrypted", passage.encrypted);
+    blobmsg_add_u32(&buffer_, "length", static_cast<std::uint32_t>(passage.length));
     void *table = blobmsg_open_table(&buffer_, "message");
-    const bool carried = add_to_bus(&buffer_, message);
+    const bool carried = add_to_bus(&buffer_, passage.message);
     blobmsg_close_table(&buffer_, table);
     if (!carried)
-        blobmsg_add_string(&buffer_, "text", json_text(message).c_str());
+        blobmsg_add_string(&buffer_, "text", text.c_str());
 
-    remember({direction, number_, type ? type : "", {}});
-    notify(direction == Direction::rx ? "rx" : "tx");
+    remember({passage.direction, number_, passage.type ? passage.type : "", {}});
+    notify(rx ? "rx" : "tx");
 }
 
 void Traffic::history(const HistoryQuery &query, blob_buf *reply) const {
@@ -112,6 +117,11 @@ void Traffic::history(const HistoryQuery &query, blob_buf *reply) const {
     blobmsg_close_array(reply, array);
     if (left_out)
         blobmsg_add_u32(reply, "left_out", left_out);
+}
+
+void Traffic::add_labels(const Labels &labels) {
+    for (const auto &[name, text] : labels)
+        blobmsg_add_string(&buffer_, name, text.c_str());
 }
 
 void Traffic::notify(const char *method) {

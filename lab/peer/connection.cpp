@@ -45,7 +45,15 @@ void Connection::send(std::string bytes, const Pace &pace) {
         write();
 }
 
+void Connection::send_later(std::string bytes, int delay) {
+    std::erase_if(later_, [](const auto &timer) { return !timer->armed(); });
+    later_.push_back(std::make_unique<Timer>([this, late = std::move(bytes)] { send(late); }));
+    later_.back()->set(delay);
+}
+
 void Connection::close() {
+    for (const auto &timer : later_)
+        timer->cancel();
     pause_.cancel();
     watch_.close();
     queue_.clear();

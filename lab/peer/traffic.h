@@ -10,6 +10,8 @@
 #include <deque>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "json.h"
 
@@ -21,6 +23,21 @@ namespace arvok::lab {
 
 enum class Direction { rx, tx };
 
+/// Further members of a notification, all texts.
+using Labels = std::vector<std::pair<const char *, std::string>>;
+
+/// A message that passed.
+struct Passage {
+    Direction direction;
+    int connection;
+    const char *how;  ///< how it is sealed, for the log; may be empty
+    bool encrypted;
+    std::size_t length;  ///< of the body, as on the wire
+    const char *type;    ///< what `messages` selects by; null: nothing
+    const cJSON *message;
+    Labels labels = {};
+};
+
 /// What `messages` is asked for.
 struct HistoryQuery {
     bool rx = true;
@@ -28,6 +45,9 @@ struct HistoryQuery {
     std::int64_t after = 0;  ///< only entries with a higher "number"
     std::string type;        ///< only messages of this type; empty: all
 };
+
+/// "13:05:59.123".
+std::string time_of_day();
 
 /// Writes a line with the time of day to standard output.
 void log_line(const std::string &text);
@@ -47,11 +67,9 @@ class Traffic {
 
     /// A connection came ("connected") or went ("disconnected"): line and notification.
     void connection_event(int connection, const char *what, const std::string &address,
-                          const std::string &why);
+                          const std::string &why, const Labels &labels = {});
 
-    /// A message passed. `length` is the body's, as on the wire.
-    void message(Direction direction, int connection, bool encrypted, std::size_t length,
-                 const cJSON *message);
+    void message(const Passage &passage);
 
     /// The matching entries in the order of arrival, as array "messages" of `reply`; the oldest are left out
     /// (and "left_out" counts them) when they do not fit into one bus message.
@@ -69,6 +87,7 @@ class Traffic {
         std::unique_ptr<blob_attr, BlobRelease> blob;  ///< the notification's message
     };
 
+    void add_labels(const Labels &labels);
     void notify(const char *method);
     void remember(Entry entry);
 

@@ -4,8 +4,10 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "loop.h"
 
@@ -26,6 +28,8 @@ class Connection {
 
     /// Queues bytes behind everything queued before.
     void send(std::string bytes, const Pace &pace = {});
+    /// Queues bytes as soon as so many milliseconds have passed.
+    void send_later(std::string bytes, int delay);
     /// Ends it at once and drops what is queued; `ended` is not called.
     void close();
     bool open() const { return watch_.descriptor() >= 0; }
@@ -48,6 +52,7 @@ class Connection {
     Timer pause_;
     std::deque<Piece> queue_;
     std::size_t queued_ = 0;
+    std::vector<std::unique_ptr<Timer>> later_;
 };
 
 }  // namespace arvok::lab

@@ -1,0 +1,106 @@
+/// A peer's place on the bus: the object, the methods that all peers have, and the requests that wait for
+/// their replies.
+#pragma once
+
+#include <cjson/cJSON.h>
+
+#include <list>
+#include <memory>
+#include <span>
+#include <string>
+
+#include "connection.h"
+#include "json.h"
+#include "loop.h"
+#include "traffic.h"
+
+extern "C" {
+#include <libubus.h>
+}
+
+namespace arvok::lab {
+
+inline constexpr int longest_wait = 3600000;  ///< milliseconds that an argument can ask for
+
+/// The name of a member that is not among `known`, or null.
+const char *unknown_member(const cJSON *arguments, std::span<const blobmsg_policy> known);
+
+/// Reads an optional truth value; false when it is there and none.
+bool read_bool(const cJSON *arguments, const char *name, bool &value);
+
+/// Reads "split" and "interval", both optional; false when one is wrong.
+bool read_pace(const cJSON *arguments, Pace &pace);
+
+class PeerBus {
+  public:
+    PeerBus(const PeerBus &) = delete;
+    PeerBus &operator=(const PeerBus &) = delete;
+
+    /// Puts the object on the bus; returns a bus status.
+    int publish();
+
+  protected:
+    /// All borrowed; `bus` must be on the loop already.
+    PeerBus(ubus_context *bus, Traffic &traffic, const char *name, ubus_object_type &type,
+            std::span<const ubus_method> methods);
+    ~PeerBus();
+
+    /// The C callback that finds its way to a method of `Peer`.
+    template <typename Peer, auto Method>
+    static int entry(ubus_context *, ubus_object *object, ubus_request_data *request, const char *,
+                     blob_attr *message) {
+        const json_ptr arguments = from_bus(message);
+        if (!arguments)
+            return UBUS_STATUS_INVALID_ARGUMENT;
+        return (static_cast<Peer *>(static_cast<Object *>(object)->owner)->*Method)(request, arguments.get());
+    }
+
+    /// What `messages` takes, and the method itself.
+    static constexpr blobmsg_policy messages_arguments[] = {{"direction", BLOBMSG_TYPE_STRING},
+                                                            {"after", BLOBMSG_TYPE_INT32},
+                                                            {"type", BLOBMSG_TYPE_STRING},
+                                                            {"clear", BLOBMSG_TYPE_BOOL}};
+    int messages(ubus_request_data *request, const cJSON *arguments);
+
+    /// What `raw` takes; reads them, and says false when they are wrong.
+    static constexpr blobmsg_policy raw_arguments[] = {
+        {"hex", BLOBMSG_TYPE_STRING}, {"split", BLOBMSG_TYPE_INT32}, {"interval", BLOBMSG_TYPE_INT32}};
+    static bool read_raw(const cJSON *arguments, std::string &bytes, Pace &pace);
+
+    /// Logs why a call is refused, for the call to return.
+    int invalid(const std::string &why);
+    int not_found(const std::string &why);
+
+    int reply(ubus_request_data *request, const cJSON *object);
+
+    /// Lets a call wait for the reply that `replied` will be given for `connection` and `key`; without one it
+    /// ends as timed out. There is room for so many.
+    bool can_wait() const;
+    void wait(ubus_request_data *request, int connection, std::string key, int timeout);
+    void replied(int connection, const std::string &key, const cJSON *message);
+    /// The connection has ended, and with it all calls that wait for it.
+    void ended(int connection);
+
+    bool has_subscribers() const { return object_.has_subscribers; }
+
+  private:
+    struct Object : ubus_object {
+        PeerBus *owner;
+    };
+    struct Pending {
+        int connection;
+        std::string key;
+        ubus_request_data request{};
+        std::unique_ptr<Timer> timeout;
+    };
+
+    void finish(std::list<Pending>::iterator pending, int status);
+
+    ubus_context *bus_;
+    Traffic &traffic_;
+    Object object_{};
+    blob_buf buffer_{};
+    std::list<Pending> pending_;
+};
+
+}  // namespace arvok::lab
