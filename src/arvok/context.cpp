@@ -4,5 +4,6 @@ namespace arvok {
 
 context g_ctx;
 arvok_client *const ec = &g_ctx.arvok;
+cloud_client *const cc = &g_ctx.cloud;
 
 }  // namespace arvok

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "arvok/app_messages.h"
 #include "arvok/options.h"
 #include "arvok/platform_events.h"
 #include "common/text.h"
@@ -16,7 +17,7 @@ constexpr int exit_no_bus = 255;
 constexpr unsigned retry_device_s = 5;
 constexpr char vsie_owner[] = "arvokclt";
 
-const qzcap_appmgtcb cbs{};
+const qzcap_appmgtcb cbs{nullptr, nullptr, arvok_postmsg, nullptr};
 
 // A socket must never get a standard descriptor's number: 0 would read as "not connected".
 void keep_standard_descriptors() {
@@ -67,9 +68,12 @@ int run(int argc, char **argv) {
 
     utask_init();
     ec_init();
+    cc_init();
     ec_run();
+    cc_run();
     uloop_run_timeout(-1);
 
+    cc_done();
     ec_done();
     utask_done();
     unsubscribe_platform_events();

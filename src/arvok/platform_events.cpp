@@ -1,6 +1,9 @@
 #include "arvok/platform_events.h"
 
+#include <cstring>
+
 #include "arvok_client/arvok_client.h"
+#include "cloud_client/cloud_client.h"
 #include "common/text.h"
 #include "context.h"
 #include "utask/utask.h"
@@ -12,6 +15,7 @@ extern "C" {
 namespace arvok {
 namespace {
 
+constexpr int wan_reconnect_ms = 10;
 constexpr int rule_delay_ms = 200;  // a burst of new hosts makes one re-application of the rules
 
 void remove_new_device(const char *mac) {
@@ -30,7 +34,7 @@ void add_new_device(const char *mac) {
     _strlcpy(g_ctx.new_devices.front().mac, mac, sizeof new_device::mac);
 }
 
-void on_dev_event(const char *method, const cJSON *event) {
+void on_dev_event(const char *method, const char *, const cJSON *event) {
     const char *mac = json_text(event, "mac");
     const cJSON *active = json_member(event, "active");
     if (_strcmp(method, "devicestatus") == 0) {
@@ -45,12 +49,23 @@ void on_dev_event(const char *method, const cJSON *event) {
     }
 }
 
-void on_wan_event(const char *, const cJSON *event) {
+// The cloud is behind the WAN. The states are looked for in the text, wherever in the notification they
+// stand.
+void follow_wan(const char *text) {
+    const bool connected = cc->stream.fd > 0;
+    if (connected && std::strstr(text, R"("status":"down")"))
+        cc_disconnect();
+    else if (!connected && std::strstr(text, R"("status":"up")"))
+        cc_reconnect(wan_reconnect_ms);
+}
+
+void on_wan_event(const char *, const char *text, const cJSON *event) {
+    follow_wan(text);
     if (event)
         send_arvok_wan_report(event);
 }
 
-void on_wifi_event(const char *, const cJSON *event) {
+void on_wifi_event(const char *, const char *, const cJSON *event) {
     const char *sync = json_text(event, "arvoksync");
     if (_strcmp(sync, "on") == 0) {
         ec->sync_on = 1;
@@ -60,33 +75,34 @@ void on_wifi_event(const char *, const cJSON *event) {
     }
 }
 
-void on_roaming_event(const char *, const cJSON *event) {
+void on_roaming_event(const char *, const char *, const cJSON *event) {
     if (event)
         send_arvok_wifi_report(event);
 }
 
-void on_map_event(const char *, const cJSON *event) {
+void on_map_event(const char *, const char *, const cJSON *event) {
     send_arvok_map_report();
     if (const char *mode = json_text(event, "mode"))
         send_arvok_map_event(mode);
 }
 
-void on_vsie_event(const char *, const cJSON *event) {
+void on_vsie_event(const char *, const char *, const cJSON *event) {
     if (event)
         send_arvok_vsie_event(event);
 }
 
-// What all callbacks share: render, log, parse, act. `event` is null when the text does not parse.
-using event_action = void (*)(const char *method, const cJSON *event);
+// What all callbacks share: render, log, parse, act. `text` is the rendered notification, `event` what it
+// parses to, or null.
+using event_action = void (*)(const char *method, const char *text, const cJSON *event);
 
 int take_event(const char *callback, event_action act, const char *method, blob_attr *msg) {
     if (!msg)
         return -1;
-    const qz_text text(blobmsg_format_json_with_cb(msg, true, nullptr, nullptr, -1));
-    qzcap_printf("[DEBUG] %s: method %s, json: %s\n", callback, text_or_empty(method),
-                 text_or_empty(text.get()));
-    const json_ptr event = json_parse(text_or_empty(text.get()));
-    act(method, event.get());
+    const qz_text rendered(blobmsg_format_json_with_cb(msg, true, nullptr, nullptr, -1));
+    const char *text = text_or_empty(rendered.get());
+    qzcap_printf("[DEBUG] %s: method %s, json: %s\n", callback, text_or_empty(method), text);
+    const json_ptr event = json_parse(text);
+    act(method, text, event.get());
     return 0;
 }
 

@@ -12,7 +12,11 @@ void str_to_server(const char *text, server &record) {
     std::sscanf(text_or_empty(text), "%31[^:]:%31s", host, port);
     _strlcpy(record.host, host, sizeof record.host);
     _strlcpy(record.port, port, sizeof record.port);
-    record.state = 1;
+    record.state = server_untried;
+}
+
+bool same_server(const server &a, const server &b) {
+    return _strcmp(a.host, b.host) == 0 && _strcmp(a.port, b.port) == 0;
 }
 
 int is_valid_server(const server &record) {

@@ -7,7 +7,7 @@
 
 #include "arvok/device_info.h"
 #include "arvok_client/arvok_client.h"
-#include "cloud_client/server_record.h"
+#include "cloud_client/cloud_client.h"
 
 extern "C" {
 #include <libubox/blob.h>
@@ -65,6 +65,7 @@ struct context {
     std::int32_t wifi_switch_on;
 
     arvok_client arvok;  ///< the record that `ec` points at
+    cloud_client cloud;  ///< the record that `cc` points at
     server bss_server;   ///< bootstrap server given by the user
 };
 
