@@ -6,6 +6,7 @@
 /// negotiation.cpp key agreement and registration
 /// dispatch.cpp    message types, errors, acknowledgements, device actions
 /// reports.cpp     what the device tells on its own
+/// bus_bridge.cpp  the platform's bus for the gateway
 ///
 /// Everything runs on the loop thread; other code reaches arvok_send through utask_set.
 
@@ -132,6 +133,8 @@ void arvok_disconnect();
 /// Runs one message and carries out the device actions that it asked for. Returns its handler's result: 0
 /// when the message was not consumed.
 int handle_arvok_msg(const cJSON *root, reply_context &context);
+/// Resets or restarts the device when the last message asked for that.
+void arvok_run_actions();
 /// Records the error of the message being handled; the text is cut at 255 characters.
 void arvok_set_error(int code, const char *format, ...) __attribute__((format(printf, 2, 3)));
 /// The same, and the object {"errmsg": text} that stands for a failed item.
@@ -165,6 +168,15 @@ void send_arvok_lan_event(const cJSON *event);
 void send_arvok_map_event(const char *mode);
 /// A vendor-specific element was received.
 void send_arvok_vsie_event(const cJSON *event);
+
+// --- bus bridge ---
+
+/// One bounded call of a bus object; `message` is an object. Its answer, or null with the error recorded.
+json_ptr arvok_bus_call(const char *object, const char *method, const cJSON *message);
+/// Passes a notification of a subscribed object on to who asked for it; `subscriber` is the `obj` of a
+/// bus_subscription's. Returns 0, or -1 when there is nothing to pass on.
+int arvok_ubus_subscribe_cb(ubus_context *ctx, ubus_object *subscriber, ubus_request_data *req,
+                            const char *method, blob_attr *msg);
 
 /// When the agent first saw that host active, in seconds since the epoch: now, for a MAC not yet known.
 std::int64_t arvok_first_online(const char *mac);

@@ -47,8 +47,15 @@ struct type_row {
 };
 
 constexpr type_row types[] = {
-    {"keyngack", arvok_keyngack},     {"dh", arvok_dh},           {"ack", arvok_ack},     {"cfg", arvok_cfg},
-    {"get_status", arvok_get_status}, {"control", arvok_control}, {"qlink", arvok_qlink},
+    {"keyngack", arvok_keyngack},
+    {"dh", arvok_dh},
+    {"ack", arvok_ack},
+    {"cfg", arvok_cfg},
+    {"get_status", arvok_get_status},
+    {"control", arvok_control},
+    {"qlink", arvok_qlink},
+    {"ubus_call", arvok_ubus_call},
+    {"ubus_subscribe", arvok_ubus_subscribe},
 };
 
 void reset_message_state() {
@@ -65,12 +72,7 @@ void send_reply(json_ptr reply) {
     arvok_send(msg.release());
 }
 
-// In this order, whatever the order of the commands was.
-void run_actions(const reply_context &context) {
-    if ((ec->actions & action_reset) && qzcap_reset() < 0)
-        qzcap_printf("[ERROR] qzcap_reset failed\n");
-    if ((ec->actions & action_reboot) && qzcap_reboot() < 0)
-        qzcap_printf("[ERROR] qzcap_reboot failed\n");
+void switch_to_bridge(const reply_context &context) {
     if ((ec->actions & action_bridge) && g_ctx.is_router && context.allow_bridge == 1) {
         char *reason = nullptr;
         const int result = qzcap_set_workmode("bridge", &reason);
@@ -124,8 +126,17 @@ int handle_arvok_msg(const cJSON *root, reply_context &context) {
         return result;
     if (context.reply)
         send_reply(std::move(context.reply));
-    run_actions(context);
+    arvok_run_actions();
+    switch_to_bridge(context);
     return result;
+}
+
+// In this order, whatever the order of the commands was.
+void arvok_run_actions() {
+    if ((ec->actions & action_reset) && qzcap_reset() < 0)
+        qzcap_printf("[ERROR] qzcap_reset failed\n");
+    if ((ec->actions & action_reboot) && qzcap_reboot() < 0)
+        qzcap_printf("[ERROR] qzcap_reboot failed\n");
 }
 
 bool valid_envelope(const cJSON *root, const reply_context &context) {

@@ -14,6 +14,8 @@ int arvok_cfg(const cJSON *root, reply_context &context);
 int arvok_get_status(const cJSON *root, reply_context &context);
 int arvok_control(const cJSON *root, reply_context &context);
 int arvok_qlink(const cJSON *root, reply_context &context);
+int arvok_ubus_call(const cJSON *root, reply_context &context);
+int arvok_ubus_subscribe(const cJSON *root, reply_context &context);
 
 // --- envelope ---
 

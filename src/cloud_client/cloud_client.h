@@ -10,7 +10,9 @@
 /// resolver.cpp    server addresses, on a worker thread
 /// settings.cpp    servers and identity across restarts
 /// status.cpp      the connection's state in words
-/// plugins.cpp     the platform's requests about the device's apps
+/// plugins.cpp     the platform's requests about the device's apps, and notifications
+/// plugin_id.cpp   what the platform calls an app
+/// plugin_params.cpp  messages of the platform to an app
 ///
 /// Everything but the resolver runs on the loop thread; other code reaches cc_send through utask_set.
 
@@ -172,14 +174,28 @@ int cc_restore_plugin(const cJSON *root);
 int cc_list_plugin(const cJSON *root);
 int cc_set_plugin_params(const cJSON *root);
 
+/// The plugin and the app that are the agent itself.
+constexpr char self_plugin_name[] = "ArvokAP";
+constexpr char self_app_name[] = "arvokclt";
+
+/// Results of cc_check_plugin, which the platform is told as they are.
+enum plugin_result : int {
+    plugin_found = 0,
+    plugin_mismatch = -1,       ///< not an identifier of this device, or not the installed app's
+    plugin_other_version = -6,  ///< installed in another version
+    plugin_not_installed = -14,
+};
+
 /// Extracts the app's name from a plugin identifier of this device into `name` (plugin_id_size characters).
 /// Returns 0, or -1 after the log line that says why not.
 int cc_parse_plugin_id(const char *id, char *name);
 /// Whether a request's plugin name means the agent itself.
 bool cc_is_self(const char *plugin_name);
-/// Whether the installed app of that identifier and version is there: 0, -1 (other identifier), -6 (other
-/// version) or -14 (not installed); the app's name goes into `name` (plugin_id_size characters).
+/// Whether the app of that identifier is installed in that version. The app's name goes into `name`
+/// (plugin_id_size characters) unless the identifier is not one of this device.
 int cc_check_plugin(const char *id, const char *version, char *name);
+/// The same for a request that may also mean the agent itself, which is there in every version.
+int cc_find_plugin(const char *id, const char *version, char *name);
 /// Builds the identifier of an installed app into `out` (plugin_id_size characters).
 void gen_plugin_id(const char *app_name, char *out);
 /// Completion of an installation; `req->priv` is the record of it, which is released here.
