@@ -1,0 +1,158 @@
+// lab-cloud: the operator's cloud platform that an access point is enrolled with, as a program on a desk.
+
+#include <getopt.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "bus_object.h"
+#include "cloud.h"
+#include "development_key.h"
+#include "faults.h"
+#include "program.h"
+#include "traffic.h"
+
+namespace arvok::lab {
+namespace {
+
+constexpr const char *usage =
+    "usage: lab-cloud [-s BUS_SOCKET] [--bss ADDRESS[:PORT]] [--business ADDRESS[:PORT],...] [--key FILE]\n"
+    "\n"
+    "The operator's cloud platform: serves bootstrap and business servers and appears on the bus as "
+    "lab.cloud.\n"
+    "\n"
+    "      --bss SERVER       IPv4 address and port of the bootstrap server (default 100.64.0.1:8088)\n"
+    "      --business LIST    those of the business servers, separated by commas; none without any\n"
+    "                         (default 100.64.0.2 to 100.64.0.6). A port that is not given is 8088; 0 is "
+    "any\n"
+    "                         free one.\n"
+    "      --key FILE         the platform's RSA private key, PEM (default: the one it was built with)\n"
+    "  -s, --socket SOCKET    the bus (default $UBUS_SOCKET, else the system's)\n"
+    "  -h, --help             this text\n";
+
+struct Options {
+    CloudSettings cloud;
+    std::string key = development_key;
+    const char *bus = std::getenv("UBUS_SOCKET");
+};
+
+enum class Parsed { run, help, wrong };
+
+std::optional<Endpoint> endpoint_of(const std::string &text) {
+    const std::size_t colon = text.find(':');
+    Endpoint endpoint{text.substr(0, colon), colon == std::string::npos ? "8088" : text.substr(colon + 1)};
+    if (!is_address(endpoint.address.c_str()) || !is_port(endpoint.port.c_str()))
+        return std::nullopt;
+    return endpoint;
+}
+
+bool read_list(const std::string &text, std::vector<Endpoint> &list) {
+    list.clear();
+    if (text == "none")
+        return true;
+    for (std::size_t at = 0, comma = 0; comma != std::string::npos; at = comma + 1) {
+        comma = text.find(',', at);
+        const std::optional<Endpoint> endpoint =
+            endpoint_of(text.substr(at, comma == std::string::npos ? comma : comma - at));
+        if (!endpoint)
+            return false;
+        list.push_back(*endpoint);
+    }
+    return true;
+}
+
+Parsed parse(int argc, char **argv, Options &options) {
+    static const option names[] = {
+        {"bss", required_argument, nullptr, 'b'}, {"business", required_argument, nullptr, 'a'},
+        {"key", required_argument, nullptr, 'k'}, {"socket", required_argument, nullptr, 's'},
+        {"help", no_argument, nullptr, 'h'},      {nullptr, 0, nullptr, 0},
+    };
+    const auto wrong = [](const char *what, const char *value) {
+        std::fprintf(stderr, "lab-cloud: %s: %s\n", what, value);
+        return Parsed::wrong;
+    };
+    for (int letter; (letter = getopt_long(argc, argv, "s:h", names, nullptr)) != -1;) {
+        switch (letter) {
+            case 'b':
+                if (const auto endpoint = endpoint_of(optarg))
+                    options.cloud.bss = *endpoint;
+                else
+                    return wrong("not ADDRESS[:PORT]", optarg);
+                break;
+            case 'a':
+                if (!read_list(optarg, options.cloud.business))
+                    return wrong("not ADDRESS[:PORT],...", optarg);
+                break;
+            case 'k': {
+                std::ifstream file(optarg);
+                options.key.assign(std::istreambuf_iterator<char>(file), {});
+                if (!file)
+                    return wrong("cannot read the key", optarg);
+                break;
+            }
+            case 's':
+                options.bus = optarg;
+                break;
+            case 'h':
+                return Parsed::help;
+            default:
+                return Parsed::wrong;
+        }
+    }
+    return optind < argc ? wrong("unexpected argument", argv[optind]) : Parsed::run;
+}
+
+int serve(const Options &options, PlatformKey key, ubus_context *bus, const std::function<int()> &run) {
+    // Declared in the order of dependence, so that everything ends before what it uses.
+    Traffic traffic;
+    Faults faults(cloud_faults);
+    Cloud cloud(options.cloud, std::move(key), traffic, faults);
+    BusObject object(bus, cloud, traffic, faults);
+    if (!cloud.update_listening()) {
+        std::fprintf(stderr, "lab-cloud: cannot listen on %s: %s\n", cloud.failed_server().c_str(),
+                     std::strerror(errno));
+        return 1;
+    }
+    if (const int status = object.publish(); status != UBUS_STATUS_OK) {
+        std::fprintf(stderr, "lab-cloud: cannot publish lab.cloud: %s\n", ubus_strerror(status));
+        return 1;
+    }
+    return run();
+}
+
+}  // namespace
+}  // namespace arvok::lab
+
+int main(int argc, char **argv) {
+    using namespace arvok::lab;
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    Options options;
+    for (int n = 2; n <= 6; n++)
+        options.cloud.business.push_back({"100.64.0." + std::to_string(n), "8088"});
+    switch (parse(argc, argv, options)) {
+        case Parsed::help:
+            std::fputs(usage, stdout);
+            return 0;
+        case Parsed::wrong:
+            std::fputs(usage, stderr);
+            return 1;
+        case Parsed::run:
+            break;
+    }
+    std::optional<PlatformKey> key = PlatformKey::read(options.key);
+    if (!key) {
+        std::fputs("lab-cloud: the key is no RSA private key in PEM form\n", stderr);
+        return 1;
+    }
+    return live_on_bus("lab-cloud", options.bus, [&](ubus_context *bus, const std::function<int()> &run) {
+        return serve(options, std::move(*key), bus, run);
+    });
+}
