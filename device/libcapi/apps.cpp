@@ -1,6 +1,11 @@
+extern "C" {
+#include <libubox/uloop.h>
+}
+
 #include <algorithm>
 #include <cerrno>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -53,36 +58,131 @@ const ubus_method *app_methods() {
 
 constexpr int app_method_count = 4;
 
-/// An installation under way. The platform answers at its end, however long that takes.
+/// An installation under way. The platform notifies its end, however long that takes.
 struct Installation {
-    ubus_request request{};
+    uloop_timeout timer{};  // first, so that its callback finds the rest
+    std::int64_t id = 0;
+    ubus_request request{};  // what the caller gets to see
     qzcap_install_handler_t done = nullptr;
     void *priv = nullptr;
     blob_ptr message;
 };
 
-std::vector<std::unique_ptr<Installation>> installations;
+/// Longer than the platform's own limits for download and unpacking.
+constexpr int installation_timeout_ms = 600000;
 
-void installation_data(ubus_request *request, int, blob_attr *msg) {
-    auto *installation = static_cast<Installation *>(request->priv);
-    if (msg != nullptr) {
-        installation->message.reset(blob_memdup(msg));
+/// The outcome of an installation whose id is not known yet, because the notification has overtaken the
+/// answer to the call.
+struct Outcome {
+    std::int64_t id;
+    blob_ptr message;
+};
+
+/// All the installations of a session.
+struct Installations {
+    ubus_subscriber subscriber{};
+    std::uint32_t manager = 0;  ///< the bus object that is subscribed to; 0: none
+    unsigned int starting = 0;  ///< calls that wait for their id
+    bool ending = false;        ///< the session ends: nothing new
+    std::vector<Outcome> early;
+    std::vector<std::unique_ptr<Installation>> under_way;
+};
+
+Installations installations;
+
+/// Tells the caller; the timer's callback.
+void conclude(uloop_timeout *timer) {
+    auto &found = *std::ranges::find_if(installations.under_way,
+                                        [&](const auto &item) { return &item->timer == timer; });
+    const std::unique_ptr<Installation> ended = std::move(found);
+    std::erase(installations.under_way, nullptr);
+    uloop_timeout_cancel(&ended->timer);
+    ended->request.priv = ended->priv;
+    ended->done(&ended->request, ended->message.get());
+}
+
+/// A table inside a message as a message of its own; null stays null.
+blob_ptr take_table(blob_attr *table) {
+    if (table == nullptr) {
+        return nullptr;
+    }
+    blob_buf copy{};
+    blob_buf_init(&copy, 0);
+    blob_attr *attr = nullptr;
+    std::size_t rem = 0;
+    blobmsg_for_each_attr(attr, table, rem) {
+        blobmsg_add_field(&copy, blobmsg_type(attr), blobmsg_name(attr), blobmsg_data(attr),
+                          blobmsg_data_len(attr));
+    }
+    blob_ptr message(blob_memdup(copy.head));
+    blob_buf_free(&copy);
+    return message;
+}
+
+/// The caller is told from the loop, not from inside whatever waits for an answer now.
+void end_soon(Installation &installation, blob_ptr message) {
+    installation.message = std::move(message);
+    uloop_timeout_set(&installation.timer, 0);
+}
+
+int on_notification(ubus_context *, ubus_object *, ubus_request_data *, const char *method, blob_attr *msg) {
+    const blobmsg_policy policy[] = {{"id", BLOBMSG_TYPE_INT32}, {"outcome", BLOBMSG_TYPE_TABLE}};
+    blob_attr *members[2];
+    std::int64_t id = 0;
+    if (std::string_view(method) != installed_notification || msg == nullptr ||
+        blobmsg_parse(policy, 2, members, blob_data(msg), static_cast<unsigned>(blob_len(msg))) != 0 ||
+        members[0] == nullptr || !get_integer(members[0], &id)) {
+        return 0;
+    }
+    for (const auto &installation : installations.under_way) {
+        if (installation->id == id) {
+            end_soon(*installation, take_table(members[1]));
+            return 0;
+        }
+    }
+    if (installations.starting > 0) {
+        installations.early.push_back({id, take_table(members[1])});
+    }
+    return 0;
+}
+
+/// The app manager has gone, and with it everything that it was about to do.
+void on_manager_gone(ubus_context *, ubus_subscriber *, std::uint32_t) {
+    installations.manager = 0;
+    for (const auto &installation : installations.under_way) {
+        end_soon(*installation, nullptr);
     }
 }
 
-/// Tells the caller. The request that it sees carries its own pointer; the bus library is done with the
-/// request.
-void conclude(Installation &installation) {
-    installation.request.priv = installation.priv;
-    installation.done(&installation.request, installation.message.get());
+/// Listens to the app manager; false when there is none.
+bool listen_to_manager(const char *object) {
+    const std::uint32_t id = qzcap_get_objid_by_name(object);
+    if (id != 0 && id == installations.manager) {
+        return true;
+    }
+    installations.subscriber.cb = on_notification;
+    installations.subscriber.remove_cb = on_manager_gone;
+    if (id == 0 || qzcap_ubus_subscribe(&installations.subscriber, id) != 0) {
+        return false;
+    }
+    installations.manager = id;
+    return true;
 }
 
-void installation_complete(ubus_request *request, int) {
-    const auto found = std::ranges::find_if(
-        installations, [&](const auto &installation) { return &installation->request == request; });
-    const std::unique_ptr<Installation> installation = std::move(*found);
-    installations.erase(found);
-    conclude(*installation);
+void await_end(std::int64_t id, qzcap_install_handler_t done, void *priv) {
+    auto installation = std::make_unique<Installation>();
+    installation->timer.cb = conclude;
+    installation->id = id;
+    installation->done = done;
+    installation->priv = priv;
+    uloop_timeout_set(&installation->timer, installation_timeout_ms);
+    const auto early = std::ranges::find(installations.early, id, &Outcome::id);
+    if (early != installations.early.end()) {
+        end_soon(*installation, std::move(early->message));
+    } else if (installations.manager == 0) {
+        end_soon(*installation, nullptr);  // gone since it answered
+    }
+    installations.under_way.push_back(std::move(installation));
 }
 
 int app_action(const Call &call, const char *name, char **errtext) {
@@ -116,34 +216,32 @@ void qzcap_unregister_appmgtcb(void *handle) {
     }
 }
 
-int qzcap_install_app(ubus_context *ctx, const char *url, qzcap_install_handler_t done, void *priv) {
+int qzcap_install_app(ubus_context *, const char *url, qzcap_install_handler_t done, void *priv) {
     constexpr const Call &call = call_of("qzcap_install_app");
-    std::uint32_t id = 0;
-    if (ctx == nullptr || done == nullptr || ubus_lookup_id(ctx, call.object, &id) != 0) {
+    if (done == nullptr || installations.ending || !listen_to_manager(call.object)) {
         return -1;
     }
-    Arguments arguments;
-    arguments.text("url", url);
-    auto installation = std::make_unique<Installation>();
-    installation->done = done;
-    installation->priv = priv;
-    if (ubus_invoke_async(ctx, id, call.method, arguments.head(), &installation->request) != 0) {
-        return -1;
+    ++installations.starting;
+    const int id = perform_for_value(call, Arguments().text("url", url), nullptr);
+    --installations.starting;
+    if (id >= 0) {
+        await_end(id, done, priv);
     }
-    installation->request.priv = installation.get();
-    installation->request.data_cb = installation_data;
-    installation->request.complete_cb = installation_complete;
-    installations.push_back(std::move(installation));
-    ubus_complete_request_async(ctx, &installations.back()->request);
-    return 0;
+    if (installations.starting == 0) {
+        installations.early.clear();
+    }
+    return id >= 0 ? 0 : -1;
 }
 
-void arvok::capi::abandon_installations(ubus_context *ctx) {
-    for (const auto &installation : std::exchange(installations, {})) {
-        ubus_abort_request(ctx, &installation->request);
-        installation->message.reset();
-        conclude(*installation);
+void arvok::capi::abandon_installations() {
+    installations.ending = true;
+    while (!installations.under_way.empty()) {
+        Installation &installation = *installations.under_way.back();
+        installation.message.reset();
+        conclude(&installation.timer);
     }
+    installations.manager = 0;
+    installations.ending = false;
 }
 
 int qzcap_uninstall_app(ubus_context *, const char *name, char **errtext) {

@@ -107,6 +107,10 @@ inline constexpr NumberedObject numbered_objects[] = {
     {15, "qzcapd.mesh"},   {16, "qzcapd.roaming"}, {30, "qzcapd.vsie"},
 };
 
+/// What the app manager's object notifies at the end of an installation: {"id": the value that the call was
+/// answered with, "outcome": a table}.
+inline constexpr char installed_notification[] = "installed";
+
 }  // namespace arvok::capi
 
 #endif

@@ -96,7 +96,7 @@ void free_list(const Record &kind, unsigned int count, T **list) {
 }
 
 /// Ends the installations that are still under way, telling their callers, because the session ends.
-void abandon_installations(ubus_context *ctx);
+void abandon_installations();
 
 }  // namespace arvok::capi
 

@@ -44,7 +44,7 @@ void qzcap_ubus_done() {
     if (session.ctx == nullptr) {
         return;
     }
-    abandon_installations(session.ctx);
+    abandon_installations();
     for (ubus_subscriber *subscriber : session.subscribers) {
         ubus_unregister_subscriber(session.ctx, subscriber);
     }

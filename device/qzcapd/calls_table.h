@@ -2,15 +2,19 @@
 #ifndef ARVOK_QZCAPD_CALLS_TABLE_H
 #define ARVOK_QZCAPD_CALLS_TABLE_H
 
+#include <functional>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "calls.h"
+#include "failures.h"
 #include "json.h"
 #include "record.h"
 
 namespace arvok::qzcapd {
+
+class Apps;
 
 /// What the platform tells its subscribers.
 struct Notification {
@@ -19,11 +23,16 @@ struct Notification {
     json_ptr message;
 };
 
+struct Reply;
+/// Gives the caller its reply; to be called once, within the daemon's life.
+using Responder = std::function<void(const Reply &reply)>;
+
 /// The answer to a call: {"result": 0, ...} or {"result": -1, "failreason": "..."}.
 struct Reply {
     bool ok = true;
     json_ptr body;
     std::vector<Notification> notifications;  ///< beyond those that follow from the change of state
+    std::function<void(Responder)> later;     ///< instead of a body: finds the answer while others are served
 };
 
 Reply done();
@@ -44,6 +53,8 @@ struct Param {
 struct World {
     cJSON *state;
     const cJSON *factory;  ///< the state at the start of the daemon
+    Apps &apps;
+    Failures &failures;
 };
 
 /// Called with arguments that fit the row's parameters.

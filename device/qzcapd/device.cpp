@@ -39,10 +39,16 @@ blobmsg_policy policy_of(const Param &param) {
 
 }  // namespace
 
-Device::Device(ubus_context *ctx, json_ptr state)
-    : ctx_(ctx), state_(std::move(state)), factory_(copy(state_.get())) {}
+Device::Device(ubus_context *ctx, json_ptr state, const std::string &root)
+    : ctx_(ctx),
+      state_(std::move(state)),
+      factory_(copy(state_.get())),
+      apps_(std::make_unique<Apps>(ctx, state_, root, [this](const json_ptr &message) {
+          notify(capi::call_of("qzcap_install_app").object, capi::installed_notification, message.get());
+      })) {}
 
 Device::~Device() {
+    apps_.reset();
     for (const auto &object : objects_) {
         if (object->on_bus) {
             ubus_remove_object(ctx_, &object->object);
@@ -102,23 +108,32 @@ int Device::on_call(ubus_context *, ubus_object *object, ubus_request_data *req,
 int Device::serve(const Row &row, ubus_request_data *req, const cJSON *args) {
     record(row, args);
     Reply reply;
-    if (const auto found = failures_.find(row.call->function); found != failures_.end()) {
-        const Failure failure = found->second;
-        if (--found->second.times == 0) {
-            failures_.erase(found);
-        }
-        if (failure.mode == Failure::Mode::empty) {
+    if (const auto failure = failures_.take(row.call->function, false)) {
+        if (failure->mode == Failure::Mode::empty) {
             return UBUS_STATUS_OK;
         }
-        if (failure.mode == Failure::Mode::timeout) {
+        if (failure->mode == Failure::Mode::timeout) {
             ubus_request_data forgotten{};
             ubus_defer_request(ctx_, req, &forgotten);
             return UBUS_STATUS_OK;
         }
-        reply = refused(failure.reason);
+        reply = refused(failure->reason);
     } else {
         reply = answer(row, args);
     }
+    if (!reply.later) {
+        return respond(req, reply);
+    }
+    ubus_request_data waiting{};
+    ubus_defer_request(ctx_, req, &waiting);
+    reply.later([this, waiting](const Reply &found) {
+        ubus_request_data caller = waiting;
+        ubus_complete_deferred_request(ctx_, &caller, respond(&caller, found));
+    });
+    return UBUS_STATUS_OK;
+}
+
+int Device::respond(ubus_request_data *req, const Reply &reply) {
     Message message;
     if (!to_blob(reply.body.get(), &message)) {
         return UBUS_STATUS_UNKNOWN_ERROR;
@@ -135,7 +150,7 @@ Reply Device::answer(const Row &row, const cJSON *args) {
         return refused(fault);
     }
     json_ptr before = row.changes ? copy(state_.get()) : nullptr;
-    World world{state_.get(), factory_.get()};
+    World world{state_.get(), factory_.get(), *apps_, failures_};
     Reply reply = row.handler(world, args);
     if (before && !reply.ok) {
         state_ = std::move(before);
@@ -169,6 +184,7 @@ std::string Device::patch(const cJSON *patch) {
     }
     number_hosts(merged.get());
     std::swap(state_, merged);
+    apps_->follow_document();
     for (const Notification &notification : announcements(merged.get(), state_.get())) {
         notify(notification);
     }
@@ -191,28 +207,21 @@ json_ptr Device::journal(std::size_t *left_out) const {
     return entries;
 }
 
-bool Device::fail_next(const std::string &function, const Failure &failure) {
-    for (const capi::Call &call : capi::calls) {
-        if (function == call.function) {
-            failures_.erase(function);
-            if (failure.times > 0) {
-                failures_.emplace(function, failure);
-            }
-            return true;
+bool Device::notify(const Notification &notification) {
+    for (const capi::NumberedObject &numbered : capi::numbered_objects) {
+        if (numbered.number == notification.object) {
+            return notify(numbered.name, notification.method.c_str(), notification.message.get());
         }
     }
     return false;
 }
 
-bool Device::notify(const Notification &notification) {
-    for (const capi::NumberedObject &numbered : capi::numbered_objects) {
-        for (const auto &object : objects_) {
-            if (numbered.number == notification.object && object->name == numbered.name) {
-                Message message;
-                return to_blob(notification.message.get(), &message) &&
-                       ubus_notify(ctx_, &object->object, notification.method.c_str(), message.head(), -1) ==
-                           0;
-            }
+bool Device::notify(const std::string &name, const char *method, const cJSON *message) {
+    for (const auto &object : objects_) {
+        Message blob;
+        if (object->name == name) {
+            return to_blob(message, &blob) &&
+                   ubus_notify(ctx_, &object->object, method, blob.head(), -1) == 0;
         }
     }
     return false;

@@ -5,11 +5,11 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "apps.h"
 #include "calls_table.h"
 #include "json.h"
 
@@ -19,24 +19,14 @@ extern "C" {
 
 namespace arvok::qzcapd {
 
-/// How a call fails on demand.
-struct Failure {
-    enum class Mode {
-        error,    ///< answered with a result of -1 and the reason
-        timeout,  ///< never answered
-        empty,    ///< answered without any data
-    } mode = Mode::error;
-    std::string reason;
-    unsigned int times = 1;
-};
-
 class Device {
   public:
     /// Tells who follows the journal about a new entry.
     using Watcher = std::function<void(const cJSON *entry)>;
 
-    /// `state` has passed check_state. The context must outlive the device.
-    Device(ubus_context *ctx, json_ptr state);
+    /// `state` has passed check_state. Apps have their files below ROOT/qzcap. The context must outlive the
+    /// device.
+    Device(ubus_context *ctx, json_ptr state, const std::string &root);
     ~Device();
     Device(const Device &) = delete;
     Device &operator=(const Device &) = delete;
@@ -59,9 +49,7 @@ class Device {
     }
     void watch_journal(Watcher watcher) { watcher_ = std::move(watcher); }
 
-    /// Orders the failure of the next calls of a function; replaces an earlier order. False: no such
-    /// function.
-    bool fail_next(const std::string &function, const Failure &failure);
+    Failures &failures() { return failures_; }
 
     /// Sends a notification of a numbered platform object. False: no such object, or it cannot be sent.
     bool notify(const Notification &notification);
@@ -77,6 +65,8 @@ class Device {
     int serve(const Row &row, ubus_request_data *req, const cJSON *args);
     Reply answer(const Row &row, const cJSON *args);
     void record(const Row &row, const cJSON *args);
+    int respond(ubus_request_data *req, const Reply &reply);
+    bool notify(const std::string &object, const char *method, const cJSON *message);
 
     ubus_context *ctx_;
     json_ptr state_;
@@ -84,8 +74,9 @@ class Device {
     std::vector<std::unique_ptr<Object>> objects_;
     std::deque<json_ptr> journal_;
     std::size_t dropped_ = 0;  // entries that went beyond the limit
-    std::map<std::string, Failure> failures_;
+    Failures failures_;
     Watcher watcher_;
+    std::unique_ptr<Apps> apps_;
 };
 
 }  // namespace arvok::qzcapd

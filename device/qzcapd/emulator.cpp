@@ -1,11 +1,6 @@
 #include "emulator.h"
 
-#include <algorithm>
 #include <string_view>
-
-extern "C" {
-#include <libubox/uloop.h>
-}
 
 namespace arvok::qzcapd {
 namespace {
@@ -32,23 +27,12 @@ struct Emulator::BusObject {
     bool on_bus = false;
 };
 
-/// A message on its way to an app, and the request that waits for the answer.
-struct Emulator::AppMessage {
-    ubus_request request{};  // first, as above
-    uloop_timeout timer{};
-    ubus_request_data waiting{};
-    Emulator *emulator = nullptr;
-};
-
 Emulator::Emulator(ubus_context *ctx, Device &device)
-    : ctx_(ctx), device_(device), object_(std::make_unique<BusObject>()) {}
+    : ctx_(ctx), device_(device), object_(std::make_unique<BusObject>()), app_messages_(ctx) {}
 
 Emulator::~Emulator() {
     device_.watch_journal(nullptr);
-    while (!app_messages_.empty()) {
-        ubus_abort_request(ctx_, &app_messages_.back()->request);
-        conclude(app_messages_.back().get(), UBUS_STATUS_CONNECTION_FAILED);
-    }
+    app_messages_.end_all();  // while the object that has to answer is still there
     if (object_->on_bus) {
         ubus_remove_object(ctx_, &object_->object);
     }
@@ -78,7 +62,8 @@ int Emulator::publish() {
     add("calls", on_method<&Emulator::calls>, {argument("clear", BLOBMSG_TYPE_BOOL)});
     add("fail", on_method<&Emulator::fail>,
         {argument("call", BLOBMSG_TYPE_STRING), argument("reason", BLOBMSG_TYPE_STRING),
-         argument("times", BLOBMSG_TYPE_INT32), argument("mode", BLOBMSG_TYPE_STRING)});
+         argument("times", BLOBMSG_TYPE_INT32), argument("mode", BLOBMSG_TYPE_STRING),
+         argument("completion", BLOBMSG_TYPE_BOOL)});
     add("notify", on_method<&Emulator::notify>,
         {argument("object", BLOBMSG_TYPE_INT32), argument("method", BLOBMSG_TYPE_STRING),
          argument("message", BLOBMSG_TYPE_TABLE)});
@@ -154,6 +139,7 @@ int Emulator::fail(ubus_request_data *req, const cJSON *args) {
     const char *reason = get_text(args, "reason");
     const char *mode = get_text(args, "mode");
     const cJSON *times = get(args, "times");
+    const cJSON *completion = get(args, "completion");
     Failure failure;
     failure.reason = reason != nullptr ? reason : "emulated failure";
     if (times != nullptr && (!cJSON_IsNumber(times) || times->valuedouble < 0 ||
@@ -171,9 +157,13 @@ int Emulator::fail(ubus_request_data *req, const cJSON *args) {
     } else if (word != "error") {
         return refuse(req, "mode: must be error, timeout or empty", UBUS_STATUS_INVALID_ARGUMENT);
     }
-    if (function == nullptr || !device_.fail_next(function, failure)) {
-        return refuse(req, std::string("call: no such function: ") + (function != nullptr ? function : ""),
-                      UBUS_STATUS_INVALID_ARGUMENT);
+    if (completion != nullptr && !cJSON_IsBool(completion)) {
+        return refuse(req, "completion: must be true or false", UBUS_STATUS_INVALID_ARGUMENT);
+    }
+    failure.completion = cJSON_IsTrue(completion);
+    if (const std::string fault = device_.failures().order(function != nullptr ? function : "", failure);
+        !fault.empty()) {
+        return refuse(req, fault, UBUS_STATUS_INVALID_ARGUMENT);
     }
     return send(req, done().body.get());
 }
@@ -194,48 +184,29 @@ int Emulator::notify(ubus_request_data *req, const cJSON *args) {
 
 /// The app's answer comes when it comes: the daemon serves others meanwhile, the app among them.
 int Emulator::app(ubus_request_data *req, const cJSON *args) {
-    const char *name = get_text(args, "app");
-    const std::string path = std::string("qzapp.") + (name != nullptr ? name : "arvokclt");
-    std::uint32_t id = 0;
+    const char *given = get_text(args, "app");
+    const std::string name = given != nullptr ? given : "arvokclt";
     Message message;
     if (!cJSON_IsObject(get(args, "message")) || !to_blob(get(args, "message"), &message)) {
         return refuse(req, "message: must be an object", UBUS_STATUS_INVALID_ARGUMENT);
     }
-    if (ubus_lookup_id(ctx_, path.c_str(), &id) != 0) {
-        return refuse(req, path + " is not on the bus", UBUS_STATUS_NOT_FOUND);
+    const std::uint32_t object = app_messages_.find(name);
+    if (object == 0) {
+        return refuse(req, "qzapp." + name + " is not on the bus", UBUS_STATUS_NOT_FOUND);
     }
-    auto pending = std::make_unique<AppMessage>();
-    if (const int status = ubus_invoke_async(ctx_, id, "postmsg", message.head(), &pending->request);
-        status != 0) {
-        return status;
-    }
-    pending->emulator = this;
-    pending->request.data_cb = [](ubus_request *request, int, blob_attr *msg) {
-        auto *self = reinterpret_cast<AppMessage *>(request);
-        if (msg != nullptr) {
-            ubus_send_reply(self->emulator->ctx_, &self->waiting, msg);
+    ubus_request_data waiting{};
+    ubus_defer_request(ctx_, req, &waiting);
+    const auto done = [this, waiting](int status, blob_attr *answer) {
+        ubus_request_data caller = waiting;
+        if (answer != nullptr) {
+            ubus_send_reply(ctx_, &caller, answer);
         }
+        ubus_complete_deferred_request(ctx_, &caller, status);
     };
-    pending->request.complete_cb = [](ubus_request *request, int status) {
-        auto *self = reinterpret_cast<AppMessage *>(request);
-        self->emulator->conclude(self, status);
-    };
-    pending->timer.cb = [](uloop_timeout *timer) {
-        auto *self = container_of(timer, AppMessage, timer);
-        ubus_abort_request(self->emulator->ctx_, &self->request);
-        self->emulator->conclude(self, UBUS_STATUS_TIMEOUT);
-    };
-    ubus_defer_request(ctx_, req, &pending->waiting);
-    uloop_timeout_set(&pending->timer, app_timeout_ms);
-    app_messages_.push_back(std::move(pending));
-    ubus_complete_request_async(ctx_, &app_messages_.back()->request);
+    if (const int status = app_messages_.send(object, message.head(), app_timeout_ms, done); status != 0) {
+        done(status, nullptr);
+    }
     return UBUS_STATUS_OK;
-}
-
-void Emulator::conclude(AppMessage *message, int status) {
-    uloop_timeout_cancel(&message->timer);
-    ubus_complete_deferred_request(ctx_, &message->waiting, status);
-    std::erase_if(app_messages_, [&](const auto &pending) { return pending.get() == message; });
 }
 
 }  // namespace arvok::qzcapd

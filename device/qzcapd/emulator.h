@@ -3,8 +3,8 @@
 #define ARVOK_QZCAPD_EMULATOR_H
 
 #include <memory>
-#include <vector>
 
+#include "app_messages.h"
 #include "device.h"
 
 namespace arvok::qzcapd {
@@ -12,7 +12,6 @@ namespace arvok::qzcapd {
 class Emulator {
   public:
     Emulator(ubus_context *ctx, Device &device);
-    /// Ends the app messages that are still unanswered.
     ~Emulator();
     Emulator(const Emulator &) = delete;
     Emulator &operator=(const Emulator &) = delete;
@@ -22,7 +21,6 @@ class Emulator {
 
   private:
     struct BusObject;
-    struct AppMessage;
     using Method = int (Emulator::*)(ubus_request_data *req, const cJSON *args);
 
     template <Method method>
@@ -37,12 +35,11 @@ class Emulator {
     int fail(ubus_request_data *req, const cJSON *args);
     int notify(ubus_request_data *req, const cJSON *args);
     int app(ubus_request_data *req, const cJSON *args);
-    void conclude(AppMessage *message, int status);
 
     ubus_context *ctx_;
     Device &device_;
     std::unique_ptr<BusObject> object_;
-    std::vector<std::unique_ptr<AppMessage>> app_messages_;
+    AppMessages app_messages_;
 };
 
 }  // namespace arvok::qzcapd

@@ -21,14 +21,14 @@ struct FreeContext {
 using context_ptr = std::unique_ptr<ubus_context, FreeContext>;
 
 /// Serves until the loop ends; returns the exit status.
-int run(json_ptr state, const char *socket) {
+int run(json_ptr state, const char *socket, const std::string &root) {
     const context_ptr ctx(ubus_connect(socket));
     if (!ctx) {
         std::fprintf(stderr, "qzcapd: no bus at %s\n", socket != nullptr ? socket : "the default socket");
         return 1;
     }
     ubus_add_uloop(ctx.get());
-    Device device(ctx.get(), std::move(state));
+    Device device(ctx.get(), std::move(state), root);
     Emulator emulator(ctx.get(), device);
     int status = device.publish();
     if (status == 0) {
@@ -45,12 +45,15 @@ int run(json_ptr state, const char *socket) {
 }
 
 constexpr char usage[] =
-    "usage: qzcapd [-f FILE] [-s SOCKET]\n"
+    "usage: qzcapd [-f FILE] [-s SOCKET] [-r DIR]\n"
     "\n"
     "The emulated platform: holds the state of a device and puts the platform's objects on the bus.\n"
     "\n"
     "  -f, --state FILE     the state to start with (default: the home's)\n"
     "  -s, --socket SOCKET  the bus (default: $UBUS_SOCKET, else the bus library's)\n"
+    "  -r, --root DIR       the device's file system: apps have their files below DIR/qzcap (default: /, "
+    "where\n"
+    "                       there must be a /qzcap already)\n"
     "  -h, --help           this text\n";
 
 }  // namespace
@@ -58,15 +61,19 @@ constexpr char usage[] =
 int main(int argc, char **argv) {
     static const option long_options[] = {{"state", required_argument, nullptr, 'f'},
                                           {"socket", required_argument, nullptr, 's'},
+                                          {"root", required_argument, nullptr, 'r'},
                                           {"help", no_argument, nullptr, 'h'},
                                           {nullptr, 0, nullptr, 0}};
     const char *path = QZCAPD_DEFAULT_STATE;
     const char *socket = std::getenv("UBUS_SOCKET");
-    for (int opt = 0; (opt = getopt_long(argc, argv, "f:s:h", long_options, nullptr)) != -1;) {
+    std::string root;
+    for (int opt = 0; (opt = getopt_long(argc, argv, "f:s:r:h", long_options, nullptr)) != -1;) {
         if (opt == 'f') {
             path = optarg;
         } else if (opt == 's') {
             socket = optarg;
+        } else if (opt == 'r') {
+            root = optarg;
         } else {
             std::fputs(usage, opt == 'h' ? stdout : stderr);
             return opt == 'h' ? 0 : 1;
@@ -83,7 +90,7 @@ int main(int argc, char **argv) {
         return 1;
     }
     uloop_init();
-    const int status = run(std::move(state), socket);
+    const int status = run(std::move(state), socket, root);
     uloop_done();
     return status;
 }

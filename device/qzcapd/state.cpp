@@ -1,11 +1,15 @@
 #include "state.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <fstream>
 #include <limits>
+#include <span>
 #include <string_view>
+
+#include "control_file.h"
 
 namespace arvok::qzcapd {
 namespace {
@@ -23,42 +27,63 @@ enum class Shape : std::uint8_t {
     keyed,   ///< an object of records by key, so that a merge patch reaches each of them
 };
 
+/// A member beyond those of the record.
+struct Extra {
+    const char *name = nullptr;
+    bool (*good)(const cJSON *) = nullptr;
+    const char *wanted = "";
+};
+
+bool is_any(const cJSON *) {
+    return true;
+}
+
+bool is_flag(const cJSON *value) {
+    const char *text = cJSON_GetStringValue(value);
+    return text != nullptr && (std::string_view(text) == "0" || std::string_view(text) == "1");
+}
+
 /// One member of the document.
 struct Member {
     const char *name;
     Shape shape;
-    bool per_band;       ///< an object of "2.4G" and "5G", each of this shape
-    const Record *kind;  ///< of record, list and keyed
-    const char *key;     ///< keyed: the field that is the key, not repeated inside the record
-    const char *extra;   ///< a member that records have in the document only
+    bool per_band;                  ///< an object of "2.4G" and "5G", each of this shape
+    const Record *kind;             ///< of record, list and keyed
+    const char *key;                ///< keyed: the field that is the key, not repeated inside the record
+    std::array<Extra, 2> extras{};  ///< members that records have in the document only
 };
 
 const Member members[] = {
-    {"devinfo", Shape::record, false, &capi::devinfo, "", ""},
-    {"diagnostics", Shape::record, false, &capi::diagnostics, "", ""},
-    {"netstatinfo", Shape::record, false, &capi::netstatinfo, "", ""},
-    {"terminalnum", Shape::record, false, &capi::terminalnum, "", ""},
-    {"led_switch", Shape::text, false, nullptr, "", ""},
-    {"iptv", Shape::record, false, &capi::iptv, "", ""},
-    {"serverinfo", Shape::record, false, &capi::serverinfo, "", ""},
-    {"waninfo", Shape::record, false, &capi::waninfo, "", ""},
-    {"laninfo", Shape::keyed, false, &capi::laninfo, "mac", ""},
-    {"blacklist", Shape::object, false, nullptr, "", ""},
-    {"wifi_switch", Shape::record, false, &capi::wifi_switch, "", ""},
-    {"wifiinfo", Shape::record, true, &capi::wifiinfo, "", ""},
-    {"wifi_ap", Shape::keyed, true, &capi::wifi_ap, "index", ""},
-    {"wifi_apstat", Shape::keyed, true, &capi::wifi_apstat, "", ""},
-    {"wifi_timer", Shape::keyed, false, &capi::wifi_timer, "id", ""},
-    {"neighbourinfo", Shape::list, false, &capi::neighbourinfo, "", ""},
-    {"channel_score", Shape::list, true, &capi::channel_score, "", ""},
-    {"roaming", Shape::record, false, &capi::roaming, "", ""},
-    {"mesh", Shape::record, false, &capi::mesh, "", ""},
-    {"mesh_roaming", Shape::record, false, &capi::roaming, "", ""},
-    {"backhaulbss", Shape::record, false, &capi::backhaulbss, "", ""},
-    {"mesh_topo", Shape::object, false, nullptr, "", ""},
-    {"vsie_beacontx", Shape::keyed, false, &capi::vsie_beacontx, "", "state"},
-    {"vsie_proberesp", Shape::list, false, &capi::vsie_proberesp, "", ""},
-    {"app", Shape::keyed, false, &capi::app, "name", "answer"},
+    {"devinfo", Shape::record, false, &capi::devinfo, "", {}},
+    {"diagnostics", Shape::record, false, &capi::diagnostics, "", {}},
+    {"netstatinfo", Shape::record, false, &capi::netstatinfo, "", {}},
+    {"terminalnum", Shape::record, false, &capi::terminalnum, "", {}},
+    {"led_switch", Shape::text, false, nullptr, "", {}},
+    {"iptv", Shape::record, false, &capi::iptv, "", {}},
+    {"serverinfo", Shape::record, false, &capi::serverinfo, "", {}},
+    {"waninfo", Shape::record, false, &capi::waninfo, "", {}},
+    {"laninfo", Shape::keyed, false, &capi::laninfo, "mac", {}},
+    {"blacklist", Shape::object, false, nullptr, "", {}},
+    {"wifi_switch", Shape::record, false, &capi::wifi_switch, "", {}},
+    {"wifiinfo", Shape::record, true, &capi::wifiinfo, "", {}},
+    {"wifi_ap", Shape::keyed, true, &capi::wifi_ap, "index", {}},
+    {"wifi_apstat", Shape::keyed, true, &capi::wifi_apstat, "", {}},
+    {"wifi_timer", Shape::keyed, false, &capi::wifi_timer, "id", {}},
+    {"neighbourinfo", Shape::list, false, &capi::neighbourinfo, "", {}},
+    {"channel_score", Shape::list, true, &capi::channel_score, "", {}},
+    {"roaming", Shape::record, false, &capi::roaming, "", {}},
+    {"mesh", Shape::record, false, &capi::mesh, "", {}},
+    {"mesh_roaming", Shape::record, false, &capi::roaming, "", {}},
+    {"backhaulbss", Shape::record, false, &capi::backhaulbss, "", {}},
+    {"mesh_topo", Shape::object, false, nullptr, "", {}},
+    {"vsie_beacontx", Shape::keyed, false, &capi::vsie_beacontx, "", {{{"state", is_any, ""}}}},
+    {"vsie_proberesp", Shape::list, false, &capi::vsie_proberesp, "", {}},
+    {"app",
+     Shape::keyed,
+     false,
+     &capi::app,
+     "name",
+     {{{"answer", is_any, ""}, {"NeedGWVendor", is_flag, R"("0" or "1")"}}}},
 };
 
 bool is_integer(const cJSON *value, double low, double high) {
@@ -124,7 +149,7 @@ const Field *find_field(const Record &kind, std::string_view name) {
 }
 
 std::string check_members(const Record &kind, const cJSON *value, Fields which, std::string_view key,
-                          std::string_view extra) {
+                          std::span<const Extra> extras) {
     if (!cJSON_IsObject(value)) {
         return ": must be an object";
     }
@@ -132,7 +157,12 @@ std::string check_members(const Record &kind, const cJSON *value, Fields which, 
     cJSON_ArrayForEach(item, value) {
         const std::string name = item->string;
         const Field *field = find_field(kind, name);
-        if (!extra.empty() && name == extra) {
+        const auto extra =
+            std::ranges::find_if(extras, [&](const Extra &e) { return e.name != nullptr && name == e.name; });
+        if (extra != extras.end()) {
+            if (!extra->good(item)) {
+                return "." + name + ": must be " + extra->wanted;
+            }
             continue;
         }
         if (field == nullptr || name == key) {
@@ -149,6 +179,9 @@ std::string check_members(const Record &kind, const cJSON *value, Fields which, 
 }
 
 std::string check_key(const Member &member, const char *key) {
+    if (member.kind == &capi::app && !is_app_name(key)) {
+        return std::string(".") + key + ": not a name for an app";
+    }
     const Field *field = find_field(*member.kind, member.key);
     const bool numeric = field == nullptr || field->type != FieldType::text;
     const std::string_view digits = key;
@@ -165,7 +198,7 @@ std::string check_shape(const Member &member, const cJSON *value) {
         case Shape::object:
             return cJSON_IsObject(value) ? "" : ": must be an object";
         case Shape::record:
-            return check_members(*member.kind, value, Fields::all, member.key, member.extra);
+            return check_members(*member.kind, value, Fields::all, member.key, member.extras);
         case Shape::list: {
             if (!cJSON_IsArray(value)) {
                 return ": must be an array";
@@ -173,7 +206,7 @@ std::string check_shape(const Member &member, const cJSON *value) {
             int position = 0;
             cJSON_ArrayForEach(item, value) {
                 const std::string fault =
-                    check_members(*member.kind, item, Fields::all, member.key, member.extra);
+                    check_members(*member.kind, item, Fields::all, member.key, member.extras);
                 if (!fault.empty()) {
                     return "[" + std::to_string(position) + "]" + fault;
                 }
@@ -190,7 +223,7 @@ std::string check_shape(const Member &member, const cJSON *value) {
                     return fault;
                 }
                 const std::string fault =
-                    check_members(*member.kind, item, Fields::all, member.key, member.extra);
+                    check_members(*member.kind, item, Fields::all, member.key, member.extras);
                 if (!fault.empty()) {
                     return std::string(".") + item->string + fault;
                 }
@@ -289,7 +322,7 @@ std::string check_state(const cJSON *document) {
 }
 
 std::string check_record(const Record &kind, const cJSON *value, Fields which) {
-    const std::string fault = check_members(kind, value, which, "", "");
+    const std::string fault = check_members(kind, value, which, "", {});
     return fault.empty() ? "" : kind.name + fault;
 }
 

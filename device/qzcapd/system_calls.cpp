@@ -1,6 +1,7 @@
 // The device itself, its switches and modes, its WAN and its cloud servers.
 #include <array>
 
+#include "apps.h"
 #include "calls_table.h"
 #include "state.h"
 
@@ -51,6 +52,7 @@ Reply reset(World &world, const cJSON *) {
         cJSON_Delete(cJSON_DetachItemViaPointer(world.state, world.state->child));
     }
     merge_patch(world.state, world.factory);
+    world.apps.follow_document();
     return done();
 }
 

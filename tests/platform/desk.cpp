@@ -180,8 +180,8 @@ void Desk::TearDown() {
 }
 
 void Desk::start_platform(const std::string &state_file) {
-    platform_ =
-        std::make_unique<Process>(std::vector<std::string>{QZCAPD, "--state", state_file, "-s", socket_});
+    platform_ = std::make_unique<Process>(
+        std::vector<std::string>{QZCAPD, "--state", state_file, "-s", socket_, "--root", directory_});
     ASSERT_TRUE(platform_->wait_for("qzcapd: ready")) << platform_->output();
 }
 

@@ -71,6 +71,8 @@ class Desk : public testing::Test {
     void start_platform(const std::string &state_file);
     void stop_platform() { platform_.reset(); }
     void stop_bus();
+    /// The path of a file among the device's own.
+    std::string device_file(const std::string &name) const { return directory_ + "/qzcap/" + name; }
     std::string file(const std::string &name, const std::string &content) const;
 
     /// Calls a method on the bus; a bus failure makes `status` non-zero. Null without an answer.

@@ -1,4 +1,4 @@
-// The bus session, the log, result parsing, and installations.
+// The bus session, the log and result parsing.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -161,58 +161,6 @@ TEST_F(Log, LinesCarryTheTimeAndOpenLinesGoOn) {
     const std::string longest(100000, 'x');
     qzcap_printf("%s\n", longest.c_str());
     EXPECT_THAT(next_write(), testing::EndsWith(longest + "\n"));
-}
-
-/// What an installation reported to its caller.
-struct Outcome {
-    int called = 0;
-    std::string message;
-};
-
-void installed(ubus_request *req, blob_attr *msg) {
-    auto *outcome = static_cast<Outcome *>(req->priv);
-    ++outcome->called;
-    char *text = nullptr;
-    ubus_request carrier{};
-    carrier.priv = &text;
-    qzcap_data_cb(&carrier, 0, msg);
-    outcome->message = text != nullptr ? text_ptr(text).get() : "(none)";
-    uloop_end();
-}
-
-class Installation : public Desk {
-  protected:
-    std::string install(const char *url) {
-        Outcome outcome;
-        EXPECT_EQ(qzcap_install_app(qzcap_get_ubus_context(), url, installed, &outcome), 0);
-        EXPECT_TRUE(run_until([&] { return outcome.called > 0; }));
-        return outcome.message;
-    }
-};
-
-TEST_F(Installation, ReportsItsOutcomeLater) {
-    EXPECT_EQ(install("http://192.168.1.1/a/radio_2.0_ipq5018x.ipk"),
-              R"({"result":0,"name":"radio","version":"2.0"})");
-    EXPECT_EQ(print(at(state().get(), "app.radio")), R"({"version":"2.0","state":"stopped"})");
-    for (const char *url : {"http://192.168.1.1/radio.ipk", "http://192.168.1.1/_2.0_x.ipk", ""}) {
-        EXPECT_EQ(install(url),
-                  R"({"result":-1,"failreason":"url: must end in NAME_VERSION_ARCHITECTURE.SUFFIX"})");
-    }
-    fail_next("qzcap_install_app", "disk full");
-    EXPECT_EQ(install("http://192.168.1.1/a/radio_2.1_ipq5018x.ipk"),
-              R"({"result":-1,"failreason":"disk full"})");
-    fail_next("qzcap_install_app", "", "empty");
-    EXPECT_EQ(install("http://192.168.1.1/a/radio_2.1_ipq5018x.ipk"), "(none)");
-}
-
-TEST_F(Installation, EndOfTheSessionEndsIt) {
-    fail_next("qzcap_install_app", "", "timeout");
-    Outcome outcome;
-    ASSERT_EQ(qzcap_install_app(qzcap_get_ubus_context(), "http://x/a_1_b.ipk", installed, &outcome), 0);
-    qzcap_ubus_done();
-    EXPECT_EQ(outcome.called, 1);
-    EXPECT_EQ(outcome.message, "(none)");
-    EXPECT_LT(qzcap_install_app(qzcap_get_ubus_context(), "http://x/a_1_b.ipk", installed, &outcome), 0);
 }
 
 }  // namespace
