@@ -29,7 +29,7 @@ assert (env["AP_ADDR"], env["GATEWAY_ADDR"], env["CLOUD_ADDR"]) == ("192.168.1.2
 assert {"qzcapd.emulator", "lab.gateway"} <= set(run("ubus", "list").split())
 assert os.path.samefile("/var/run/ubus/ubus.sock", env["UBUS_SOCKET"])
 assert env["UBUS_SOCKET"].startswith(env["LAB_DIR"] + "/")
-for log in ("agent", "gateway", "qzcapd", "ubusd"):
+for log in ("agent", "gateway", "names", "packages", "qzcapd", "ubusd"):
     assert os.path.exists(f"{env['LAB_DIR']}/{log}.log"), log
 assert run("/qzcap/bin/appd", "version") == "appd: v2.1.3 (build 5)\\n"
 assert os.path.samefile("/qzcap/apps/arvokclt", env["LAB_DIR"] + "/qzcap/apps/arvokclt")
@@ -158,7 +158,7 @@ class HomeTest(unittest.TestCase):
                 self.addCleanup(shutil.rmtree, place, ignore_errors=True)
                 lab = os.path.join(place, "a checkout", "lab")
                 os.makedirs(lab)
-                for name in ("home", "home.json"):
+                for name in ("home", "home.json", "names"):
                     shutil.copy(os.path.join(REPO, "lab", name), lab)
                 command = [os.path.join(lab, "home"), *BARE, "--", os.path.join(lab, "home"), "--help"]
                 done = subprocess.run(command, capture_output=True, text=True, env=self.env, timeout=60)
@@ -177,7 +177,7 @@ class HomeTest(unittest.TestCase):
             os.path.join(libraries, name) for name in os.listdir(libraries) if ".so" in name
         ]:
             shutil.copy(source, os.path.join(self.folder, "lib" if ".so" in source else "bin"))
-        for name in ("home", "home.json"):
+        for name in ("home", "home.json", "names"):
             shutil.copy(os.path.join(REPO, "lab", name), os.path.join(self.folder, "lab"))
         env = {**self.env, "ARVOK_BIN": os.path.join(self.folder, "bin"), "LD_LIBRARY_PATH": os.path.join(self.folder, "lib")}
         probe = f"PORT = 'br-lan'\n{PROBE}"
