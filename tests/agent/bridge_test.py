@@ -1,0 +1,239 @@
+"""What the gateway does on the platform's bus: calls, with what comes of odd objects, and subscriptions."""
+
+import json
+import os
+import subprocess
+import unittest
+
+from desk import LinkedCase, call
+
+LAN = 5
+MAGIC = 0x3f721fb5
+ARGUMENTS = {"text": "ä\n\"", "number": 7, "big": 123456789012345, "negative": -1, "fraction": 1.5, "yes": True,
+             "none": None, "list": [1, "two", {"three": 3}], "table": {}}
+
+
+class BridgeCase(LinkedCase):
+    def publish(self, name):
+        """Publishes an object of the test's own and returns its process."""
+        process = subprocess.Popen(["bus_object", name])
+        self.addCleanup(lambda: (process.terminate(), process.wait()))
+        subprocess.run(["ubus", "-t", "10", "wait_for", name], check=True)
+        return process
+
+    def ask(self, message, timeout=10):
+        """The reply without its envelope, its members in their order."""
+        reply = call("lab.gateway", "request", {"message": {"sequence": 71, **message}, "timeout": timeout * 1000},
+                     timeout + 5)
+        self.assertEqual([reply.pop(key) for key in ("sequence", "mac")], [71, "025A10000001"])
+        return reply
+
+    def single(self, obj, method, timeout=10, **more):
+        return self.ask({"type": "ubus_call", "object": obj, "method": method, **more}, timeout)
+
+    def subscribe(self, obj, enable=1):
+        reply = self.ask({"type": "ubus_subscribe", "object": obj, "enable": enable})
+        self.assertEqual(list(reply), ["type", "errcode", "errmsg"])
+        self.assertEqual(reply["type"], "ack")
+        return reply["errcode"], reply["errmsg"]
+
+
+class Calls(BridgeCase):
+    def assert_reply(self, reply, errcode, errmsg, **members):
+        expected = {"type": "ubus_result", "errcode": errcode, "errmsg": errmsg, **members}
+        self.assertEqual(json.dumps(reply), json.dumps(expected))
+
+    def test_list_of_calls(self):
+        self.link()
+        self.publish("odd")
+        element = lambda obj="odd", method="echo", message=ARGUMENTS: {"object": obj, "method": method,
+                                                                      "message": message}
+        failed = lambda **members: {key: value for key, value in element(**members).items() if key != "message"}
+        no_object = "qzcap_get_objid_by_name failed: nobody"
+        no_method = "ubus_invoke failed: Method not found"
+        led = {"object": "qzcapd.emulator", "method": "state", "message": {}}
+        for data, results, error in (
+                ([], [], (0, "")),
+                ([element(), element(message={})], [element(), element(message={})], (0, "")),
+                ([element(obj="nobody"), element()], [failed(obj="nobody"), element()], (10004, no_object)),
+                ([element(obj="nobody"), element(method="x")], [failed(obj="nobody"), failed(method="x")],
+                 (10004, no_method)),
+                ([led], [{**led, "message": self.state()}], (0, ""))):
+            with self.subTest(data=data):
+                self.assert_reply(self.ask({"type": "ubus_call", "data": data}), *error, data=results)
+
+    def test_single_call(self):
+        self.link()
+        self.publish("odd")
+        for more, message in (({}, {}), ({"message": ARGUMENTS}, ARGUMENTS), ({"message": "text"}, {}),
+                              ({"message": [1]}, {}), ({"data": {"object": "nobody"}}, {})):
+            with self.subTest(more=more):
+                self.assert_reply(self.single("odd", "echo", **more), 0, "", object="odd", method="echo", data=message)
+        for obj, method, error in (("nobody", "echo", "qzcap_get_objid_by_name failed: nobody"),
+                                   ("", "echo", "qzcap_get_objid_by_name failed: "),
+                                   ("n" * 300, "echo", ("qzcap_get_objid_by_name failed: " + "n" * 300)[:255]),
+                                   ("odd", "", "ubus_invoke failed: Method not found"),
+                                   ("odd", "refuse", "ubus_invoke failed: Permission denied"),
+                                   ("odd", "quiet", "blobmsg_format_json failed")):
+            with self.subTest(obj=obj, method=method):
+                self.assert_reply(self.single(obj, method), 10004, error, object=obj, method=method)
+        reply = self.single("odd", "deep")
+        self.assertIn(reply["errmsg"], ("blobmsg_format_json failed", "cJSON_Parse failed"))
+        self.assert_reply(reply, 10004, reply["errmsg"], object="odd", method="deep")
+
+    def test_requests_that_are_not_answered(self):
+        """On a link that has no key yet, so that any text can be put on it, one behind the other."""
+        self.misbehave(fault="drop", on="keyngreq", times=0)
+        agent = self.start("-g", os.environ["GATEWAY_ADDR"])
+        agent.expect('-> {"type":"keyngreq"')
+        self.publish("odd")
+
+        expected = ""
+
+        def put(line, **message):
+            nonlocal expected
+            text = json.dumps(message, separators=(",", ":"))
+            frame = MAGIC.to_bytes(4, "big") + len(text).to_bytes(4, "big") + text.encode()
+            call("lab.gateway", "raw", {"hex": frame.hex()})
+            expected += "[INFO] (arvok) <- %s (%d)\n%s\n" % (text, len(text), line)
+
+        envelope = {"sequence": 1, "mac": "x"}
+        valid = {"object": "odd", "method": "echo", "message": {}}
+        for kind in ("ubus_call", "ubus_subscribe"):
+            put("[ERROR] invalid sequence", type=kind, mac="x", **valid)
+            put("[ERROR] invalid mac", type=kind, sequence=1, **valid)
+        for name in ("object", "method", "message"):
+            for wrong in (5, None, "x" if name == "message" else {}, []):
+                element = {**valid, name: wrong}
+                put("[ERROR] invalid " + name, type="ubus_call", **envelope, data=[valid, element, valid])
+                if name != "message":
+                    put("[ERROR] invalid " + name, type="ubus_call", **envelope, **element)
+        for element in (5, None, "x", [], {}):
+            put("[ERROR] invalid object", type="ubus_call", **envelope, data=[element])
+        for wrong in ("1", None, True, {}):
+            put("[ERROR] invalid enable", type="ubus_subscribe", **envelope, object="odd", enable=wrong)
+        put("[ERROR] invalid object", type="ubus_subscribe", **envelope, object=5, enable=1)
+        # What the bus library does not read is told: it takes no message that nests this deep.
+        deep = json.loads('{"a":' * 100 + "1" + "}" * 100)
+        put("[ERROR] (10004) blobmsg_add_json_from_string failed", type="ubus_call", **envelope,
+            **{**valid, "message": deep})
+        agent.expect("blobmsg_add_json_from_string failed\n[INFO] (arvok) -> ")
+        log = agent.lines()
+        log = log[log.index("[INFO] (arvok) <- "):]
+        self.assertEqual(log[:log.index("[INFO] (arvok) -> ")], expected)
+
+    def test_object_that_leaves_during_a_call(self):
+        agent = self.link()
+        process = self.publish("odd")
+        reply = self.single("odd", "vanish", 30)
+        self.assertEqual((reply["errcode"], list(reply)[-1]), (10004, "method"))
+        self.assertRegex(reply["errmsg"], "^ubus_invoke failed: [A-Z]")
+        self.assertEqual(process.wait(20), 0)
+        self.assertEqual(self.single("odd", "echo")["errmsg"], "qzcap_get_objid_by_name failed: odd")
+        agent.expect("[ERROR] (10004) qzcap_get_objid_by_name failed: odd\n")
+
+
+class Hanging(BridgeCase):
+    def test_call_that_is_never_answered(self):
+        agent = self.link()
+        self.publish("odd")
+        reply = self.single("odd", "hang", 40)
+        self.assertEqual((reply["errcode"], reply["errmsg"]), (10004, "ubus_invoke failed: Request timed out"))
+        self.assertNotIn("data", reply)
+        self.assertEqual(self.single("odd", "echo")["data"], {})
+        self.assertEqual(self.peer()["connections"], 1, agent.lines()[-3000:])
+
+
+class Subscriptions(BridgeCase):
+    def notified(self, obj, method, message):
+        call(obj, "notify", {"method": method, "message": message})
+
+    def told(self):
+        """What the gateway was told since the last look; a reply behind it shows that nothing more is on its way."""
+        self.status("cputemp")
+        told = [(m["object"], m["method"], m["data"]) for m in self.received("ubus_notify")]
+        for message in self.received("ubus_notify"):
+            self.assertEqual(list(message), ["type", "sequence", "mac", "object", "method", "data"])
+            self.assertEqual(message["mac"], "025A10000001")
+        self.forget()
+        return told
+
+    def test_notifications_are_passed_on(self):
+        agent = self.link()
+        self.publish("odd")
+        self.publish("even")
+        self.assertEqual(self.subscribe("odd"), (0, ""))
+        agent.expect("[DEBUG] arvok_ubus_subscribe 'arvok' 'odd' '1' \n")
+        self.assertEqual(self.subscribe("even", 7), (0, ""))
+        self.assertEqual(self.subscribe("odd"), (10002, "object 'odd' is subscribed"))
+        expected = []
+        for number, obj in enumerate(("odd", "even", "odd", "odd", "even")):
+            self.notified(obj, "n%d" % number, {**ARGUMENTS, "count": number})
+            expected.append((obj, "n%d" % number, {**ARGUMENTS, "count": number}))
+        self.notified("odd", "", {})
+        self.assertEqual(self.told(), expected + [("odd", "", {})])
+        sequences = [m["sequence"] for m in self.received()]
+        self.assertEqual(sequences, sorted(sequences))
+
+        self.assertEqual(self.subscribe("odd", 0), (0, ""))
+        agent.expect("[DEBUG] arvok_ubus_subscribe 'arvok' 'odd' '0' \n")
+        self.assertEqual(self.subscribe("odd", 0), (10002, "object 'odd' is not subscribed"))
+        self.notified("odd", "late", {})
+        self.notified("even", "still", {})
+        self.assertEqual(self.told(), [("even", "still", {})])
+
+    def test_platform_object_beside_the_agents_own_subscription(self):
+        self.link()
+        self.assertEqual(self.subscribe("qzcapd.laninfo"), (0, ""))
+        self.notify(LAN, "nothing", {"mac": "x"})
+        self.assertEqual(self.told(), [("qzcapd.laninfo", "nothing", {"mac": "x"})])
+
+    def test_what_cannot_be_subscribed(self):
+        self.link()
+        longest = "n" * 127
+        for name in ("nobody", "", longest + "n"):
+            with self.subTest(name=name):
+                failed = (10004, "qzcap_ubus_subscribe failed: " + name)
+                self.assertEqual(self.subscribe(name), failed)
+                self.assertEqual(self.subscribe(name), failed)
+                self.assertEqual(self.subscribe(name, 0), (10002, "object '%s' is not subscribed" % name))
+        # Of a longer name the beginning is kept, and that is what it is known by from then on.
+        self.publish(longest + "X")
+        self.assertEqual(self.subscribe(longest + "X"), (0, ""))
+        self.assertEqual(self.subscribe(longest + "X"), (10002, "object '%sX' is subscribed" % longest))
+        self.notified(longest + "X", "m", {})
+        self.assertEqual(self.told(), [(longest, "m", {})])
+        self.assertEqual(self.subscribe(longest + "X", 0), (10004, "qzcap_ubus_subscribe failed: " + longest))
+        self.assertEqual(self.subscribe(longest + "X"), (0, ""))
+
+    def test_object_that_disappears(self):
+        self.link()
+        process = self.publish("even")
+        self.assertEqual(self.subscribe("even"), (0, ""))
+        process.terminate()
+        process.wait()
+        self.assertEqual(self.subscribe("even"), (10002, "object 'even' is subscribed"))
+        # A new object of the same name is another one: the old subscription has to be given up first.
+        self.publish("even")
+        self.notified("even", "lost", {})
+        self.subscribe("even", 0)
+        self.assertEqual(self.subscribe("even"), (0, ""))
+        self.notified("even", "heard", {})
+        self.assertEqual(self.told(), [("even", "heard", {})])
+
+    def test_subscriptions_outlive_the_connection(self):
+        agent = self.link()
+        self.publish("odd")
+        self.subscribe("odd")
+        for _ in range(2):
+            self.patch({"wifi_switch": {"arvoksync": "off"}})
+            self.patch({"wifi_switch": {"arvoksync": "on"}})
+            agent.expect("[INFO] (arvok) disconnect fd")
+            self.notified("odd", "unheard", {})
+            self.wait_for_message("dev_report")
+            self.notified("odd", "heard", {})
+            self.assertEqual(self.told()[-1:], [("odd", "heard", {})])
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
