@@ -28,6 +28,13 @@ constexpr msg_row acks[] = {
 
 constexpr msg_row requests[] = {
     {"RequestConnectBSS", cc_request_connect_bss},
+    {"Install", cc_install},
+    {"Uninstall", cc_uninstall},
+    {"Stop", cc_stop},
+    {"Run", cc_run_plugin},
+    {"RestorePlugin", cc_restore_plugin},
+    {"ListPlugin", cc_list_plugin},
+    {"SetPluginParams", cc_set_plugin_params},
 };
 
 void log_invalid() {
