@@ -25,8 +25,7 @@ std::span<const Row> app_rows() {
             false,
             {{Type::text, "url"}},
             [](World &world, const cJSON *args) {
-                return world.apps.install(get_text(args, "url"),
-                                          world.failures.take("qzcap_install_app", true));
+                return world.apps.install(get_text(args, "url"), world.failures);
             }},
         Row{&call_of("qzcap_uninstall_app"),
             true,

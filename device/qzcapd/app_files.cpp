@@ -77,7 +77,9 @@ std::string check_tree(const std::string &folder, std::uintmax_t largest) {
         std::error_code unknown;
         const fs::file_status status = entry.symlink_status(unknown);
         if (fs::is_symlink(status)) {
-            const fs::path target = fs::weakly_canonical(entry.path(), unknown).lexically_relative(root);
+            // Also of a link to nothing: it may be there some day.
+            const fs::path link = entry.path().parent_path() / fs::read_symlink(entry.path(), unknown);
+            const fs::path target = fs::weakly_canonical(link, unknown).lexically_relative(root);
             if (unknown || target.empty() || *target.begin() == "..") {
                 wrong = name.string() + " leads out of the app's folder";
             }

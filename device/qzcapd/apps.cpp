@@ -96,15 +96,16 @@ cJSON *Apps::find(const std::string &name) const {
     return get(get(state_.get(), "app"), name);
 }
 
-Reply Apps::install(const std::string &url, std::optional<Failure> failure) {
+Reply Apps::install(const std::string &url, Failures &orders) {
     if (const std::string fault = url_fault(url); !fault.empty()) {
         return refused(fault);
     }
     if (installations_.size() >= most_installations) {
         return refused("too many installations at a time");
     }
-    installations_.push_back(std::make_unique<Installation>(
-        ++last_id_, files_, url, std::move(failure), [this](Installation &ended) { conclude(ended); }));
+    installations_.push_back(
+        std::make_unique<Installation>(++last_id_, files_, url, orders.take("qzcap_install_app", true),
+                                       [this](Installation &ended) { conclude(ended); }));
     return with_value(last_id_);
 }
 
@@ -229,17 +230,14 @@ void Apps::follow_document() {
     }
     const cJSON *app = nullptr;
     cJSON_ArrayForEach(app, get(state_.get(), "app")) {
-        write_missing(app);
-    }
-}
-
-void Apps::write_missing(const cJSON *app) {
-    if (agrees(files_.control(app->string), app)) {
-        return;
-    }
-    const std::string fault = files_.write_control(app->string, control_of(app));
-    if (!fault.empty()) {
-        std::fprintf(stderr, "qzcapd: no control file for %s: %s\n", app->string, fault.c_str());
+        if (agrees(files_.control(app->string), app)) {
+            continue;
+        }
+        const std::string fault = files_.write_control(app->string, control_of(app));
+        if (!fault.empty()) {
+            std::fprintf(stderr, "qzcapd: no control files for the apps: %s\n", fault.c_str());
+            return;
+        }
     }
 }
 

@@ -30,8 +30,8 @@ class Apps {
     Apps(const Apps &) = delete;
     Apps &operator=(const Apps &) = delete;
 
-    /// Starts an installation; answers with its id.
-    Reply install(const std::string &url, std::optional<Failure> failure);
+    /// Starts an installation, which fails when that is on order; answers with its id.
+    Reply install(const std::string &url, Failures &orders);
     Reply uninstall(const std::string &name);
     Reply set_state(const std::string &name, const char *to);
     Reply restore(const std::string &name);
@@ -45,7 +45,6 @@ class Apps {
 
   private:
     cJSON *find(const std::string &name) const;
-    void write_missing(const cJSON *app);
     void conclude(Installation &installation);
     void enter(const Installation &installation);
 

@@ -87,6 +87,7 @@ class Desk : public testing::Test {
     static bool run_until(const std::function<bool()> &condition);
 
     const std::string &socket() const { return socket_; }
+    const std::string &directory() const { return directory_; }
 
   private:
     std::string directory_;

@@ -5,6 +5,7 @@
 #include "desk.h"
 
 extern "C" {
+#include <libubox/blobmsg_json.h>
 #include <libubox/uloop.h>
 }
 
@@ -205,6 +206,10 @@ TEST_F(Emulator, BadRequestsGetAReasonAndChangeNothing) {
          "wifi_timer.first: must be keyed by numbers"},
         {"patch", R"({"patch":{"neighbourinfo":[{"channel":-1}]}})", UBUS_STATUS_INVALID_ARGUMENT,
          "neighbourinfo[0].channel: must be a number from 0 to 4294967295"},
+        {"patch", R"({"patch":{"app":{"../weather":{}}}})", UBUS_STATUS_INVALID_ARGUMENT,
+         "app.../weather: not a name for an app"},
+        {"patch", R"({"patch":{"app":{"weather":{"NeedGWVendor":1}}}})", UBUS_STATUS_INVALID_ARGUMENT,
+         R"(app.weather.NeedGWVendor: must be "0" or "1")"},
         {"calls", R"({"clear":"yes"})", UBUS_STATUS_INVALID_ARGUMENT, "clear: must be true or false"},
         {"fail", R"({})", UBUS_STATUS_INVALID_ARGUMENT, "call: no such function: "},
         {"fail", R"({"call":"qzcap_fly"})", UBUS_STATUS_INVALID_ARGUMENT,
@@ -213,6 +218,10 @@ TEST_F(Emulator, BadRequestsGetAReasonAndChangeNothing) {
          "times: must be a whole number from 0 to 1000000"},
         {"fail", R"({"call":"qzcap_reset","mode":"slow"})", UBUS_STATUS_INVALID_ARGUMENT,
          "mode: must be error, timeout or empty"},
+        {"fail", R"({"call":"qzcap_reset","completion":true})", UBUS_STATUS_INVALID_ARGUMENT,
+         "completion: qzcap_reset ends with its answer"},
+        {"fail", R"({"call":"qzcap_install_app","completion":"later"})", UBUS_STATUS_INVALID_ARGUMENT,
+         "completion: must be true or false"},
         {"notify", R"({"object":8,"method":"x","message":{}})", UBUS_STATUS_NOT_FOUND,
          "object: no such platform object"},
         {"notify", R"({"object":5,"method":"x"})", UBUS_STATUS_INVALID_ARGUMENT,
@@ -265,12 +274,16 @@ TEST_F(Emulator, UnusableStateFilesAreRefused) {
     EXPECT_THAT(busless.output(), HasSubstr("no bus at"));
 }
 
-/// An app of this process, and one message sent to it through the emulator.
+/// An app of this process, and one message sent to it through the emulator or the app manager.
 class Apps : public Emulator {
   protected:
     static int answer(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *,
                       blob_attr *msg) {
         return ubus_send_reply(ctx, req, msg);
+    }
+
+    static int say_nothing(ubus_context *, ubus_object *, ubus_request_data *, const char *, blob_attr *) {
+        return 0;
     }
 
     static int ignore(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *, blob_attr *) {
@@ -282,40 +295,51 @@ class Apps : public Emulator {
 
     /// The status and, when there is one, the answer. The loop serves the app meanwhile.
     std::string send_message(const std::function<void()> &once_delivered = nullptr) {
+        return exchange(
+            "qzcapd.emulator", "app",
+            std::string(R"({"message":{"CmdType":"ECHO"},"app":")") + program_invocation_short_name + "\"}",
+            once_delivered);
+    }
+
+    /// The same by way of the app manager.
+    std::string post_message() {
+        return exchange("qzcapd.appmgt", "postmsg",
+                        std::string(R"({"message":"{\"CmdType\":\"ECHO\"}","name":")") +
+                            program_invocation_short_name + "\"}");
+    }
+
+    static std::string exchange(const char *object, const char *method, const std::string &arguments,
+                                const std::function<void()> &once_delivered = nullptr) {
         struct Exchange {
             ubus_request request{};
             std::string answer;
             int status = -1;
-        } exchange;
+        } call;
         blob_buf buf{};
         blob_buf_init(&buf, 0);
-        void *message = blobmsg_open_table(&buf, "message");
-        blobmsg_add_string(&buf, "CmdType", "ECHO");
-        blobmsg_close_table(&buf, message);
-        blobmsg_add_string(&buf, "app", program_invocation_short_name);
+        EXPECT_TRUE(blobmsg_add_json_from_string(&buf, arguments.c_str()));
         ubus_context *ctx = qzcap_get_ubus_context();
-        EXPECT_EQ(ubus_invoke_async(ctx, qzcap_get_objid_by_name("qzcapd.emulator"), "app", buf.head,
-                                    &exchange.request),
+        EXPECT_EQ(ubus_invoke_async(ctx, qzcap_get_objid_by_name(object), method, buf.head, &call.request),
                   0);
         blob_buf_free(&buf);
-        exchange.request.data_cb = [](ubus_request *request, int, blob_attr *msg) {
+        call.request.data_cb = [](ubus_request *request, int, blob_attr *msg) {
             char *text = nullptr;
             ubus_request carrier{};
             carrier.priv = &text;
             qzcap_data_cb(&carrier, 0, msg);
             reinterpret_cast<Exchange *>(request)->answer = text_ptr(text).get();
         };
-        exchange.request.complete_cb = [](ubus_request *request, int status) {
+        call.request.complete_cb = [](ubus_request *request, int status) {
             reinterpret_cast<Exchange *>(request)->status = status;
             uloop_end();
         };
-        ubus_complete_request_async(ctx, &exchange.request);
+        ubus_complete_request_async(ctx, &call.request);
         if (once_delivered) {
             uloop_run_timeout(-1);
             once_delivered();
         }
-        EXPECT_TRUE(run_until([&] { return exchange.status >= 0; }));
-        return std::to_string(exchange.status) + " " + exchange.answer;
+        EXPECT_TRUE(run_until([&] { return call.status >= 0; }));
+        return std::to_string(call.status) + " " + call.answer;
     }
 };
 
@@ -332,6 +356,36 @@ TEST_F(Apps, MessagesReachTheRegisteredCallbackAndItsAnswerComesBack) {
     EXPECT_THAT(send_message(), testing::StartsWith(std::to_string(UBUS_STATUS_NOT_FOUND)));
     qzcap_unregister_appmgtcb(nullptr);
     EXPECT_EQ(qzcap_register_appmgtcb(nullptr, nullptr), nullptr);
+}
+
+TEST_F(Apps, MessagesOfOtherAppsReachProgramsOnTheBusOrAreAnsweredInTheirPlace) {
+    const std::string app = program_invocation_short_name;
+    EXPECT_EQ(post_message(), R"(0 {"result":-1,"failreason":"no such app: )" + app + "\"}");
+    patch(R"({"app":{")" + app + R"(":{"version":"1","state":"running"}}})");
+    EXPECT_EQ(post_message(),
+              R"(0 {"result":0,"text":"{\"app\":\")" + app + R"(\",\"message\":{\"CmdType\":\"ECHO\"}}"})");
+    EXPECT_STREQ(text_ptr(qzcap_app_postmsg(nullptr, "weather", "[1]", nullptr)).get(),
+                 R"({"Status":"0","Sky":"clear"})");
+
+    qzcap_appmgtcb callbacks{};
+    callbacks.postmsg = answer;
+    void *handle = qzcap_register_appmgtcb(nullptr, &callbacks);
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(post_message(), R"(0 {"result":0,"text":"{\"CmdType\":\"ECHO\"}"})");
+    // The library waits inside the loop that would serve the app: it does not answer.
+    for (const auto &[message, reason] :
+         {std::pair<const char *, std::string>{"{}", "the app does not answer: " + app},
+          {"[1]", "message: must be an object for a program on the bus"}}) {
+        char *error = nullptr;
+        EXPECT_EQ(qzcap_app_postmsg(nullptr, app.c_str(), message, &error), nullptr);
+        EXPECT_EQ(text_ptr(error).get(), reason);
+    }
+    callbacks.postmsg = nullptr;
+    EXPECT_EQ(post_message(),
+              R"(0 {"result":-1,"failreason":"the app )" + app + R"( fails: Method not found"})");
+    callbacks.postmsg = say_nothing;
+    EXPECT_EQ(post_message(), R"(0 {"result":-1,"failreason":"the app gave no answer: )" + app + "\"}");
+    qzcap_unregister_appmgtcb(handle);
 }
 
 TEST_F(Apps, UnansweredMessageEndsWithTheDaemon) {
