@@ -83,6 +83,7 @@ Cloud::Packed Cloud::pack(Link &link, json_ptr message, std::string_view answere
     if (kind == FaultKind::prefix) {
         packed.bytes = frame_of(link, fault->message.get(), cipher, nullptr);
         record(Direction::tx, link, cipher, packed.bytes.size() - frame_header, fault->message.get());
+        link.sent++;
     }
     for (int copy = 0; copy < (kind == FaultKind::repeat ? fault->copies : 1); copy++) {
         packed.bytes += frame;

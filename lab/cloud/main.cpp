@@ -8,10 +8,11 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "bus_object.h"
 #include "cloud.h"
@@ -93,9 +94,10 @@ Parsed parse(int argc, char **argv, Options &options) {
                 break;
             case 'k': {
                 std::ifstream file(optarg);
-                options.key.assign(std::istreambuf_iterator<char>(file), {});
-                if (!file)
+                std::ostringstream text;
+                if (!(text << file.rdbuf()))
                     return wrong("cannot read the key", optarg);
+                options.key = text.str();
                 break;
             }
             case 's':

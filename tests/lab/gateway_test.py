@@ -1,74 +1,23 @@
 """lab-gateway against a client that shares nothing with it, steered over the bus."""
 
 import json
-import os
-import shutil
-import subprocess
-import tempfile
 import unittest
 
 from access_point import MAGIC, SAFE_PRIME, SHORT_PRIME, AccessPoint, Ended, frame, to_text
+from peer_case import PeerCase
 
-BIN = os.environ.get("ARVOK_BIN") or os.path.join(os.path.dirname(__file__), "../../build/bin")
 GATEWAY_MAC = "0A0B0C0D0E0F"
 
 
-def program(name):
-    return os.path.join(BIN, name)
+class GatewayTest(PeerCase):
+    program = "lab-gateway"
+    object = "lab.gateway"
+    arguments = ("-a", "127.0.0.1", "-p", "0", "--mac", "0a:0b:0c:0d:0e:0f")
 
-
-class GatewayTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.folder = tempfile.mkdtemp()
-        cls.addClassCleanup(shutil.rmtree, cls.folder)
-        cls.bus = os.path.join(cls.folder, "bus")
-        cls.log = os.path.join(cls.folder, "gateway.log")
-        busd = cls.begin([program("ubusd"), "-s", cls.bus])
-        while subprocess.run([program("ubus"), "-s", cls.bus, "list"], capture_output=True).returncode != 0:
-            assert busd.poll() is None, "ubusd ended"
-        with open(cls.log, "w", encoding="utf-8") as log:
-            command = [program("lab-gateway"), "-a", "127.0.0.1", "-p", "0", "-s", cls.bus, "--mac", "0a:0b:0c:0d:0e:0f"]
-            cls.gateway = cls.begin(command, stdout=log, stderr=subprocess.STDOUT)
-        cls.ubus("-t", "10", "wait_for", "lab.gateway")
+        super().setUpClass()
         cls.port = int(cls.call("peer")["port"])
-
-    @classmethod
-    def begin(cls, command, **options):
-        process = subprocess.Popen(command, **options)
-        cls.addClassCleanup(process.wait)
-        cls.addClassCleanup(process.kill)
-        return process
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.gateway.terminate()
-        status = cls.gateway.wait(10)
-        with open(cls.log, encoding="utf-8") as log:
-            assert status == 0, log.read()[-4000:]
-
-    @classmethod
-    def ubus(cls, *arguments):
-        return subprocess.run([program("ubus"), "-s", cls.bus, *arguments], capture_output=True, text=True, check=True)
-
-    @classmethod
-    def call(cls, method, argument=None):
-        return json.loads(cls.ubus("call", "lab.gateway", method, json.dumps(argument or {})).stdout or "{}")
-
-    def refused(self, method, argument):
-        """The bus's word for why a call fails."""
-        with self.assertRaises(subprocess.CalledProcessError) as caught:
-            self.call(method, argument)
-        return caught.exception.stderr.strip()
-
-    def started(self, method, argument):
-        """A call that goes on in the background."""
-        command = [program("ubus"), "-s", self.bus, "call", "lab.gateway", method, json.dumps(argument)]
-        return subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-
-    def setUp(self):
-        self.call("misbehave", {"fault": "none"})
-        self.call("messages", {"clear": True})
 
     def connect(self, negotiated=True):
         point = AccessPoint(self.port)
@@ -227,7 +176,7 @@ class GatewayTest(unittest.TestCase):
         self.assertEqual(waiting.communicate(timeout=4)[1].strip(), "Command failed: Not found")
 
         with self.connect():
-            for method, argument in (
+            self.all_invalid(
                 ("request", {"sequence": 1}),
                 ("request", {"type": "cfg", "sequence": "1"}),
                 ("request", {"message": {"type": "cfg"}, "tiemout": 5}),
@@ -240,9 +189,7 @@ class GatewayTest(unittest.TestCase):
                 ("messages", {"direction": "up"}),
                 ("messages", {"after": "1"}),
                 ("peer", {"verbose": True}),
-            ):
-                with self.subTest(method, argument=argument):
-                    self.assertEqual(self.refused(method, argument), "Command failed: Invalid argument")
+            )
 
     def test_send_in_every_form(self):
         point = self.connect()
@@ -268,29 +215,15 @@ class GatewayTest(unittest.TestCase):
         self.assertEqual(plain.receive()["type"], "to_the_newest")
 
     def test_traffic_is_shown_as_it_passes(self):
-        command = [program("ubus"), "-s", self.bus, "subscribe", "lab.gateway"]
-        with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as watcher:
-            self.addCleanup(watcher.terminate)
-            text, shown, decoder = "", [], json.JSONDecoder()
-            point = self.connect()
-            # The subscription takes effect at some moment: knock until it shows.
-            for _ in range(200):
-                point.send("keepalive")
-                point.receive()
-                if self.call("peer")["subscribers"]:
-                    break
+        point, marker = self.connect(), None
+
+        def act():
+            nonlocal marker
             marker = point.send("event", data=["é", None, -(2**31), 1.25])
             point.receive()
             point.socket.close()
-            while not any("disconnected" in entry for entry in shown):
-                text += watcher.stdout.readline()
-                try:
-                    entry, end = decoder.raw_decode(text.lstrip())
-                except ValueError:
-                    continue
-                shown.append(entry)
-                text = text.lstrip()[end:]
-            watcher.terminate()
+
+        shown = self.shown_while(act)
         seen = [entry["rx"] for entry in shown if "rx" in entry and entry["rx"]["message"] == marker]
         self.assertEqual(len(seen), 1, shown)
         self.assertTrue(seen[0]["encrypted"])
@@ -387,7 +320,7 @@ class GatewayTest(unittest.TestCase):
             self.connect()
 
     def test_faults_that_nobody_knows(self):
-        for argument in (
+        self.all_invalid(*(("misbehave", argument) for argument in (
             {},
             {"fault": "explode"},
             {"fault": "drop", "on": "keepalvie"},
@@ -399,15 +332,13 @@ class GatewayTest(unittest.TestCase):
             {"fault": "edit"},
             {"fault": "edit", "set": 5},
             {"fault": "drop", "set": {}},
-        ):
-            with self.subTest(argument=argument):
-                self.assertEqual(self.refused("misbehave", argument), "Command failed: Invalid argument")
+        )))
         self.assertEqual(self.call("peer")["faults"], "none")
 
     # ---- the command line --------------------------------------------------------------------------------------
 
     def test_options(self):
-        for arguments, status, text in (
+        self.options_end_with(
             (["-h"], 0, "usage: lab-gateway"),
             (["-a", "300.1.1.1"], 1, "not an IPv4 address: 300.1.1.1"),
             (["-p", "65536"], 1, "not a port: 65536"),
@@ -419,11 +350,7 @@ class GatewayTest(unittest.TestCase):
             (["-s", "/nonexistent/bus"], 1, "cannot connect to the bus at /nonexistent/bus"),
             (["-s", self.bus, "-a", "127.0.0.1", "-p", str(self.port)], 1, "cannot listen on 127.0.0.1"),
             (["-s", self.bus, "-a", "127.0.0.1", "-p", "0"], 1, "cannot publish lab.gateway"),
-        ):
-            with self.subTest(arguments=arguments):
-                done = subprocess.run([program("lab-gateway"), *arguments], capture_output=True, text=True, timeout=20)
-                self.assertEqual(done.returncode, status)
-                self.assertIn(text, done.stdout + done.stderr)
+        )
 
 
 if __name__ == "__main__":

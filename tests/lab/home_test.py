@@ -52,6 +52,46 @@ for path in ("/qzcap/apps/arvokclt/rule", "/run/mark", "/var/run/mark2", "/tmp/a
     open(path, "w").close()
 """
 
+# What the host ap gets for the names, mode by mode.
+NAMES = """
+import os, subprocess
+def run(*command, **options):
+    return subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=30, **options)
+def asked(name):
+    return subprocess.Popen(["lab-ap", "getent", "ahostsv4", name + ".arvok.example"], stdout=subprocess.PIPE, text=True)
+def told(process):
+    return {line.split()[0] for line in process.communicate(timeout=30)[0].splitlines()}
+def names(*arguments):
+    assert run("lab-names", *arguments).returncode == 0, arguments
+servers = {"bss": "100.64.0.1", **{f"abi{n}": f"100.64.0.{n + 1}" for n in range(1, 6)}}
+for name, address in servers.items():
+    assert told(asked(name)) == {address}, name
+names("reserved")
+reserved = told(asked("bss"))
+assert {"10.0.0.1", "172.16.0.1", "192.168.7.7"} <= reserved and "100.64.0.1" not in reserved, reserved
+names("mixed")
+assert told(asked("abi5")) == reserved | {"100.64.0.6"}
+names("fail")
+assert [told(asked(name)) for name in ("bss", "abi1")] == [set(), set()]
+names("add", "bss.arvok.example", "1.2.3.4", "1.2.3.5")
+assert told(asked("bss")) == {"1.2.3.4", "1.2.3.5"} and told(asked("abi1")) == set()
+names("hang")
+waiting = asked("abi2"), asked("nobody")
+with open("/proc/%s/stat" % open(os.environ["LAB_DIR"] + "/names/pid").read().strip()) as stat:
+    assert stat.read().split()[2] == "T"
+names("add", "abi2.arvok.example", "1.2.3.6")
+names("answer")
+assert [told(process) for process in waiting] == [{"100.64.0.3"}, set()]
+names("hang")  # the home ends nevertheless
+assert run("lab-names").returncode == run("lab-names", "sulk").returncode == 2
+assert run("lab-names", "add", "bss.arvok.example", "no;address").returncode == 1
+with open(os.environ["LAB_DIR"] + "/packages/app", "w") as package:
+    package.write("a package")
+fetch = "import urllib.request; print(urllib.request.urlopen('http://100.64.0.9/app').read().decode())"
+assert run("lab-ap", "python3", "-c", fetch).stdout == "a package\\n"
+assert "GET /app" in open(os.environ["LAB_DIR"] + "/packages.log").read()
+"""
+
 
 def home(*arguments, **options):
     options = {"stdin": subprocess.DEVNULL, "capture_output": True, "text": True, "timeout": 60, **options}
@@ -122,7 +162,8 @@ class HomeTest(unittest.TestCase):
         def machine():
             with open("/proc/self/mountinfo", encoding="ascii") as mounts:
                 links = subprocess.run(["ip", "-o", "link"], capture_output=True, check=True).stdout
-                return mounts.read(), links, os.listdir("/"), os.listdir("/run"), os.path.exists("/tmp/new")
+                names = [os.stat(path).st_mtime_ns for path in ("/etc", "/etc/resolv.conf") if os.path.exists(path)]
+                return mounts.read(), links, names, os.listdir("/"), os.listdir("/run"), os.path.exists("/tmp/new")
 
         router = os.path.join(self.folder, "router.json")
         with open(os.path.join(REPO, "lab/home.json"), encoding="utf-8") as bridge, open(router, "w", encoding="utf-8") as file:
@@ -197,6 +238,12 @@ class HomeTest(unittest.TestCase):
         self.assertEqual(first.returncode, 0)
         with open(os.path.join(self.folder, "peer.txt"), encoding="ascii") as peer:
             self.assertIn('"faults": "none"', peer.read())
+
+    # ---- names and packages ------------------------------------------------------------------------------------
+
+    def test_names_and_packages(self):
+        done = home(*BARE, "--", sys.executable, "-c", NAMES, env=self.env)
+        self.assertEqual(done.returncode, 0, done.stderr)
 
     # ---- endings -----------------------------------------------------------------------------------------------
 
