@@ -27,12 +27,12 @@ constexpr FaultKind kinds[] = {
     FaultKind::hang_up,        FaultKind::refuse,
 };
 // Types of the devices' messages that get an answer.
-constexpr const char *answered[] = {"Boot",      "GetChallengeCode",    "Activate",          "Connect",
-                                    "Heartbeat", "InstallNotification", "PluginNotification"};
+constexpr const char *answered_types[] = {"Boot",      "GetChallengeCode",    "Activate",          "Connect",
+                                          "Heartbeat", "InstallNotification", "PluginNotification"};
 
 }  // namespace
 
-const FaultVocabulary cloud_faults{kinds, answered, frame_max_body + 1};
+const FaultVocabulary cloud_faults{kinds, answered_types, frame_max_body + 1};
 
 Cloud::Cloud(const CloudSettings &settings, PlatformKey key, Traffic &traffic, Faults &faults)
     : key_(std::move(key)),

@@ -51,12 +51,12 @@ constexpr FaultKind kinds[] = {
     FaultKind::close,          FaultKind::silent,    FaultKind::refuse,
 };
 // Types of the agent's messages that get an answer.
-constexpr const char *answered[] = {"keyngreq",   "dh",         "dev_reg", "keepalive", "wan_report",
-                                    "dev_report", "map_report", "cfg",     "event",     "ubus_notify"};
+constexpr const char *answered_types[] = {"keyngreq",   "dh",         "dev_reg", "keepalive", "wan_report",
+                                          "dev_report", "map_report", "cfg",     "event",     "ubus_notify"};
 
 }  // namespace
 
-const FaultVocabulary gateway_faults{kinds, answered, frame_max_body + 1};
+const FaultVocabulary gateway_faults{kinds, answered_types, frame_max_body + 1};
 
 const Gateway::Answer Gateway::answers[] = {
     {"keyngreq", &Gateway::answer_key_request},
