@@ -1,0 +1,360 @@
+"""The cloud platform as the agent lives with it: enrolment, restarts, failures of every step, names, the network."""
+
+import os
+import subprocess
+import time
+import unittest
+
+from desk import AgentCase, call, wait_until
+
+MAC = "025A10000001"
+DEVICE = ["Vendor", "Model", "FirmwareVer", "HardwareVer"]
+
+
+class CloudCase(AgentCase):
+    """A test with a device that has no identity yet, at a platform that has never heard of it."""
+
+    def setUp(self):
+        super().setUp()
+        call("qzcapd.system", "reset")
+        call("lab.cloud", "misbehave", {"fault": "none"})
+        call("lab.cloud", "messages", {"clear": True})
+        self.forget_device()
+        self.agent = None
+
+    @staticmethod
+    def forget_device():
+        subprocess.run(["ubus", "call", "lab.cloud", "forget", '{"mac":"%s"}' % MAC], capture_output=True)
+
+    def run_agent(self, *args):
+        self.agent = self.start("-g", os.environ["GATEWAY_ADDR"], *args)
+        subprocess.run(["ubus", "-t", "10", "wait_for", "qzapp.arvokclt"], check=True)
+        return self.agent
+
+    def once_more(self):
+        """Begins a further case of a test as the test itself began."""
+        while self.agents:
+            self.agents.pop().stop()
+        CloudCase.setUp(self)
+
+    def enrol(self, *args):
+        self.run_agent(*args)
+        self.wait_for_heartbeat()
+
+    @staticmethod
+    def cloud():
+        return call("lab.cloud", "peer")
+
+    @staticmethod
+    def device():
+        devices = call("lab.cloud", "devices")["devices"]
+        return next((d for d in devices if d["mac"] == MAC), None)
+
+    def wait_for_heartbeat(self, deadline=20.0):
+        wait_until(lambda: self.cloud()["state"] == "connected" and self.cloud().get("heartbeats", 0) > 0,
+                   lambda: "connected: %s\n%s" % (self.cloud(), self.agent.lines()[-2000:]), deadline)
+
+    @staticmethod
+    def heard(method=None):
+        """What the platform received, in order: (server, message)."""
+        entries = call("lab.cloud", "messages")["messages"]
+        return [(e["server"].split(":")[0], e["message"]) for e in entries
+                if method is None or e["message"].get("RPCMethod") == method]
+
+    def methods(self):
+        return [message.get("RPCMethod", message.get("Ack")) for _, message in self.heard()]
+
+    @staticmethod
+    def fault(**fault):
+        call("lab.cloud", "misbehave", fault)
+
+    @staticmethod
+    def told():
+        """What the agent tells about its cloud connection: server, state in words, timers in milliseconds."""
+        status = call("qzapp.arvokclt", "postmsg", {"CmdType": "GET_STATUS"})["arvokclt"]
+        return status["addr"], status["status"], status["timer"]
+
+    @staticmethod
+    def stored():
+        return call("qzcapd.emulator", "state")["serverinfo"]
+
+    @staticmethod
+    def request(**message):
+        return call("lab.cloud", "request", message)
+
+
+class Enrolment(CloudCase):
+    def test_first_enrolment_and_restart(self):
+        self.patch({"waninfo": {"pppoe_user": "user@isp"}})
+        self.enrol()
+        heard = self.heard()
+        self.assertEqual([(server, m["RPCMethod"]) for server, m in heard],
+                         [("100.64.0.1", "Boot")] +
+                         [("100.64.0.2", m) for m in ("GetChallengeCode", "Activate", "GetChallengeCode", "Connect",
+                                                      "Heartbeat")])
+        boot, challenge, activate, _, connect, heartbeat = (message for _, message in heard)
+        envelope = ["RPCMethod", "MAC"]
+        self.assertEqual(list(boot), envelope + ["CKey", *DEVICE, "DevType", "bootstrap", "QZEI"])
+        self.assertEqual((boot["bootstrap"], boot["DevType"]), ("1", "Arvok AP"))
+        self.assertEqual(list(challenge), envelope)
+        self.assertEqual(list(activate), envelope + DEVICE + [
+            "SN", "CKey", "ChallengeCode", "IPAddr", "CloudClientVer", "MiddleWareVer", "MiddleWareBakVer", "LOID",
+            "PlatformID", "QZEI"])
+        self.assertEqual([activate[k] for k in ("SN", "IPAddr", "CloudClientVer", "LOID", "PlatformID")],
+                         ["F" * 22 + MAC, "192.168.1.2", "1.0.7", "", "SMARTAP"])
+        self.assertEqual(list(connect), envelope + DEVICE + [
+            "DevID", "DevToken", "CKey", "ChallengeCode", "IPAddr", "UPPER_MAC", "CloudClientVer", "MiddleWareVer",
+            "MiddleWareBakVer", "LOID", "PlatformID", "upgrade_ID", "Flag", "Version", "DBusInterfaceVersion",
+            "PPPoEName", "QZEI"])
+        self.assertEqual([connect[k] for k in ("Flag", "Version", "DBusInterfaceVersion", "PPPoEName")],
+                         [0, "3.0", "V2019.1.0", "user@isp"])
+        self.assertRegex(connect["UPPER_MAC"], "^[0-9A-F]{12}$")
+        self.assertEqual(len({m["CKey"] for m in (boot, activate, connect)}), 3)
+        self.assertEqual(heartbeat, {"RPCMethod": "Heartbeat", "MAC": MAC, "IPAddr": "192.168.1.2"})
+        self.assertNotIn("Heartbeat", self.agent.lines())
+
+        identity = self.device()
+        self.assertEqual(self.stored(), {"bss": "100.64.0.1:8088", "abi": "100.64.0.2:8088",
+                                         "devtoken": identity["dev_token"], "devid": identity["dev_id"],
+                                         "abi_list": ["100.64.0.3:8088"]})
+        addr, words, timers = self.told()
+        self.assertEqual((addr, words), ("100.64.0.2:8088", "心跳保活中"))
+        self.assertEqual((timers["connect"], timers["ack"]), (-1, -1))
+        self.assertGreater(timers["heartbeat"], 90000)
+
+        self.agent.stop()
+        call("lab.cloud", "messages", {"clear": True})
+        serial = "S" + "0123456789" * 3 + "012"
+        self.patch({"devinfo": {"sn": serial}})
+        self.enrol()
+        self.assertEqual(self.methods(), ["GetChallengeCode", "Connect", "Heartbeat"])
+        self.assertEqual({server for server, _ in self.heard()}, {"100.64.0.2"})
+        self.assertIn("[INFO] bss:       100.64.0.1:8088\n[INFO] abi[0]:    100.64.0.2:8088\n"
+                      "[INFO] abi[1]:    100.64.0.3:8088\n", self.agent.lines())
+        self.assertEqual(self.device()["activations"], 1)
+
+        # A platform that has forgotten the device makes it enrol anew.
+        self.agent.stop()
+        self.forget_device()
+        call("lab.cloud", "messages", {"clear": True})
+        self.enrol("-d")
+        self.assertEqual(self.methods(), ["GetChallengeCode", "Connect", "GetChallengeCode", "Activate",
+                                          "GetChallengeCode", "Connect", "Heartbeat"])
+        self.assertEqual(self.heard("Activate")[0][1]["SN"], serial)
+        self.assertNotEqual(self.stored()["devtoken"], identity["dev_token"])
+
+    def test_stored_settings_are_checked(self):
+        """What cannot be used is passed over: invalid servers, half an identity, more servers than fit."""
+        self.patch({"serverinfo": {
+            "bss": "no_host:8088", "abi": "bad_name:1", "devid": "id", "devtoken": "",
+            "abi_list": ["100.64.0.4:8088", "100.64.0.5:0", "100.64.0.6:8088", "nocolon", "100.64.0.3:8088"]}})
+        self.enrol()
+        self.assertIn("[INFO] bss:       bss.arvok.example:8088\n[INFO] abi[1]:    100.64.0.4:8088\n"
+                      "[INFO] abi[3]:    100.64.0.6:8088\n", self.agent.lines())
+        self.assertEqual(self.heard()[0][0], "100.64.0.4")
+        self.assertIn("Activate", self.methods())
+        self.assertEqual((self.stored()["bss"], self.stored()["abi"], self.stored()["abi_list"]),
+                         ("bss.arvok.example:8088", "100.64.0.4:8088", ["100.64.0.6:8088"]))
+
+    def test_a_given_bootstrap_server_and_failing_storage(self):
+        call("qzcapd.emulator", "fail", {"call": "qzcap_set_serverinfo", "reason": "flash is full", "times": 2})
+        call("qzcapd.emulator", "fail", {"call": "qzcap_get_serverinfo", "times": 1})
+        self.patch({"serverinfo": {"abi": "100.64.0.5:8088"}})
+        self.enrol("-b", "100.64.0.1:8088")
+        self.assertEqual(self.methods()[0], "Boot")
+        self.assertEqual(self.agent.lines().count("[ERROR] qzcap set serverinfo failed: flash is full\n"), 2)
+        self.agent.stop()
+        self.run_agent()  # the storage fails only now: it was not asked before
+        self.agent.expect("[ERROR] qzcap get serverinfo failed\n[INFO] bss:       bss.arvok.example:8088\n")
+        self.wait_for_heartbeat()
+
+    def test_sent_to_a_bootstrap_server(self):
+        self.enrol()
+        before = self.device()["dev_token"]
+        for server, result in ({"Server": "bad_name", "Port": "80"}, -1), ({"Server": "100.64.0.1"}, -1):
+            reply = self.request(RPCMethod="RequestConnectBSS", ID="a", **server)
+            self.assertEqual(reply, {"Ack": "RequestConnectBSS", "ID": "a", "Result": result})
+        call("lab.cloud", "messages", {"clear": True})
+        reply = self.request(RPCMethod="RequestConnectBSS", ID="b", Server="bss.arvok.example", Port="8088")
+        self.assertEqual(reply, {"Ack": "RequestConnectBSS", "ID": "b", "Result": 0})
+        self.assertEqual((self.stored()["devid"], self.stored()["bss"]), ("", "bss.arvok.example:8088"))
+        wait_until(lambda: "Activate" in self.methods(), "enrolment anew")
+        self.wait_for_heartbeat()
+        self.assertEqual(self.heard("Boot")[0][1]["bootstrap"], "2")
+        self.assertNotEqual(self.device()["dev_token"], before)
+        self.assertEqual(self.request(RPCMethod="Nothing", ID="c"),
+                         {"Ack": "Nothing", "ID": "c", "Result": -1, "FailReason": "UNRECOGNIZE_REQUEST"})
+
+
+class Failures(CloudCase):
+    """What a failing step leads to is seen in the state that the agent tells."""
+
+    def test_results(self):
+        for method, words in (("Boot", "未获取到能力平台地址"), ("GetChallengeCode", "未激活"), ("Activate", "未激活"),
+                              ("Connect", "已激活")):
+            with self.subTest(method=method):
+                self.once_more()
+                self.fault(fault="edit", on=method, set={"Result": 17})
+                self.run_agent()
+                wait_until(lambda: "平台返回17" in self.told()[1], self.told)
+                addr, text, timers = self.told()
+                self.assertEqual(addr, "100.64.0.1:8088" if method == "Boot" else "100.64.0.2:8088")
+                self.assertRegex(text, "^%s，平台返回17，等待(8999|9000)秒后连接$" % words)
+                self.assertEqual((timers["ack"], timers["heartbeat"]), (-1, -1))
+
+    def test_unusable_answers_wait_for_the_acknowledgement(self):
+        for method, change in (
+                ("Boot", {"BizPlat": None}), ("Boot", {"BizPlat": []}), ("GetChallengeCode", {"ChallengeCode": "x" * 31}),
+                ("Activate", {"DevID": ""}), ("Connect", {"SKey": "x" * 17})):
+            with self.subTest(method=method, change=change):
+                self.once_more()
+                self.fault(fault="edit", on=method, set=change)
+                self.run_agent().expect("[ERROR] (cloud) invalid server msg\n")
+                self.assertGreater(self.told()[2]["ack"], 25000)
+                self.assertTrue(self.cloud()["connected"])
+
+    def test_faulty_frames(self):
+        """A faulty frame costs the connection for 30 s, a faulty message only itself."""
+        for fault, line in (({"fault": "bad_magic"}, "[ERROR] invalid magic 0x"),
+                            ({"fault": "bad_length", "length": 0}, "[ERROR] (cloud) invalid msg header, 0\n"),
+                            ({"fault": "bad_length", "length": 16385}, "[ERROR] (cloud) invalid msg header, 16385\n")):
+            with self.subTest(fault=fault):
+                self.once_more()
+                self.fault(on="Connect", **fault)
+                self.run_agent().expect(line)
+                wait_until(lambda: 25000 < self.told()[2]["connect"] <= 30000, self.told)
+        for fault, line in (
+                ({"fault": "no_crlf"}, "[ERROR] invalid msg, not end with \\r\\n\n"),
+                ({"fault": "bad_base64"}, None),
+                ({"fault": "wrong_key"}, "[ERROR] _do_aes_ecb_crypt decrypt failed"),
+                ({"fault": "bad_json"}, "[ERROR] (cloud) invalid msg (not json format)\n"),
+                ({"fault": "edit", "set": {"Ack": "Other"}}, "[ERROR] (cloud) unknown Ack type: Other\n")):
+            with self.subTest(fault=fault):
+                self.once_more()
+                self.fault(on="Activate", **fault)
+                self.run_agent()
+                wait_until(lambda: "Activate" in self.methods() and self.told()[1] == "激活中", self.told)
+                if line:
+                    self.agent.expect(line)
+                self.assertGreater(self.told()[2]["ack"], 25000)
+                self.assertTrue(self.cloud()["connected"])
+
+    def test_split_repeated_and_late_frames(self):
+        self.fault(fault="split", times=0)
+        self.enrol()
+        self.fault(fault="none")
+        self.fault(fault="prefix", message={"RPCMethod": "ListPlugin", "ID": "before"})
+        self.assertEqual(self.request(RPCMethod="Nothing", ID="after")["ID"], "after")
+        wait_until(lambda: "before" in [m.get("ID") for _, m in self.heard()], self.heard)
+
+
+class Retries(CloudCase):
+    def test_refused_again_and_again(self):
+        """Five retries of a second each more, the long wait, and the connection that was there all the time."""
+        self.fault(fault="refuse", server="100.64.0.1", times=0)
+        self.run_agent("-d")
+        for count in range(1, 6):
+            self.agent.expect("[ERROR] (cloud) tcp connection broken\n[INFO] (cloud) retry count %d cycle 1\n" % count)
+            self.agent.expect("[INFO] (cloud) reconnect current server after %d seconds\n" % count)
+        self.assertIn("，TCP连接断开，等待", self.told()[1])
+        self.agent.expect("[INFO] (cloud) reconnect bss server after 150 minutes\n"
+                          "[DEBUG] (cloud) modify interval to 10s\n")
+        call("lab.cloud", "misbehave", {"fault": "none"})
+        self.wait_for_heartbeat()
+
+
+
+class OtherServers(CloudCase):
+    def test_another_business_server(self):
+        """After five retries the next business server; a broken connection begins at the challenge code again."""
+        self.fault(fault="refuse", server="100.64.0.2", times=0)
+        self.run_agent("-d")
+        self.agent.expect("[INFO] (cloud) retry count 5 cycle 1\n")
+        self.agent.expect("[INFO] (cloud) change abi server addr\n")
+        self.agent.expect('[INFO] (cloud) connect abi "100.64.0.3:8088"\n')
+        self.wait_for_heartbeat()
+        self.assertEqual(self.told()[0], "100.64.0.3:8088")
+        call("lab.cloud", "messages", {"clear": True})
+        self.fault(fault="close")
+        self.request_nothing()
+        self.agent.expect("[INFO] (cloud) retry count 1 cycle 1\n")
+        wait_until(lambda: "Connect" in self.methods(), self.methods)
+        self.wait_for_heartbeat()
+        self.assertNotIn("Boot", self.methods())
+
+    @staticmethod
+    def request_nothing():
+        subprocess.run(["ubus", "-t", "3", "call", "lab.cloud", "request", '{"RPCMethod":"Nothing"}'],
+                       capture_output=True)
+
+
+class Names(CloudCase):
+    def setUp(self):
+        super().setUp()
+        self.patch({"serverinfo": {"bss": ""}})
+        self.names("answer")
+
+    @staticmethod
+    def names(*mode):
+        subprocess.run(["lab-names", *mode], check=True)
+
+    def tearDown(self):
+        super().tearDown()
+        self.names("answer")
+
+    def test_names_that_do_not_lead_anywhere(self):
+        self.names("fail")
+        self.run_agent("-d").expect('[ERROR] resolv bss: "bss.arvok.example" failed: Name or service not known\n')
+        self.agent.expect("[INFO] (cloud) retry count 1 cycle 1\n")
+        self.assertIn("平台域名解析失败", self.told()[1])
+        self.names("reserved")
+        self.agent.expect("[INFO] getaddrinfo skip 192.168.7.7 (bss.arvok.example)\n")
+        self.agent.expect("[ERROR] (cloud) resolv server failed\n")
+        call("lab.cloud", "set", {"business": ["abi1.arvok.example:8088", "abi2.arvok.example:8088"]})
+        self.addCleanup(call, "lab.cloud", "set", {"business": ["100.64.0.2:8088", "100.64.0.3:8088"]})
+        self.names("mixed")
+        self.wait_for_heartbeat()
+        self.assertIn("[INFO] bss_ip[0]: 100.64.0.1:8088\n", self.agent.lines())
+        self.assertIn("[INFO] abi_ip[1]: 100.64.0.3:8088\n", self.agent.lines())
+        self.assertEqual(self.told()[0], "abi1.arvok.example:8088")
+        self.assertEqual(self.stored()["abi_list"], ["abi2.arvok.example:8088"])
+
+    def test_a_name_service_that_hangs_holds_nothing_up(self):
+        self.names("hang")
+        self.run_agent()
+        wait_until(lambda: self.told()[1] == "平台域名解析中", self.told)
+        call("qzcapd.emulator", "notify", {"object": 6, "method": "wan", "message": {"status": "up"}})
+        self.agent.expect("[INFO] (cloud) resolving\n")
+        self.wait_for_message("dev_report")
+        start = time.monotonic()
+        self.assertEqual(self.agent.stop(), 0)
+        self.assertLess(time.monotonic() - start, 5)
+
+
+class Network(CloudCase):
+    def test_the_wan_goes_and_comes(self):
+        self.enrol()
+
+        def wan(status):
+            call("qzcapd.emulator", "notify", {"object": 6, "method": "wan", "message": {"status": status}})
+
+        wan("up")  # nothing to do
+        wan("down")
+        wait_until(lambda: not self.cloud()["connected"], "disconnected")
+        self.assertEqual(self.told()[1:], ("获取挑战码中", {"connect": -1, "heartbeat": -1, "ack": -1}))
+        wan("down")
+        wan("up")
+        wait_until(lambda: self.cloud()["connected"], "connected again")
+        self.wait_for_heartbeat()
+        self.assertEqual(self.methods().count("Boot"), 1)
+
+    def test_an_address_that_does_not_answer(self):
+        """The network swallows the connection attempt: the acknowledgement's deadline ends it."""
+        self.run_agent("-b", "100.65.1.1:8088")
+        self.agent.expect('[INFO] (cloud) connect bss "100.65.1.1:8088"\n')
+        wait_until(lambda: self.told()[2]["ack"] > 25000, self.told)
+        self.assertEqual(self.told()[1], "获取能力平台地址中")
+
+
+if __name__ == "__main__":
+    unittest.main()
