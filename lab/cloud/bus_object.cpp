@@ -98,7 +98,7 @@ const ubus_method BusObject::methods[] = {
 ubus_object_type BusObject::type = UBUS_OBJECT_TYPE("lab.cloud", BusObject::methods);
 
 BusObject::BusObject(ubus_context *bus, Cloud &cloud, Traffic &traffic, Faults &faults)
-    : PeerBus(bus, traffic, "lab.cloud", type, methods), cloud_(cloud), traffic_(traffic), faults_(faults) {
+    : PeerBus(bus, traffic, "lab.cloud", type, methods), cloud_(cloud), faults_(faults) {
     cloud_.on_reply = [this](int connection, const cJSON *message) { answered(connection, message); };
     cloud_.on_ended = [this](int connection) { ended(connection); };
 }
@@ -160,22 +160,13 @@ int BusObject::send(ubus_request_data *request, const cJSON *arguments) {
 }
 
 int BusObject::raw(ubus_request_data *, const cJSON *arguments) {
-    if (const char *name = unknown_member(arguments, raw_arguments))
-        return invalid(std::string("raw: unknown argument \"") + name + "\"");
-    Pace pace;
-    std::string bytes;
-    if (!read_raw(arguments, bytes, pace))
-        return invalid(
-            "raw: \"hex\" is an even count of digits, \"split\" a number from 1 on, \"interval\" from 0 on");
-    return cloud_.send_raw(std::move(bytes), pace) ? UBUS_STATUS_OK : not_found("raw: nobody is connected");
+    return PeerBus::raw(arguments, [this](std::string bytes, const Pace &pace) {
+        return cloud_.send_raw(std::move(bytes), pace);
+    });
 }
 
 int BusObject::peer(ubus_request_data *request, const cJSON *arguments) {
-    if (const char *name = unknown_member(arguments, {}))
-        return invalid(std::string("peer: unknown argument \"") + name + "\"");
-    const json_ptr description = cloud_.describe();
-    cJSON_AddBoolToObject(description.get(), "subscribers", has_subscribers());
-    return reply(request, description.get());
+    return PeerBus::peer(request, arguments, cloud_.describe());
 }
 
 int BusObject::devices(ubus_request_data *request, const cJSON *arguments) {
@@ -205,15 +196,10 @@ int BusObject::set(ubus_request_data *request, const cJSON *arguments) {
 
 int BusObject::misbehave(ubus_request_data *, const cJSON *arguments) {
     std::string server;
-    if (const char *name = unknown_member(arguments, misbehave_arguments))
-        return invalid(std::string("misbehave: unknown argument \"") + name + "\"");
     if (!read_text(arguments, "server", server) || (!server.empty() && !cloud_.has_server(server)))
         return invalid("misbehave: there is no such \"server\": " + server);
-    const std::string wrong = faults_.arm(arguments);
-    if (!wrong.empty())
-        return invalid("misbehave: " + wrong);
-    traffic_.event(0, "misbehave: " + faults_.describe());
-    return cloud_.update_listening() ? UBUS_STATUS_OK : UBUS_STATUS_SYSTEM_ERROR;
+    return PeerBus::misbehave(arguments, misbehave_arguments, faults_,
+                              [this] { return cloud_.update_listening(); });
 }
 
 void BusObject::answered(int connection, const cJSON *message) {

@@ -32,7 +32,6 @@ class BusObject : public PeerBus {
     void answered(int connection, const cJSON *message);
 
     Cloud &cloud_;
-    Traffic &traffic_;
     Faults &faults_;
     std::int64_t id_ = 0;  ///< of the last request that brought none
 };

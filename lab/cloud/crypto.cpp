@@ -11,14 +11,6 @@
 namespace arvok::lab {
 namespace {
 
-template <auto Release>
-struct Releaser {
-    template <typename T>
-    void operator()(T *value) const {
-        Release(value);
-    }
-};
-
 using bio_ptr = std::unique_ptr<BIO, Releaser<BIO_free>>;
 using key_ctx_ptr = std::unique_ptr<EVP_PKEY_CTX, Releaser<EVP_PKEY_CTX_free>>;
 using cipher_ctx_ptr = std::unique_ptr<EVP_CIPHER_CTX, Releaser<EVP_CIPHER_CTX_free>>;

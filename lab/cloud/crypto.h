@@ -9,11 +9,9 @@
 #include <string>
 #include <string_view>
 
-namespace arvok::lab {
+#include "release.h"
 
-struct KeyRelease {
-    void operator()(EVP_PKEY *key) const { EVP_PKEY_free(key); }
-};
+namespace arvok::lab {
 
 class PlatformKey {
   public:
@@ -27,7 +25,7 @@ class PlatformKey {
 
   private:
     explicit PlatformKey(EVP_PKEY *key) : key_(key) {}
-    std::unique_ptr<EVP_PKEY, KeyRelease> key_;
+    std::unique_ptr<EVP_PKEY, Releaser<EVP_PKEY_free>> key_;
 };
 
 inline constexpr std::size_t aes_key_size = 16;

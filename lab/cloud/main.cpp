@@ -2,12 +2,8 @@
 
 #include <getopt.h>
 
-#include <cerrno>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
-#include <functional>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -24,7 +20,8 @@
 namespace arvok::lab {
 namespace {
 
-constexpr const char *usage =
+constexpr Program program{
+    "lab-cloud",
     "usage: lab-cloud [-s BUS_SOCKET] [--bss ADDRESS[:PORT]] [--business ADDRESS[:PORT],...] [--key FILE]\n"
     "\n"
     "The operator's cloud platform: serves bootstrap and business servers and appears on the bus as "
@@ -37,15 +34,13 @@ constexpr const char *usage =
     "                         free one.\n"
     "      --key FILE         the platform's RSA private key, PEM (default: the one it was built with)\n"
     "  -s, --socket SOCKET    the bus (default $UBUS_SOCKET, else the system's)\n"
-    "  -h, --help             this text\n";
+    "  -h, --help             this text\n"};
 
 struct Options {
     CloudSettings cloud;
-    std::string key = development_key;
+    std::optional<PlatformKey> key = PlatformKey::read(development_key);
     const char *bus = std::getenv("UBUS_SOCKET");
 };
-
-enum class Parsed { run, help, wrong };
 
 std::optional<Endpoint> endpoint_of(const std::string &text) {
     const std::size_t colon = text.find(':');
@@ -76,28 +71,24 @@ Parsed parse(int argc, char **argv, Options &options) {
         {"key", required_argument, nullptr, 'k'}, {"socket", required_argument, nullptr, 's'},
         {"help", no_argument, nullptr, 'h'},      {nullptr, 0, nullptr, 0},
     };
-    const auto wrong = [](const char *what, const char *value) {
-        std::fprintf(stderr, "lab-cloud: %s: %s\n", what, value);
-        return Parsed::wrong;
-    };
     for (int letter; (letter = getopt_long(argc, argv, "s:h", names, nullptr)) != -1;) {
         switch (letter) {
             case 'b':
                 if (const auto endpoint = endpoint_of(optarg))
                     options.cloud.bss = *endpoint;
                 else
-                    return wrong("not ADDRESS[:PORT]", optarg);
+                    return program.wrong("not ADDRESS[:PORT]", optarg);
                 break;
             case 'a':
                 if (!read_list(optarg, options.cloud.business))
-                    return wrong("not ADDRESS[:PORT],...", optarg);
+                    return program.wrong("not ADDRESS[:PORT],...", optarg);
                 break;
             case 'k': {
                 std::ifstream file(optarg);
                 std::ostringstream text;
                 if (!(text << file.rdbuf()))
-                    return wrong("cannot read the key", optarg);
-                options.key = text.str();
+                    return program.wrong("cannot read the key", optarg);
+                options.key = PlatformKey::read(text.str());
                 break;
             }
             case 's':
@@ -109,25 +100,20 @@ Parsed parse(int argc, char **argv, Options &options) {
                 return Parsed::wrong;
         }
     }
-    return optind < argc ? wrong("unexpected argument", argv[optind]) : Parsed::run;
+    if (!options.key)
+        return program.wrong("not usable", "the key is no RSA private key in PEM form");
+    return optind < argc ? program.wrong("unexpected argument", argv[optind]) : Parsed::run;
 }
 
-int serve(const Options &options, PlatformKey key, ubus_context *bus, const std::function<int()> &run) {
+int serve(Options &options, ubus_context *bus) {
     // Declared in the order of dependence, so that everything ends before what it uses.
     Traffic traffic;
     Faults faults(cloud_faults);
-    Cloud cloud(options.cloud, std::move(key), traffic, faults);
+    Cloud cloud(options.cloud, std::move(*options.key), traffic, faults);
     BusObject object(bus, cloud, traffic, faults);
-    if (!cloud.update_listening()) {
-        std::fprintf(stderr, "lab-cloud: cannot listen on %s: %s\n", cloud.failed_server().c_str(),
-                     std::strerror(errno));
-        return 1;
-    }
-    if (const int status = object.publish(); status != UBUS_STATUS_OK) {
-        std::fprintf(stderr, "lab-cloud: cannot publish lab.cloud: %s\n", ubus_strerror(status));
-        return 1;
-    }
-    return run();
+    if (!cloud.update_listening())
+        return program.cannot_listen(cloud.failed_server());
+    return program.live(object);
 }
 
 }  // namespace
@@ -135,26 +121,9 @@ int serve(const Options &options, PlatformKey key, ubus_context *bus, const std:
 
 int main(int argc, char **argv) {
     using namespace arvok::lab;
-    setvbuf(stdout, nullptr, _IOLBF, 0);
     Options options;
     for (int n = 2; n <= 6; n++)
         options.cloud.business.push_back({"100.64.0." + std::to_string(n), "8088"});
-    switch (parse(argc, argv, options)) {
-        case Parsed::help:
-            std::fputs(usage, stdout);
-            return 0;
-        case Parsed::wrong:
-            std::fputs(usage, stderr);
-            return 1;
-        case Parsed::run:
-            break;
-    }
-    std::optional<PlatformKey> key = PlatformKey::read(options.key);
-    if (!key) {
-        std::fputs("lab-cloud: the key is no RSA private key in PEM form\n", stderr);
-        return 1;
-    }
-    return live_on_bus("lab-cloud", options.bus, [&](ubus_context *bus, const std::function<int()> &run) {
-        return serve(options, std::move(*key), bus, run);
-    });
+    const Parsed parsed = parse(argc, argv, options);
+    return program.run(parsed, options.bus, [&options](ubus_context *bus) { return serve(options, bus); });
 }

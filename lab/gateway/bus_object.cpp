@@ -54,10 +54,7 @@ const ubus_method BusObject::methods[] = {
 ubus_object_type BusObject::type = UBUS_OBJECT_TYPE("lab.gateway", BusObject::methods);
 
 BusObject::BusObject(ubus_context *bus, Gateway &gateway, Traffic &traffic, Faults &faults)
-    : PeerBus(bus, traffic, "lab.gateway", type, methods),
-      gateway_(gateway),
-      traffic_(traffic),
-      faults_(faults) {
+    : PeerBus(bus, traffic, "lab.gateway", type, methods), gateway_(gateway), faults_(faults) {
     gateway_.on_reply = [this](int connection, const cJSON *message) {
         if (const cJSON *sequence = cJSON_GetObjectItemCaseSensitive(message, "sequence");
             cJSON_IsNumber(sequence))
@@ -121,32 +118,18 @@ int BusObject::send(ubus_request_data *request, const cJSON *arguments) {
 }
 
 int BusObject::raw(ubus_request_data *, const cJSON *arguments) {
-    if (const char *name = unknown_member(arguments, raw_arguments))
-        return invalid(std::string("raw: unknown argument \"") + name + "\"");
-    Pace pace;
-    std::string bytes;
-    if (!read_raw(arguments, bytes, pace))
-        return invalid(
-            "raw: \"hex\" is an even count of digits, \"split\" a number from 1 on, \"interval\" from 0 on");
-    return gateway_.send_raw(std::move(bytes), pace) ? UBUS_STATUS_OK : not_found("raw: nobody is connected");
+    return PeerBus::raw(arguments, [this](std::string bytes, const Pace &pace) {
+        return gateway_.send_raw(std::move(bytes), pace);
+    });
 }
 
 int BusObject::peer(ubus_request_data *request, const cJSON *arguments) {
-    if (const char *name = unknown_member(arguments, {}))
-        return invalid(std::string("peer: unknown argument \"") + name + "\"");
-    const json_ptr description = gateway_.describe();
-    cJSON_AddBoolToObject(description.get(), "subscribers", has_subscribers());
-    return reply(request, description.get());
+    return PeerBus::peer(request, arguments, gateway_.describe());
 }
 
 int BusObject::misbehave(ubus_request_data *, const cJSON *arguments) {
-    if (const char *name = unknown_member(arguments, misbehave_arguments))
-        return invalid(std::string("misbehave: unknown argument \"") + name + "\"");
-    const std::string wrong = faults_.arm(arguments);
-    if (!wrong.empty())
-        return invalid("misbehave: " + wrong);
-    traffic_.event(0, "misbehave: " + faults_.describe());
-    return gateway_.update_listening() ? UBUS_STATUS_OK : UBUS_STATUS_SYSTEM_ERROR;
+    return PeerBus::misbehave(arguments, misbehave_arguments, faults_,
+                              [this] { return gateway_.update_listening(); });
 }
 
 }  // namespace arvok::lab

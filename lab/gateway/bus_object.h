@@ -25,7 +25,6 @@ class BusObject : public PeerBus {
     int misbehave(ubus_request_data *request, const cJSON *arguments);
 
     Gateway &gateway_;
-    Traffic &traffic_;
     Faults &faults_;
 };
 

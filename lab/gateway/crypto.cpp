@@ -8,16 +8,10 @@
 #include <memory>
 #include <vector>
 
+#include "release.h"
+
 namespace arvok::lab {
 namespace {
-
-template <auto Release>
-struct Releaser {
-    template <typename T>
-    void operator()(T *value) const {
-        Release(value);
-    }
-};
 
 using bignum_ptr = std::unique_ptr<BIGNUM, Releaser<BN_clear_free>>;
 using bn_ctx_ptr = std::unique_ptr<BN_CTX, Releaser<BN_CTX_free>>;

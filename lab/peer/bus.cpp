@@ -37,11 +37,6 @@ bool read_bool(const cJSON *arguments, const char *name, bool &value) {
     return !member || cJSON_IsBool(member);
 }
 
-bool read_pace(const cJSON *arguments, Pace &pace) {
-    return read_integer(arguments, "split", 1, 1 << 20, pace.split) &&
-           read_integer(arguments, "interval", 0, longest_wait, pace.interval);
-}
-
 PeerBus::PeerBus(ubus_context *bus, Traffic &traffic, const char *name, ubus_object_type &type,
                  std::span<const ubus_method> methods)
     : bus_(bus), traffic_(traffic) {
@@ -91,13 +86,33 @@ int PeerBus::messages(ubus_request_data *request, const cJSON *arguments) {
     return ubus_send_reply(bus_, request, buffer_.head);
 }
 
-bool PeerBus::read_raw(const cJSON *arguments, std::string &bytes, Pace &pace) {
+int PeerBus::raw(const cJSON *arguments, const std::function<bool(std::string, const Pace &)> &send) {
+    if (const char *name = unknown_member(arguments, raw_arguments))
+        return invalid(std::string("raw: unknown argument \"") + name + "\"");
+    Pace pace;
     const char *digits = string_member(arguments, "hex");
-    std::optional<std::string> read = digits ? from_hex(digits) : std::nullopt;
-    if (!read || read->empty() || !read_pace(arguments, pace))
-        return false;
-    bytes = std::move(*read);
-    return true;
+    std::optional<std::string> bytes = digits ? from_hex(digits) : std::nullopt;
+    if (!bytes || bytes->empty() || !read_pace(arguments, pace))
+        return invalid(
+            "raw: \"hex\" is an even count of digits, \"split\" a number from 1 on, \"interval\" from 0 on");
+    return send(std::move(*bytes), pace) ? UBUS_STATUS_OK : not_found("raw: nobody is connected");
+}
+
+int PeerBus::peer(ubus_request_data *request, const cJSON *arguments, json_ptr description) {
+    if (const char *name = unknown_member(arguments, {}))
+        return invalid(std::string("peer: unknown argument \"") + name + "\"");
+    cJSON_AddBoolToObject(description.get(), "subscribers", object_.has_subscribers);
+    return reply(request, description.get());
+}
+
+int PeerBus::misbehave(const cJSON *arguments, std::span<const blobmsg_policy> known, Faults &faults,
+                       const std::function<bool()> &update_listening) {
+    if (const char *name = unknown_member(arguments, known))
+        return invalid(std::string("misbehave: unknown argument \"") + name + "\"");
+    if (const std::string wrong = faults.arm(arguments); !wrong.empty())
+        return invalid("misbehave: " + wrong);
+    traffic_.event(0, "misbehave: " + faults.describe());
+    return update_listening() ? UBUS_STATUS_OK : UBUS_STATUS_SYSTEM_ERROR;
 }
 
 int PeerBus::invalid(const std::string &why) {

@@ -4,12 +4,14 @@
 
 #include <cjson/cJSON.h>
 
+#include <functional>
 #include <list>
 #include <memory>
 #include <span>
 #include <string>
 
 #include "connection.h"
+#include "faults.h"
 #include "json.h"
 #include "loop.h"
 #include "traffic.h"
@@ -20,16 +22,11 @@ extern "C" {
 
 namespace arvok::lab {
 
-inline constexpr int longest_wait = 3600000;  ///< milliseconds that an argument can ask for
-
 /// The name of a member that is not among `known`, or null.
 const char *unknown_member(const cJSON *arguments, std::span<const blobmsg_policy> known);
 
 /// Reads an optional truth value; false when it is there and none.
 bool read_bool(const cJSON *arguments, const char *name, bool &value);
-
-/// Reads "split" and "interval", both optional; false when one is wrong.
-bool read_pace(const cJSON *arguments, Pace &pace);
 
 class PeerBus {
   public:
@@ -38,6 +35,7 @@ class PeerBus {
 
     /// Puts the object on the bus; returns a bus status.
     int publish();
+    const char *name() const { return object_.name; }
 
   protected:
     /// All borrowed; `bus` must be on the loop already.
@@ -62,10 +60,17 @@ class PeerBus {
                                                             {"clear", BLOBMSG_TYPE_BOOL}};
     int messages(ubus_request_data *request, const cJSON *arguments);
 
-    /// What `raw` takes; reads them, and says false when they are wrong.
+    /// What `raw` takes, and the method itself; `send` says false when nobody is connected.
     static constexpr blobmsg_policy raw_arguments[] = {
         {"hex", BLOBMSG_TYPE_STRING}, {"split", BLOBMSG_TYPE_INT32}, {"interval", BLOBMSG_TYPE_INT32}};
-    static bool read_raw(const cJSON *arguments, std::string &bytes, Pace &pace);
+    int raw(const cJSON *arguments, const std::function<bool(std::string bytes, const Pace &pace)> &send);
+
+    /// `peer`: describes the peer and whether somebody watches it.
+    int peer(ubus_request_data *request, const cJSON *arguments, json_ptr description);
+
+    /// `misbehave`, which takes `known` arguments: arms a fault, and lets it take effect on what listens.
+    int misbehave(const cJSON *arguments, std::span<const blobmsg_policy> known, Faults &faults,
+                  const std::function<bool()> &update_listening);
 
     /// Logs why a call is refused, for the call to return.
     int invalid(const std::string &why);
@@ -80,8 +85,6 @@ class PeerBus {
     void replied(int connection, const std::string &key, const cJSON *message);
     /// The connection has ended, and with it all calls that wait for it.
     void ended(int connection);
-
-    bool has_subscribers() const { return object_.has_subscribers; }
 
   private:
     struct Object : ubus_object {

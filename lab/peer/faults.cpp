@@ -5,7 +5,6 @@
 #include <climits>
 #include <cstring>
 
-#include "bus.h"
 #include "json.h"
 
 namespace arvok::lab {
@@ -66,6 +65,11 @@ bool read_object(const cJSON *arguments, const char *name, bool wanted, std::sha
 }
 
 }  // namespace
+
+bool read_pace(const cJSON *arguments, Pace &pace) {
+    return read_integer(arguments, "split", 1, 1 << 20, pace.split) &&
+           read_integer(arguments, "interval", 0, longest_wait, pace.interval);
+}
 
 const char *Fault::word() const {
     return std::find_if(words.begin(), words.end(), [this](const Word &row) { return row.kind == kind; })

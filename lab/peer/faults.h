@@ -68,6 +68,11 @@ struct FaultVocabulary {
     std::uint32_t bad_length;               ///< what the header announces when nothing is said
 };
 
+inline constexpr int longest_wait = 3600000;  ///< milliseconds that an argument can ask for
+
+/// Reads "split" and "interval", both optional; false when one is wrong.
+bool read_pace(const cJSON *arguments, Pace &pace);
+
 class Faults {
   public:
     explicit Faults(const FaultVocabulary &vocabulary) : vocabulary_(vocabulary) {}

@@ -10,20 +10,16 @@
 #include <string>
 #include <string_view>
 
+#include "release.h"
+
 struct blob_attr;
 struct blob_buf;
 
 namespace arvok::lab {
 
-struct JsonRelease {
-    void operator()(cJSON *value) const { cJSON_Delete(value); }
-};
-struct TextRelease {
-    void operator()(char *text) const { std::free(text); }
-};
-
+using JsonRelease = Releaser<cJSON_Delete>;
 using json_ptr = std::unique_ptr<cJSON, JsonRelease>;
-using text_ptr = std::unique_ptr<char, TextRelease>;
+using text_ptr = std::unique_ptr<char, Releaser<std::free>>;
 
 /// The compact text of a value.
 std::string json_text(const cJSON *value);

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 
 #include "traffic.h"
@@ -16,10 +17,6 @@ extern "C" {
 
 namespace arvok::lab {
 namespace {
-
-struct BusRelease {
-    void operator()(ubus_context *bus) const { ubus_free(bus); }
-};
 
 bool bus_lost = false;
 
@@ -37,28 +34,48 @@ bool is_address(const char *text) {
     return inet_pton(AF_INET, text, &address) == 1;
 }
 
-int live_on_bus(const char *name, const char *socket,
-                const std::function<int(ubus_context *, const std::function<int()> &)> &serve) {
+Parsed Program::wrong(const char *what, const char *value) const {
+    std::fprintf(stderr, "%s: %s: %s\n", name, what, value);
+    return Parsed::wrong;
+}
+
+int Program::run(Parsed parsed, const char *socket, const std::function<int(ubus_context *)> &serve) const {
+    if (parsed != Parsed::run) {
+        std::fputs(usage, parsed == Parsed::help ? stdout : stderr);
+        return parsed == Parsed::help ? 0 : 1;
+    }
+    setvbuf(stdout, nullptr, _IOLBF, 0);
     uloop_init();
     int status = 1;
-    if (const std::unique_ptr<ubus_context, BusRelease> bus(ubus_connect(socket)); bus) {
+    if (const std::unique_ptr<ubus_context, Releaser<ubus_free>> bus(ubus_connect(socket)); bus) {
         bus->connection_lost = [](ubus_context *) {
             log_line("the bus is gone");
             bus_lost = true;
             uloop_end();
         };
         ubus_add_uloop(bus.get());
-        status = serve(bus.get(), [] {
-            uloop_run_timeout(-1);
-            log_line("stopped");
-            return bus_lost ? 1 : 0;
-        });
+        status = serve(bus.get());
     } else {
         std::fprintf(stderr, "%s: cannot connect to the bus%s%s\n", name, socket ? " at " : "",
                      socket ? socket : "");
     }
     uloop_done();
     return status;
+}
+
+int Program::live(PeerBus &object) const {
+    if (const int status = object.publish(); status != UBUS_STATUS_OK) {
+        std::fprintf(stderr, "%s: cannot publish %s: %s\n", name, object.name(), ubus_strerror(status));
+        return 1;
+    }
+    uloop_run_timeout(-1);
+    log_line("stopped");
+    return bus_lost ? 1 : 0;
+}
+
+int Program::cannot_listen(const std::string &server) const {
+    std::fprintf(stderr, "%s: cannot listen on %s: %s\n", name, server.c_str(), std::strerror(errno));
+    return 1;
 }
 
 }  // namespace arvok::lab

@@ -77,14 +77,11 @@ class Traffic {
     void clear() { entries_.clear(), held_ = 0; }
 
   private:
-    struct BlobRelease {
-        void operator()(blob_attr *blob) const { std::free(blob); }
-    };
     struct Entry {
         Direction direction;
         std::int64_t number;
         std::string type;
-        std::unique_ptr<blob_attr, BlobRelease> blob;  ///< the notification's message
+        std::unique_ptr<blob_attr, Releaser<std::free>> blob;  ///< the notification's message
     };
 
     void add_labels(const Labels &labels);

@@ -3,8 +3,9 @@
 import base64
 import json
 import secrets
-import socket
 import subprocess
+
+from wire import Wire
 
 MAGIC = bytes.fromhex("3f721fb5")
 MAC = "025A10000001"
@@ -31,23 +32,11 @@ def frame(body):
     return MAGIC + len(body).to_bytes(4, "big") + body
 
 
-class Ended(Exception):
-    """The gateway closed the connection."""
-
-
-class AccessPoint:
-    def __init__(self, port, timeout=5):
-        self.socket = socket.create_connection(("127.0.0.1", port), timeout=timeout)
-        self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        self.address = "%s:%d" % self.socket.getsockname()
+class AccessPoint(Wire):
+    def __init__(self, port):
+        super().__init__(port)
         self.key = None
         self.sequence = 0
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.socket.close()
 
     def packed(self, message):
         body = json.dumps(message).encode()
@@ -63,18 +52,6 @@ class AccessPoint:
         self.socket.sendall(self.packed(built))
         return built
 
-    def read(self, count):
-        data = b""
-        while len(data) < count:
-            try:
-                piece = self.socket.recv(count - len(data))
-            except ConnectionResetError:
-                piece = b""
-            if not piece:
-                raise Ended(data)
-            data += piece
-        return data
-
     def receive_body(self):
         header = self.read(8)
         if header[:4] != MAGIC:
@@ -84,13 +61,6 @@ class AccessPoint:
     def receive(self):
         body = self.receive_body()
         return json.loads((aes(self.key, body, decrypt=True) if self.key else body).rstrip(b"\0"))
-
-    def closed_by_gateway(self):
-        try:
-            self.read(1 << 20)
-        except Ended:
-            return True
-        return False
 
     def ask_for_key(self):
         self.send("keyngreq", version="V2019.1.0", keymodelist=[{"keymode": "dh"}])

@@ -4,10 +4,9 @@ import base64
 import json
 import os
 import secrets
-import socket
 import subprocess
 
-from access_point import Ended
+from wire import Wire
 
 MAGIC = b"QZSGWMP2"
 PUBLIC_KEY = os.path.join(os.path.dirname(__file__), "../../lab/keys/platform_public.pem")
@@ -40,46 +39,19 @@ def line(data):
     return base64.b64encode(data) + b"\r\n"
 
 
-class Device:
+class Device(Wire):
     """One connection of the device `mac`; its identity outlives it in `identity`."""
 
     modulus = modulus_of(PUBLIC_KEY)
 
     def __init__(self, port, mac="025A10000001", identity=None):
-        self.socket = socket.create_connection(("127.0.0.1", port), timeout=5)
-        self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        self.address = "%s:%d" % self.socket.getsockname()
+        super().__init__(port)
         self.mac = mac
         self.identity = identity or {}
         self.client_key = self.server_key = None
         self.sealed_by = "plain"
 
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.socket.close()
-
     # ---- bytes -------------------------------------------------------------------------------------------------
-
-    def read(self, count):
-        data = b""
-        while len(data) < count:
-            try:
-                piece = self.socket.recv(count - len(data))
-            except ConnectionResetError:
-                piece = b""
-            if not piece:
-                raise Ended(data)
-            data += piece
-        return data
-
-    def closed_by_cloud(self):
-        try:
-            self.read(1 << 20)
-        except Ended:
-            return True
-        return False
 
     def receive_body(self):
         header = self.read(12)

@@ -6,9 +6,9 @@ import os
 import subprocess
 import unittest
 
-from access_point import Ended
 from cloud_device import MAGIC, PUBLIC_KEY, Device, aes, frame, line, rsa
 from peer_case import PeerCase
+from wire import Ended
 
 MAC = "025A10000001"
 OK = {"Result": 0}
@@ -200,7 +200,7 @@ class CloudTest(PeerCase):
         }.items():
             with self.subTest(name), self.device(server=0) as device:
                 device.socket.sendall(data)
-                self.assertTrue(device.closed_by_cloud())
+                self.assertTrue(device.closed_by_peer())
 
         for name, seal in {"plain after the key": "plain", "RSA after the key": "rsa"}.items():
             with self.subTest(name), self.device(enrolled=True) as device, self.assertRaises(Ended):
@@ -365,7 +365,7 @@ class CloudTest(PeerCase):
             ("repeat", {"copies": 3}, lambda device: self.assertEqual([device.receive() for _ in range(3)], [answer] * 3)),
             ("prefix", {"message": {"x": 1}},
              lambda device: self.assertEqual([device.receive() for _ in range(2)], [{"x": 1}, answer])),
-            ("close", {}, lambda device: self.assertTrue(device.closed_by_cloud())),
+            ("close", {}, lambda device: self.assertTrue(device.closed_by_peer())),
         ):
             with self.subTest(fault, **options), self.device(enrolled=True) as device:
                 self.call("misbehave", {"fault": fault, "on": "Heartbeat", **options})
@@ -417,7 +417,7 @@ class CloudTest(PeerCase):
             self.call("misbehave", {"fault": "none"})
         with self.subTest("hang up"):
             self.call("misbehave", {"fault": "hang_up", "server": here, "times": 2})
-            self.assertEqual([self.device(server=2).closed_by_cloud() for _ in range(2)], [True] * 2)
+            self.assertEqual([self.device(server=2).closed_by_peer() for _ in range(2)], [True] * 2)
             self.device(server=2).challenge()
         with self.subTest("answers"):
             self.call("misbehave", {"fault": "drop", "server": elsewhere, "on": "Heartbeat", "times": 0})

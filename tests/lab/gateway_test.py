@@ -3,8 +3,9 @@
 import json
 import unittest
 
-from access_point import MAGIC, SAFE_PRIME, SHORT_PRIME, AccessPoint, Ended, frame, to_text
+from access_point import MAGIC, SAFE_PRIME, SHORT_PRIME, AccessPoint, frame, to_text
 from peer_case import PeerCase
+from wire import Ended
 
 GATEWAY_MAC = "0A0B0C0D0E0F"
 
@@ -103,7 +104,7 @@ class GatewayTest(PeerCase):
         for name, data in plain.items():
             with self.subTest(name), AccessPoint(self.port) as point:
                 point.socket.sendall(data)
-                self.assertTrue(point.closed_by_gateway())
+                self.assertTrue(point.closed_by_peer())
 
         exchanges = {
             "no base64": {"dh_key": "!!!!"},
@@ -132,7 +133,7 @@ class GatewayTest(PeerCase):
             with self.subTest(name), AccessPoint(self.port) as point:
                 point.negotiate()
                 point.socket.sendall(data)
-                self.assertTrue(point.closed_by_gateway())
+                self.assertTrue(point.closed_by_peer())
 
         bystander.send("keepalive")
         self.assertEqual(bystander.receive()["type"], "ack")
@@ -251,7 +252,7 @@ class GatewayTest(PeerCase):
             self.assertEqual(point.read(4), MAGIC)
 
         def is_closed(point):
-            self.assertTrue(point.closed_by_gateway())
+            self.assertTrue(point.closed_by_peer())
 
         def is_overtaken(point):
             late = point.sequence - 1
@@ -302,7 +303,7 @@ class GatewayTest(PeerCase):
             point.send("keepalive")
             point.receive()
             point.send("keepalive")
-            self.assertTrue(point.closed_by_gateway())
+            self.assertTrue(point.closed_by_peer())
         with self.subTest("silent"):
             self.call("misbehave", {"fault": "silent"})
             point = self.connect(negotiated=False)
