@@ -1,4 +1,5 @@
 #include <getopt.h>
+#include <sys/resource.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -42,6 +43,15 @@ int run(json_ptr state, const char *socket, const std::string &root) {
     std::fflush(stdout);
     uloop_run();
     return 0;
+}
+
+/// A package may hold folders in folders, thousands deep, and walking down opens each of them.
+void allow_many_files() {
+    rlimit files{};
+    if (getrlimit(RLIMIT_NOFILE, &files) == 0) {
+        files.rlim_cur = files.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &files);
+    }
 }
 
 constexpr char usage[] =
@@ -89,6 +99,7 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "qzcapd: %s: %s\n", path, error.c_str());
         return 1;
     }
+    allow_many_files();
     uloop_init();
     const int status = run(std::move(state), socket, root);
     uloop_done();

@@ -291,18 +291,20 @@ TEST_F(Installing, KeepsNobodyWaiting) {
 }
 
 TEST_F(Installing, EndsOnceForItsCallerWhoeverDies) {
-    Server server;
-    Outcome outcome;
-    ASSERT_EQ(start(server.url, &outcome), 0);
-    ASSERT_TRUE(server.asked());
-    stop_platform();
-    EXPECT_TRUE(server.left()) << "the download ends with the daemon";
-    EXPECT_THAT(listing("apps"), ElementsAre("qzcap"));
-    EXPECT_EQ(outcome_of(outcome), "(none)");
     Outcome without;
-    EXPECT_LT(start("file:///x", &without), 0);
-
-    start_platform(HOME_STATE);
+    for (const bool killed : {false, true}) {
+        Server server;
+        Outcome outcome;
+        ASSERT_EQ(start(server.url, &outcome), 0);
+        ASSERT_TRUE(server.asked());
+        killed ? kill_platform() : stop_platform();
+        EXPECT_TRUE(server.left()) << "the download ends with the daemon";
+        EXPECT_EQ(outcome_of(outcome), "(none)");
+        EXPECT_LT(start("file:///x", &without), 0);
+        EXPECT_EQ(listing("apps").size(), killed ? 2U : 1U);
+        start_platform(HOME_STATE);
+        EXPECT_THAT(listing("apps"), ElementsAre("qzcap"));
+    }
     const std::string url = package("mkapp radio 2.0");
     EXPECT_EQ(install(url), R"({"result":0,"name":"radio","version":"2.0"})") << "with the next daemon";
 
