@@ -38,6 +38,8 @@ constexpr std::array words{
 };
 
 constexpr int most_copies = 1000;
+// The body that a header announces need not be there; one that is filled up has to be.
+constexpr std::uint32_t longest_body = 1 << 20;
 
 bool contains(const auto &list, const char *text) {
     return std::any_of(list.begin(), list.end(),
@@ -107,13 +109,16 @@ std::string Faults::arm(const cJSON *arguments) {
             return std::string("\"on\" names no message that is answered: ") + (on ? on : "not a text");
         fault.on = on;
     }
+    if (of_connections(fault.kind) && !fault.on.empty())
+        return "\"on\" is for answers, not for connections";
     if (const char *server = string_member(arguments, "server"))
         fault.server = server;
     if (!read_integer(arguments, "times", 0, INT_MAX, fault.times) ||
-        !read_integer(arguments, "length", 0, UINT32_MAX, fault.length) ||
+        !read_integer(arguments, "length", 0, fault.kind == FaultKind::fill ? longest_body : UINT32_MAX,
+                      fault.length) ||
         !read_integer(arguments, "delay", 0, INT_MAX, fault.delay) ||
         !read_integer(arguments, "after", 0, INT_MAX, fault.after))
-        return "\"times\", \"length\", \"delay\" and \"after\" are whole numbers from 0 on";
+        return "\"times\", \"length\", \"delay\" and \"after\" are whole numbers from 0 on, within reason";
     if (!read_integer(arguments, "copies", 1, most_copies, fault.copies) || !read_pace(arguments, fault.pace))
         return "\"copies\" and \"split\" are whole numbers from 1 on, \"interval\" from 0 on";
 

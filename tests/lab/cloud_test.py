@@ -448,6 +448,8 @@ class CloudTest(PeerCase):
             {"fault": "drop", "server": "127.0.0.2"},
             {"fault": "drop", "server": "127.0.0.1:1"},
             {"fault": "drop", "server": 5},
+            {"fault": "refuse", "on": "Boot"},
+            {"fault": "fill", "length": 1 << 31},
             {"fault": "repeat", "copies": 0},
             {"fault": "split", "split": 0},
             {"fault": "prefix"},
