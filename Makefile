@@ -5,20 +5,24 @@ SHELL       = /bin/bash
 
 BUILD      ?= build
 SANITIZED  ?= $(BUILD)-asan
+THREADED   ?= $(BUILD)-tsan
 BUILD_TYPE ?= RelWithDebInfo
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
+TARGETS    ?= all
 
 CTEST  = ctest --output-on-failure --no-tests=error -j 6
 CODE   = git ls-files '*.cpp' '*.c' '*.h'
 TIDIED = $(shell git ls-files 'src/*.cpp' 'lab/*.cpp')
+# The tests of what runs on threads, or hands over to one.
+THREAD_TESTS = utask_test cloud_test
 
-.PHONY: all setup run test check-plain check-sanitized sanitized check-format format lint bench clean
+.PHONY: all setup run test check-plain check-sanitized sanitized check-thread check-format format lint bench clean
 
 all: setup
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) $(CMAKE_ARGS) >$(BUILD).log 2>&1 || { cat $(BUILD).log; exit 1; }
 	@rm -f $(BUILD).log
-	@env -u MAKEFLAGS -u MFLAGS cmake --build $(BUILD) -j $(JOBS) -- --no-print-directory -s | { grep -v 'Built target' || true; }
+	@env -u MAKEFLAGS -u MFLAGS cmake --build $(BUILD) -j $(JOBS) --target $(TARGETS) -- --no-print-directory -s | { grep -v 'Built target' || true; }
 
 setup:
 	@tools/setup.sh
@@ -27,10 +31,10 @@ setup:
 run: all
 	@ARVOK_BIN=$(abspath $(BUILD))/bin lab/home -- lab/tour
 
-# Formatting, static analysis, every test and the tour, then tests and tour again under the sanitizers. Most tests wait
-# for timers of the agent, so what computes runs beside them.
+# Formatting, static analysis, every test and the tour, then tests and tour again under the sanitizers, and the tests of
+# threads under theirs. Most tests wait for timers of the agent, so what computes runs beside them.
 test: check-format all
-	@$(MAKE) --no-print-directory -j 2 -O check-plain sanitized
+	@$(MAKE) --no-print-directory -j 2 -O check-plain sanitized check-thread
 	@$(MAKE) --no-print-directory -j 2 -O check-sanitized lint
 
 check-plain:
@@ -43,6 +47,12 @@ check-sanitized:
 
 sanitized:
 	@$(MAKE) --no-print-directory all BUILD=$(SANITIZED) BUILD_TYPE=Debug CMAKE_ARGS=-DARVOK_SANITIZE=ON
+
+# Reports go to standard output, because the tests keep the standard error output to themselves.
+check-thread:
+	@$(MAKE) --no-print-directory all BUILD=$(THREADED) BUILD_TYPE=Debug CMAKE_ARGS=-DARVOK_SANITIZE=thread \
+		TARGETS='$(THREAD_TESTS)'
+	TSAN_OPTIONS=log_path=stdout $(CTEST) --test-dir $(THREADED) -R '^($(subst $() ,|,$(THREAD_TESTS)))$$'
 
 check-format: setup
 	@test -n "$$($(CODE))" || { echo 'formatting is checked in a git checkout only'; exit 1; }
@@ -59,4 +69,4 @@ bench: all
 	@ARVOK_BIN=$(abspath $(BUILD))/bin lab/home --peers none --no-agent -- arvok-link-bench
 
 clean:
-	rm -rf $(BUILD) $(SANITIZED)
+	rm -rf $(BUILD) $(SANITIZED) $(THREADED)
