@@ -173,6 +173,8 @@ int cc_run_plugin(const cJSON *root);
 int cc_restore_plugin(const cJSON *root);
 int cc_list_plugin(const cJSON *root);
 int cc_set_plugin_params(const cJSON *root);
+/// What the four of Uninstall (0), Stop (1), Run (2) and RestorePlugin (3) share; another action fails.
+int cc_plugin_action(const cJSON *root, unsigned action);
 
 /// The plugin and the app that are the agent itself.
 constexpr char self_plugin_name[] = "ArvokAP";

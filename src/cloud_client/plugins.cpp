@@ -1,6 +1,7 @@
 // The platform's requests about the device's apps, and what it is told of them.
 
 #include <cstdlib>
+#include <iterator>
 
 #include "cloud_client/cloud_client.h"
 #include "common/clock.h"
@@ -98,12 +99,15 @@ void run_installed(const install_record &record) {
 // --- actions on an installed app ---
 
 // The number of an action is its position; it is part of the failure reason.
-enum plugin_action : int { action_uninstall, action_stop, action_run, action_restore };
-constexpr int (*actions[])(ubus_context *, const char *, char **) = {qzcap_uninstall_app, qzcap_stop_app,
-                                                                     qzcap_run_app, qzcap_restore_app};
+constexpr int (*actions[])(ubus_context *, const char *, char **) = {
+    qzcap_uninstall_app,
+    qzcap_stop_app,
+    qzcap_run_app,
+    qzcap_restore_app,
+};
 
 // The result that the platform is told: 0, -1 or cc_check_plugin's.
-int act(const cJSON *root, plugin_action action) {
+int act(const cJSON *root, unsigned action) {
     const char *id = json_text(root, "Plugin_Name");
     const char *version = json_text(root, "Version");
     if (!id || !version) {
@@ -113,20 +117,17 @@ int act(const cJSON *root, plugin_action action) {
     char name[plugin_id_size];
     if (const int result = cc_find_plugin(id, version, name))
         return result;
+    if (action >= std::size(actions)) {
+        cc_set_fail_reason("unknown plugin action");
+        return -1;
+    }
     char *reason = nullptr;
     const int failed = actions[action](qzcap_get_ubus_context(), name, &reason);
     const qz_text errtext(reason);
     if (failed == 0)
         return 0;
-    cc_set_fail_reason("qzacp app action %d failed: %s", action, text_or_empty(errtext.get()));
+    cc_set_fail_reason("qzacp app action %u failed: %s", action, text_or_empty(errtext.get()));
     return -1;
-}
-
-int handle_action(const cJSON *root, plugin_action action) {
-    cc->result = -1;
-    cc->result = act(root, action);
-    cc_reply(root);
-    return 1;
 }
 
 }  // namespace
@@ -169,20 +170,27 @@ void plugin_install_cb(ubus_request *req, blob_attr *msg) {
         run_installed(*record);
 }
 
+int cc_plugin_action(const cJSON *root, unsigned action) {
+    cc->result = -1;
+    cc->result = act(root, action);
+    cc_reply(root);
+    return 1;
+}
+
 int cc_uninstall(const cJSON *root) {
-    return handle_action(root, action_uninstall);
+    return cc_plugin_action(root, 0);
 }
 
 int cc_stop(const cJSON *root) {
-    return handle_action(root, action_stop);
+    return cc_plugin_action(root, 1);
 }
 
 int cc_run_plugin(const cJSON *root) {
-    return handle_action(root, action_run);
+    return cc_plugin_action(root, 2);
 }
 
 int cc_restore_plugin(const cJSON *root) {
-    return handle_action(root, action_restore);
+    return cc_plugin_action(root, 3);
 }
 
 int cc_list_plugin(const cJSON *root) {

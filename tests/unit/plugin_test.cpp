@@ -45,6 +45,7 @@ class Plugins : public Cloud {
         wall_clock = [] { return std::time_t{0}; };
         apps_run.clear();
         connect_fully();
+        uloop_timeout_cancel(&cc->ack_timer);
         log();
     }
     static void set_vendor(const std::string &vendor) {
