@@ -129,7 +129,8 @@ class HomeTest(unittest.TestCase):
     def programs(self, **replaced):
         """A folder of programs in which some are scripts of ours."""
         folder = tempfile.mkdtemp(dir=self.folder)
-        for name in ("ubusd", "ubus", "qzcapd", "lab-gateway", "arvokclt"):
+        own = ("ubusd", "ubus", "qzcapd", "lab-gateway", "arvokclt")
+        for name in own + tuple(name for name in ("dnsmasq", "python3") if name in replaced):
             path = os.path.join(folder, name)
             script = replaced.get(name.replace("-", "_"), path)
             if script == path:
@@ -306,6 +307,8 @@ class HomeTest(unittest.TestCase):
         for arguments, env, status, text in (
             ((), self.programs(lab_gateway="echo boom; exit 1"), 1, "gateway: ended at once; the end of its log:\nboom"),
             ((), self.programs(ubusd="echo boom; exit 1"), 1, "ubusd: ended at once; the end of its log:\nboom"),
+            ((), self.programs(dnsmasq="echo boom; exit 1"), 1, "names: does not answer; the end of its log:\nboom"),
+            ((), self.programs(python3="echo boom; exit 1"), 1, "packages: ended at once; the end of its log:\nboom"),
             (("--state", broken), self.env, 1, "qzcapd: ended at once"),
             (("--state", "/nonexistent/absent"), self.env, 1, "cannot read the device state /nonexistent/absent"),
             ((), self.programs(arvokclt=None), 1, "arvokclt is missing"),
