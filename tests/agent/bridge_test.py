@@ -2,7 +2,6 @@
 
 import json
 import os
-import subprocess
 import unittest
 
 from desk import LinkedCase, call
@@ -14,13 +13,6 @@ ARGUMENTS = {"text": "ä\n\"", "number": 7, "big": 123456789012345, "negative": 
 
 
 class BridgeCase(LinkedCase):
-    def publish(self, name):
-        """Publishes an object of the test's own and returns its process."""
-        process = subprocess.Popen(["bus_object", name])
-        self.addCleanup(lambda: (process.terminate(), process.wait()))
-        subprocess.run(["ubus", "-t", "10", "wait_for", name], check=True)
-        return process
-
     def ask(self, message, timeout=10):
         """The reply without its envelope, its members in their order."""
         reply = call("lab.gateway", "request", {"message": {"sequence": 71, **message}, "timeout": timeout * 1000},

@@ -103,6 +103,13 @@ class AgentCase(unittest.TestCase):
         self.agents.append(agent)
         return agent
 
+    def publish(self, name):
+        """Puts an object of the test's own on the bus and returns its process."""
+        process = subprocess.Popen(["bus_object", name])
+        self.addCleanup(lambda: (process.terminate(), process.wait()))
+        subprocess.run(["ubus", "-t", "10", "wait_for", name], check=True)
+        return process
+
     @staticmethod
     def peer():
         return call("lab.gateway", "peer")
