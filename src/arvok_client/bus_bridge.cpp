@@ -1,6 +1,7 @@
 // "ubus_call" and "ubus_subscribe": the platform's bus, for whoever may ask the device for its status.
 
 #include <algorithm>
+#include <cstddef>
 
 #include "arvok_client/handlers.h"
 #include "common/text.h"
@@ -8,7 +9,6 @@
 
 extern "C" {
 #include <libubox/blobmsg_json.h>
-#include <libubox/list.h>
 }
 
 namespace arvok {
@@ -17,6 +17,9 @@ namespace {
 constexpr int call_timeout_ms = 20000;
 
 using answer_ptr = handle<blob_attr, &qzcap_free>;
+
+// A notification comes with the bus object of its subscriber, which begins the subscription.
+static_assert(offsetof(bus_subscription, subscriber) == 0 && offsetof(ubus_subscriber, obj) == 0);
 
 // --- ubus_call ---
 
@@ -199,7 +202,7 @@ int arvok_ubus_subscribe_cb(ubus_context *, ubus_object *subscriber, ubus_reques
         qzcap_printf("[WARNING] %s: message is null\n", "arvok_ubus_subscribe_cb");
         return -1;
     }
-    const bus_subscription &node = *container_of(subscriber, bus_subscription, subscriber.obj);
+    const auto &node = *reinterpret_cast<const bus_subscription *>(subscriber);
     const qz_text text(blobmsg_format_json_with_cb(msg, true, nullptr, nullptr, -1));
     arvok_msg_ptr notification = arvok_msg_new("ubus_notify", 0);
     notification->root.text("object", node.object).text("method", method).add("data", json_parse(text.get()));
