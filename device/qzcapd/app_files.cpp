@@ -137,10 +137,11 @@ std::string AppFiles::make_work_folder(std::string *folder) const {
         return "there is no " + device_;
     }
     fs::create_directories(apps_, error);
-    *folder = apps_ + "/" + work_prefix + "XXXXXX";
-    if (mkdtemp(folder->data()) == nullptr) {
+    std::string path = apps_ + "/" + work_prefix + "XXXXXX";
+    if (mkdtemp(path.data()) == nullptr) {
         return fault("cannot make a folder in " + apps_, {errno, std::generic_category()});
     }
+    *folder = path;
     return "";
 }
 

@@ -24,7 +24,7 @@ class AppFiles {
     /// Removes what installations have left that a kill has cut short.
     void remove_leftovers() const;
 
-    /// A fresh folder for an installation.
+    /// A fresh folder for an installation; on failure `folder` is left alone.
     std::string make_work_folder(std::string *folder) const;
 
     /// The apps that have a control file.

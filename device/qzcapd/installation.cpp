@@ -122,14 +122,13 @@ void Installation::begin() {
         end(InstallResult::ordered, failure->reason);
         return;
     }
-    const std::string fault = files_.make_work_folder(&folder_);
-    std::error_code error;
+    if (const std::string fault = files_.make_work_folder(&folder_); !fault.empty()) {
+        end(InstallResult::storage, fault);
+        return;
+    }
+    std::error_code error;  // shows when the folder is to be filled
     for (const char *part : {"package", "control", "data"}) {
         std::filesystem::create_directory(folder_ + "/" + part, error);
-    }
-    if (!fault.empty() || error) {
-        end(InstallResult::storage, !fault.empty() ? fault : error.message());
-        return;
     }
     next();
 }

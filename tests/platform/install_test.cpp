@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -75,10 +76,13 @@ class Server {
         send(client_, response.data(), response.size(), MSG_NOSIGNAL);
         shutdown(client_, SHUT_WR);
     }
-    /// Whether the client is gone; waits for it.
+    /// Whether the client is gone; waits for it, but not until it is tired of waiting.
     bool left() {
+        const timeval patience{10, 0};
         char byte = 0;
-        return recv(client_, &byte, 1, 0) <= 0;
+        setsockopt(client_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+        errno = 0;
+        return recv(client_, &byte, 1, 0) <= 0 && errno != EAGAIN;
     }
 
     std::string url;
@@ -201,7 +205,8 @@ TEST_F(Installing, RefusesWhatIsNoAppOfThisDevice) {
         {packed("Version: 1\\n"), 3, "the control file lacks Package"},
         {packed("Package p\\nVersion: 1\\n"), 3, "the control file lacks Package"},
         {packed("Package: p\\nVersion: 1 or 2\\n"), 3, "the control file's Version is not one word"},
-        {package("ln -s /etc/passwd control; echo 2.0 >debian-binary; tar -czf control.tar.gz control\n"
+        {package("printf 'Package: p\\nVersion: 1\\n' >real; ln -s \"$PWD/real\" control; echo 2.0 "
+                 ">debian-binary; tar -czf control.tar.gz control\n"
                  "tar -C data -czf data.tar.gz .; tar -czf package *.gz debian-binary"),
          3, "the control file lacks Package"},
         {packed("Package: " + long_name + "\\nVersion: 1\\n"), 4, "not a name for an app: nnn"},
