@@ -1,0 +1,275 @@
+#include "home.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+#include "common/stream.h"
+
+extern "C" {
+#include <libubox/uloop.h>
+#include <libubox/usock.h>
+#include <libubus.h>
+}
+
+namespace arvok {
+namespace {
+
+constexpr char agent_address[] = "192.168.1.2";
+constexpr char echo_port[] = "32769";
+constexpr char echo_option[] = "--echo";
+constexpr int patience_s = 30;  // with whoever has to connect or to answer
+
+[[noreturn]] void fail_with_errno(const char *what) {
+    fail(std::string(what) + ": " + std::strerror(errno));
+}
+
+// --- the bare echo: reads a frame, answers with as many bytes as it has been told to ---
+
+struct echo_server {
+    tcp_stream stream;
+    uloop_fd listener;
+    int request_len = 0;  // of whole frames; 0 until the lengths are known
+    std::vector<char> answer;
+};
+echo_server echo;
+
+void echo_read(tcp_stream &stream, int avail) {
+    // The first message: both lengths.
+    std::uint32_t lengths[2];
+    if (echo.request_len == 0) {
+        if (avail < static_cast<int>(sizeof lengths))
+            return;
+        stream_read(stream, lengths, sizeof lengths);
+        echo.request_len = static_cast<int>(lengths[0]);
+        echo.answer.assign(lengths[1], 'x');
+        avail -= static_cast<int>(sizeof lengths);
+    }
+    for (; avail >= echo.request_len; avail -= echo.request_len) {
+        std::vector<char> request(static_cast<std::size_t>(echo.request_len));
+        stream_read(stream, request.data(), echo.request_len);
+        stream_write(stream, echo.answer.data(), static_cast<int>(echo.answer.size()));
+    }
+}
+
+void echo_closed(tcp_stream &stream) {
+    stream_close(stream);
+    echo.request_len = 0;
+}
+
+int serve_echo() {
+    uloop_init();
+    stream_init(echo.stream, echo_read, echo_closed);
+    echo.listener.fd = usock(USOCK_TCP | USOCK_SERVER | USOCK_NUMERIC, agent_address, echo_port);
+    if (echo.listener.fd < 0)
+        fail_with_errno("echo");
+    echo.listener.cb = [](uloop_fd *listener, unsigned int) {
+        const int fd = accept(listener->fd, nullptr, nullptr);
+        if (fd >= 0)
+            stream_open(echo.stream, fd);
+    };
+    uloop_fd_add(&echo.listener, ULOOP_READ);
+    uloop_run();
+    stream_close(echo.stream);
+    close(echo.listener.fd);
+    uloop_done();
+    return 0;
+}
+
+connection connect_echo() {
+    for (int tries = 0; tries < 1000; tries++, usleep(1000)) {
+        const int fd = usock(USOCK_TCP | USOCK_NUMERIC, agent_address, echo_port);
+        if (fd >= 0)
+            return connection(fd);
+    }
+    fail_with_errno("echo");
+}
+
+std::string get_status(std::initializer_list<const char *> names) {
+    std::string items;
+    for (const char *name : names)
+        items += (items.empty() ? "" : ",") + std::string(R"({"name":")") + name + "\"}";
+    return R"({"type":"get_status","sequence":7,"mac":"0200000000FE","get":[)" + items + "]}";
+}
+
+}  // namespace
+
+void fail(const std::string &what) {
+    std::fprintf(stderr, "%s\n", what.c_str());
+    std::exit(1);
+}
+
+// --- programs ---
+
+program::program(std::vector<const char *> args) : pid_(fork()) {
+    if (pid_ < 0)
+        fail_with_errno("fork");
+    if (pid_ > 0)
+        return;
+    const std::string log = std::string(std::getenv("LAB_DIR")) + "/bench.log";
+    const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    dup2(fd, STDOUT_FILENO);
+    dup2(fd, STDERR_FILENO);
+    args.push_back(nullptr);
+    execvp(args[0], const_cast<char *const *>(args.data()));
+    _exit(127);
+}
+
+program::~program() {
+    if (pid_ < 0)
+        return;
+    kill(pid_, SIGTERM);
+    waitpid(pid_, nullptr, 0);
+}
+
+void program::join() {
+    int status = 0;
+    waitpid(std::exchange(pid_, -1), &status, 0);
+    if (status != 0)
+        fail("a program failed, see bench.log");
+}
+
+// --- connections ---
+
+connection::connection(int fd) : fd_(fd) {
+    if (fd < 0)
+        fail_with_errno("connection");
+    const timeval limit{patience_s, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+}
+
+connection::connection(connection &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+
+connection &connection::operator=(connection &&other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+}
+
+connection::~connection() {
+    if (fd_ >= 0)
+        close(fd_);
+}
+
+void connection::read(void *buf, std::size_t len) {
+    for (auto *at = static_cast<char *>(buf); len > 0;) {
+        const ssize_t got = ::read(fd_, at, len);
+        if (got == 0)
+            errno = ECONNRESET;
+        if (got <= 0)
+            fail_with_errno("connection");
+        at += got;
+        len -= static_cast<std::size_t>(got);
+    }
+}
+
+void connection::write(const void *buf, std::size_t len) {
+    if (::write(fd_, buf, len) != static_cast<ssize_t>(len))
+        fail_with_errno("connection");
+}
+
+std::vector<char> connection::read_frame(int header_size, int (*body_length)(const void *header)) {
+    std::vector<char> frame(static_cast<std::size_t>(header_size));
+    read(frame.data(), frame.size());
+    const auto len = static_cast<std::size_t>(body_length(frame.data()));
+    frame.resize(frame.size() + len);
+    read(frame.data() + header_size, len);
+    return frame;
+}
+
+listener::listener(const char *address, const char *port)
+    : fd_(usock(USOCK_TCP | USOCK_SERVER | USOCK_NUMERIC, address, port)) {
+    if (fd_ < 0)
+        fail_with_errno("listen");
+}
+
+listener::~listener() {
+    close(fd_);
+}
+
+connection listener::accept() {
+    pollfd ready{fd_, POLLIN, 0};
+    if (poll(&ready, 1, patience_s * 1000) == 0)
+        fail("nobody connects, see bench.log");
+    return connection(::accept(fd_, nullptr, nullptr));
+}
+
+// --- requests ---
+
+const std::vector<status_request> status_requests = {
+    {"no_platform_call", get_status({"arvokstat"})},
+    {"one_platform_call", get_status({"terminalNum"})},
+    {"all_37_items", get_status({"wifi",           "wifitimer",   "ledswitch",       "wifiswitch",
+                                 "wpsswitch",      "syncswitch",  "bandsupport",     "diaginfo",
+                                 "cpurate",        "cputemp",     "memoryuserate",   "flashusage",
+                                 "flashfree",      "uploadspeed", "downloadspeed",   "wlanstats",
+                                 "channel",        "onlineTime",  "terminalNum",     "load",
+                                 "real_devinfo",   "arvokstat",   "neighborinfo",    "networktype",
+                                 "workmode",       "webServer",   "netstatPorts",    "flashStat",
+                                 "mapInfo",        "mapTopology", "ethWanPortIndex", "ethLanPortIndex",
+                                 "channelQuality", "capability",  "blacklist",       "whitelist",
+                                 "waninfo"})},
+};
+
+// --- floors ---
+
+void bare_echo(benchmark::State &state, std::size_t request_size, std::size_t answer_size) {
+    connection link = connect_echo();
+    const std::uint32_t lengths[] = {static_cast<std::uint32_t>(request_size),
+                                     static_cast<std::uint32_t>(answer_size)};
+    link.write(lengths, sizeof lengths);
+    const std::vector<char> request(request_size, 'x');
+    std::vector<char> answer(answer_size);
+    for (auto _ : state) {
+        link.write(request.data(), request.size());
+        link.read(answer.data(), answer.size());
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
+void bus_call(benchmark::State &state, const char *object, const char *method) {
+    ubus_context *ctx = ubus_connect(std::getenv("UBUS_SOCKET"));
+    std::uint32_t id = 0;
+    if (!ctx || ubus_lookup_id(ctx, object, &id) != 0)
+        fail("no bus, or not the platform's");
+    struct blob_buf buf {};
+    blob_buf_init(&buf, 0);
+    for (auto _ : state)
+        if (ubus_invoke(
+                ctx, id, method, buf.head, [](ubus_request *, int, blob_attr *) {}, nullptr, 1000) != 0)
+            state.SkipWithError("call failed");
+    blob_buf_free(&buf);
+    ubus_free(ctx);
+    state.SetItemsProcessed(state.iterations());
+}
+
+int measure_in_home(int argc, char **argv, const std::function<void()> &measure, const char *notes) {
+    signal(SIGPIPE, SIG_IGN);
+    if (argc == 2 && std::string_view(argv[1]) == echo_option)
+        return serve_echo();
+    const char *name = argv[0];
+    benchmark::Initialize(&argc, argv);
+    if (!std::getenv("LAB_DIR")) {
+        std::fprintf(stderr, "%s runs in a home: lab/home --peers none --no-agent -- %s\n", name, name);
+        return 1;
+    }
+    {
+        const program echo_process({"lab-ap", name, echo_option});
+        measure();
+    }
+    std::fputs(notes, stdout);
+    return 0;
+}
+
+}  // namespace arvok

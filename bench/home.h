@@ -1,0 +1,77 @@
+#pragma once
+/// What the benchmarks that run in a home share: programs on its hosts, blocking connections, the requests
+/// that are measured, and the floors under them. Whatever fails ends the benchmark with a message.
+
+#include <benchmark/benchmark.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace arvok {
+
+[[noreturn]] void fail(const std::string &what);
+
+/// A program; what it prints goes into bench.log of the home. Its end comes with that of the object, which
+/// waits for it.
+class program {
+  public:
+    explicit program(std::vector<const char *> args);
+    program(const program &) = delete;
+    program &operator=(const program &) = delete;
+    ~program();
+    /// Waits for a program that ends by itself, well.
+    void join();
+
+  private:
+    pid_t pid_;
+};
+
+/// A TCP connection that it owns.
+class connection {
+  public:
+    explicit connection(int fd);
+    connection(connection &&other) noexcept;
+    connection &operator=(connection &&other) noexcept;
+    ~connection();
+    void read(void *buf, std::size_t len);
+    void write(const void *buf, std::size_t len);
+    /// A whole frame, whose header tells the length of its body.
+    std::vector<char> read_frame(int header_size, int (*body_length)(const void *header));
+
+  private:
+    int fd_;
+};
+
+/// A port of this host that the agent connects to.
+class listener {
+  public:
+    listener(const char *address, const char *port);
+    listener(const listener &) = delete;
+    listener &operator=(const listener &) = delete;
+    ~listener();
+    connection accept();
+
+  private:
+    int fd_;
+};
+
+/// A status request: its name in the output and its JSON text.
+struct status_request {
+    const char *name;
+    std::string text;
+};
+extern const std::vector<status_request> status_requests;
+
+/// The floors. Round trips of frames of these sizes against a bare server on the agent's host, and a platform
+/// call.
+void bare_echo(benchmark::State &state, std::size_t request_size, std::size_t answer_size);
+void bus_call(benchmark::State &state, const char *object, const char *method);
+
+/// The program's main: checks that it is in a home, then has `measure` register and run benchmarks, with the
+/// server behind bare_echo running, and `notes` printed behind the figures.
+int measure_in_home(int argc, char **argv, const std::function<void()> &measure, const char *notes);
+
+}  // namespace arvok
