@@ -271,12 +271,12 @@ class Unlinked(LinkedCase):
 
     def check(self, agent):
         self.journal()
-        before = agent.lines().count("-> ")
+        before = agent.lines().count("(arvok) -> ")
         for number, method, message in (*self.STREAM, (WAN, "last", {})):
             self.notify(number, method, message)
         agent.expect("[DEBUG] wan_event_cb: method last, json: {}\n")
         self.assertEqual(self.journal(), [])
-        self.assertEqual(agent.lines().count("-> "), before)
+        self.assertEqual(agent.lines().count("(arvok) -> "), before)
 
     def test_not_connected(self):
         self.misbehave(fault="refuse", times=0)
