@@ -21,6 +21,7 @@ using waninfo_ptr = handle<qzcap_waninfo, &qzcap_free_waninfo>;
 using wifiinfo_ptr = handle<qzcap_wifiinfo, &qzcap_free_wifiinfo>;
 using wifi_switch_ptr = handle<qzcap_wifi_switch, &qzcap_free_wifi_switch>;
 using diagnostics_ptr = handle<qzcap_diagnostics, &qzcap_free_diagnostics>;
+using wifi_ap_ptr = handle<qzcap_wifi_ap, &qzcap_free_wifi_ap>;
 using mesh_ptr = handle<qzcap_mesh, &qzcap_free_mesh>;
 
 /// Lists are released with their length.

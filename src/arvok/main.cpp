@@ -69,12 +69,15 @@ int run(int argc, char **argv) {
     utask_init();
     ec_init();
     cc_init();
+    extcc_init();
     ec_run();
     cc_run();
+    extcc_run();
     uloop_run_timeout(-1);
 
     cc_done();
     ec_done();
+    extcc_done();
     utask_done();
     unsubscribe_platform_events();
     qzcap_unregister_appmgtcb(g_ctx.appmgt_handle);

@@ -45,7 +45,7 @@ void on_dev_event(const char *method, const char *, const cJSON *event) {
     } else if (_strcmp(method, "newdevice") == 0) {
         if (mac)
             add_new_device(mac);
-        uloop_timeout_set(&g_ctx.parent_timer, rule_delay_ms);
+        uloop_timeout_set(&g_ctx.extcc.parent_timer, rule_delay_ms);
     }
 }
 

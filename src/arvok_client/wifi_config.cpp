@@ -15,7 +15,6 @@ namespace {
 
 constexpr std::uint32_t main_interface = 1;
 
-using wifi_ap_ptr = handle<qzcap_wifi_ap, &qzcap_free_wifi_ap>;
 
 // --- status ---
 

@@ -8,6 +8,7 @@
 #include "arvok/device_info.h"
 #include "arvok_client/arvok_client.h"
 #include "cloud_client/cloud_client.h"
+#include "extcc/extcc.h"
 
 extern "C" {
 #include <libubox/blob.h>
@@ -61,7 +62,7 @@ struct context {
 
     struct blob_buf blob_buf;    ///< shared buffer for building bus messages, one at a time
     void *appmgt_handle;         ///< registration with the app manager
-    uloop_timeout parent_timer;  ///< applies the LAN rules to the hosts that are there now
+    extcc_state extcc;           ///< rules for LAN hosts and the guest network
     std::int32_t wifi_switch_on;
 
     arvok_client arvok;  ///< the record that `ec` points at
