@@ -1,0 +1,228 @@
+// The calendar of the schedules at chosen instants in several time zones, and against a slow model of it.
+
+#include "extcc/schedule.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "common/clock.h"
+#include "common/text.h"
+#include "extcc/rules.h"
+
+namespace arvok {
+namespace {
+
+constexpr const char *zones[] = {"UTC0", "CST-8", "CET-1CEST,M3.5.0,M10.5.0/3"};
+
+// 2024-07-01 was a Monday. `day` counts from it, hour and minute are China Standard Time.
+std::time_t cst(int day, int hour, int minute, int second = 0) {
+    return 1719763200 + day * 86400 + hour * 3600 + minute * 60 + second;
+}
+
+schedule_rule rule(int mode, const char *start, const char *end, int enable = 1) {
+    schedule_rule made{static_cast<std::uint8_t>(enable), static_cast<std::uint8_t>(mode), "", ""};
+    _strlcpy(made.start, start, sizeof made.start);
+    _strlcpy(made.end, end, sizeof made.end);
+    return made;
+}
+
+timer_host host_of(std::initializer_list<schedule_rule> rules) {
+    return {"02C0FFEE0001", 0, rules};
+}
+
+// Evaluates under a time zone; the log of the evaluation is dropped.
+struct outcome {
+    bool in_range;
+    int delay;
+};
+outcome evaluate(const char *zone, const std::list<timer_host> &hosts, std::time_t t) {
+    setenv("TZ", zone, 1);
+    tzset();
+    ::testing::internal::CaptureStderr();
+    const rule_instant at = rule_instant_at(t, need_offset(t));
+    outcome seen{false, _get_next_action(hosts, at)};
+    for (const timer_host &host : hosts)
+        seen.in_range |= _now_in_range(host, at);
+    ::testing::internal::GetCapturedStderr();
+    return seen;
+}
+
+constexpr int hour = 3600, minute = 60, day = 86400;
+
+TEST(Schedule, HoldsAndChangesAtTheDescribedInstants) {
+    constexpr int monday = 0, friday = 4, saturday = 5, sunday = 6;
+    const struct {
+        std::vector<schedule_rule> rules;
+        std::time_t now;
+        bool in_range;
+        int delay;
+    } cases[] = {
+        // no rule, or none that counts: a second past the next midnight
+        {{}, cst(monday, 0, 0), false, day + 1},
+        {{}, cst(monday, 23, 59, 59), false, 2},
+        {{rule(0, "08:00", "20:00", 0)}, cst(monday, 9, 0), false, 15 * hour + 1},
+        {{rule(0, "08:00", "08:00")}, cst(monday, 8, 0), false, 16 * hour + 1},
+        {{rule(0, "0800", "2000")}, cst(monday, 9, 0), false, 15 * hour + 1},
+        // within a day
+        {{rule(0, "08:00", "20:00")}, cst(monday, 7, 59, 59), false, 1},
+        {{rule(0, "08:00", "20:00")}, cst(monday, 8, 0), true, 1},
+        {{rule(0, "08:00", "20:00")}, cst(monday, 8, 0, 1), true, 12 * hour - 1},
+        {{rule(0, "08:00", "20:00")}, cst(monday, 19, 59, 59), true, 1},
+        {{rule(0, "08:00", "20:00")}, cst(monday, 20, 0), false, 1},
+        {{rule(0, "08:00", "20:00")}, cst(monday, 20, 0, 1), false, 4 * hour},
+        {{rule(0, "8:05", "9:06")}, cst(monday, 8, 6), true, hour},
+        // across midnight
+        {{rule(0, "22:00", "06:00")}, cst(monday, 23, 0), true, hour + 1},
+        {{rule(0, "22:00", "06:00")}, cst(monday, 5, 0), true, hour},
+        {{rule(0, "22:00", "06:00")}, cst(monday, 0, 0), true, 6 * hour},
+        {{rule(0, "22:00", "06:00")}, cst(monday, 12, 0), false, 10 * hour},
+        {{rule(0, "22:00", "06:00")}, cst(monday, 6, 0), false, 1},
+        {{rule(0, "22:00", "06:00")}, cst(monday, 22, 0), true, 1},
+        // one weekday, and its morning after, also across the week
+        {{rule(5, "21:00", "02:00")}, cst(friday, 20, 0), false, hour},
+        {{rule(5, "21:00", "02:00")}, cst(friday, 1, 0), false, 20 * hour},
+        {{rule(5, "21:00", "02:00")}, cst(friday, 22, 0), true, 2 * hour + 1},
+        {{rule(5, "21:00", "02:00")}, cst(saturday, 1, 59), true, minute},
+        {{rule(5, "21:00", "02:00")}, cst(saturday, 2, 0, 1), false, 22 * hour},
+        {{rule(7, "08:00", "24:00")}, cst(sunday, 7, 0), false, hour},
+        {{rule(7, "08:00", "24:00")}, cst(sunday, 23, 59), true, minute},
+        {{rule(7, "08:00", "24:00")}, cst(monday, 9, 0), false, 15 * hour + 1},
+        {{rule(7, "23:00", "01:00")}, cst(sunday, 23, 30), true, 30 * minute + 1},
+        {{rule(7, "23:00", "01:00")}, cst(monday, 0, 30), true, 30 * minute},
+        {{rule(6, "23:00", "01:00")}, cst(sunday, 0, 30), true, 30 * minute},
+        {{rule(1, "23:00", "01:00")}, cst(sunday, 0, 30), false, 23 * hour + 30 * minute + 1},
+        // minutes carry into the hour
+        {{rule(0, "12:75", "14:00")}, cst(monday, 13, 14), false, minute},
+        {{rule(0, "12:75", "14:00")}, cst(monday, 13, 16), true, 44 * minute},
+        // several rules: the nearest boundary of all, and any that holds
+        {{rule(0, "08:00", "10:00"), rule(0, "09:00", "12:00"), rule(1, "09:30", "09:40")},
+         cst(monday, 9, 10),
+         true,
+         20 * minute},
+        {{rule(0, "10:00", "11:00"), rule(2, "08:00", "09:00")}, cst(monday, 8, 30), false, 90 * minute},
+        // a boundary of a rule for another day counts as one
+        {{rule(2, "08:00", "09:00")}, cst(monday, 8, 0), false, 1},
+    };
+    for (const char *zone : zones) {
+        for (const auto &c : cases) {
+            timer_host host = host_of({});
+            host.rules.assign(c.rules.begin(), c.rules.end());
+            const outcome seen = evaluate(zone, {host}, c.now);
+            EXPECT_EQ(seen.in_range, c.in_range) << zone << " case " << &c - cases;
+            EXPECT_EQ(seen.delay, c.delay) << zone << " case " << &c - cases;
+        }
+    }
+}
+
+// Whether a rule holds, looked up in every day of a fortnight.
+struct model_rule {
+    int mode, start, end;       // minutes of the day
+    bool holds(int at) const {  // minutes from a Monday
+        for (int d = -1; d < 8; d++) {
+            const int weekday = (d + 7) % 7 + 1;
+            const int to = end + (end < start ? 24 * 60 : 0);
+            if ((mode == 0 || mode == weekday) && d * 24 * 60 + start <= at && at < d * 24 * 60 + to)
+                return true;
+        }
+        return false;
+    }
+};
+
+TEST(Schedule, AgreesWithALookAtEveryMinute) {
+    std::mt19937 random(20240701);
+    const auto pick = [&random](int low, int high) {
+        return std::uniform_int_distribution<int>(low, high)(random);
+    };
+    for (int round = 0; round < 3000; round++) {
+        std::vector<model_rule> models;
+        std::list<timer_host> hosts(static_cast<std::size_t>(pick(1, 3)), host_of({}));
+        for (timer_host &host : hosts) {
+            for (int i = pick(0, 3); i > 0; i--) {
+                const model_rule model{pick(0, 7), pick(0, 23 * 60 + 59), pick(0, 24 * 60)};
+                char start[8], end[8];
+                std::snprintf(start, sizeof start, "%02u:%02u", model.start / 60u % 24, model.start % 60u);
+                std::snprintf(end, sizeof end, "%02u:%02u", model.end / 60u % 25, model.end % 60u);
+                host.rules.push_front(rule(model.mode, start, end));
+                if (model.start != model.end)
+                    models.push_back(model);
+            }
+        }
+        const int now = pick(0, 7 * 24 * 60 - 1), second = pick(1, 59);
+        bool in_range = false;
+        const int midnight = (now / 1440 + 1) * 1440;
+        int change = midnight;
+        for (const model_rule &model : models) {
+            in_range |= model.holds(now);
+            for (int at = now + 1; at < change; at++)
+                if (model.holds(at) != model.holds(now))
+                    change = at;
+        }
+        const outcome seen = evaluate(zones[round % 3], hosts, cst(0, 0, now, second));
+        EXPECT_EQ(seen.in_range, in_range) << "round " << round;
+        // What ends at midnight is seen then, everything else of the next day a second later.
+        const int until = (change - now) * 60 - second;
+        EXPECT_TRUE(seen.delay == until || (change == midnight && seen.delay == until + 1))
+            << "round " << round << ": " << seen.delay << " instead of " << until;
+    }
+}
+
+TEST(Schedule, TheGuestNetworkFollowsItsFile) {
+    const struct {
+        guest_schedule schedule;
+        std::time_t now;
+        bool on;
+        std::int64_t delay;
+    } cases[] = {
+        {{1, 0, guest_forever}, 5000, true, 0},
+        {{0, 0, guest_forever}, 5000, false, 0},
+        {{0, 1000, 10}, 999, false, 1},
+        {{0, 1000, 10}, 1000, true, 600},
+        {{0, 1000, 10}, 1599, true, 1},
+        {{1, 1000, 10}, 1600, false, 0},
+        {{1, 1000, 0}, 1000, false, 0},
+        {{1, 0, 0}, 1000, false, 0},
+        {{1, INT64_MAX, 1440}, 1000, false, INT64_MAX - 1000},
+        {{1, INT64_MIN, -9}, 1000, false, 0},
+    };
+    for (const auto &c : cases) {
+        const guest_action action = guest_action_at(c.schedule, c.now);
+        EXPECT_EQ(action.on, c.on) << &c - cases;
+        EXPECT_EQ(action.delay, c.delay) << &c - cases;
+    }
+    EXPECT_STREQ(cst_text(cst(0, 9, 5)), "2024-07-01 09:05");
+}
+
+TEST(Schedule, TextsAreChecked) {
+    for (const char *good : {"24:00", "0:00", "00:00", "9:59", "23:59", "12:75"})
+        EXPECT_EQ(_is_valid_hhmm(good), 1) << good;
+    for (const char *bad : {"", ":", "0:0", "24:01", "24:0", "25:00", "12:5a", "a2:00", "1200", "12-00",
+                            "123:00", "-1:00", "12:345"})
+        EXPECT_EQ(_is_valid_hhmm(bad), 0) << bad;
+    EXPECT_EQ(_is_valid_hhmm(nullptr), 0);
+    const struct {
+        const char *text;
+        unsigned long min, max;
+        int valid;
+    } numbers[] = {{"0", 0, 1, 1},
+                   {"1", 0, 1, 1},
+                   {"2", 0, 1, 0},
+                   {"", 0, 9, 0},
+                   {nullptr, 0, 9, 0},
+                   {"1x", 0, 9, 0},
+                   {"x", 0, 9, 0},
+                   {"1.0", 0, 9, 0},
+                   {"2147483648", 0, 2147483648, 1},
+                   {"2147483649", 0, 2147483648, 0},
+                   {"99999999999999999999999", 0, 9, 0},
+                   {"0", 1, 1440, 0}};
+    for (const auto &n : numbers)
+        EXPECT_EQ(_is_uint_in(n.text, n.min, n.max), n.valid) << text_or_empty(n.text);
+}
+
+}  // namespace
+}  // namespace arvok
