@@ -52,21 +52,16 @@ bool is_in_range(const schedule_rule &rule, const rule_instant &at) {
     return day.start < day.end ? is_same_day_in_range(rule, day, at) : is_overnight_in_range(rule, day, at);
 }
 
-// How many seconds until one rule begins or ends to hold, today; 0 when it will do neither.
+// Seconds until one rule begins or ends to hold today; not above 0 when it will do neither.
 std::int64_t seconds_to_boundary(const schedule_rule &rule, const rule_day &day, const rule_instant &at) {
-    const std::int64_t now = at.now, to_start = day.start - now, to_end = day.end - now;
-    const auto if_ahead = [](std::int64_t seconds) { return seconds > 0 ? seconds : 0; };
-    if (rule.mode == 0 && day.start > day.end) {
-        if (now < day.end)
-            return to_end;
-        return now <= day.start ? to_start : 0;
-    }
-    if (rule.mode == 0 || rule.mode == at.weekday) {
-        if (now < day.start)
-            return to_start;
-        return day.start < day.end ? if_ahead(to_end) : 0;  // the end after midnight is the next day's
-    }
-    return day.start > day.end && next_day(rule.mode) == at.weekday ? if_ahead(to_end) : 0;
+    const std::int64_t to_start = day.start - at.now, to_end = day.end - at.now;
+    if (rule.mode == 0 && day.start > day.end)
+        return to_end > 0 ? to_end : to_start;
+    if (rule.mode == 0 || rule.mode == at.weekday)
+        return to_start > 0 ? to_start : to_end;
+    if (day.start > day.end && next_day(rule.mode) == at.weekday)
+        return to_end;  // of the night that began on the rule's day
+    return 0;
 }
 
 }  // namespace
