@@ -36,7 +36,7 @@ def wait_until(condition, what, deadline=DEADLINE):
 class Agent:
     """One run of the agent on the access point, and its log."""
 
-    def __init__(self, *args, program=("lab-ap", "arvokclt"), **kwargs):
+    def __init__(self, *args, program=("lab-agent",), **kwargs):
         self.path = os.path.join(os.environ["LAB_DIR"], "agent-%d.log" % time.monotonic_ns())
         with open(self.path, "wb") as log:
             self.process = subprocess.Popen([*program, *args], stdout=log, stderr=log, stdin=subprocess.DEVNULL,
