@@ -181,7 +181,7 @@ def vendor_element_makes_the_round(tour):
     acknowledged(tour, {"type": "control", "data": [
         {"command": "sendvsie", "id": "tour", "band": "2.4G", "data": element, "persist": 60}]})
     last = tour.link.from_ap("dev_report")
-    received = {"band": 1, "mac": "02:C0:FF:EE:00:03", "vsie": [221, 5, 80, 111, 154, 28]}
+    received = {"band": 1, "mac": "02C0FFEE0003", "vsie": [221, 5, 80, 111, 154, 28]}
     call("qzcapd.emulator", "notify", {"object": 30, "method": "vsie", "message": received})
     event = tour.link.wait_for("the event of the element", lambda frame: is_message("rx", "event")(frame)
                                and frame["message"]["data"][0]["event"] == "vsie", after=last)

@@ -402,7 +402,7 @@ class Rows(LinkedCase):
 
     def test_eventsub(self):
         self.link()
-        host = "02:C0:FF:EE:00:01"
+        host = "02C0FFEE0001"
 
         def events():
             """The events that one change of each kind makes."""

@@ -97,13 +97,13 @@ class Commands(LinkedCase):
 
     def test_deassociation(self):
         self.link()
-        name, phone, tablet = "qzcap_wifi_deassociation", "02:C0:FF:EE:00:02", "02:c0:ff:ee:00:03"
+        name, phone, tablet = "qzcap_wifi_deassociation", "02C0FFEE0002", "02c0ffee0003"
         command = lambda **members: ({"command": "deassociation", **members},)
         self.table([(command(**members), (10002, "invalid mac"), [])
                     for members in ({}, {"mac": 5}, {"mac": None}, {"mac": {}}, {"mac": [phone, 5]}, {"mac": []})] + [
             (command(mac="nobody"), (10004, name + " failed: no such station: nobody"), [(name, {"macs": ["nobody"]})]),
             (command(mac=phone), (0, ""), [(name, {"macs": [phone]})]),
-            (command(mac=[tablet, "02:C0:FF:EE:00:04"]), (0, ""), [(name, {"macs": [tablet, "02:C0:FF:EE:00:04"]})]),
+            (command(mac=[tablet, "02C0FFEE0004"]), (0, ""), [(name, {"macs": [tablet, "02C0FFEE0004"]})]),
         ], [name])
         active = [host["active"] for host in self.state()["laninfo"].values()]
         self.assertEqual(active, [1, 0, 0, 0, 0, 0])

@@ -8,7 +8,7 @@ import unittest
 from desk import LinkedCase, call, wait_until
 
 LAN, WAN, WIFI, MESH, ROAMING, VSIE = 5, 6, 7, 15, 16, 30
-DESK, PHONE, LAPTOP, PRINTER = ("02:C0:FF:EE:00:%02d" % n for n in (1, 2, 5, 6))
+DESK, PHONE, LAPTOP, PRINTER = ("02C0FFEE00%02d" % n for n in (1, 2, 5, 6))
 DNS = ["192.168.1.1", "100.64.0.1"]
 ALL = ["online", "offline", "vsie", "rolechange"]
 BACKHAUL = {"ssid": "Home-backhaul", "key": "copper-lantern", "auth": "wpa2psk", "encrypt": "aes"}
@@ -88,9 +88,9 @@ class Changes(EventCase):
             (state(mesh={"role": "controller"}), [event("rolechange", role="controller"), role("controller")]),
             (state(wifi_switch={"wpsswitch": "on"}), []),
             (lambda: call("qzcapd.roaming", "rssi_query", {"record": {
-                "mac": "02:C0:FF:EE:00:04", "band": "2.4G", "channel": 6, "duration": 1}}),
+                "mac": "02C0FFEE0004", "band": "2.4G", "channel": 6, "duration": 1}}),
              [{"type": "cfg", "roaming_report": [
-                 {"mac": "02:C0:FF:EE:00:04", "connect_time": 86000, "rssi": -70, "channel": 6}]}]),
+                 {"mac": "02C0FFEE0004", "connect_time": 86000, "rssi": -70, "channel": 6}]}]),
             (lambda: self.notify(VSIE, "vsie", {"band": 0, "mac": "m", "vsie": [221, 5]}),
              [event("vsie", band="2.4G", mac="m", data="ZGQwNQ==")]))
 
@@ -226,8 +226,8 @@ class Notifications(EventCase):
     def test_long_interface_names_are_cut(self):
         self.link({"wifi_ap": {"2.4G": {"1": {"ssid": "s" * 70, "bssid": "b" * 70}}}})
         self.cfg(eventsub=["online"])
-        self.notify(LAN, "devicestatus", {"mac": "02:C0:FF:EE:00:04", "active": 1})
-        self.assert_sent(online("02:C0:FF:EE:00:04", "2.4G", "s" * 63, "b" * 63), self.hosts())
+        self.notify(LAN, "devicestatus", {"mac": "02C0FFEE0004", "active": 1})
+        self.assert_sent(online("02C0FFEE0004", "2.4G", "s" * 63, "b" * 63), self.hosts())
 
     def test_platform_failures(self):
         agent = self.link()

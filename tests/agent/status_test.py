@@ -160,7 +160,7 @@ class Items(StatusCase):
         numbers = ["9007199254740992", "9007199254740991", "4294967296", "1000000000000001"]
         self.patch({"wifi_apstat": {"2.4G": {"1": dict(zip(
             ("bytessent", "bytesreceived", "packetssent", "packetsreceived"), numbers))}},
-            "laninfo": {"02:C0:FF:EE:00:01": dict(zip(
+            "laninfo": {"02C0FFEE0001": dict(zip(
                 ("bytessent", "bytesreceived", "packetssent", "packetsreceived"), numbers))}})
         self.status("wlanstats", "real_devinfo")
         agent.expect('"totalBytesSent":%s,"totalBytesReceived":%s,"totalPacketsSent":%s,"totalPacketsReceived":%s,'

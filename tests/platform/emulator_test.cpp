@@ -39,14 +39,14 @@ TEST_F(Emulator, ChangesAreAnnouncedWhoeverMakesThem) {
         std::vector<std::string> heard;
     };
     const Case cases[] = {
-        {R"({"laninfo":{"02:C0:FF:EE:00:05":{"active":1}}})",
+        {R"({"laninfo":{"02C0FFEE0005":{"active":1}}})",
          QZCAP_OBJ_LANINFO,
-         {R"(devicestatus {"mac":"02:C0:FF:EE:00:05","active":1})"}},
-        {R"({"laninfo":{"02:C0:FF:EE:00:05":{"active":1,"rssi":-50}}})", QZCAP_OBJ_LANINFO, {}},
-        {R"({"laninfo":{"02:C0:FF:EE:00:05":{"active":0},"02:C0:FF:EE:00:01":{"active":0}}})",
+         {R"(devicestatus {"mac":"02C0FFEE0005","active":1})"}},
+        {R"({"laninfo":{"02C0FFEE0005":{"active":1,"rssi":-50}}})", QZCAP_OBJ_LANINFO, {}},
+        {R"({"laninfo":{"02C0FFEE0005":{"active":0},"02C0FFEE0001":{"active":0}}})",
          QZCAP_OBJ_LANINFO,
-         {R"(devicestatus {"mac":"02:C0:FF:EE:00:01","active":0})",
-          R"(devicestatus {"mac":"02:C0:FF:EE:00:05","active":0})"}},
+         {R"(devicestatus {"mac":"02C0FFEE0001","active":0})",
+          R"(devicestatus {"mac":"02C0FFEE0005","active":0})"}},
         {R"({"laninfo":{"02:00:00:00:00:99":{"index":9,"active":1}}})",
          QZCAP_OBJ_LANINFO,
          {R"(newdevice {"mac":"02:00:00:00:00:99","active":1})",
@@ -71,18 +71,17 @@ TEST_F(Emulator, ChangesAreAnnouncedWhoeverMakesThem) {
                 ElementsAre(R"(arvoksync {"arvoksync":"on"})"));
     EXPECT_THAT(heard(QZCAP_OBJ_LANINFO,
                       [] {
-                          const char *const station[] = {"02:C0:FF:EE:00:04"};
+                          const char *const station[] = {"02C0FFEE0004"};
                           qzcap_wifi_deassociation(station, 1, nullptr);
                       }),
-                ElementsAre(R"(devicestatus {"mac":"02:C0:FF:EE:00:04","active":0})"));
-    EXPECT_THAT(
-        heard(QZCAP_OBJ_ROAMING,
-              [] {
-                  qzcap_rssi_query query{const_cast<char *>("02:c0:ff:ee:00:02"), nullptr, 0, 0};
-                  qzcap_start_rssi_query(&query, nullptr);
-              }),
-        ElementsAre(R"(roamingreport {"roamingreport":[{"mac":"02:C0:FF:EE:00:02","connecttime":3600,)"
-                    R"("rssi":-48,"channel":36}]})"));
+                ElementsAre(R"(devicestatus {"mac":"02C0FFEE0004","active":0})"));
+    EXPECT_THAT(heard(QZCAP_OBJ_ROAMING,
+                      [] {
+                          qzcap_rssi_query query{const_cast<char *>("02c0ffee0002"), nullptr, 0, 0};
+                          qzcap_start_rssi_query(&query, nullptr);
+                      }),
+                ElementsAre(R"(roamingreport {"roamingreport":[{"mac":"02C0FFEE0002","connecttime":3600,)"
+                            R"("rssi":-48,"channel":36}]})"));
     EXPECT_THAT(
         heard(QZCAP_OBJ_VSIE,
               [&] { emulator("notify", R"({"object":30,"method":"vsie","message":{"vsie":[221,5]}})"); }),
@@ -196,10 +195,10 @@ TEST_F(Emulator, BadRequestsGetAReasonAndChangeNothing) {
         {"patch", R"({"patch":{"waninof":{}}})", UBUS_STATUS_INVALID_ARGUMENT, "waninof: no such member"},
         {"patch", R"({"patch":{"waninfo":{"ipaddr":5}}})", UBUS_STATUS_INVALID_ARGUMENT,
          "waninfo.ipaddr: must be a text"},
-        {"patch", R"({"patch":{"laninfo":{"02:C0:FF:EE:00:01":{"rssi":"-50"}}}})",
-         UBUS_STATUS_INVALID_ARGUMENT, "laninfo.02:C0:FF:EE:00:01.rssi: must be a signed 32-bit number"},
-        {"patch", R"({"patch":{"laninfo":{"02:C0:FF:EE:00:01":{"mac":"x"}}}})", UBUS_STATUS_INVALID_ARGUMENT,
-         "laninfo.02:C0:FF:EE:00:01.mac: no such member"},
+        {"patch", R"({"patch":{"laninfo":{"02C0FFEE0001":{"rssi":"-50"}}}})", UBUS_STATUS_INVALID_ARGUMENT,
+         "laninfo.02C0FFEE0001.rssi: must be a signed 32-bit number"},
+        {"patch", R"({"patch":{"laninfo":{"02C0FFEE0001":{"mac":"x"}}}})", UBUS_STATUS_INVALID_ARGUMENT,
+         "laninfo.02C0FFEE0001.mac: no such member"},
         {"patch", R"({"patch":{"wifi_ap":{"6G":{}}}})", UBUS_STATUS_INVALID_ARGUMENT,
          R"(wifi_ap.6G: must be "2.4G" or "5G")"},
         {"patch", R"({"patch":{"wifi_timer":{"first":{}}}})", UBUS_STATUS_INVALID_ARGUMENT,

@@ -41,15 +41,15 @@ char *text(const char *literal) {
 }
 
 const std::vector<Probe> &probes() {
-    static const char *const station[] = {"02:C0:FF:EE:00:02"};
+    static const char *const station[] = {"02C0FFEE0002"};
     static qzcap_iptv iptv{text("no"), 0, nullptr};
     static qzcap_serverinfo server{text("a:1"), nullptr, text(""), text(""), 0, nullptr};
     static qzcap_laninfo host{};
     static qzcap_wifiinfo radio{};
     static qzcap_wifi_ap ap{};
     static qzcap_wifi_timer timer{0, text("1"), text("06:00"), text("yes")};
-    static qzcap_rssi_query query{text("02:C0:FF:EE:00:02"), text("5G"), 36, 100};
-    static qzcap_bsstransition move{text("02:C0:FF:EE:00:02"), text("02:5A:10:00:01:01"), 6, 0};
+    static qzcap_rssi_query query{text("02C0FFEE0002"), text("5G"), 36, 100};
+    static qzcap_bsstransition move{text("02C0FFEE0002"), text("02:5A:10:00:01:01"), 6, 0};
     static qzcap_roaming roaming{text("no"), 0, 0, 0, 0};
     static unsigned char data[] = {1};
     static qzcap_vsie_beacontx beacon{text("x"), 1, 1, data, 1};

@@ -179,7 +179,7 @@ char *text(const char *literal) {
 
 TEST_F(Records, SettingsAreReadBack) {
     static const char *const macs[] = {"02:00:00:00:00:01", "02:00:00:00:00:02"};
-    static const char *const station[] = {"02:c0:ff:ee:00:02"};
+    static const char *const station[] = {"02c0ffee0002"};
     std::uint32_t ports[] = {2, 3, 0};
     unsigned char element[] = {0xdd, 0x05, 0x00, 0xff};
     char *abi[] = {text("100.64.0.3:9000")};
@@ -208,12 +208,12 @@ TEST_F(Records, SettingsAreReadBack) {
         {"workmode", [] { return qzcap_set_workmode("router", nullptr); }, "devinfo.mode", R"("router")"},
         {"serverinfo", [&] { return qzcap_set_serverinfo(&server, nullptr); }, "serverinfo",
          R"({"bss":"100.64.0.9:8088","devtoken":"token","devid":"id","abi_list":["100.64.0.3:9000"]})"},
-        {"host name", [&] { return qzcap_set_laninfo(3, &host, nullptr); },
-         "laninfo.02:C0:FF:EE:00:03.devname", R"("Renamed")"},
-        {"host limit", [&] { return qzcap_set_laninfo(3, &host, nullptr); },
-         "laninfo.02:C0:FF:EE:00:03.downlimit", "2000"},
+        {"host name", [&] { return qzcap_set_laninfo(3, &host, nullptr); }, "laninfo.02C0FFEE0003.devname",
+         R"("Renamed")"},
+        {"host limit", [&] { return qzcap_set_laninfo(3, &host, nullptr); }, "laninfo.02C0FFEE0003.downlimit",
+         "2000"},
         {"host observation", [&] { return qzcap_set_laninfo(3, &host, nullptr); },
-         "laninfo.02:C0:FF:EE:00:03.active", "1"},
+         "laninfo.02C0FFEE0003.active", "1"},
         {"blacklist", [] { return qzcap_set_blacklist("yes", macs, 2, nullptr); }, "blacklist",
          R"({"enable":"yes","macs":["02:00:00:00:00:01","02:00:00:00:00:02"]})"},
         {"radio channel", [&] { return qzcap_set_wifiinfo_async(QZCAP_RADIO_5G, &radio, 0); },
@@ -234,7 +234,7 @@ TEST_F(Records, SettingsAreReadBack) {
          R"("23:15")"},
         {"timer deleted", [] { return qzcap_wifi_timer_delete(1, nullptr); }, "wifi_timer.1", "(none)"},
         {"deassociation", [] { return qzcap_wifi_deassociation(station, 1, nullptr); },
-         "laninfo.02:C0:FF:EE:00:02.active", "0"},
+         "laninfo.02C0FFEE0002.active", "0"},
         {"roaming", [&] { return qzcap_set_roaming(&roaming, nullptr); }, "roaming",
          R"({"enable":"yes","rssi_2g":-60,"rssi_5g":-61,"difference":5,"interval":6})"},
         {"mesh roaming", [&] { return qzcap_set_mesh_roaming(&roaming, nullptr); }, "mesh_roaming.rssi_5g",
@@ -279,7 +279,7 @@ struct Refusal {
 };
 
 TEST_F(Records, BadSettingsAreRefusedWithAReasonAndChangeNothing) {
-    static const char *const stations[] = {"02:C0:FF:EE:00:02", "02:C0:FF:EE:00:05"};
+    static const char *const stations[] = {"02C0FFEE0002", "02C0FFEE0005"};
     qzcap_wifi_timer timer{0, text(""), text("06:00"), text("yes")};
     qzcap_wifi_ap ap{};
     qzcap_wifi_ap long_ssid{};
@@ -289,7 +289,7 @@ TEST_F(Records, BadSettingsAreRefusedWithAReasonAndChangeNothing) {
     unsigned char data[256] = {1};
     qzcap_vsie_beacontx element{text("arvokclt"), 1, 1, data, 256};
     qzcap_roaming roaming{text("maybe"), 0, 0, 0, 0};
-    qzcap_bsstransition move{text("02:C0:FF:EE:00:01"), text("02:5A:10:00:02:01"), 36, 0};
+    qzcap_bsstransition move{text("02C0FFEE0001"), text("02:5A:10:00:02:01"), 36, 0};
     const Refusal refusals[] = {
         {[](char **e) { return qzcap_set_led_switch("ON", e); }, "status: must be on or off"},
         {[](char **e) { return qzcap_set_led_switch(nullptr, e); }, "status: missing"},
@@ -314,9 +314,8 @@ TEST_F(Records, BadSettingsAreRefusedWithAReasonAndChangeNothing) {
         {[&](char **e) { return qzcap_wifi_ap_add(12, &ap, e); }, "band: the device has no such band"},
         {[](char **e) { return qzcap_wifi_ap_delete(QZCAP_AP_5G, 1, e); },
          "the main interface cannot be deleted"},
-        {[](char **e) { return qzcap_wifi_deassociation(stations, 2, e); },
-         "no such station: 02:C0:FF:EE:00:05"},
-        {[&](char **e) { return qzcap_bss_transition(&move, e); }, "no such station: 02:C0:FF:EE:00:01"},
+        {[](char **e) { return qzcap_wifi_deassociation(stations, 2, e); }, "no such station: 02C0FFEE0005"},
+        {[&](char **e) { return qzcap_bss_transition(&move, e); }, "no such station: 02C0FFEE0001"},
         {[&](char **e) { return qzcap_set_roaming(&roaming, e); }, "roaming.enable: must be yes or no"},
         {[](char **e) { return qzcap_set_mesh_role("boss", e); }, "role: must be controller, agent or auto"},
         {[&](char **e) { return qzcap_add_vsie_beacontx(&element, e); }, "data: longer than 255 bytes"},

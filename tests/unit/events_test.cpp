@@ -35,11 +35,11 @@ class Events : public Link {
 TEST_F(Events, NewHostsAreListedAndArmTheRules) {
     EXPECT_EQ(notify(0, "newdevice", R"({"mac":"aa"})"), 0);
     const auto armed_anew = [] {
-        const int left = uloop_timeout_remaining(&g_ctx.parent_timer);
+        const int left = uloop_timeout_remaining(&g_ctx.extcc.parent_timer);
         return left > 100 && left <= 200;
     };
     EXPECT_TRUE(armed_anew());
-    uloop_timeout_set(&g_ctx.parent_timer, 5);
+    uloop_timeout_set(&g_ctx.extcc.parent_timer, 5);
     notify(0, "newdevice", R"({"mac":"BB"})");
     EXPECT_TRUE(armed_anew());
     notify(0, "newdevice", R"({"mac":"aa"})");
@@ -47,7 +47,7 @@ TEST_F(Events, NewHostsAreListedAndArmTheRules) {
     notify(0, "newdevice", R"({"mac":"0123456789012345678901234567890123456789"})");
     EXPECT_EQ(new_devices(), "0123456789012345678901234567890 aa BB aa");
 
-    uloop_timeout_cancel(&g_ctx.parent_timer);
+    uloop_timeout_cancel(&g_ctx.extcc.parent_timer);
     for (const char *stays : {R"({"mac":"aa","active":1})", R"({"mac":"aa"})", R"({"mac":"aa","active":"0"})",
                               R"({"mac":"cc","active":0})", R"({"active":0})"})
         notify(0, "devicestatus", stays);
@@ -57,7 +57,7 @@ TEST_F(Events, NewHostsAreListedAndArmTheRules) {
     EXPECT_EQ(new_devices(), "0123456789012345678901234567890 aa");
     notify(0, "something", R"({"mac":"aa","active":0})");
     EXPECT_EQ(new_devices(), "0123456789012345678901234567890 aa");
-    EXPECT_FALSE(g_ctx.parent_timer.pending);
+    EXPECT_FALSE(g_ctx.extcc.parent_timer.pending);
     for (std::size_t i = 0; i < 2 * new_devices_max; i++)
         notify(0, "newdevice", R"({"mac":"dd"})");
     EXPECT_EQ(g_ctx.new_devices.size(), new_devices_max);
