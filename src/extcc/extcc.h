@@ -5,7 +5,8 @@
 /// rules.cpp       the rules in memory and in their files
 /// schedule.cpp    when a rule holds and when to look again: functions of (rules, now) without a clock
 /// scheduler.cpp   the three timers that apply the rules
-/// lan_hosts.cpp   commands about LAN hosts
+/// lan_hosts.cpp   the list of LAN hosts
+/// host_rules.cpp  commands that set and tell the rules of LAN hosts
 /// guest_wifi.cpp  commands about the guest network
 ///
 /// Everything runs on the loop thread. Times of day are China Standard Time, whatever the device's time zone.

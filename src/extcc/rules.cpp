@@ -48,14 +48,8 @@ std::uint32_t number(const char *text) {
 }
 
 void load_schedules() {
-    const file_ptr file = open_rules(schedule_file, "re");
-    char line[load_line];
-    while (file && std::fgets(line, sizeof line, file.get())) {
-        char mac[16] = "", mode[8] = "", start[8] = "", end[8] = "", enable[3] = "";
-        std::sscanf(line, "%15[^|]|%7[^|]|%7[^|]|%7[^|]|%2[^|]|%*[^|]|%*[^\n]", mac, mode, start, end,
-                    enable);
-        _add_mac_to_list(mac, start, end, std::atoi(enable), std::atoi(mode));
-    }
+    for (const schedule_line &line : schedule_lines())
+        _add_mac_to_list(line.mac, line.start, line.end, std::atoi(line.enable), std::atoi(line.mode));
 }
 
 void load_parent_rules() {
@@ -145,6 +139,18 @@ void drop_parent_flag(parent_flag flag) {
     for (parent_rule &rule : g_ctx.extcc.parent_rules)
         rule.flags &= ~static_cast<std::uint32_t>(flag);
     index_parent_rules();
+}
+
+std::vector<schedule_line> schedule_lines() {
+    std::vector<schedule_line> lines;
+    const file_ptr file = open_rules(schedule_file, "re");
+    char text[load_line];
+    while (file && std::fgets(text, sizeof text, file.get())) {
+        schedule_line &line = lines.emplace_back();
+        std::sscanf(text, "%15[^|]|%7[^|]|%7[^|]|%7[^|]|%2[^|]|%15[^|]|%15[^\n]", line.mac, line.mode,
+                    line.start, line.end, line.enable, line.continue_id, line.group_id);
+    }
+    return lines;
 }
 
 void _save_pr_cfg() {

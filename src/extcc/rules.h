@@ -2,6 +2,7 @@
 /// The rules in memory, their files, and the checks of what a command says.
 
 #include <ctime>
+#include <vector>
 
 #include "arvok/device_info.h"
 #include "extcc/extcc.h"
@@ -42,6 +43,13 @@ void drop_parent_flag(parent_flag flag);
 
 // --- files ---
 
+/// A line of the schedule file: a field that is not found is empty.
+struct schedule_line {
+    char mac[rule_mac_size], mode[8], start[8], end[8], enable[3], continue_id[16], group_id[16];
+};
+/// The schedule file's lines, in order.
+std::vector<schedule_line> schedule_lines();
+
 /// Rewrites the blocking and rate file.
 void _save_pr_cfg();
 /// Removes the lines that contain the text from the schedule file; null removes all.
@@ -51,6 +59,11 @@ void _remove_timer_lines(const char *mac);
 
 /// The hosts that the platform knows; null when they could not be listed.
 laninfos_ptr list_hosts();
+template <typename Action>
+void for_each_host(const laninfos_ptr &hosts, Action action) {
+    for (unsigned int i = 0; hosts && i < hosts.get_deleter().count; i++)
+        action(*hosts.get()[i]);
+}
 /// Replaces a text of a platform record.
 void replace_text(char *&text, const char *value);
 

@@ -21,12 +21,6 @@ constexpr int guest_file_max = 128;
 
 // --- hosts ---
 
-template <typename Action>
-void for_each_host(const laninfos_ptr &hosts, Action action) {
-    for (unsigned int i = 0; hosts && i < hosts.get_deleter().count; i++)
-        action(*hosts.get()[i]);
-}
-
 // Decided once, when the clock is set; the day of the schedules is the same either way.
 bool is_shifted(std::time_t now) {
     std::int32_t &state = g_ctx.extcc.tz_offset_state;
