@@ -69,14 +69,17 @@ int run(int argc, char **argv) {
     utask_init();
     ec_init();
     cc_init();
+    ls_init();
     extcc_init();
     ec_run();
     cc_run();
+    ls_run();
     extcc_run();
     uloop_run_timeout(-1);
 
     cc_done();
     ec_done();
+    ls_done();
     extcc_done();
     utask_done();
     unsubscribe_platform_events();

@@ -11,6 +11,7 @@
 #include "arvok_client/arvok_client.h"
 #include "arvok_client/frame.h"
 #include "common/clock.h"
+#include "common/frame_reader.h"
 #include "common/network.h"
 #include "common/text.h"
 #include "context.h"
@@ -109,65 +110,36 @@ void connect_link() {
 
 // --- receiving ---
 
-// Runs one complete body; false when it is not JSON.
-bool receive_body(const char *body, int length) {
+// What is not JSON ends the connection.
+void receive_body(tcp_stream &, char *body, int length) {
     text_ptr text = frame_body_text(body, length, ec->dh.aes_key.get());
     if (!text)
-        return true;
+        return;
     const json_ptr root = json_parse(text.get());
     if (!arvok_is_keepalive_ack(root.get()))
         qzcap_printf("[INFO] (arvok) <- %s (%d)\n", text.get(), _strlen(text.get()));
     text.reset();
     if (!root) {
         qzcap_printf("[ERROR] (arvok) invalid msg (not json format)\n");
-        return false;
+        return fail();
     }
     reply_context context{0, 1, nullptr};
     handle_arvok_msg(root.get(), context);
-    return true;
 }
 
-// Takes the header off the stream. The body length, or 0 after a log line.
-int read_header(tcp_stream &stream) {
-    char header[frame_header_size];
-    const int got = stream_read(stream, header, frame_header_size);
-    if (got < frame_header_size) {
-        qzcap_printf("[ERROR] (arvok) read header failed, %d\n", got);
-        return 0;
-    }
-    return frame_body_length(header);
-}
+constexpr frame_protocol protocol{
+    .header_size = frame_header_size,
+    .body_length = frame_body_length,
+    .receive = receive_body,
+    .short_header = "[ERROR] (arvok) read header failed, %d\n",
+    .waiting = "[INFO] (arvok) wait for the TCP fragmentation, %d/%d\n",
+    .short_body = "[ERROR] (arvok) read msg failed, %d %d\n",
+    .forgets_length = true,
+};
 
-// Handles every frame that is complete. The length of a header that is read while no more than a header's
-// size remains buffered is forgotten: it is only stored once the wait for the body is known to go on.
 void read_cb(tcp_stream &stream, int avail) {
-    int length = ec->pending_len;
-    while (avail > frame_header_size) {
-        if (length == 0) {
-            length = read_header(stream);
-            if (length == 0)
-                return fail();
-            avail -= frame_header_size;
-            continue;
-        }
-        if (avail < length) {
-            qzcap_printf("[INFO] (arvok) wait for the TCP fragmentation, %d/%d\n", avail, length);
-            ec->pending_len = length;
-            return;
-        }
-        std::vector<char> body(static_cast<std::size_t>(length) + 1);
-        const int got = stream_read(stream, body.data(), length);
-        if (got < length) {
-            qzcap_printf("[ERROR] (arvok) read msg failed, %d %d\n", got, length);
-            return fail();
-        }
-        avail -= length;
-        ec->pending_len = length = 0;
-        if (!receive_body(body.data(), got))
-            return fail();
-        if (stream.fd < 0)
-            return;  // the handler closed the connection
-    }
+    if (!read_frames(protocol, stream, avail, ec->pending_len))
+        fail();
 }
 
 void broken_cb(tcp_stream &) {

@@ -7,6 +7,7 @@
 
 #include "cloud_client/cloud_client.h"
 #include "cloud_client/frame.h"
+#include "common/frame_reader.h"
 #include "common/text.h"
 #include "context.h"
 #include "provisioning.h"
@@ -27,7 +28,7 @@ bool is_heartbeat(const char *text) {
 
 // --- receiving ---
 
-void receive_body(char *body, int length) {
+void receive_body(tcp_stream &, char *body, int length) {
     int text_len = 0;
     const text_ptr text = cc_frame_body_text(*cc, body, length, text_len);
     if (!text)
@@ -44,45 +45,18 @@ void receive_body(char *body, int length) {
         uloop_timeout_set(&cc->heartbeat_timer, heartbeat_ms);
 }
 
-// Takes the header off the stream. The body length, or 0 after a log line.
-int read_header(tcp_stream &stream) {
-    char header[cc_header_size];
-    const int got = stream_read(stream, header, cc_header_size);
-    if (got < cc_header_size) {
-        qzcap_printf("[ERROR] (cloud) read header failed, %d\n", got);
-        return 0;
-    }
-    return cc_frame_body_length(header);
-}
+constexpr frame_protocol protocol{
+    .header_size = cc_header_size,
+    .body_length = cc_frame_body_length,
+    .receive = receive_body,
+    .short_header = "[ERROR] (cloud) read header failed, %d\n",
+    .waiting = "[ERROR] (cloud) wait for the TCP fragmentation, %d/%d\n",
+    .short_body = "[ERROR] (cloud) read msg failed, %d %d\n",
+};
 
-// Handles every frame that is complete. A body of no more than a header's size stays buffered until more
-// bytes have come.
-void cc_read_cb(tcp_stream &stream, int avail) {
-    while (avail > cc_header_size) {
-        if (cc->pending_len == 0) {
-            cc->pending_len = read_header(stream);
-            if (cc->pending_len == 0)
-                return cc_reconnect(reconnect_fault_ms);
-            avail -= cc_header_size;
-            continue;
-        }
-        const int length = cc->pending_len;
-        if (avail < length) {
-            qzcap_printf("[ERROR] (cloud) wait for the TCP fragmentation, %d/%d\n", avail, length);
-            return;
-        }
-        std::vector<char> body(static_cast<std::size_t>(length) + 1);
-        const int got = stream_read(stream, body.data(), length);
-        if (got < length) {
-            qzcap_printf("[ERROR] (cloud) read msg failed, %d %d\n", got, length);
-            return cc_reconnect(reconnect_fault_ms);
-        }
-        avail -= length;
-        cc->pending_len = 0;
-        receive_body(body.data(), length);
-        if (stream.fd < 0)
-            return;  // the handler closed the connection
-    }
+void read_cb(tcp_stream &stream, int avail) {
+    if (!read_frames(protocol, stream, avail, cc->pending_len))
+        cc_reconnect(reconnect_fault_ms);
 }
 
 void broken_cb(tcp_stream &) {
@@ -118,7 +92,7 @@ void ack_timeout_cb(uloop_timeout *) {
 }  // namespace
 
 void cc_init() {
-    stream_init(cc->stream, cc_read_cb, broken_cb);
+    stream_init(cc->stream, read_cb, broken_cb);
     cc->reconnect_timer.cb = reconnect_cb;
     cc->change_timer.cb = change_cb;
     cc->heartbeat_timer.cb = heartbeat_cb;

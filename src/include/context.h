@@ -9,6 +9,7 @@
 #include "arvok_client/arvok_client.h"
 #include "cloud_client/cloud_client.h"
 #include "extcc/extcc.h"
+#include "local_server/local_server.h"
 
 extern "C" {
 #include <libubox/blob.h>
@@ -60,14 +61,15 @@ struct context {
     ubus_subscriber subscribers[event_subscribers];  ///< platform_events
     std::list<new_device> new_devices;               ///< newest first
 
-    struct blob_buf blob_buf;    ///< shared buffer for building bus messages, one at a time
-    void *appmgt_handle;         ///< registration with the app manager
-    extcc_state extcc;           ///< rules for LAN hosts and the guest network
+    struct blob_buf blob_buf;  ///< shared buffer for building bus messages, one at a time
+    void *appmgt_handle;       ///< registration with the app manager
+    extcc_state extcc;         ///< rules for LAN hosts and the guest network
     std::int32_t wifi_switch_on;
 
     arvok_client arvok;  ///< the record that `ec` points at
     cloud_client cloud;  ///< the record that `cc` points at
     server bss_server;   ///< bootstrap server given by the user
+    local_server local;  ///< the record that `ls` points at
 };
 
 extern context g_ctx;
