@@ -1,7 +1,8 @@
-// What the agent's building blocks cost: frames by message size, the hand-off to the loop thread, one bus
-// call. Figures only; nothing is asserted.
+// What the agent's building blocks cost: frames by message size, the hand-off to the loop thread, the
+// evaluation of schedules, one bus call. Figures only; nothing is asserted.
 
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,6 +15,9 @@
 #include "arvok_client/frame.h"
 #include "common/json.h"
 #include "common/text.h"
+#include "context.h"
+#include "extcc/rules.h"
+#include "extcc/schedule.h"
 #include "utask/utask.h"
 
 extern "C" {
@@ -38,6 +42,46 @@ std::string message(std::size_t size) {
     text += R"(],"p":")";
     text.append(size - std::min(size, text.size() + 2), 'x');
     return text + "\"}";
+}
+
+std::string host_mac(std::int64_t number) {
+    char mac[16];
+    std::snprintf(mac, sizeof mac, "02C0FF%06X", static_cast<unsigned>(number));
+    return mac;
+}
+
+// What the agent does at a boundary, but for the platform's part: decides for each host with rules, finds the
+// rules of each host on the LAN, and looks for the next boundary. The log goes nowhere.
+void schedule_evaluation(benchmark::State &state) {
+    const std::int64_t rules = state.range(0), hosts = state.range(1);
+    clear_rules();
+    std::vector<std::string> macs;
+    for (std::int64_t i = 0; i < hosts; i++)
+        macs.push_back(host_mac(i));
+    for (std::int64_t i = 0; i < rules; i++) {
+        char start[8], end[8];
+        std::snprintf(start, sizeof start, "%02d:%02d", static_cast<int>(i * 7 % 24),
+                      static_cast<int>(i * 11 % 60));
+        std::snprintf(end, sizeof end, "%02d:%02d", static_cast<int>(i * 13 % 24),
+                      static_cast<int>(i * 17 % 60));
+        _add_mac_to_list(host_mac(i % (2 * hosts)).c_str(), start, end, 1, static_cast<int>(i % 8));
+    }
+    const rule_instant at = rule_instant_at(1795262066, true);
+    const int log = dup(STDERR_FILENO), nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    dup2(nowhere, STDERR_FILENO);
+    for (auto _ : state) {
+        for (timer_host &host : g_ctx.extcc.timer_hosts)
+            host.action = _now_in_range(host, at) ? access_scheduled : access_unrestricted;
+        for (const std::string &mac : macs)
+            benchmark::DoNotOptimize(_find_timer_host(mac.c_str()));
+        benchmark::DoNotOptimize(_get_next_action(g_ctx.extcc.timer_hosts, at));
+    }
+    dup2(log, STDERR_FILENO);
+    close(log);
+    close(nowhere);
+    clear_rules();
+    state.counters["each"] = benchmark::Counter(static_cast<double>((rules + hosts) * state.iterations()),
+                                                benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
 void frame_encoding(benchmark::State &state) {
@@ -167,6 +211,10 @@ void bus_call(benchmark::State &state) {
     state.SetItemsProcessed(state.iterations());
 }
 
+BENCHMARK(schedule_evaluation)
+    ->ArgNames({"rules", "hosts"})
+    ->ArgsProduct({{10, 100, 1000, 10000}, {10, 100, 1000}})
+    ->Unit(benchmark::kMicrosecond);
 BENCHMARK(frame_encoding)->ArgNames({"size", "encrypted"})->ArgsProduct({{128, 1024, 16384}, {0, 1}});
 BENCHMARK(frame_decoding)->ArgNames({"size", "encrypted"})->ArgsProduct({{128, 1024, 16384}, {0, 1}});
 BENCHMARK(task_hand_off)->ArgName("tasks")->Arg(1)->Arg(100);
