@@ -2,17 +2,9 @@
 
 #include <sys/stat.h>
 
-#include <cstdio>
-
-#include "common/handle.h"
 #include "common/text.h"
 
 namespace arvok {
-namespace {
-
-using file_ptr = handle<std::FILE, &std::fclose>;
-
-}  // namespace
 
 void _get_control(const char *path, const char *key, char *out, std::size_t outsize) {
     const file_ptr file(std::fopen(path, "re"));

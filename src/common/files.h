@@ -2,8 +2,13 @@
 /// Small whole files, package control files, and a hex dump.
 
 #include <cstddef>
+#include <cstdio>
+
+#include "common/handle.h"
 
 namespace arvok {
+
+using file_ptr = handle<std::FILE, &std::fclose>;
 
 /// Copies the value of the first line named `key` of an opkg control file ("Name: value" lines, '#' comments)
 /// into `out` (at most `outsize` - 1 characters). `out` is untouched when the file or the line is missing.

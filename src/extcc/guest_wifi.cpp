@@ -220,7 +220,7 @@ void write_closing(int index, const char *enable, const char *last_time, std::ti
         length = std::snprintf(line, sizeof line, "%d\t%s\t%s\t%d\t%s\t%s\n", index, enable, "0", 0, "0",
                                no_closing);
     } else {
-        const std::string start = cst_text(now), end = cst_text(now + std::atoi(last_time) * 60);
+        const std::string start = cst_text(now), end = cst_text(now + std::time_t{60} * std::atoi(last_time));
         length = std::snprintf(line, sizeof line, "%d\t%s\t%s\t%lld\t%s\t%s\n", index, enable, start.c_str(),
                                static_cast<long long>(now), end.c_str(), last_time);
     }
@@ -250,9 +250,8 @@ void set_guest_wifi(const cJSON *root) {
     if (!_is_uint_in(cipher, 1, encryption_count))
         return add_reply_outcome("invalid ENCRYPT", "-1");
 
-    const guest_settings settings{ssid, password, encryptions[std::strtoul(cipher, nullptr, 10) - 1],
-                                  std::strtoul(enable, nullptr, 10) == 1,
-                                  static_cast<std::uint32_t>(std::strtoul(hide, nullptr, 10))};
+    const guest_settings settings{ssid, password, encryptions[uint_value(cipher) - 1],
+                                  uint_value(enable) == 1, uint_value(hide)};
     qz_text error;
     const int index = set_guest_ap(settings, error);
     if (error)

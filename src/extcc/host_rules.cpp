@@ -10,6 +10,7 @@
 
 #include "arvok/app_messages.h"
 #include "common/clock.h"
+#include "common/files.h"
 #include "common/text.h"
 #include "context.h"
 #include "extcc/rules.h"
@@ -29,10 +30,6 @@ std::string kept(const char *mac) {
     return std::string(mac, strnlen(mac, rule_mac_size - 1));
 }
 
-std::uint32_t number(const char *text) {
-    return static_cast<std::uint32_t>(std::strtoul(text, nullptr, 10));
-}
-
 void add_signed_text(const char *name, std::uint32_t value) {
     add_reply_text(name, std::to_string(static_cast<std::int32_t>(value)).c_str());
 }
@@ -47,8 +44,6 @@ bool is_blocked(const char *mac) {
     const parent_rule *rule = _find_parent_rule(kept(mac).c_str());
     return rule && rule->flags & parent_internet && rule->internet != access_unrestricted;
 }
-
-using file_ptr = handle<std::FILE, &std::fclose>;
 
 /// Null, and said in the log, when the file cannot be opened. What was cut off in the middle of its last line
 /// does not take the next one along.
@@ -83,7 +78,8 @@ const char *store_rule(std::FILE *file, const char *mac, const cJSON *rule) {
         std::fprintf(file, "%s|%s|%s|%s|%s|%s|%s\n", mac, mode, start, end, enable,
                      continue_id && *continue_id ? continue_id : no_continue_id,
                      text_or_empty(json_text(rule, "GroupID")));
-    _add_mac_to_list(mac, start, end, static_cast<int>(number(enable)), static_cast<int>(number(mode)));
+    _add_mac_to_list(mac, start, end, static_cast<int>(uint_value(enable)),
+                     static_cast<int>(uint_value(mode)));
     return nullptr;
 }
 
@@ -189,7 +185,7 @@ void set_lanhost_internet(const cJSON *root) {
         const char *access = json_text(host, "InternetAccess");
         if (!_is_uint_in(access, 0, 2))
             return add_reply_outcome("invalid InternetAccess", "-1");
-        parent_rule_with(parent_internet, mac).internet = number(access);
+        parent_rule_with(parent_internet, mac).internet = uint_value(access);
         changed = true;
     }
     if (!changed)
@@ -229,8 +225,8 @@ void set_lanhost_bandwidth(const cJSON *root) {
         if (!_is_uint_in(down, 0, limit_max))
             return add_reply_outcome("invalid DS", "-1");
         parent_rule &rule = parent_rule_with(parent_rate, mac);
-        rule.up_limit = number(up);
-        rule.down_limit = number(down);
+        rule.up_limit = uint_value(up);
+        rule.down_limit = uint_value(down);
     }
     save_and_apply();
 }

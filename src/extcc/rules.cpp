@@ -22,8 +22,6 @@ constexpr char schedule_copy[] = "extcc-lht.cfg.bk";
 constexpr int load_line = 256;  // a longer line of a rule file counts as several
 constexpr int copy_line = 1024;
 
-using file_ptr = handle<std::FILE, &std::fclose>;
-
 file_ptr open_rules(const char *name, const char *mode) {
     return file_ptr(std::fopen(rule_path(name).c_str(), mode));
 }
@@ -43,10 +41,6 @@ Node *find_newest(const std::unordered_map<std::string, Node *> &index, const ch
     return found == index.end() ? nullptr : found->second;
 }
 
-std::uint32_t number(const char *text) {
-    return static_cast<std::uint32_t>(std::strtoul(text, nullptr, 10));
-}
-
 void load_schedules() {
     for (const schedule_line &line : schedule_lines())
         _add_mac_to_list(line.mac, line.start, line.end, std::atoi(line.enable), std::atoi(line.mode));
@@ -59,7 +53,8 @@ void load_parent_rules() {
         char mac[16] = "", flags[4] = "", internet[4] = "", down_limit[16] = "", up_limit[16] = "";
         std::sscanf(line, "%15[^|]|%3[^|]|%3[^|]|%15[^|]|%15[^\n]", mac, flags, internet, down_limit,
                     up_limit);
-        _add_parent_rule(mac, number(flags), number(internet), number(down_limit), number(up_limit));
+        _add_parent_rule(mac, uint_value(flags), uint_value(internet), uint_value(down_limit),
+                         uint_value(up_limit));
     }
 }
 
@@ -225,6 +220,10 @@ int _is_valid_hhmm(const char *text) {
             return 0;
     }
     return std::atoi(text) <= 23;
+}
+
+std::uint32_t uint_value(const char *text) {
+    return static_cast<std::uint32_t>(std::strtoul(text, nullptr, 10));
 }
 
 int _is_uint_in(const char *text, unsigned long min, unsigned long max) {

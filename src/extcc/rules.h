@@ -74,5 +74,7 @@ void replace_text(char *&text, const char *value);
 int _is_valid_hhmm(const char *text);
 /// Whether the text is a whole decimal number in [min, max].
 int _is_uint_in(const char *text, unsigned long min, unsigned long max);
+/// That number; of another text what begins it.
+std::uint32_t uint_value(const char *text);
 
 }  // namespace arvok

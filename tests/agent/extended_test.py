@@ -231,9 +231,10 @@ class Hosts(ExtendedCase):
         told = lambda *hosts: {"Info": [{**limit(*host[:3]), "Exec": host[3]} for host in hosts], **SUCCESS}
         for info in NO_ARRAY:
             self.check(command, {"Info": info}, outcome("Info is not array", "-201"))
-        self.ask("SET_LANHOST_TIMER", MAC=DESK, Info=[NIGHT])  # does not matter here
+        self.ask("SET_LANHOST_TIMER", MAC=DESK, Info=[NIGHT])  # schedules and limits know nothing of each other
         self.check(command, {"Info": [limit(DESK, "2147483648", "0"), limit(PHONE, "0", "0")]}, SUCCESS)
         self.check(command, {"Info": [limit(TABLET, "7", "2147483647"), limit(PHONE.lower(), "0", "00")]}, SUCCESS)
+        self.check("SET_LANHOST_TIMER", {"MAC": DESK, "Info": [NIGHT]}, SUCCESS)
         self.wait_for_host(TABLET, uplimit=7, downlimit=2147483647, internetaccess=2)
         self.assertEqual(self.host(DESK, "uplimit", "downlimit"), (-2147483648, 0))
         self.check(ask, {}, told((TABLET, "7", "2147483647", "True"), (DESK, "-2147483648", "0", "True")))
