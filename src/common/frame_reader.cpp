@@ -1,6 +1,5 @@
 #include "common/frame_reader.h"
 
-#include <array>
 #include <vector>
 
 extern "C" {
@@ -12,13 +11,13 @@ namespace {
 
 // Takes the header off the stream. The body length, or 0 after a log line.
 int read_header(const frame_protocol &protocol, tcp_stream &stream) {
-    std::array<char, 16> header;
-    const int got = stream_read(stream, header.data(), protocol.header_size);
+    char header[header_max];
+    const int got = stream_read(stream, header, protocol.header_size);
     if (got < protocol.header_size) {
         qzcap_printf(protocol.short_header, got);
         return 0;
     }
-    return protocol.body_length(header.data());
+    return protocol.body_length(header);
 }
 
 }  // namespace

@@ -5,11 +5,14 @@
 /// Nothing is done about a frame while no more bytes are buffered than a header has, so a body as short as
 /// that waits for what follows it.
 
+#include <cstddef>
 #include <cstdint>
 
 #include "common/stream.h"
 
 namespace arvok {
+
+constexpr std::size_t header_max = 12;  ///< of all protocols
 
 struct frame_protocol {
     int header_size;

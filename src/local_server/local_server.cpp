@@ -1,6 +1,7 @@
 #include "local_server/local_server.h"
 
 #include <arpa/inet.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -28,6 +29,9 @@ constexpr char any_address[] = "0.0.0.0";
 constexpr char default_port[] = "17998";
 constexpr int exit_no_port = -1;
 constexpr int accept_pause_ms = 1000;
+
+// Descriptors that clients leave to the agent's own connections, files and commands.
+constexpr rlim_t own_descriptors = 16;
 
 // A client that does not take its replies is read again when it has taken them down to this.
 constexpr int unsent_max = 16384;
@@ -155,10 +159,16 @@ void add_client(int fd) {
 
 // --- the listening socket ---
 
+bool has_room() {
+    rlimit limit{};
+    return getrlimit(RLIMIT_NOFILE, &limit) != 0 || ls->clients.size() + own_descriptors < limit.rlim_cur;
+}
+
 void accept_cb(uloop_fd *listener, unsigned int) {
     sockaddr_in peer{};
     socklen_t size = sizeof peer;
-    const int fd = accept4(listener->fd, reinterpret_cast<sockaddr *>(&peer), &size, SOCK_CLOEXEC);
+    const int fd =
+        has_room() ? accept4(listener->fd, reinterpret_cast<sockaddr *>(&peer), &size, SOCK_CLOEXEC) : -1;
     if (fd < 0) {
         qzcap_printf("[ERROR] (local) accept failed\n");
         // Who could not be accepted keeps the socket readable: without a pause this would go on and on.

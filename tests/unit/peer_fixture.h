@@ -1,7 +1,7 @@
 #pragma once
-/// One of the agent's outgoing connections against a raw socket in the same process, in a network namespace
-/// of its own. The loop turns only when the test says so, so that every split of the bytes and every timer
-/// can be looked at.
+/// One of the agent's connections against a raw socket in the same process, in a network namespace of its
+/// own. The loop turns only when the test says so, so that every split of the bytes and every timer can be
+/// looked at.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -27,18 +27,18 @@ inline std::string be32(std::uint32_t n) {
     return std::string(reinterpret_cast<char *>(&n), 4);
 }
 
-class Peer : public ::testing::Test {
+/// The other end of a connection.
+class RemoteEnd : public ::testing::Test {
   protected:
     static void SetUpTestSuite() { ASSERT_TRUE(enter_own_network()) << "no network namespaces here"; }
 
-    // The peer's port, and where its frames tell the length of what follows their header.
-    Peer(std::uint16_t port, std::size_t header_size) : port_(port), header_size_(header_size) {}
+    // The last four bytes of a frame's header are the length of what follows it.
+    explicit RemoteEnd(std::size_t header_size) : header_size_(header_size) {}
 
     void SetUp() override {
         g_ctx = {};
         g_ctx.devinfo.reset(static_cast<qzcap_devinfo *>(qzcap_calloc(1, sizeof(qzcap_devinfo))));
         g_ctx.devinfo->mac = qzcap_strdup("021122334455");
-        start_listening();
         ::testing::internal::CaptureStderr();
         uloop_init();
         utask_init();
@@ -47,20 +47,8 @@ class Peer : public ::testing::Test {
         utask_done();
         if (peer_ >= 0)
             close(peer_);
-        close(listener_);
         ::testing::internal::GetCapturedStderr();
         g_ctx = {};
-    }
-    void start_listening() {
-        listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const int on = 1;
-        setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(port_);
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ASSERT_EQ(bind(listener_, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-        ASSERT_EQ(listen(listener_, 4), 0);
     }
 
     // Turns the loop until `done`, or fails after two seconds.
@@ -75,16 +63,6 @@ class Peer : public ::testing::Test {
     void turn() {
         for (int i = 0; i < 3; i++)
             uloop_run_timeout(1);
-    }
-    // Takes the connection that the agent has opened.
-    void accept_one() {
-        if (peer_ >= 0)
-            close(peer_);
-        inbox_.clear();
-        pollfd ready{listener_, POLLIN, 0};
-        ASSERT_EQ(poll(&ready, 1, 2000), 1) << "nobody connects; log so far:\n" << log_text();
-        peer_ = accept(listener_, nullptr, nullptr);
-        fcntl(peer_, F_SETFL, O_NONBLOCK);
     }
     void send_bytes(const std::string &bytes) {
         ASSERT_EQ(::send(peer_, bytes.data(), bytes.size(), MSG_NOSIGNAL),
@@ -149,10 +127,54 @@ class Peer : public ::testing::Test {
         timer.cb(&timer);
     }
 
-    const std::uint16_t port_;
     const std::size_t header_size_;
-    int listener_ = -1, peer_ = -1;
+    int peer_ = -1;
     std::string inbox_, log_;
+};
+
+inline sockaddr_in loopback(std::uint16_t port) {
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(port);
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return addr;
+}
+
+/// A peer that the agent connects to.
+class Peer : public RemoteEnd {
+  protected:
+    Peer(std::uint16_t port, std::size_t header_size) : RemoteEnd(header_size), port_(port) {}
+
+    void SetUp() override {
+        start_listening();
+        RemoteEnd::SetUp();
+    }
+    void TearDown() override {
+        RemoteEnd::TearDown();
+        close(listener_);
+    }
+    void start_listening() {
+        listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const int on = 1;
+        setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        const sockaddr_in addr = loopback(port_);
+        ASSERT_EQ(bind(listener_, reinterpret_cast<const sockaddr *>(&addr), sizeof addr), 0);
+        ASSERT_EQ(listen(listener_, 4), 0);
+    }
+
+    // Takes the connection that the agent has opened.
+    void accept_one() {
+        if (peer_ >= 0)
+            close(peer_);
+        inbox_.clear();
+        pollfd ready{listener_, POLLIN, 0};
+        ASSERT_EQ(poll(&ready, 1, 2000), 1) << "nobody connects; log so far:\n" << log_text();
+        peer_ = accept(listener_, nullptr, nullptr);
+        fcntl(peer_, F_SETFL, O_NONBLOCK);
+    }
+
+    const std::uint16_t port_;
+    int listener_ = -1;
 };
 
 }  // namespace arvok
