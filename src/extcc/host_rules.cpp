@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -74,10 +75,13 @@ const char *store_rule(std::FILE *file, const char *mac, const cJSON *rule) {
     if (!_is_uint_in(enable, 0, 1))
         return "invalid Enable";
     const char *continue_id = json_text(rule, "ContinueID");
-    if (file)
-        std::fprintf(file, "%s|%s|%s|%s|%s|%s|%s\n", mac, mode, start, end, enable,
-                     continue_id && *continue_id ? continue_id : no_continue_id,
-                     text_or_empty(json_text(rule, "GroupID")));
+    if (file) {
+        std::string line = std::string(mac) + "|" + mode + "|" + start + "|" + end + "|" + enable + "|" +
+                           (continue_id && *continue_id ? continue_id : no_continue_id) + "|" +
+                           text_or_empty(json_text(rule, "GroupID"));
+        std::replace(line.begin(), line.end(), '\n', ' ');  // one rule, one line, whatever the texts hold
+        std::fprintf(file, "%s\n", line.c_str());
+    }
     _add_mac_to_list(mac, start, end, static_cast<int>(uint_value(enable)),
                      static_cast<int>(uint_value(mode)));
     return nullptr;

@@ -157,9 +157,10 @@ class Hosts(ExtendedCase):
         cut = NOBODY + "|0|8:0"  # a file that lost its end
         self.file(SCHEDULES, cut)
         self.check(command, {"MAC": DESK, "Info": [NIGHT, noon]}, SUCCESS)
-        self.check(command, {"MAC": PHONE, "Info": [{**noon, "ContinueID": "", "GroupID": "g" * 15}]}, SUCCESS)
+        self.check(command, {"MAC": PHONE, "Info": [{**noon, "ContinueID": "", "GroupID": "g" * 14 + "\n" + NOBODY}]},
+                   SUCCESS)
         desk = DESK + "|0|22:00|6:00|1|c1|g1\n" + DESK + "|7|12:75|24:00|0|nocid|\n"
-        phone = PHONE + "|7|12:75|24:00|0|nocid|" + "g" * 15 + "\n"
+        phone = PHONE + "|7|12:75|24:00|0|nocid|" + "g" * 14 + " " + NOBODY + "\n"
         self.assertEqual(self.file(SCHEDULES), cut + "\n" + desk + phone)
         told = lambda rule: {"ContinueID": "", "GroupID": "", **rule}
         keys = ("ContinueID", "Mode", "StartTime", "EndTime", "Enable", "GroupID")
@@ -224,6 +225,9 @@ class Hosts(ExtendedCase):
         self.ask("SET_LANHOST_BANDWIDTH", Info=[{"MAC": DESK, "MaxUSBandwidth": "5", "MaxDSBandwidth": "0"}])
         self.check(command, {"Info": []}, SUCCESS)
         self.assertEqual(self.file(PARENT), DESK + "|1|1|0|5\n")
+        self.check("SET_LANHOST_BANDWIDTH", {"Info": [{"MAC": NOBODY, "MaxUSBandwidth": "0", "MaxDSBandwidth": "1"}]},
+                   SUCCESS)
+        self.check(ask, {}, told())
 
     def test_rate_limits(self):
         command, ask = "SET_LANHOST_BANDWIDTH", "GET_LANHOST_BANDWIDTH"
