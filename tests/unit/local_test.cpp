@@ -2,6 +2,8 @@
 
 #include <sys/resource.h>
 
+#include <algorithm>
+
 #include "common/crypto.h"
 #include "peer_fixture.h"
 
@@ -226,16 +228,16 @@ TEST_F(Local, AClientThatDoesNotReadIsNotReadFrom) {
     local_client &stuck = connect();
     const int deaf = peer_, small = 65536;
     setsockopt(stuck.stream.fd, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
-    pump([&] { return flood(), stuck.stream.held; });
-    turn();
-    EXPECT_GT(waiting(stuck), 16384);
-    EXPECT_LT(waiting(stuck), 16384 + 100);
-    log();
-    flood();
-    turn();
+    int held = 0, most = 0;
+    pump([&] {
+        flood();
+        held += stuck.stream.held;
+        most = std::max(most, waiting(stuck));
+        return held == 50;
+    });
+    EXPECT_LT(most, 16384 + 100);  // one reply more than the limit
     use(other);
     expect_served(-1);
-    EXPECT_EQ(count_in_log("->"), 1);
 
     // When it reads, it gets everything, in order.
     use(deaf);
@@ -259,7 +261,7 @@ TEST_F(Local, AClientThatKeepsSendingGetsNoMoreThanItsTurn) {
     send_bytes(unknown(-1));
     pump([&] { return log_text().find(R"("ID":-1,"Result")") != std::string::npos; });
     const int before = count_in_log("->");
-    EXPECT_LT(before, 1500);  // three buffers full
+    ASSERT_LT(before, 1500);  // three buffers full
     use(busy);
     pump([&] { return count_in_log("->") > 2 * before; });
 }
