@@ -1,0 +1,182 @@
+"""The local server as clients on the LAN see it."""
+
+import base64
+import json
+import os
+import resource
+import socket
+import struct
+import time
+import unittest
+
+from desk import Agent, AgentCase
+
+QUESTION = {"CmdType": "GET_SN_INFO", "SequenceId": "1"}
+IDENTITY = {"CmdType": "GET_SN_INFO", "SequenceId": "1", "Status": 0, "BussinessStatus": "", "MAC": "025A10000001",
+            "LOID": "", "DevType": "1", "Version": "V2019.1.0"}
+
+
+def frame(message):
+    text = json.dumps(message, separators=(",", ":")).encode()
+    return struct.pack(">I", len(text)) + text
+
+
+def question(number, command=None):
+    parameter = base64.b64encode(json.dumps(command or QUESTION).encode()).decode()
+    return frame({"RPCMethod": "Post1", "ID": number, "Parameter": parameter})
+
+
+class Client:
+    def __init__(self, port=17998):
+        self.socket = socket.create_connection((os.environ["AP_ADDR"], port), 20)
+        self.input = self.socket.makefile("rb")
+
+    def send(self, data):
+        self.socket.sendall(data)
+
+    def receive(self):
+        """The next reply, or None at the end of the connection."""
+        header = self.input.read(4)
+        return json.loads(self.input.read(struct.unpack(">I", header)[0])) if header else None
+
+    def close(self):
+        self.input.close()
+        self.socket.close()
+
+
+class LocalCase(AgentCase):
+    def connect(self, port=17998):
+        client = Client(port)
+        self.addCleanup(client.close)
+        return client
+
+    def serve(self, *args):
+        agent = self.start("-g", os.environ["GATEWAY_ADDR"], *args)
+        self.wait_for_message("dev_report")
+        return agent
+
+    def expect_identity(self, client, number):
+        reply = client.receive()
+        self.assertEqual(list(reply), ["Ack", "ID", "Result", "return_Parameter"])
+        self.assertEqual((reply["Ack"], reply["ID"], reply["Result"]), ("Post1", number, 0))
+        answer = json.loads(base64.b64decode(reply["return_Parameter"]))
+        self.assertEqual((list(answer), answer), (list(IDENTITY), IDENTITY))
+
+
+class Server(LocalCase):
+    def test_questions(self):
+        agent = self.serve()
+        agent.expect('[INFO] (local) server start "0.0.0.0:17998"\n')
+        client, other = self.connect(), self.connect()
+        agent.expect('[INFO] (local) accept client "%s" ' % os.environ["GATEWAY_ADDR"])
+        # In one segment: what is not answered leaves no gap.
+        client.send(question(1) + question("2") + frame({"RPCMethod": "Post2", "ID": 3}) + frame(["no request"]) +
+                    question(4, {**QUESTION, "CmdType": "GET_STATUS"}) + question(5))
+        self.expect_identity(client, 1)
+        self.assertEqual(client.receive(), {"Ack": "Post2", "ID": 3, "Result": -1, "FailReason": "UNRECOGNIZE_REQUEST"})
+        reply = client.receive()
+        answer = json.loads(base64.b64decode(reply["return_Parameter"]))
+        self.assertEqual((reply["ID"], reply["Result"], answer["Status"], answer["FailReason"]),
+                         (4, 0, 1, "invalid CmdType"))
+        self.expect_identity(client, 5)
+        client.send(struct.pack(">I", 16385))
+        client.send(b"x")
+        self.assertIsNone(client.receive())
+        agent.expect("[ERROR] (local) invalid msg header, 16385\n[INFO] (local) disconnect fd: ")
+        other.send(question(6))
+        self.expect_identity(other, 6)
+        self.assertEqual(agent.stop(), 0)
+        agent.expect("[INFO] (local) server stop ")
+        agent.expect("[INFO] (local) disconnect fd: ")
+        self.assertIsNone(other.receive())
+
+    def test_port(self):
+        agent = self.serve("-p", "18000")
+        agent.expect('[INFO] (local) server start "0.0.0.0:18000"\n')
+        client = self.connect(18000)
+        client.send(question(1))
+        self.expect_identity(client, 1)
+        with self.assertRaises(ConnectionRefusedError):
+            Client()
+        # A second agent finds the port taken and does not run without it.
+        second = Agent("-g", os.environ["GATEWAY_ADDR"], "-p", "18000")
+        self.addCleanup(second.process.kill)
+        self.assertEqual(second.process.wait(20), 255)
+        second.expect('[INFO] (local) server start "0.0.0.0:18000"\n'
+                      "[ERROR] (local) create socket failed: Address already in use\n")
+        client.send(question(2))
+        self.expect_identity(client, 2)
+
+
+class Crowd(LocalCase):
+    def setUp(self):
+        super().setUp()
+        _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
+        resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
+
+    @staticmethod
+    def limit(agent, descriptors):
+        _, most = resource.prlimit(agent.process.pid, resource.RLIMIT_NOFILE)
+        resource.prlimit(agent.process.pid, resource.RLIMIT_NOFILE, (descriptors, most))
+
+    @staticmethod
+    def resident_kib(agent):
+        with open("/proc/%d/status" % agent.process.pid) as status:
+            return int(next(line for line in status if line.startswith("VmRSS:")).split()[1])
+
+    @staticmethod
+    def cpu_seconds(agent):
+        with open("/proc/%d/stat" % agent.process.pid) as stat:
+            fields = stat.read().rsplit(") ", 1)[1].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+    def test_a_thousand_clients_of_which_many_are_stuck(self):
+        agent = self.serve()
+        self.limit(agent, 1024)
+        before = self.resident_kib(agent)
+        whole = question(1)
+        clients = [self.connect() for _ in range(1000)]
+        # Some send nothing, some begin a header or a body, some read no replies, and some go at once.
+        for number, client in enumerate(clients):
+            client.send([b"", whole[:3], whole[:40], whole * 100, whole][number % 5])
+        for client in clients[4::5]:
+            self.expect_identity(client, 1)
+        self.assertLess(self.resident_kib(agent) - before, 32768)
+        self.wait_for_message("keepalive", len(self.received("keepalive")) + 1)
+        for number, client in enumerate(clients[:800]):
+            if number % 5 < 3:
+                client.send([whole, whole[3:], whole[40:]][number % 5])
+                self.expect_identity(client, 1)
+            elif number % 5 == 3:
+                for _ in range(100):
+                    self.expect_identity(client, 1)
+        self.assertNotIn("accept failed", agent.lines())
+        # The rest are still stuck, and do not delay the end.
+        began = time.monotonic()
+        self.assertEqual(agent.stop(), 0)
+        self.assertLess(time.monotonic() - began, 5)
+
+    def test_without_descriptors_clients_wait_and_nothing_spins(self):
+        agent = self.serve()
+        first = self.connect()
+        first.send(question(1))
+        self.expect_identity(first, 1)
+        self.limit(agent, 17)
+        refused = [self.connect() for _ in range(20)]
+        agent.expect("[ERROR] (local) accept failed\n")
+        began, cpu = time.monotonic(), self.cpu_seconds(agent)
+        agent.expect("[ERROR] (local) accept failed\n")
+        self.assertGreater(time.monotonic() - began, 0.5)
+        self.wait_for_message("keepalive", len(self.received("keepalive")) + 1)
+        self.assertLess(self.cpu_seconds(agent) - cpu, 0.5)
+        self.assertLess(agent.lines().count("accept failed"), 12)
+        first.send(question(2))
+        self.expect_identity(first, 2)
+        self.limit(agent, 1024)
+        for client in refused:
+            client.send(question(3))
+            self.expect_identity(client, 3)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
