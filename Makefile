@@ -68,6 +68,7 @@ bench: all
 	@ARVOK_BIN=$(abspath $(BUILD))/bin $(BUILD)/bin/arvok-bench
 	@ARVOK_BIN=$(abspath $(BUILD))/bin lab/home --peers none --no-agent -- arvok-link-bench
 	@ARVOK_BIN=$(abspath $(BUILD))/bin lab/home --peers none --no-agent -- arvok-cloud-bench
+	@ARVOK_BIN=$(abspath $(BUILD))/bin lab/home --peers none --no-agent -- arvok-local-bench
 
 clean:
 	rm -rf $(BUILD) $(SANITIZED) $(THREADED)

@@ -88,15 +88,6 @@ int serve_echo() {
     return 0;
 }
 
-connection connect_echo() {
-    for (int tries = 0; tries < 1000; tries++, usleep(1000)) {
-        const int fd = usock(USOCK_TCP | USOCK_NUMERIC, agent_address, echo_port);
-        if (fd >= 0)
-            return connection(fd);
-    }
-    fail_with_errno("echo");
-}
-
 std::string get_status(std::initializer_list<const char *> names) {
     std::string items;
     for (const char *name : names)
@@ -188,6 +179,15 @@ std::vector<char> connection::read_frame(int header_size, int (*body_length)(con
     return frame;
 }
 
+connection connect_to_agent(const char *port) {
+    for (int tries = 0; tries < 1000; tries++, usleep(1000)) {
+        const int fd = usock(USOCK_TCP | USOCK_NUMERIC, agent_address, port);
+        if (fd >= 0)
+            return connection(fd);
+    }
+    fail_with_errno("connection");
+}
+
 listener::listener(const char *address, const char *port)
     : fd_(usock(USOCK_TCP | USOCK_SERVER | USOCK_NUMERIC, address, port)) {
     if (fd_ < 0)
@@ -225,7 +225,7 @@ const std::vector<status_request> status_requests = {
 // --- floors ---
 
 void bare_echo(benchmark::State &state, std::size_t request_size, std::size_t answer_size) {
-    connection link = connect_echo();
+    connection link = connect_to_agent(echo_port);
     const std::uint32_t lengths[] = {static_cast<std::uint32_t>(request_size),
                                      static_cast<std::uint32_t>(answer_size)};
     link.write(lengths, sizeof lengths);

@@ -45,6 +45,9 @@ class connection {
     int fd_;
 };
 
+/// A connection to a port of the agent's host, where somebody is about to listen.
+connection connect_to_agent(const char *port);
+
 /// A port of this host that the agent connects to.
 class listener {
   public:

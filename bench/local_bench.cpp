@@ -1,0 +1,97 @@
+// What a client of the local server sees: the agent's answers beside the floor under them, in one run. Runs
+// in a home without peers and agent; it is the clients, and starts the agent itself.
+//
+//   local/alone     GET_SN_INFO round trips of the only client
+//   local/crowd     the same among 1,000 clients that have begun a frame and say no more
+//   echo/...        the same frames, answered by a bare loop-and-stream server on the agent's host
+//
+// Figures only; nothing is asserted.
+
+#include <arpa/inet.h>
+#include <benchmark/benchmark.h>
+#include <sys/resource.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "common/crypto.h"
+#include "home.h"
+
+namespace arvok {
+namespace {
+
+constexpr char local_port[] = "17998";
+constexpr std::size_t crowd_size = 1000;
+constexpr int header_size = sizeof(std::uint32_t);
+
+int body_length(const void *header) {
+    std::uint32_t length;
+    std::memcpy(&length, header, sizeof length);
+    return static_cast<int>(ntohl(length));
+}
+
+std::string question() {
+    const std::string command = R"({"CmdType":"GET_SN_INFO","SequenceId":"1"})";
+    text_ptr base64;
+    _do_b64_code(command.data(), static_cast<int>(command.size()), base64, true);
+    const std::string body =
+        R"({"RPCMethod":"Post1","ID":1,"Parameter":")" + std::string(base64.get()) + "\"}";
+    const std::uint32_t length = htonl(static_cast<std::uint32_t>(body.size()));
+    return std::string(reinterpret_cast<const char *>(&length), header_size) + body;
+}
+
+std::vector<char> round_trip(connection &client, const std::string &request) {
+    client.write(request.data(), request.size());
+    return client.read_frame(header_size, body_length);
+}
+
+void local(benchmark::State &state, std::size_t others) {
+    const std::string request = question();
+    std::vector<connection> crowd;
+    while (crowd.size() < others) {
+        crowd.push_back(connect_to_agent(local_port));
+        crowd.back().write(request.data(), header_size + 1);
+    }
+    connection client = connect_to_agent(local_port);
+    round_trip(client, request);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(round_trip(client, request));
+    state.SetItemsProcessed(state.iterations());
+}
+
+void echo(benchmark::State &state) {
+    const std::string request = question();
+    connection client = connect_to_agent(local_port);
+    bare_echo(state, request.size(), round_trip(client, request).size());
+}
+
+// Both ends of a crowd need a descriptor for each of it; programs that are started inherit the limit.
+void allow_crowd() {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+void measure() {
+    allow_crowd();
+    const program agent({"lab-ap", "arvokclt"});
+    benchmark::RegisterBenchmark("local/alone", local, 0)->UseRealTime();
+    benchmark::RegisterBenchmark("local/crowd", local, crowd_size)->UseRealTime();
+    benchmark::RegisterBenchmark("echo/alone", echo)->UseRealTime();
+    benchmark::RunSpecifiedBenchmarks();
+}
+
+constexpr char notes[] =
+    "\n"
+    "local/X is what a client waits for the answer to GET_SN_INFO, its items_per_second the requests per\n"
+    "second of one client that asks again and again; echo/alone takes the same bytes without the agent's\n"
+    "work, which is reading and building JSON, base64 and two log lines.\n";
+
+}  // namespace
+}  // namespace arvok
+
+int main(int argc, char **argv) {
+    return arvok::measure_in_home(argc, argv, arvok::measure, arvok::notes);
+}
