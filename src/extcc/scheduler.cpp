@@ -78,6 +78,8 @@ bool apply_parent_rule(const parent_rule &rule, qzcap_laninfo &host) {
 }
 
 void extcc_parent_cb(uloop_timeout *) {
+    if (g_ctx.extcc.parent_rules.empty())
+        return;
     const laninfos_ptr hosts = list_hosts();
     std::unordered_map<std::string, qzcap_laninfo *> by_mac;
     for_each_host(hosts, [&by_mac](qzcap_laninfo &host) { by_mac.emplace(text_or_empty(host.mac), &host); });

@@ -71,7 +71,8 @@ class Envelope(AgentCase):
                 "[INFO] (arvok) -> %s (%d)\n" % (reply, len(reply)))
         agent.expect('"sequence":4294967296,"mac":"%s"' % AGENT_MAC)
         self.assertEqual(agent.lines()[agent.lines().index("[INFO] (arvok) <- "):], expected)
-        self.assertEqual([name for name in self.calls() if "get" not in name], ["qzcap_delete_vsie_beacontx_by_name"])
+        self.assertEqual([name for name in self.calls() if "get" not in name],
+                         ["qzcap_delete_vsie_beacontx_by_name", "qzcap_list_laninfo"])  # as at every start
 
 
 class Commands(LinkedCase):

@@ -67,7 +67,7 @@ TEST_F(Cache, FlagsDecideWhatIsFetched) {
     EXPECT_EQ(g_ctx.wifiinfo_2g->current_channel, 6);
     EXPECT_EQ(g_ctx.wifiinfo_5g->current_channel, 36);
     EXPECT_EQ(g_ctx.diag->cputemp, 52u);
-    ASSERT_EQ(g_ctx.aps_2g_cnt, 3u);
+    ASSERT_EQ(g_ctx.aps_2g_cnt, 4u);
     ASSERT_EQ(g_ctx.aps_5g_cnt, 2u);
     EXPECT_STREQ(g_ctx.aps_2g.get()[0]->ssid, "Home");
     EXPECT_STREQ(g_ctx.aps_5g.get()[1]->ssid, "Home-5G-2");
@@ -118,7 +118,7 @@ TEST_F(Cache, AFailedFetchKeepsWhatThereWas) {
     EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 2);  // the others fail silently
     EXPECT_EQ(g_ctx.devinfo_valid + g_ctx.waninfo_valid + g_ctx.wifiinfo_valid + g_ctx.diag_valid, 0);
     EXPECT_TRUE(g_ctx.devinfo && g_ctx.waninfo && g_ctx.wifiinfo_2g && g_ctx.wifiinfo_5g && g_ctx.diag);
-    EXPECT_EQ(g_ctx.aps_2g_cnt, 3u);
+    EXPECT_EQ(g_ctx.aps_2g_cnt, 4u);
     EXPECT_STREQ(g_ctx.aps_2g.get()[0]->ssid, "Home");
 }
 
