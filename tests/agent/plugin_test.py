@@ -222,9 +222,10 @@ class Parameters(PluginCase):
                                 (["save"], [])):
             for function in expected:
                 self.fail_call(function)
+            self.agent.seen = len(self.agent.lines())
             self.assertEqual(self.acknowledged(control(*names)), {"errcode": 0, "errmsg": ""})
-            for line in ["[INFO] (cloud) -> "] + ["[ERROR] %s failed\n" % name for name in expected]:
-                self.agent.expect(line)
+            for line in ['[INFO] (cloud) -> {"Ack"'] + ["[ERROR] %s failed\n" % name for name in expected]:
+                self.agent.expect(line, 5)
             # Whatever comes next, they do not run again.
             self.params({"CmdType": "x", "SequenceId": "1"})
             self.ask("ListPlugin")
