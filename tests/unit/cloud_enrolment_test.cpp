@@ -5,8 +5,13 @@
 #include <sys/syscall.h>
 #include <sys/sysinfo.h>
 
+#include "arvok/app_messages.h"
 #include "cloud_fixture.h"
 #include "common/identity.h"
+
+extern "C" {
+#include <libubox/blobmsg_json.h>
+}
 
 namespace arvok {
 
@@ -511,6 +516,24 @@ TEST_F(Cloud, TheStateIsToldInWords) {
         EXPECT_STREQ(used, c.status == cc_bootstrap ? "bss.example:8088" : "abi.example:9");
     }
     cc->resolving = 0;
+}
+
+// --- messages of other apps ---
+
+TEST_F(Cloud, AnAppMessageIsCarriedOutWithoutAWaitingSender) {
+    const auto answer = [] {
+        return std::string(
+            text_ptr(blobmsg_format_json_with_cb(g_ctx.blob_buf.head, true, nullptr, nullptr, -1)).get());
+    };
+    EXPECT_EQ(arvok_postmsg(nullptr, nullptr, nullptr, "postmsg", nullptr), 0);
+    EXPECT_EQ(answer(), R"({"FailReason":"invalid msg, not json format","Status":"-1"})");
+    blob_buf message{};
+    blob_buf_init(&message, 0);
+    blobmsg_add_string(&message, "CmdType", "GET_STATUS");
+    EXPECT_EQ(arvok_postmsg(nullptr, nullptr, nullptr, "postmsg", message.head), 0);
+    EXPECT_EQ(answer().find(R"({"CmdType":"GET_STATUS","SequenceId":"","arvokclt":{"tul":")"), 0u);
+    blob_buf_free(&message);
+    blob_buf_free(&g_ctx.blob_buf);
 }
 
 }  // namespace
