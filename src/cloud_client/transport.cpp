@@ -169,8 +169,11 @@ void cc_send(void *message) {
 }
 
 int cc_post(cc_msg_ptr msg) {
-    if (utask_set(msg.get(), cc_send) < 0)
+    if (utask_set(msg.get(), cc_send) < 0) {
+        if (msg->wait_ack)
+            cc_retry();  // nothing else would go on
         return -1;
+    }
     static_cast<void>(msg.release());  // cc_send's from here on
     return 0;
 }
