@@ -200,7 +200,7 @@ void cc_reconnect(int ms) {
 void cc_set_fail_reason(const char *format, ...) {
     va_list args;
     va_start(args, format);
-    std::vsnprintf(cc->fail_reason, sizeof cc->fail_reason, format, args);
+    format_cut(cc->fail_reason, sizeof cc->fail_reason, format, args);
     va_end(args);
     qzcap_printf("[ERROR] %s\n", cc->fail_reason);
 }
@@ -208,7 +208,7 @@ void cc_set_fail_reason(const char *format, ...) {
 void cc_set_status_text(const char *format, ...) {
     va_list args;
     va_start(args, format);
-    std::vsnprintf(cc->status_text, sizeof cc->status_text, format, args);
+    format_cut(cc->status_text, sizeof cc->status_text, format, args);
     va_end(args);
 }
 

@@ -179,6 +179,7 @@ class Enrolment(CloudCase):
     def test_sent_to_a_bootstrap_server(self):
         self.enrol()
         before = self.device()["dev_token"]
+        self.patch({"devinfo": {"swversion": "9.9"}})  # noticed when the device connects
         for server, result in ({"Server": "bad_name", "Port": "80"}, -1), ({"Server": "100.64.0.1"}, -1):
             reply = self.request(RPCMethod="RequestConnectBSS", ID="a", **server)
             self.assertEqual(reply, {"Ack": "RequestConnectBSS", "ID": "a", "Result": result})
@@ -189,6 +190,8 @@ class Enrolment(CloudCase):
         wait_until(lambda: "Activate" in self.methods(), "enrolment anew")
         self.wait_for_heartbeat()
         self.assertEqual(self.heard("Boot")[0][1]["bootstrap"], "2")
+        self.assertEqual([m["FirmwareVer"] for _, m in self.heard("Activate") + self.heard("Connect")],
+                         ["2.4.1", "9.9"])
         self.assertNotEqual(self.device()["dev_token"], before)
         self.assertEqual(self.request(RPCMethod="Nothing", ID="c"),
                          {"Ack": "Nothing", "ID": "c", "Result": -1, "FailReason": "UNRECOGNIZE_REQUEST"})
@@ -367,7 +370,7 @@ class Network(CloudCase):
         self.assertEqual(self.methods().count("Boot"), 1)
 
     def test_an_address_that_does_not_answer(self):
-        """The network swallows the connection attempt: the acknowledgement's deadline ends it."""
+        """The network swallows the connection attempt; what ends it is the acknowledgement's deadline."""
         self.run_agent("-b", "100.65.1.1:8088")
         self.agent.expect('[INFO] (cloud) connect bss "100.65.1.1:8088"\n')
         wait_until(lambda: self.told()[2]["ack"] > 25000, self.told)
