@@ -57,7 +57,8 @@ Outcome look_up(const Request &request) {
 
 /* Calls */
 
-// Hands a call to the owner of an object. False when it does not fit into a message.
+// Hands a call to the owner of an object. A bus status: not found when the owner is going, invalid argument
+// when the call does not fit into a message.
 int call_object(const Request &request, Object &object, bool no_reply) {
     Client *owner = request.bus.find_client(object.owner);
     if (!owner || owner->over())
