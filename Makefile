@@ -22,7 +22,7 @@ THREAD_TESTS = utask_test cloud_test
 all: setup
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) $(CMAKE_ARGS) >$(BUILD).log 2>&1 || { cat $(BUILD).log; exit 1; }
 	@rm -f $(BUILD).log
-	@env -u MAKEFLAGS -u MFLAGS cmake --build $(BUILD) -j $(JOBS) --target $(TARGETS) -- --no-print-directory -s | { grep -v 'Built target' || true; }
+	@env -u MAKEFLAGS -u MFLAGS cmake --build $(BUILD) -j $(JOBS) --target $(TARGETS) -- --no-print-directory -s | { grep --line-buffered -v 'Built target' || true; }
 
 setup:
 	@tools/setup.sh
