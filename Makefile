@@ -22,7 +22,7 @@ THREAD_TESTS = utask_test cloud_test
 all: setup
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) $(CMAKE_ARGS) >$(BUILD).log 2>&1 || { cat $(BUILD).log; exit 1; }
 	@rm -f $(BUILD).log
-	@env -u MAKEFLAGS -u MFLAGS cmake --build $(BUILD) -j $(JOBS) --target $(TARGETS) -- --no-print-directory -s | { grep -v 'Built target' || true; }
+	@env -u MAKEFLAGS -u MFLAGS cmake --build $(BUILD) -j $(JOBS) --target $(TARGETS) -- --no-print-directory -s | { grep --line-buffered -v 'Built target' || true; }
 
 setup:
 	@tools/setup.sh
@@ -48,11 +48,12 @@ check-sanitized:
 sanitized:
 	@$(MAKE) --no-print-directory all BUILD=$(SANITIZED) BUILD_TYPE=Debug CMAKE_ARGS=-DARVOK_SANITIZE=ON
 
-# Reports go to standard output, because the tests keep the standard error output to themselves.
+# Reports go to standard output, because the tests keep the standard error output to themselves. Older runtimes refuse
+# some of the random memory layouts, so where it can be had, there is a fixed one.
 check-thread:
 	@$(MAKE) --no-print-directory all BUILD=$(THREADED) BUILD_TYPE=Debug CMAKE_ARGS=-DARVOK_SANITIZE=thread \
 		TARGETS='$(THREAD_TESTS)'
-	TSAN_OPTIONS=log_path=stdout $(CTEST) --test-dir $(THREADED) -R '^($(subst $() ,|,$(THREAD_TESTS)))$$'
+	TSAN_OPTIONS=log_path=stdout $$(setarch -R true 2>/dev/null && echo setarch -R) $(CTEST) --test-dir $(THREADED) -R '^($(subst $() ,|,$(THREAD_TESTS)))$$'
 
 check-format: setup
 	@test -n "$$($(CODE))" || { echo 'formatting is checked in a git checkout only'; exit 1; }

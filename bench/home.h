@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace arvok {
@@ -73,8 +74,20 @@ extern const std::vector<status_request> status_requests;
 void bare_echo(benchmark::State &state, std::size_t request_size, std::size_t answer_size);
 void bus_call(benchmark::State &state, const char *object, const char *method);
 
-/// The program's main: checks that it is in a home, then has `measure` register and run benchmarks, with the
-/// server behind bare_echo running, and `notes` printed behind the figures.
+/// Registers a benchmark of round trips.
+template <typename... Args>
+void add_round_trips(const std::string &name, Args &&...args) {
+    benchmark::RegisterBenchmark(name.c_str(), std::forward<Args>(args)...)
+        ->UseRealTime()
+        ->MinTime(0.2)
+        ->Repetitions(9);
+}
+
+/// Runs what is registered, in turns, and prints one line for each.
+void run_benchmarks();
+
+/// The program's main: puts the home on one core, then has `measure` register and run benchmarks, with the
+/// server behind bare_echo running; `notes` go before what is said about all round trips.
 int measure_in_home(int argc, char **argv, const std::function<void()> &measure, const char *notes);
 
 }  // namespace arvok

@@ -57,11 +57,12 @@ Outcome look_up(const Request &request) {
 
 /* Calls */
 
-// Hands a call to the owner of an object. False when it does not fit into a message.
-bool call_object(const Request &request, Object &object, bool no_reply) {
+// Hands a call to the owner of an object. A bus status: not found when the owner is going, invalid argument
+// when the call does not fit into a message.
+int call_object(const Request &request, Object &object, bool no_reply) {
     Client *owner = request.bus.find_client(object.owner);
     if (!owner || owner->over())
-        return false;  // before a large frame is built for nobody, perhaps thousands of times
+        return UBUS_STATUS_NOT_FOUND;  // before a large frame is built for nobody, perhaps thousands of times
     FrameBuilder builder;
 
     builder.put(UBUS_ATTR_OBJID, object.id);
@@ -73,11 +74,11 @@ bool call_object(const Request &request, Object &object, bool no_reply) {
     builder.put_content(UBUS_ATTR_DATA, request.attribute(UBUS_ATTR_DATA));
     const Frame frame = builder.finish(UBUS_MSG_INVOKE, request.message.seq, request.client.id);
     if (!frame)
-        return false;
+        return UBUS_STATUS_INVALID_ARGUMENT;
     if (!no_reply)
         object.calls.emplace(request.client.id, request.message.seq);
     owner->send(frame);
-    return true;
+    return UBUS_STATUS_OK;
 }
 
 // The arguments of a call to the daemon's own object, which must all be there.
@@ -160,9 +161,8 @@ Outcome invoke(const Request &request) {
     Object *object = request.bus.find_object(blob_get_u32(id));
     if (!object)
         return UBUS_STATUS_NOT_FOUND;
-    if (!call_object(request, *object, request.no_reply()))
-        return UBUS_STATUS_INVALID_ARGUMENT;
-    return NO_ANSWER;
+    const int status = call_object(request, *object, request.no_reply());
+    return status == UBUS_STATUS_OK ? NO_ANSWER : Outcome(status);
 }
 
 // Data or the status of a call, from the one that was called to the one that has called.

@@ -130,7 +130,8 @@ int BusObject::request(ubus_request_data *request, const cJSON *arguments) {
     const std::string key = key_of(method, id);
     const std::optional<int> connection = cloud_.request(std::move(message), mac);
     if (!connection)
-        return not_found("request: no device is connected");
+        return not_found(mac.empty() ? "request: no device is connected"
+                                     : "request: no device is connected with the mac " + mac);
     wait(request, *connection, key, timeout);
     return UBUS_STATUS_OK;
 }

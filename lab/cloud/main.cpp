@@ -28,7 +28,7 @@ constexpr Program program{
     "lab.cloud.\n"
     "\n"
     "      --bss SERVER       IPv4 address and port of the bootstrap server (default 100.64.0.1:8088)\n"
-    "      --business LIST    those of the business servers, separated by commas; none without any\n"
+    "      --business LIST    those of the business servers, separated by commas; or none\n"
     "                         (default 100.64.0.2 to 100.64.0.6). A port that is not given is 8088; 0 is "
     "any\n"
     "                         free one.\n"

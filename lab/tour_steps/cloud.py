@@ -74,8 +74,8 @@ def enrolment_is_watched(tour):
     """The platform sends the device through its enrolment again, slowly: what the agent says at each step"""
     last = tour.cloud.frames[-1]
     for method in ("Boot", "Activate", "Connect"):
-        call("lab.cloud", "misbehave", {"fault": "delay", "on": method, "delay": 300})
-    call("lab.cloud", "misbehave", {"fault": "delay", "on": "GetChallengeCode", "delay": 300, "times": 2})
+        call("lab.cloud", "misbehave", {"fault": "delay", "on": method, "delay": 1000})
+    call("lab.cloud", "misbehave", {"fault": "delay", "on": "GetChallengeCode", "delay": 1000, "times": 2})
     request(tour, RPCMethod="RequestConnectBSS")
     for method, status in (("Boot", "获取能力平台地址中"), ("GetChallengeCode", "获取挑战码中"), ("Activate", "激活中"),
                            ("GetChallengeCode", "获取挑战码中"), ("Connect", "连接中"), ("Heartbeat", "心跳保活中")):

@@ -43,11 +43,11 @@ bool method_of(const cJSON *element, bus_method &method) {
 }
 
 // Runs the elements in their order into `results`. False at the first invalid one: what was called before
-// stays called, and nobody is told.
+// stays called, and nobody is told. False also when the process is to end: each call may take its whole time.
 bool call_list(const cJSON *elements, cJSON *results) {
     for (const cJSON *element = elements->child; element; element = element->next) {
         bus_method method;
-        if (!method_of(element, method))
+        if (uloop_cancelling() || !method_of(element, method))
             return false;
         const cJSON *message = json_member(element, "message");
         if (!cJSON_IsObject(message)) {
@@ -203,6 +203,8 @@ int arvok_ubus_subscribe_cb(ubus_context *, ubus_object *subscriber, ubus_reques
         return -1;
     }
     const auto &node = *reinterpret_cast<const bus_subscription *>(subscriber);
+    if (!node.from_cloud && !ec->linked)
+        return 0;  // in the middle of a key negotiation it would go out in clear and end the connection
     const qz_text text(blobmsg_format_json_with_cb(msg, true, nullptr, nullptr, -1));
     arvok_msg_ptr notification = arvok_msg_new("ubus_notify", 0);
     notification->root.text("object", node.object).text("method", method).add("data", json_parse(text.get()));

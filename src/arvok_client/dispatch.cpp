@@ -1,8 +1,6 @@
 // The gateway link's messages by type, their errors and their acknowledgements.
 
 #include <cstdarg>
-#include <cstdio>
-#include <cstring>
 
 #include "arvok_client/handlers.h"
 #include "common/table.h"
@@ -82,24 +80,8 @@ void switch_to_bridge(const reply_context &context) {
     }
 }
 
-// A text that had to be cut may end within a character of several bytes: what there is of it goes too.
-void drop_cut_character(char *text) {
-    std::size_t end = std::strlen(text);
-    std::size_t begin = end;
-    while (begin > 0 && (text[begin - 1] & 0xc0) == 0x80)
-        begin--;
-    if (begin == 0 || (text[begin - 1] & 0xc0) != 0xc0)
-        return;
-    const unsigned char lead = static_cast<unsigned char>(text[--begin]);
-    const std::size_t size = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
-    if (end - begin < size)
-        text[begin] = '\0';
-}
-
 void record_error(int code, const char *format, va_list args) {
-    const int length = std::vsnprintf(ec->errmsg, sizeof ec->errmsg, format, args);
-    if (length >= static_cast<int>(sizeof ec->errmsg))
-        drop_cut_character(ec->errmsg);
+    format_cut(ec->errmsg, sizeof ec->errmsg, format, args);
     ec->errcode = code;
     qzcap_printf("[ERROR] (%d) %s\n", code, ec->errmsg);
 }

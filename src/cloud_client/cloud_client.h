@@ -104,7 +104,8 @@ void cc_done();
 cc_msg_ptr cc_new_msg(const char *method);
 /// Sends and releases a cc_msg (which may be null); without a connection it only releases it. A utask_fn.
 void cc_send(void *msg);
-/// Hands a message to cc_send on the loop's next turn. Returns 0, or -1 with the message released.
+/// Hands a message to cc_send on the loop's next turn. Returns 0, or -1 with the message released; when it
+/// would have awaited an acknowledgement, the connection is then retried.
 int cc_post(cc_msg_ptr msg);
 /// Writes one message now, awaiting nothing.
 void cc_write(const cJSON *root);

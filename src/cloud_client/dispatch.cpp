@@ -11,22 +11,31 @@ extern "C" {
 namespace arvok {
 namespace {
 
-struct msg_row {
-    const char *name;
-    int (*handler)(const cJSON *root);
-};
-
 int install_notification_ack(const cJSON *) {
     return 1;
 }
 
-constexpr msg_row acks[] = {
-    {"Boot", cc_boot_ack},           {"GetChallengeCode", cc_challenge_ack},
-    {"Activate", cc_activate_ack},   {"Connect", cc_connect_ack},
-    {"Heartbeat", cc_heartbeat_ack}, {"InstallNotification", install_notification_ack},
+struct ack_row {
+    const char *name;
+    int (*handler)(const cJSON *root);
+    bool in_handshake;  // else what it acknowledges is sent when connected only
 };
 
-constexpr msg_row requests[] = {
+constexpr ack_row acks[] = {
+    {"Boot", cc_boot_ack, true},
+    {"GetChallengeCode", cc_challenge_ack, true},
+    {"Activate", cc_activate_ack, true},
+    {"Connect", cc_connect_ack, true},
+    {"Heartbeat", cc_heartbeat_ack, false},
+    {"InstallNotification", install_notification_ack, false},
+};
+
+struct request_row {
+    const char *name;
+    int (*handler)(const cJSON *root);
+};
+
+constexpr request_row requests[] = {
     {"RequestConnectBSS", cc_request_connect_bss},
     {"Install", cc_install},
     {"Uninstall", cc_uninstall},
@@ -41,15 +50,17 @@ void log_invalid() {
     qzcap_printf("[ERROR] (cloud) invalid server msg\n");
 }
 
-// An acknowledgement that is not handled leaves its deadline running.
+// An acknowledgement that is not handled leaves the deadline running, and so does a stray one of what is only
+// sent when connected: in the middle of the handshake there is no other timer.
 void handle_ack(const char *name, const cJSON *root) {
-    const msg_row *row = find_row(acks, name);
+    const ack_row *row = find_row(acks, name);
     if (!row) {
         qzcap_printf("[ERROR] (cloud) unknown Ack type: %s\n", name);
         return log_invalid();
     }
+    const bool awaited = row->in_handshake || cc->status == cc_connected;
     const int handled = row->handler(root);
-    if (handled != 0)
+    if (handled != 0 && awaited)
         uloop_timeout_cancel(&cc->ack_timer);
     if (handled != 1)
         log_invalid();
@@ -61,7 +72,7 @@ void handle_request(const cJSON *root) {
         qzcap_printf("[ERROR] (cloud) RPCMethod or ID not found\n");
         return log_invalid();
     }
-    const msg_row *row = find_row(requests, method);
+    const request_row *row = find_row(requests, method);
     if (!row) {
         cc->result = -1;
         cc_set_fail_reason("UNRECOGNIZE_REQUEST");

@@ -53,11 +53,13 @@ bool read_install(const cJSON *root, install_record &record) {
     }
     _strlcpy(record.plugin_id, id, sizeof record.plugin_id);
     _strlcpy(record.version, version, sizeof record.version);
+    drop_cut_character(record.version);
     _strlcpy(record.url, url, sizeof record.url);
     record.size = static_cast<int>(std::strtol(size, nullptr, 0));
     record.run = _strcmp(run, "1") == 0;
     _strlcpy(record.os, os, sizeof record.os);
     _strlcpy(record.upgrade_id, upgrade_id, sizeof record.upgrade_id);
+    drop_cut_character(record.upgrade_id);
     return true;
 }
 

@@ -79,7 +79,7 @@ addresses_ptr look_up(const char *host, const kind_texts &texts) {
 std::size_t add_addresses(const server &named, const kind_texts &texts, server *addresses,
                           std::size_t count) {
     const addresses_ptr found = look_up(named.host, texts);
-    for (const addrinfo *at = found.get(); at && count < addresses_max; at = at->ai_next) {
+    for (const addrinfo *at = found.get(); at; at = at->ai_next) {
         const in_addr &address = reinterpret_cast<const sockaddr_in *>(at->ai_addr)->sin_addr;
         char text[INET_ADDRSTRLEN];
         inet_ntop(AF_INET, &address, text, sizeof text);
@@ -87,6 +87,8 @@ std::size_t add_addresses(const server &named, const kind_texts &texts, server *
             qzcap_printf("[INFO] getaddrinfo skip %s (%s)\n", text, named.host);
             continue;
         }
+        if (count == addresses_max)
+            continue;
         server &kept = addresses[count];
         _strlcpy(kept.host, text, sizeof kept.host);
         _strlcpy(kept.port, named.port, sizeof kept.port);
@@ -135,7 +137,7 @@ int resolve_abi(server_resolver &resolver) {
         return 0;
     forget(resolver.abi_addr);
     std::size_t count = 0;
-    for (std::size_t i = 0; i < abi_max && count < addresses_max; i++) {
+    for (std::size_t i = 0; i < abi_max; i++) {
         if (resolver.abi[i].state != server_untried)
             continue;
         const std::size_t first = count;

@@ -49,6 +49,7 @@ void cc_resolv_done(void *) {
         cc_set_status_text("创建套接字失败");
         return cc_retry();
     }
+    uloop_timeout_cancel(&cc->reconnect_timer);  // the WAN may have armed it while the name was looked up
     stream_open(cc->stream, fd);
     cc->pending_len = 0;
     cc_start_exchange();

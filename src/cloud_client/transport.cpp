@@ -143,8 +143,11 @@ void cc_send(void *message) {
 }
 
 int cc_post(cc_msg_ptr msg) {
-    if (utask_set(msg.get(), cc_send) < 0)
+    if (utask_set(msg.get(), cc_send) < 0) {
+        if (msg->wait_ack)
+            cc_retry();  // nothing else would go on
         return -1;
+    }
     static_cast<void>(msg.release());  // cc_send's from here on
     return 0;
 }
@@ -171,7 +174,7 @@ void cc_reconnect(int ms) {
 void cc_set_fail_reason(const char *format, ...) {
     va_list args;
     va_start(args, format);
-    std::vsnprintf(cc->fail_reason, sizeof cc->fail_reason, format, args);
+    format_cut(cc->fail_reason, sizeof cc->fail_reason, format, args);
     va_end(args);
     qzcap_printf("[ERROR] %s\n", cc->fail_reason);
 }
@@ -179,7 +182,7 @@ void cc_set_fail_reason(const char *format, ...) {
 void cc_set_status_text(const char *format, ...) {
     va_list args;
     va_start(args, format);
-    std::vsnprintf(cc->status_text, sizeof cc->status_text, format, args);
+    format_cut(cc->status_text, sizeof cc->status_text, format, args);
     va_end(args);
 }
 

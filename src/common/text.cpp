@@ -3,6 +3,7 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 
 namespace arvok {
@@ -46,6 +47,25 @@ std::size_t _strlcpy(char *dst, const char *src, std::size_t size) {
         dst[kept] = '\0';
     }
     return len;
+}
+
+void drop_cut_character(char *text) {
+    std::size_t end = std::strlen(text);
+    std::size_t begin = end;
+    while (begin > 0 && (text[begin - 1] & 0xc0) == 0x80)
+        begin--;
+    if (begin == 0 || (text[begin - 1] & 0xc0) != 0xc0)
+        return;
+    const unsigned char lead = static_cast<unsigned char>(text[--begin]);
+    const std::size_t size = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
+    if (end - begin < size)
+        text[begin] = '\0';
+}
+
+void format_cut(char *text, std::size_t size, const char *format, va_list args) {
+    const int length = std::vsnprintf(text, size, format, args);
+    if (length >= static_cast<int>(size))
+        drop_cut_character(text);
 }
 
 }  // namespace arvok

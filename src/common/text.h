@@ -2,6 +2,7 @@
 /// Null-tolerant versions of the C string calls. A null text is an ordinary value here: the platform's
 /// records leave a field null where there is nothing to say.
 
+#include <cstdarg>
 #include <cstddef>
 
 #include "common/handle.h"
@@ -22,6 +23,12 @@ int _strcasecmp(const char *a, const char *b);
 /// length of `src`, so a result of `size` or more means that the copy was cut. Null `dst` or `src`: 0,
 /// nothing written.
 std::size_t _strlcpy(char *dst, const char *src, std::size_t size);
+
+/// Takes away what a cut has left of a character of several bytes at the end of a UTF-8 text.
+void drop_cut_character(char *text);
+
+/// Formats into `text`; what does not fit is cut between two characters.
+void format_cut(char *text, std::size_t size, const char *format, va_list args);
 
 /// The text itself, or "" for null: what goes into a message where a record has no text.
 inline const char *text_or_empty(const char *s) {

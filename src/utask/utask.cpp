@@ -1,6 +1,7 @@
 #include "utask/utask.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -34,6 +35,8 @@ struct utask_task {
     utask_fn done;
 };
 
+constexpr int full_pipe_ms = 10;  // a worker's wait for room
+
 std::atomic<int> write_fd{-1};
 uloop_fd reader{};
 
@@ -60,13 +63,34 @@ void release_queued_tasks() {
     }
 }
 
+bool write_task(const task &t) {
+    ssize_t written;
+    do
+        written = write(write_fd, &t, sizeof t);
+    while (written < 0 && errno == EINTR);
+    return written == static_cast<ssize_t>(sizeof t);
+}
+
+void log_failure() {
+    qzcap_printf("[ERROR] %s write pipe failed\n", "utask_set");
+}
+
+// Unlike others, a worker can wait until the loop has made room in the pipe: its completion must not get
+// lost.
 void *worker(void *record) {
     const utask_task t = *static_cast<utask_task *>(record);
     std::free(record);
     if (t.fn)
         t.fn(t.arg);
-    if (t.done)
-        utask_set(t.arg, t.done);
+    if (!t.done)
+        return nullptr;
+    while (!write_task({t.arg, t.done})) {
+        if (errno != EAGAIN) {
+            log_failure();
+            break;
+        }
+        poll(nullptr, 0, full_pipe_ms);
+    }
     return nullptr;
 }
 
@@ -94,16 +118,10 @@ void utask_done() {
 }
 
 int utask_set(void *arg, utask_fn fn) {
-    const task t{arg, fn};
-    ssize_t written;
-    do
-        written = write(write_fd, &t, sizeof t);
-    while (written < 0 && errno == EINTR);
-    if (written != static_cast<ssize_t>(sizeof t)) {
-        qzcap_printf("[ERROR] %s write pipe failed\n", "utask_set");
-        return -1;
-    }
-    return 0;
+    if (write_task({arg, fn}))
+        return 0;
+    log_failure();
+    return -1;
 }
 
 int utask_asyn_set(void *arg, utask_fn fn, utask_fn done) {

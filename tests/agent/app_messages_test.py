@@ -39,6 +39,11 @@ class Messages(AgentCase):
         self.assertEqual(list(status["timer"]), ["connect", "heartbeat", "ack"])
         self.assertEqual((answer["SequenceId"], status["tul"], status["arvok_status"], status["debug"]),
                          ("42", "TUL1.0_QZ_TANDORIL_IPQ5018X_V2.1.3", 1, 0))
+        self.stop_agents()
+        self.misbehave(fault="refuse", times=0)
+        self.start("-d", "-g", "192.168.1.1").expect("[INFO] (arvok) disconnect fd: ")
+        status = self.ask(CmdType="GET_STATUS")["arvokclt"]
+        self.assertEqual((status["arvok_status"], status["debug"]), (0, 1))
 
     def test_the_other_slots_are_not_offered(self):
         for method in ("start", "stop", "restore"):

@@ -91,12 +91,17 @@ class AgentCase(unittest.TestCase):
         self.agents = []
 
     def tearDown(self):
-        for agent in self.agents:
+        self.stop_agents()
+        wait_until(lambda: not self.peer()["connected"], "the gateway's connection closed")
+
+    def stop_agents(self):
+        """Ends the agents that the test has started; they must end well."""
+        while self.agents:
+            agent = self.agents.pop()
             status = agent.stop()
             self.assertEqual(status, 0, "exit status of the agent:\n" + agent.lines()[-3000:])
             for report in ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:"):
                 self.assertNotIn(report, agent.text())
-        wait_until(lambda: not self.peer()["connected"], "the gateway's connection closed")
 
     def start(self, *args, **kwargs):
         agent = Agent(*args, **kwargs)

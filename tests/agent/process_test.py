@@ -145,6 +145,7 @@ class Life(AgentCase):
         agent = self.start("-g", "192.168.1.1", env={**os.environ, "LD_PRELOAD": os.environ["TRACE_LIBRARY"],
                                                      "TRACE_FILE": trace, "ASAN_OPTIONS": "verify_asan_link_order=0"})
         self.wait_for_message("wan_report")
+        call("lab.gateway", "request", {"type": "ubus_subscribe", "object": "qzcapd.laninfo", "enable": 1})
         self.assertEqual(agent.stop(), 0)
         with open(trace) as lines:
             calls = lines.read().split("\n")[:-1]
@@ -154,6 +155,8 @@ class Life(AgentCase):
                                                                         "qzcap_ubus_unsubscribe")]
         begin, end = calls.index("uloop_run_timeout -1"), calls.index("uloop_done")
         self.assertEqual(calls[:begin], ["qzcap_ubus_start", "qzcap_register_appmgtcb", *subscribed])
+        self.assertEqual([c for c in calls[begin:end] if "subscribe" in c],
+                         ["qzcap_ubus_subscribe", "qzcap_ubus_unsubscribe"])  # the gateway's
         self.assertEqual(calls[end:], ["uloop_done", *handed_back, "qzcap_unregister_appmgtcb", "qzcap_ubus_done",
                                        "qzcap_free_devinfo", "qzcap_free_waninfo"])
 

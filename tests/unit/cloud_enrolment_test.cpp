@@ -5,8 +5,13 @@
 #include <sys/syscall.h>
 #include <sys/sysinfo.h>
 
+#include "arvok/app_messages.h"
 #include "cloud_fixture.h"
 #include "common/identity.h"
+
+extern "C" {
+#include <libubox/blobmsg_json.h>
+}
 
 namespace arvok {
 
@@ -199,6 +204,12 @@ TEST_F(Cloud, TheBootstrapServersAnswerLeadsToABusinessServer) {
     EXPECT_STREQ(cc->status_text, "TCP连接断开");
     EXPECT_EQ(cc->server_kind, server_abi);
 
+    answer(boot_start,
+           ack("Boot", R"("Result":0,"BizPlat":[5,{"ServerPort":2},{"ServerAddr":"x"},)"
+                       R"({"ServerAddr":"x","ServerPort":"7"},{"ServerAddr":7,"ServerPort":7}])"));
+    expect_reconnection(9000000);
+    EXPECT_EQ(business_servers(), "a1:1;a2:2;a3:3;a4:4;-;");
+
     // A list that was asked for is taken, new or not.
     answer(boot_requested, boot_ack({"a1:1", "a2:2"}));
     expect_reconnection(10);
@@ -214,7 +225,7 @@ TEST_F(Cloud, TheBootstrapServersAnswerLeadsToABusinessServer) {
 }
 
 TEST_F(Cloud, EnrolmentEndsWithAHeartbeatAndClearCounts) {
-    g_ctx.devinfo->sn = qzcap_strdup("S123456789012345678901234567890123");
+    g_ctx.devinfo->sn = qzcap_strdup("S123456789012345678901234567890123");  // 34 characters
     connect(cc_challenge);
     cc->retry_count = 4;
     cc->cycle_count = 2;
@@ -236,6 +247,13 @@ TEST_F(Cloud, EnrolmentEndsWithAHeartbeatAndClearCounts) {
     EXPECT_EQ(receive(), R"({"RPCMethod":"Heartbeat","MAC":"021122334455","IPAddr":"127.0.0.1"})");
     EXPECT_EQ(cc->retry_count, 0);
     EXPECT_EQ(cc->cycle_count, 0);
+    EXPECT_EQ(log_text().find("PPPoEName"), std::string::npos);  // there is no WAN record
+    g_ctx.devinfo->sn[33] = '\0';
+    cc_disconnect();
+    connect(cc_challenge);
+    cc->activated = 0;
+    send_bytes(message(ack("GetChallengeCode", R"("Result":0,"ChallengeCode":")" + challenge + R"(")")));
+    expect_log(R"("SN":"FFFFFFFFFFFFFFFFFFFFFF021122334455","CKey":")");
 }
 
 TEST_F(Cloud, TheDeviceIsSentToABootstrapServer) {
@@ -437,7 +455,7 @@ TEST_F(Cloud, BusinessServersShareFiveAddresses) {
     names = {{"a", {{"100.64.0.2", "10.0.0.1", "100.64.0.3"}}},
              {"b", {{"100.64.0.4", "100.64.0.5"}}},
              {"slow", {{"100.64.0.9"}, 20}},
-             {"c", {{"100.64.0.6", "100.64.0.7"}}}};
+             {"c", {{"100.64.0.6", "10.9.9.9", "100.64.0.7", "10.8.8.8"}}}};
     r.kind = server_abi;
     const std::pair<const char *, int> expected[] = {{"100.64.0.2:1", 0},
                                                      {"100.64.0.3:1", 0},
@@ -452,7 +470,13 @@ TEST_F(Cloud, BusinessServersShareFiveAddresses) {
     }
     expect_log("[ERROR] resolve abi: gone failed: Name or service not known\n");
     expect_log("[ERROR] resolve abi: slow timeout: 20s\n[INFO] abi_ip[4]: 100.64.0.6:5\n");
+    expect_log("[INFO] getaddrinfo skip 10.8.8.8 (c)\n");
     EXPECT_EQ(names_asked.size(), 5u);
+    names[0].second.addresses = {"100.64.1.1", "100.64.1.2", "100.64.1.3", "100.64.1.4", "100.64.1.5"};
+    resolve_server(r);
+    EXPECT_STREQ(r.abi_addr[4].host, "100.64.1.5");
+    EXPECT_EQ(names_asked.size(), 10u);  // every name is looked up, also when there is no room left
+    forget_addresses(r);
     r.abi[0].state = server_empty;
     names = {{"a", {{"100.64.0.2"}}}};
     resolve_server(r);
@@ -471,6 +495,37 @@ TEST_F(Cloud, AResolutionThatFailsIsRetriedAndASecondOneIsNotBegun) {
     EXPECT_EQ(cc->server_kind, server_bss);
     expect_log("[ERROR] (cloud) resolv server failed\n");
     EXPECT_EQ(names_asked, std::vector<std::string>{"bss.example"});
+}
+
+TEST_F(Cloud, AReconnectionThatWasArmedDuringALookUpDoesNotCutTheNewConnection) {
+    connect(cc_challenge);
+    cc_disconnect();
+    cc->server_kind = server_current;
+    cc_run();
+    cc_reconnect(10);  // as the WAN's coming does
+    pump(connected);
+    EXPECT_FALSE(cc->reconnect_timer.pending);
+}
+
+TEST_F(Cloud, WhatTheNetworkOrTheLoopDoesNotTakeIsRetried) {
+    cc->resolver.current = {"100.64.0.1", "8088", server_tried};  // there is no route in this network
+    cc->server_kind = server_current;
+    cc->status = cc_challenge;
+    cc_run();
+    pump([] { return !cc->resolving; });
+    expect_log("[ERROR] (cloud) create socket failed: Network is unreachable\n");
+    EXPECT_STREQ(cc->status_text, "创建套接字失败");
+    expect_retry(1);
+
+    // A full task pipe loses neither the end of a look-up nor the connection's timers.
+    connect_fully();
+    while (utask_set(nullptr, nullptr) == 0) {
+    }
+    fire(cc->heartbeat_timer);
+    expect_retry(2);
+    cc_run();
+    pump([] { return !cc->resolving; });
+    EXPECT_TRUE(connected());
 }
 
 // --- the state in words ---
@@ -511,6 +566,24 @@ TEST_F(Cloud, TheStateIsToldInWords) {
         EXPECT_STREQ(used, c.status == cc_bootstrap ? "bss.example:8088" : "abi.example:9");
     }
     cc->resolving = 0;
+}
+
+// --- messages of other apps ---
+
+TEST_F(Cloud, AnAppMessageIsCarriedOutWithoutAWaitingSender) {
+    const auto answer = [] {
+        return std::string(
+            text_ptr(blobmsg_format_json_with_cb(g_ctx.blob_buf.head, true, nullptr, nullptr, -1)).get());
+    };
+    EXPECT_EQ(arvok_postmsg(nullptr, nullptr, nullptr, "postmsg", nullptr), 0);
+    EXPECT_EQ(answer(), R"({"FailReason":"invalid msg, not json format","Status":"-1"})");
+    blob_buf message{};
+    blob_buf_init(&message, 0);
+    blobmsg_add_string(&message, "CmdType", "GET_STATUS");
+    EXPECT_EQ(arvok_postmsg(nullptr, nullptr, nullptr, "postmsg", message.head), 0);
+    EXPECT_EQ(answer().find(R"({"CmdType":"GET_STATUS","SequenceId":"","arvokclt":{"tul":")"), 0u);
+    blob_buf_free(&message);
+    blob_buf_free(&g_ctx.blob_buf);
 }
 
 }  // namespace

@@ -52,6 +52,7 @@ class Cloud : public Peer {
         connect(cc_challenge);
         cc->status = cc_connected;
         cc->server_key = _strdup("0123456789abcdef");
+        cc->challenge = _strdup("of this connection");
     }
 
     static std::string frame(const std::string &body) {
@@ -91,6 +92,7 @@ class Cloud : public Peer {
         EXPECT_EQ(cc->client_key, nullptr);
         EXPECT_EQ(cc->server_key, nullptr);
         EXPECT_EQ(cc->challenge, nullptr);
+        expect_log("[INFO] (cloud) disconnect fd: ");
         expect_closed();
     }
     // As left by the retry policy's `count`-th attempt.

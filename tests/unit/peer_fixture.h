@@ -118,6 +118,7 @@ class RemoteEnd : public ::testing::Test {
         pump([&] { return log_text().find(line) != std::string::npos; });
     }
     static void expect_armed(uloop_timeout &timer, int ms) {
+        EXPECT_TRUE(timer.pending);
         const int left = uloop_timeout_remaining(&timer);
         EXPECT_LE(left, ms);
         EXPECT_GT(left, ms - 1500);
