@@ -1,7 +1,5 @@
 // The local server: its framing under every split of the bytes, its requests, and clients that are a burden.
 
-#include <sys/resource.h>
-
 #include <algorithm>
 
 #include "common/crypto.h"
@@ -276,11 +274,10 @@ TEST_F(Local, ClientsGoWithTheirConnections) {
     expect_log("[INFO] (local) disconnect fd: ");
     pump([] { return ls->clients.size() == 1; });
 
-    local_client &reset = connect();
+    connect();
     const linger at_once{1, 0};
     setsockopt(peer_, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
     send_bytes(unknown(2));
-    reset.stream.unsent_max = 1;  // the reply will be waiting
     close(peer_);
     opened_.pop_back();
     pump([] { return ls->clients.size() == 1; });
@@ -315,31 +312,6 @@ TEST_F(Local, StoppingClosesEveryClient) {
     ls_run();
     connect();
     expect_served(2);
-}
-
-TEST_F(Local, WithoutDescriptorsItWaitsInsteadOfSpinning) {
-    rlimit before{}, none{};
-    getrlimit(RLIMIT_NOFILE, &before);
-    const auto limit = [&](rlim_t descriptors) {
-        none = {descriptors, before.rlim_max};
-        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    };
-    connect();
-    connect();
-    knock();
-    limit(18);  // two clients and what the agent needs besides
-    log();
-    for (int i = 0; i < 10; i++)
-        turn();
-    EXPECT_EQ(log(), "[ERROR] (local) accept failed\n");
-    expect_armed(ls->accept_pause, 1000);
-    fire(ls->accept_pause);
-    expect_log("[ERROR] (local) accept failed\n");
-    limit(19);
-    fire(ls->accept_pause);
-    expect_served(1);
-    EXPECT_EQ(ls->clients.size(), 3u);
-    limit(before.rlim_cur);
 }
 
 }  // namespace
