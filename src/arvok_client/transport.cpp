@@ -187,6 +187,7 @@ void keepalive_ack_timeout_cb(uloop_timeout *) {
 
 void ec_init() {
     stream_init(ec->stream, read_cb, broken_cb);
+    ec->stream.unsent_max = peer_unsent_max;
     ec->reconnect_timer.cb = reconnect_cb;
     ec->ack_timer.cb = ack_timeout_cb;
     ec->keepalive_timer.cb = keepalive_cb;

@@ -37,6 +37,9 @@ struct tcp_stream {
 /// Longest body of every protocol here, and the size of the single read buffer.
 constexpr int max_body = 16384;
 
+/// How many bytes may wait to be sent to the gateway and to the cloud before their further requests wait too.
+constexpr int peer_unsent_max = 256 * 1024;
+
 /// Sets up a closed stream; unsent_max and on_down may be set afterwards.
 void stream_init(tcp_stream &stream, void (*on_read)(tcp_stream &, int), void (*on_broken)(tcp_stream &));
 
