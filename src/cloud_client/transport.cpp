@@ -93,6 +93,7 @@ void ack_timeout_cb(uloop_timeout *) {
 
 void cc_init() {
     stream_init(cc->stream, read_cb, broken_cb);
+    cc->stream.unsent_max = peer_unsent_max;
     cc->reconnect_timer.cb = reconnect_cb;
     cc->change_timer.cb = change_cb;
     cc->heartbeat_timer.cb = heartbeat_cb;
