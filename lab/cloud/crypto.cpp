@@ -48,7 +48,7 @@ std::optional<std::string> run_cipher(std::string_view key, std::string_view in,
         ERR_clear_error();
         return std::nullopt;
     }
-    out.resize(static_cast<std::size_t>(length + last));
+    out.resize(static_cast<std::size_t>(length) + static_cast<std::size_t>(last));
     return out;
 }
 
