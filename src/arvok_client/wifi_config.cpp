@@ -15,7 +15,6 @@ namespace {
 
 constexpr std::uint32_t main_interface = 1;
 
-
 // --- status ---
 
 constexpr field<qzcap_wifi_ap> ap_fields[] = {
