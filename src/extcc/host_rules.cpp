@@ -76,11 +76,10 @@ const char *store_rule(std::FILE *file, const char *mac, const cJSON *rule) {
         return "invalid Enable";
     const char *continue_id = json_text(rule, "ContinueID");
     if (file) {
-        std::string line = std::string(mac) + "|" + mode + "|" + start + "|" + end + "|" + enable + "|" +
-                           (continue_id && *continue_id ? continue_id : no_continue_id) + "|" +
-                           text_or_empty(json_text(rule, "GroupID"));
-        std::replace(line.begin(), line.end(), '\n', ' ');  // one rule, one line, whatever the texts hold
-        std::fprintf(file, "%s\n", line.c_str());
+        const std::string line = std::string(mac) + "|" + mode + "|" + start + "|" + end + "|" + enable +
+                                 "|" + (continue_id && *continue_id ? continue_id : no_continue_id) + "|" +
+                                 text_or_empty(json_text(rule, "GroupID"));
+        std::fprintf(file, "%s\n", one_line(line).c_str());
     }
     _add_mac_to_list(mac, start, end, static_cast<int>(uint_value(enable)),
                      static_cast<int>(uint_value(mode)));

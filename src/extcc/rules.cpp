@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -20,7 +21,6 @@ namespace {
 
 constexpr char schedule_copy[] = "extcc-lht.cfg.bk";
 constexpr int load_line = 256;  // a longer line of a rule file counts as several
-constexpr int copy_line = 1024;
 
 file_ptr open_rules(const char *name, const char *mode) {
     return file_ptr(std::fopen(rule_path(name).c_str(), mode));
@@ -64,7 +64,41 @@ void index_parent_rules() {
         g_ctx.extcc.parent_index.emplace(mac_key(rule.mac), &rule);  // keeps the first, which is the newest
 }
 
+enum class copied { none, all, some };
+
+// Copies the lines of the schedule file that do not contain the text. None also when the copy is not whole:
+// with a full disk the rules that are to stay would be lost with those that go.
+copied copy_without(const char *mac) {
+    const file_ptr file = open_rules(schedule_file, "re");
+    if (!file)
+        return copied::none;
+    file_ptr copy = open_rules(schedule_copy, "w+e");
+    if (!copy)
+        return copied::none;
+    char *buffer = nullptr;
+    std::size_t room = 0;
+    bool all = true;
+    for (ssize_t length; (length = getline(&buffer, &room, file.get())) > 0;) {
+        const auto size = static_cast<std::size_t>(length);
+        if (mac && !memmem(buffer, size, mac, std::strlen(mac)))
+            std::fwrite(buffer, 1, size, copy.get());
+        else
+            all = false;
+    }
+    std::free(buffer);
+    const bool whole =
+        std::fflush(copy.get()) == 0 && fsync(fileno(copy.get())) == 0 && !std::ferror(copy.get());
+    if (std::fclose(copy.release()) != 0 || !whole)
+        return copied::none;
+    return all ? copied::all : copied::some;
+}
+
 }  // namespace
+
+std::string one_line(std::string text) {
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    return text;
+}
 
 std::string rule_path(const char *name) {
     return std::string(rule_folder) + name;
@@ -157,36 +191,18 @@ void _save_pr_cfg() {
         return;
     }
     for (const parent_rule &rule : g_ctx.extcc.parent_rules)
-        std::fprintf(file.get(), "%s|%u|%u|%u|%u\n", rule.mac, rule.flags, rule.internet, rule.down_limit,
-                     rule.up_limit);
+        std::fprintf(file.get(), "%s|%u|%u|%u|%u\n", one_line(rule.mac).c_str(), rule.flags, rule.internet,
+                     rule.down_limit, rule.up_limit);
     std::fflush(file.get());
     fsync(fileno(file.get()));
 }
 
 void _remove_timer_lines(const char *mac) {
     const std::string path = rule_path(schedule_file), copy_path = rule_path(schedule_copy);
-    bool all = true;
-    {
-        const file_ptr file = open_rules(schedule_file, "re");
-        if (!file)
-            return;
-        const file_ptr copy(std::fopen(copy_path.c_str(), "w+e"));
-        if (!copy)
-            return;
-        char line[copy_line];
-        while (std::fgets(line, sizeof line, file.get())) {
-            if (mac && !std::strstr(line, mac))
-                std::fputs(line, copy.get());
-            else
-                all = false;
-        }
-    }
-    if (all) {
-        std::remove(copy_path.c_str());
+    const copied result = copy_without(mac);
+    if (result == copied::some && std::rename(copy_path.c_str(), path.c_str()) == 0)
         return;
-    }
-    std::remove(path.c_str());
-    std::rename(copy_path.c_str(), path.c_str());
+    std::remove(copy_path.c_str());
 }
 
 laninfos_ptr list_hosts() {

@@ -50,9 +50,12 @@ struct schedule_line {
 /// The schedule file's lines, in order.
 std::vector<schedule_line> schedule_lines();
 
+/// The text with its line feeds replaced: one rule is one line, whatever its texts hold.
+std::string one_line(std::string text);
 /// Rewrites the blocking and rate file.
 void _save_pr_cfg();
-/// Removes the lines that contain the text from the schedule file; null removes all.
+/// Removes the lines that contain the text from the schedule file; null removes all. The file stays as it was
+/// when there is no room for what is left of it.
 void _remove_timer_lines(const char *mac);
 
 // --- platform records ---

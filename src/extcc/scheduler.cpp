@@ -18,6 +18,7 @@ namespace {
 
 constexpr int retry_clock_s = 60;
 constexpr int guest_file_max = 128;
+constexpr std::time_t day_s = 86400;
 
 // --- hosts ---
 
@@ -41,10 +42,11 @@ void log_next_check(const char *function, int line, int delay) {
                  delay % 3600 / 60);
 }
 
-void extcc_update_timer(std::time_t now) {
-    const int delay = now < clock_set_after
-                          ? retry_clock_s
-                          : _get_next_action(g_ctx.extcc.timer_hosts, rule_instant_at(now, is_shifted(now)));
+// Counts from the instant that was evaluated: the platform has taken its time since then, and a boundary that
+// was passed meanwhile must still be seen.
+void extcc_update_timer(const rule_instant &at, std::time_t evaluated) {
+    const auto passed = static_cast<int>(std::clamp<std::time_t>(wall_clock() - evaluated, 0, day_s));
+    const int delay = std::max(1, _get_next_action(g_ctx.extcc.timer_hosts, at) - passed);
     log_next_check("extcc_update_timer", __LINE__, delay);
     uloop_timeout_set(&g_ctx.extcc.lanhost_timer, delay * 1000);
 }
@@ -64,7 +66,7 @@ void extcc_lanhost_cb(uloop_timeout *) {
         if (g_ctx.extcc.pending_mac[0] && _strcasecmp(g_ctx.extcc.pending_mac, host.mac) == 0)
             set_access(host, access_unrestricted);
     });
-    extcc_update_timer(now);
+    extcc_update_timer(at, now);
 }
 
 bool apply_parent_rule(const parent_rule &rule, qzcap_laninfo &host) {
@@ -82,7 +84,10 @@ void extcc_parent_cb(uloop_timeout *) {
         return;
     const laninfos_ptr hosts = list_hosts();
     std::unordered_map<std::string, qzcap_laninfo *> by_mac;
-    for_each_host(hosts, [&by_mac](qzcap_laninfo &host) { by_mac.emplace(text_or_empty(host.mac), &host); });
+    for_each_host(hosts, [&by_mac](qzcap_laninfo &host) {
+        if (host.mac)
+            by_mac.emplace(host.mac, &host);
+    });
     for (parent_rule &rule : g_ctx.extcc.parent_rules) {
         const auto found = by_mac.find(rule.mac);
         rule.applied = found != by_mac.end() && apply_parent_rule(rule, *found->second) ? rule.flags : 0;

@@ -12,6 +12,7 @@
 #include "common/clock.h"
 #include "common/text.h"
 #include "context.h"
+#include "extcc/schedule.h"
 #include "utask/utask.h"
 
 namespace arvok {
@@ -131,6 +132,14 @@ TEST_F(Rules, LinesAreRemovedByTheirText) {
         EXPECT_EQ(read(schedule_file), c.left) << text_or_empty(c.mac);
         EXPECT_FALSE(std::filesystem::exists(folder_ / "extcc-lht.cfg.bk"));
     }
+    // Neither a zero within a line nor a disk that is full costs the other lines.
+    const std::string odd = std::string("AB|0|8:0\0|9:00\n", 15) + "CD|0|8:00|9:00|1|c|g\nEF|0\n";
+    write(schedule_file, odd);
+    _remove_timer_lines("EF");
+    EXPECT_EQ(read(schedule_file), odd.substr(0, odd.size() - 5));
+    std::filesystem::create_symlink("/dev/full", folder_ / "extcc-lht.cfg.bk");
+    _remove_timer_lines("CD");
+    EXPECT_EQ(read(schedule_file), odd.substr(0, odd.size() - 5));
     std::filesystem::remove(folder_ / schedule_file);
     _remove_timer_lines("AB12");
     EXPECT_TRUE(std::filesystem::is_empty(folder_));
@@ -156,10 +165,11 @@ TEST_F(Rules, NothingIsEvaluatedBeforeTheClockIsSet) {
         int delay;
         std::int32_t decided;
     } cases[] = {
-        {0, 60000, -1}, {1590969599, 60000, -1}, {1590969600, 57601000, -1}, {1590969601, 57600000, 0}};
+        {0, 60000, -1}, {1590969599, 60000, -1}, {1590969600, 57600000, -1}, {1590969601, 57599000, 0}};
     setenv("TZ", "CST-8", 1);
     tzset();
     extcc_init();
+    _add_mac_to_list("02C0FFEE0001", "00:00", "24:00", 1, 0);
     for (const auto &c : cases) {
         now = c.time;
         uloop_timeout_cancel(&g_ctx.extcc.lanhost_timer);
@@ -168,6 +178,7 @@ TEST_F(Rules, NothingIsEvaluatedBeforeTheClockIsSet) {
         EXPECT_LE(left, c.delay) << c.time;
         EXPECT_GT(left, c.delay - 1000) << c.time;
         EXPECT_EQ(g_ctx.extcc.tz_offset_state, c.decided) << c.time;
+        EXPECT_EQ(g_ctx.extcc.timer_hosts.front().action, c.time < clock_set_after ? 0 : access_scheduled);
     }
     extcc_done();
     uloop_done();

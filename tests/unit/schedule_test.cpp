@@ -54,7 +54,7 @@ outcome evaluate(const char *zone, const std::list<timer_host> &hosts, std::time
 
 constexpr int hour = 3600, minute = 60, day = 86400;
 
-TEST(Schedule, HoldsAndChangesAtTheDescribedInstants) {
+TEST(Schedule, HoldsAndChangesAtEveryBoundary) {
     constexpr int monday = 0, friday = 4, saturday = 5, sunday = 6;
     const struct {
         std::vector<schedule_rule> rules;
@@ -119,7 +119,7 @@ TEST(Schedule, HoldsAndChangesAtTheDescribedInstants) {
     }
 }
 
-// Whether a rule holds, looked up in every day of a fortnight.
+// Whether a rule holds, looked up in every day of a week and those beside it.
 struct model_rule {
     int mode, start, end;       // minutes of the day
     bool holds(int at) const {  // minutes from a Monday
@@ -171,7 +171,7 @@ TEST(Schedule, AgreesWithALookAtEveryMinute) {
     }
 }
 
-TEST(Schedule, TheGuestNetworkFollowsItsFile) {
+TEST(Schedule, TheGuestNetworkFollowsItsTimes) {
     const struct {
         guest_schedule schedule;
         std::time_t now;
