@@ -100,9 +100,10 @@ void get_lanhost_info(const cJSON *root) {
     const char *wanted = json_text(root, "OprType");
     if (!wanted)
         return add_reply_outcome("invalid msg, OprType", "-201");
-    const laninfos_ptr hosts = list_hosts();
-    add_reply_text("Status", hosts ? "0" : "-101");
-    add_reply_text("FailReason", hosts ? "" : "qzcapd.laninfo list failed");
+    laninfos_ptr hosts;
+    const bool listed = list_hosts(hosts);
+    add_reply_text("Status", listed ? "0" : "-101");
+    add_reply_text("FailReason", listed ? "" : "qzcapd.laninfo list failed");
     const bool all = _strcmp(wanted, every_host) == 0;
     const int active = std::atoi(wanted);
     const reply_array info("Info");

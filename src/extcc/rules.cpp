@@ -205,12 +205,13 @@ void _remove_timer_lines(const char *mac) {
     std::remove(copy_path.c_str());
 }
 
-laninfos_ptr list_hosts() {
+bool list_hosts(laninfos_ptr &hosts) {
     unsigned int count = 0;
     qzcap_laninfo **list = nullptr;
     if (qzcap_list_laninfo(&count, &list) < 0)
-        return nullptr;
-    return laninfos_ptr(list, {count});
+        return false;
+    hosts = laninfos_ptr(list, {count});
+    return true;
 }
 
 void replace_text(char *&text, const char *value) {

@@ -60,8 +60,8 @@ void _remove_timer_lines(const char *mac);
 
 // --- platform records ---
 
-/// The hosts that the platform knows; null when they could not be listed.
-laninfos_ptr list_hosts();
+/// The hosts that the platform knows; none is a success. False when they could not be listed.
+bool list_hosts(laninfos_ptr &hosts);
 template <typename Action>
 void for_each_host(const laninfos_ptr &hosts, Action action) {
     for (unsigned int i = 0; hosts && i < hosts.get_deleter().count; i++)

@@ -60,7 +60,9 @@ void extcc_lanhost_cb(uloop_timeout *) {
     const rule_instant at = rule_instant_at(now, is_shifted(now));
     for (timer_host &host : g_ctx.extcc.timer_hosts)
         host.action = _now_in_range(host, at) ? access_scheduled : access_unrestricted;
-    for_each_host(list_hosts(), [](qzcap_laninfo &host) {
+    laninfos_ptr hosts;
+    list_hosts(hosts);
+    for_each_host(hosts, [](qzcap_laninfo &host) {
         if (const timer_host *scheduled = _find_timer_host(host.mac))
             set_access(host, scheduled->action);
         if (g_ctx.extcc.pending_mac[0] && _strcasecmp(g_ctx.extcc.pending_mac, host.mac) == 0)
@@ -82,7 +84,8 @@ bool apply_parent_rule(const parent_rule &rule, qzcap_laninfo &host) {
 void extcc_parent_cb(uloop_timeout *) {
     if (g_ctx.extcc.parent_rules.empty())
         return;
-    const laninfos_ptr hosts = list_hosts();
+    laninfos_ptr hosts;
+    list_hosts(hosts);
     std::unordered_map<std::string, qzcap_laninfo *> by_mac;
     for_each_host(hosts, [&by_mac](qzcap_laninfo &host) {
         if (host.mac)

@@ -107,6 +107,7 @@ class Hosts(ExtendedCase):
         record = dict(self.state()["laninfo"][TABLET], port=7, rssi=-61, active=5, uplimit=11, downlimit=-22,
                       storageaccess=0, internetaccess=1, inactivetime="later")
         self.patch({"laninfo": {mac: None for mac in self.state()["laninfo"]}})
+        self.check(command, {"OprType": "2"}, {"Status": "0", "FailReason": "", "Info": []})
         self.patch({"laninfo": {TABLET: record, DESK: {"active": 5, "index": 4000000000}}})
         self.ask("SET_LANHOST_TIMER", MAC=TABLET.lower(), Info=[NIGHT])
         given = ["02C0FFEE0003", "tablet", "Kitchen tablet", "1", "1", "0", "11", "-22", "8", "96", "192.168.1.22",
