@@ -8,6 +8,8 @@
 namespace arvok {
 namespace {
 
+constexpr int turn_max = max_body / 2;  // bytes taken before everybody else has a turn
+
 // The library's stream is the first member of the first member, so one address serves for both.
 static_assert(std::is_standard_layout_v<tcp_stream>);
 
@@ -48,10 +50,11 @@ void read_cb(ustream *s, int avail) {
     if (stream.closing)
         return;
     announce(stream, avail);
-    // The library reads on for as long as there is something, and much at a time means that it may be so for
-    // long.
-    if (avail > max_body / 2)
+    // The library reads on for as long as there is something, which a peer can make long, also bit by bit.
+    if (stream.taken > turn_max) {
+        stream.taken = 0;
         pause(stream);
+    }
 }
 
 void write_cb(ustream *s, int) {
@@ -71,6 +74,8 @@ void next_turn_cb(uloop_timeout *t) {
     tcp_stream &stream = *reinterpret_cast<tcp_stream *>(at);
     if (stream.closing)
         return take_down_and_tell(stream);
+    if (stream.held && ustream_pending_data(&stream.sf.stream, true) > stream.unsent_max)
+        return;  // write_cb comes back
     ustream_set_read_blocked(&stream.sf.stream, false);
     // What is buffered is not announced again.
     if (std::exchange(stream.held, false))
@@ -119,7 +124,11 @@ void stream_release(tcp_stream &stream) {
 }
 
 int stream_read(tcp_stream &stream, void *buf, int len) {
-    return stream.fd < 0 ? 0 : ustream_read(&stream.sf.stream, static_cast<char *>(buf), len);
+    if (stream.fd < 0)
+        return 0;
+    const int got = ustream_read(&stream.sf.stream, static_cast<char *>(buf), len);
+    stream.taken += got;
+    return got;
 }
 
 void stream_write(tcp_stream &stream, const void *buf, int len) {

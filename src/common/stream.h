@@ -22,6 +22,7 @@ struct tcp_stream {
         next_turn;  ///< takes down what was closed from its read callback, or reads on after a pause
     int fd;         ///< -1 when closed
     bool in_read;
+    int taken;  ///< bytes read since the last pause
     bool closing;
     bool held;       ///< more than unsent_max bytes wait to be sent: input waits, also what is buffered
     int unsent_max;  ///< 0: no limit

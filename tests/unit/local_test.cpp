@@ -314,5 +314,43 @@ TEST_F(Local, StoppingClosesEveryClient) {
     expect_served(2);
 }
 
+// A peer that has the next bytes ready whenever the last are taken: it writes from within the read callback.
+int ready_peer, rounds, rounds_in_turn, most_in_turn;
+
+TEST(Stream, APeerThatIsAlwaysReadyGetsNoMoreThanItsTurn) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
+    ready_peer = ends[1];
+    uloop_init();
+    tcp_stream stream;
+    const auto take_and_write = [](tcp_stream &s, int avail) {
+        char bytes[100];
+        for (; avail > 0; avail -= 100)
+            stream_read(s, bytes, sizeof bytes);
+        most_in_turn = std::max(most_in_turn, ++rounds_in_turn);
+        if (++rounds < 2000) {
+            EXPECT_EQ(write(ready_peer, bytes, sizeof bytes), 100);
+        }
+    };
+    stream_init(stream, take_and_write, [](tcp_stream &) {});
+    stream_open(stream, ends[0]);
+    uloop_timeout turn{};
+    turn.cb = [](uloop_timeout *t) {
+        rounds_in_turn = 0;
+        uloop_timeout_set(t, 0);
+    };
+    uloop_timeout_set(&turn, 0);
+    char first[100] = "";
+    ASSERT_EQ(write(ready_peer, first, sizeof first), 100);
+    for (int i = 0; rounds < 2000 && i < 1000; i++)
+        uloop_run_timeout(1);
+    EXPECT_EQ(rounds, 2000);
+    EXPECT_LT(most_in_turn, 200);
+    uloop_timeout_cancel(&turn);
+    stream_release(stream);
+    close(ready_peer);
+    uloop_done();
+}
+
 }  // namespace
 }  // namespace arvok
