@@ -103,7 +103,8 @@ reply_nest::reply_nest(const char *name, bool array)
     : cookie_(blobmsg_open_nested(&g_ctx.blob_buf, name, array)) {}
 
 reply_nest::~reply_nest() {
-    blob_nest_end(&g_ctx.blob_buf, cookie_);
+    if (cookie_)  // else there was no room for it
+        blob_nest_end(&g_ctx.blob_buf, cookie_);
 }
 
 }  // namespace arvok

@@ -66,7 +66,7 @@ wifi_aps_ptr list_aps() {
     return wifi_aps_ptr(list, {count});
 }
 
-/// The first interface from position `from` on that meets the condition; its index, or 0.
+/// The first interface from position `from` on that meets the condition, or null.
 template <typename Condition>
 qzcap_wifi_ap *find_ap(const wifi_aps_ptr &aps, unsigned int from, Condition condition) {
     for (unsigned int i = from; aps && i < aps.get_deleter().count; i++)
@@ -216,13 +216,15 @@ bool delete_guest_ap(int index, qz_text &error) {
 void write_closing(int index, const char *enable, const char *last_time, std::time_t now) {
     char line[timer_line_size];
     int length;
+    // Numbers as numbers: a text like "0060" is one, but its field in the file has no room for more zeros.
     if (_strcmp(last_time, no_closing) == 0) {
-        length = std::snprintf(line, sizeof line, "%d\t%s\t%s\t%d\t%s\t%s\n", index, enable, "0", 0, "0",
-                               no_closing);
+        length = std::snprintf(line, sizeof line, "%d\t%u\t%s\t%d\t%s\t%s\n", index, uint_value(enable), "0",
+                               0, "0", no_closing);
     } else {
         const std::string start = cst_text(now), end = cst_text(now + std::time_t{60} * std::atoi(last_time));
-        length = std::snprintf(line, sizeof line, "%d\t%s\t%s\t%lld\t%s\t%s\n", index, enable, start.c_str(),
-                               static_cast<long long>(now), end.c_str(), last_time);
+        length =
+            std::snprintf(line, sizeof line, "%d\t%u\t%s\t%lld\t%s\t%u\n", index, uint_value(enable),
+                          start.c_str(), static_cast<long long>(now), end.c_str(), uint_value(last_time));
     }
     _write_file(rule_path(guest_timer_file).c_str(), line,
                 static_cast<std::size_t>(std::clamp(length, 0, timer_line_size - 1)));
@@ -286,6 +288,7 @@ void delete_guest_wifi(const cJSON *) {
     }
     forget_guest(guest_index_file);
     forget_guest(guest_timer_file);
+    uloop_timeout_cancel(&g_ctx.extcc.guest_timer);  // it would close the next guest network
 }
 
 void set_guest_wifi_close_timer(const cJSON *root) {

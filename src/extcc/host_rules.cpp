@@ -76,8 +76,10 @@ const char *store_rule(std::FILE *file, const char *mac, const cJSON *rule) {
         return "invalid Enable";
     const char *continue_id = json_text(rule, "ContinueID");
     if (file) {
-        const std::string line = std::string(mac) + "|" + mode + "|" + start + "|" + end + "|" + enable +
-                                 "|" + (continue_id && *continue_id ? continue_id : no_continue_id) + "|" +
+        // Numbers as numbers: a text like "+01" is one, but its field in the file has no room for it.
+        const std::string line = std::string(mac) + "|" + std::to_string(uint_value(mode)) + "|" + start +
+                                 "|" + end + "|" + std::to_string(uint_value(enable)) + "|" +
+                                 (continue_id && *continue_id ? continue_id : no_continue_id) + "|" +
                                  text_or_empty(json_text(rule, "GroupID"));
         std::fprintf(file, "%s\n", one_line(line).c_str());
     }

@@ -146,9 +146,13 @@ class Hosts(ExtendedCase):
                 self.assertEqual(self.file(SCHEDULES), DESK + "|0|22:00|6:00|1|c1|g1\n")
                 self.assertEqual([host["num"] for host in self.dump()["TimeRules"]], [1])
         self.wait_for_host(DESK, internetaccess=1)
+        self.check(command, {"MAC": DESK, "Info": [{**NIGHT, "Mode": "00000003", "Enable": "+01"}]}, SUCCESS)
+        self.assertEqual(self.file(SCHEDULES), DESK + "|3|22:00|6:00|1|c1|g1\n")
+        self.check(command, {"MAC": DESK, "Info": [NIGHT]}, SUCCESS)
+        self.wait_for_host(DESK, internetaccess=1)
         # One that is faulty at once leaves nothing, and the access as it was: it is not said to be free.
-        self.check(command, {"MAC": DESK, "Info": [{}]}, outcome("invalid StartTime/EndTime", "-1"))
         self.agent.seen = len(self.agent.lines())
+        self.check(command, {"MAC": DESK, "Info": [{}]}, outcome("invalid StartTime/EndTime", "-1"))
         self.agent.expect("extcc next check is")
         self.assertEqual((self.host(DESK, "internetaccess"), self.file(SCHEDULES)), (1, ""))
 
@@ -440,6 +444,13 @@ class Guest(ExtendedCase):
             self.patch({"wifi_ap": {"2.4G": {"5": {"enable": "yes"}}}})
             self.check(command, members, DONE)
             wait_enabled("no")
+        # Numbers are stored as numbers, and nothing closes what comes after a deleted network.
+        self.check(command, {"Info": [{"LastTime": "00000060", "Enable": "+01"}]}, DONE)
+        self.assertRegex(self.file(CLOSING), "^5\t1\t.*\t60\n$")
+        wait_enabled("yes")
+        self.assertIn("GuestNextCheck", self.dump())
+        self.check("DELETE_GUEST_WIFI", {}, SUCCESS)
+        self.assertNotIn("GuestNextCheck", self.dump())
 
 
 if __name__ == "__main__":
