@@ -15,7 +15,6 @@ extern "C" {
 namespace arvok {
 namespace {
 
-constexpr int wan_reconnect_ms = 10;
 constexpr int rule_delay_ms = 200;  // a burst of new hosts makes one re-application of the rules
 
 void remove_new_device(const char *mac) {
@@ -56,7 +55,7 @@ void follow_wan(const char *text) {
     if (connected && std::strstr(text, R"("status":"down")"))
         cc_disconnect();
     else if (!connected && std::strstr(text, R"("status":"up")"))
-        cc_reconnect(wan_reconnect_ms);
+        cc_reconnect(reconnect_now_ms);
 }
 
 void on_wan_event(const char *, const char *text, const cJSON *event) {

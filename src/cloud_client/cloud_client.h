@@ -115,6 +115,8 @@ void cc_write(const cJSON *root);
 void cc_disconnect();
 /// The same, and connects again in `ms` milliseconds.
 void cc_reconnect(int ms);
+/// What is as good as at once for cc_reconnect.
+constexpr int reconnect_now_ms = 10;
 
 /// Sets the failure reason of the request being handled, and logs it. Cut at 255 characters.
 void cc_set_fail_reason(const char *format, ...) __attribute__((format(printf, 1, 2)));

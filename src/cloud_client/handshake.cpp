@@ -25,7 +25,6 @@ constexpr char bus_interface_version[] = "V2019.1.0";
 constexpr int serial_size = 34;
 constexpr int result_unknown_device = -2;
 
-constexpr int reconnect_now_ms = 10;
 constexpr int change_server_ms = 1000;
 
 // --- messages ---

@@ -22,7 +22,6 @@ namespace {
 constexpr int retries_max = 5;
 constexpr int cycles_max = 3;
 constexpr int first_delay_s = 90;
-constexpr int reconnect_now_ms = 10;
 constexpr int wait_long_ms = 150 * 60 * 1000;
 constexpr int wait_long_debug_ms = 10000;
 

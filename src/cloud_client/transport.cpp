@@ -19,7 +19,6 @@ namespace {
 constexpr int ack_wait_ms = 30000;
 constexpr int heartbeat_ms = 100000;
 constexpr int reconnect_fault_ms = 30000;
-constexpr int reconnect_now_ms = 10;
 
 // Heartbeats would fill the log.
 bool is_heartbeat(const char *text) {
