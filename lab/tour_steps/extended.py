@@ -44,7 +44,7 @@ def guest_network_lives_and_ends(tour):
     enabled = lambda: command(tour, "GET_GUEST_WIFI", show=False)["Info"][0]["SSIDEnable"]
     clock(tour, "2026-11-21 21:00:00")
     command(tour, "SET_GUEST_WIFI_CLOSE_TIMER", Info=[{"LastTime": "1", "Enable": "1"}])
-    tour.log_line("extcc next check is 60s")
+    tour.log_line("extcc_guestssid_cb (")  # in 60 s, or 59 when a second has just passed
     require(enabled() == "1", "the guest network is not open")
     command(tour, "GET_GUEST_WIFI")
     clock(tour, "2026-11-21 21:00:59")
