@@ -26,6 +26,7 @@ local fields = {
     reply = ProtoField.bool("arvok.reply", "Acknowledgement"),
     id = ProtoField.string("arvok.id", "Sequence or ID"),
     result = ProtoField.double("arvok.result", "Result"),
+    inner = ProtoField.string("arvok.carried", "Carried in base64 by"),
     inner_text = ProtoField.string("arvok.carried.text", "Text"),
     inner_kind = ProtoField.string("arvok.carried.type", "Type"),
 }
@@ -86,8 +87,10 @@ local links = {
 local log = keylog.new("")
 local json_dissector = Dissector.get("json")
 
+-- A number or a text, as a text; nil for anything else.
 local function word_of(value)
-    return type(value) == "number" and string.format("%.14g", value) or tostring(value)
+    if type(value) == "number" then return string.format("%.14g", value) end
+    return type(value) == "string" and value or nil
 end
 
 -- The first of these members that is a text, and whether it is not the very first.
@@ -110,10 +113,10 @@ local function add_summary(tree, range, message, members)
         add_generated(tree, fields.reply, range, true)
         table.insert(words, 1, "Ack")
     end
-    local id, result = message[members.id], message[members.result]
-    if id ~= nil then
-        words[#words + 1] = word_of(id)
-        add_generated(tree, fields.id, range, word_of(id))
+    local id, result = word_of(message[members.id]), message[members.result]
+    if id then
+        words[#words + 1] = id
+        add_generated(tree, fields.id, range, id)
     end
     if type(result) == "number" then
         local item = add_generated(tree, fields.result, range, result)
@@ -135,7 +138,7 @@ local function add_carried(tree, message, pinfo)
     local name, text, inner = bodies.carried(message)
     if not name then return "" end
     local range = range_of(text, name .. ", decoded")
-    local branch = tree:add(range, name .. ", decoded")
+    local branch = add_generated(tree, fields.inner, range, name)
     branch:add_packet_field(fields.inner_text, range, ENC_UTF_8)
     local kind = text_of(inner, { "CmdType", "type" })
     if kind then
@@ -221,9 +224,11 @@ end
 local function show(pinfo, link, summaries)
     if #summaries == 0 then return end
     pinfo.cols.protocol:set(link.column)
-    -- Of a segment that ends one frame and has more behind it, each part is shown by a call of its own.
+    -- Of a segment that ends one frame and has more behind it, each part is shown by a call of its own; the fence keeps
+    -- what the one before has said.
     pinfo.cols.info:clear()
-    pinfo.cols.info:append(table.concat(summaries, "; ") .. " ")
+    if tostring(pinfo.cols.info) ~= "" then pinfo.cols.info:append("; ") end
+    pinfo.cols.info:append(table.concat(summaries, "; "))
     pinfo.cols.info:fence()
 end
 

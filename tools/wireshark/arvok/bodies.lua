@@ -35,7 +35,7 @@ end
 
 -- Most wrong keys show in the first block.
 local function decrypted(mode, key, sealed)
-    return mode(key, sealed:sub(1, 16)):find("^%s*{") and mode(key, sealed)
+    return #key == 16 and mode(key, sealed:sub(1, 16)):find("^%s*{") and mode(key, sealed)
 end
 
 local function sealed_in_blocks(sealed, find, try)
