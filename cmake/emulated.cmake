@@ -6,5 +6,3 @@ foreach(program arvokclt ubusd ubus qzcapd lab-gateway lab-cloud bus_object)
   configure_file(${CMAKE_CURRENT_LIST_DIR}/emulated.in ${ARVOK_PROGRAMS}/${program} @ONLY
     FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 endforeach()
-# lab/home looks for what it preloads beside the programs.
-file(CREATE_LINK ${CMAKE_LIBRARY_OUTPUT_DIRECTORY} ${CMAKE_BINARY_DIR}/emulated/lib SYMBOLIC)
