@@ -6,7 +6,7 @@ set -eu
 
 packages="g++ cmake make git $(cat "$(dirname "$0")/libraries")
           clang-format clang-tidy
-          iproute2 util-linux procps openssl dnsmasq-base curl python3 $*"
+          iproute2 util-linux procps openssl dnsmasq-base curl python3 tshark $*"
 
 if ! command -v dpkg-query >/dev/null; then
     echo "setup: not a Debian system; what the build needs is known there as:" $packages >&2
