@@ -86,6 +86,30 @@ class Recorded(unittest.TestCase):
                                      [row if row[0] == "plain" else ("encrypted", row[1], None) for row in expected])
         self.assertEqual([text for *_, text in self.shown("local", None)], self.record["local"])
 
+    def test_requests_and_replies(self):
+        """Each reply names its request and the time since then, also when packets are looked at once more."""
+        for options in ((), ("-2",)):
+            messages = {}
+            for time, *cells in rows(self.capture, "frame.time_epoch", "frame.number", "tcp.stream", "arvok.type", "arvok.id",
+                                     "arvok.reply", "arvok.request_in", "arvok.time", keys=self.keys, options=options,
+                                     select="arvok_gateway || arvok_cloud || arvok_local"):
+                if len(cells[2]) == 1:
+                    messages[cells[0][0]] = (float(time[0]), *cells[1:])
+            answered = []
+            for time, stream, kind, number, reply, request, elapsed in messages.values():
+                if not request:
+                    self.assertFalse(reply)
+                    self.assertNotIn(kind, (["ack"], ["status"], ["keyngack"]))
+                    continue
+                asked = messages.get(request[0])
+                if not asked:
+                    continue  # in a segment with other messages
+                self.assertEqual((stream, number), (asked[1], asked[3]))
+                self.assertAlmostEqual(float(elapsed[0]), time - asked[0], delta=2e-6)
+                answered.append((asked[2][0], kind[0]))
+            self.assertLessEqual({("keyngreq", "keyngack"), ("dh", "dh"), ("dev_reg", "ack"), ("get_status", "status"),
+                                  ("Boot", "Boot"), ("Heartbeat", "Heartbeat"), ("ListPlugin", "ListPlugin")}, set(answered))
+
     def test_fields_and_columns(self):
         def infos(select):
             return [info[0] for (info,) in rows(self.capture, "_ws.col.Info", keys=self.keys, select=select)]

@@ -26,6 +26,8 @@ local fields = {
     reply = ProtoField.bool("arvok.reply", "Acknowledgement"),
     id = ProtoField.string("arvok.id", "Sequence or ID"),
     result = ProtoField.double("arvok.result", "Result"),
+    request = ProtoField.framenum("arvok.request_in", "Answers the frame", base.NONE, frametype.RESPONSE),
+    time = ProtoField.relative_time("arvok.time", "Time since then"),
     inner = ProtoField.string("arvok.carried", "Carried in base64 by"),
     inner_text = ProtoField.string("arvok.carried.text", "Text"),
     inner_kind = ProtoField.string("arvok.carried.type", "Type"),
@@ -59,6 +61,8 @@ local links = {
         magic = "\x3f\x72\x1f\xb5",
         read = bodies.gateway,
         members = { kind = { "type" }, id = "sequence", result = "errcode" },
+        -- Either side counts its own messages, so the number alone does not tell.
+        replies = { keyngack = true, dh = true, ack = true, status = true, ubus_result = true },
     },
     {
         name = "cloud",
@@ -100,12 +104,43 @@ local function text_of(message, names)
     end
 end
 
+local tcp_stream, tcp_seq, tcp_len = Field.new("tcp.stream"), Field.new("tcp.seq"), Field.new("tcp.len")
+local tcp_fin, tcp_reset = Field.new("tcp.flags.fin"), Field.new("tcp.flags.reset")
+
+-- What sets apart the bytes that go one way on a connection; the sender's port tells which way.
+local function direction_of(port)
+    return tostring(tcp_stream()) .. ":" .. port
+end
+
 local function add_generated(tree, field, range, value)
     return tree:add(field, range, value):set_generated()
 end
 
+-- Messages that may get a reply, by direction and name, and the requests of the replies that were shown.
+local waiting, answered = {}, {}
+
+-- Which message this one replies to. Only at first, packets come in the order of their time.
+local function add_request(tree, range, link, pinfo, kind, reply, id)
+    local name = link.replies and id or kind .. " " .. (id or "")
+    local this = pinfo.number .. " " .. name
+    if not pinfo.visited then
+        local request = direction_of(pinfo.dst_port) .. " " .. name
+        if reply or link.replies and link.replies[kind] then
+            answered[this], waiting[request] = waiting[request], nil
+        end
+        if not answered[this] then
+            waiting[direction_of(pinfo.src_port) .. " " .. name] = { number = pinfo.number, time = pinfo.rel_ts }
+        end
+    end
+    if not answered[this] then return end
+    add_generated(tree, fields.request, range, answered[this].number)
+    local seconds, fraction = math.modf(pinfo.rel_ts - answered[this].time)
+    add_generated(tree, fields.time, range, NSTime.new(seconds, math.floor(fraction * 1e9 + 0.5)))
+end
+
 -- What the message is, as fields, and in a few words.
-local function add_summary(tree, range, message, members)
+local function add_summary(tree, range, link, message, pinfo)
+    local members = link.members
     local kind, reply = text_of(message, members.kind)
     local words = { kind or "message without a type" }
     if kind then add_generated(tree, fields.kind, range, kind) end
@@ -126,6 +161,7 @@ local function add_summary(tree, range, message, members)
             item:add_proto_expert_info(experts.failed, text)
         end
     end
+    if kind and (id or not link.replies) then add_request(tree, range, link, pinfo, kind, reply, id) end
     return table.concat(words, " ")
 end
 
@@ -172,7 +208,7 @@ local function add_body(tree, link, body, pinfo)
         item:add_proto_expert_info(experts.bad_body, "The body is unreadable: " .. result.problem)
         return "unreadable: " .. result.problem
     end
-    local summary = add_summary(tree, range, result.message, link.members)
+    local summary = add_summary(tree, range, link, result.message, pinfo)
     json_dissector:call(range:tvb(), pinfo, tree)
     return summary .. add_carried(tree, result.message, pinfo)
 end
@@ -214,13 +250,6 @@ end
 
 -- Where, in each direction of a connection, the last frame that was seen incomplete would have ended.
 local ends_at = {}
-local tcp_stream, tcp_seq, tcp_len = Field.new("tcp.stream"), Field.new("tcp.seq"), Field.new("tcp.len")
-local tcp_fin, tcp_reset = Field.new("tcp.flags.fin"), Field.new("tcp.flags.reset")
-
-local function direction_of(pinfo)
-    return tostring(tcp_stream()) .. ":" .. pinfo.src_port
-end
-
 local function show(pinfo, link, summaries)
     if #summaries == 0 then return end
     pinfo.cols.protocol:set(link.column)
@@ -241,7 +270,7 @@ local function dissect(link, tvb, pinfo, root)
         if not problem and (not size or size > left) and whole and pinfo.can_desegment > 0 then
             pinfo.desegment_offset = offset
             pinfo.desegment_len = size and size - left or DESEGMENT_ONE_MORE_SEGMENT
-            ends_at[direction_of(pinfo)] = tcp_seq().value + tcp_len().value - left + (size or #link.magic + 4)
+            ends_at[direction_of(pinfo.src_port)] = tcp_seq().value + tcp_len().value - left + (size or #link.magic + 4)
             break
         end
         -- Behind a frame that is wrong, nobody knows where the next one begins.
@@ -257,7 +286,7 @@ end
 function arvok.dissector(tvb, pinfo, root)
     local fin, reset = tcp_fin(), tcp_reset()
     if not fin or not (fin.value or reset.value) then return end
-    local due, at = ends_at[direction_of(pinfo)], tcp_seq().value + tcp_len().value
+    local due, at = ends_at[direction_of(pinfo.src_port)], tcp_seq().value + tcp_len().value
     if not due or at >= due then return end
     local text = string.format("The connection ends %d bytes before the end of a frame", due - at)
     root:add(arvok, tvb(0, 0)):add_proto_expert_info(experts.cut, text)
@@ -298,7 +327,8 @@ function arvok.prefs_changed()
 end
 
 function arvok.init()
-    log, ends_at = keylog.new(arvok.prefs.keylog), {}
+    log = keylog.new(arvok.prefs.keylog)
+    waiting, answered, ends_at = {}, {}, {}
 end
 
 register_postdissector(arvok)
