@@ -343,7 +343,7 @@ TEST(Output, LogRecordsCarryLocalTimeAndTag) {
 
 TEST(Allocation, EndsTheProcessWhenMemoryIsShort) {
     EXPECT_EXIT(ucalloc(SIZE_MAX / 2 + 1, "file.cpp", 7), ::testing::ExitedWithCode(1),
-                "\\[ERROR\\] file.cpp 7 alloc failed: [0-9]+\n");
+                "\\[ERROR\\] file.cpp 7 alloc failed: -?[0-9]+\n");
     const handle<void, &::free> memory(ucalloc(64, "file.cpp", 7));
     EXPECT_EQ(std::string(static_cast<char *>(memory.get()), 64), std::string(64, '\0'));
 }
