@@ -65,7 +65,7 @@ constexpr Field iptv_fields[] = {RW(iptv, enable), RW(iptv, vlan), RW(iptv, port
 constexpr Field laninfo_fields[] = {RO(laninfo, index),
                                     RO(laninfo, mac),
                                     RO(laninfo, vmac),
-                                    RO(laninfo, hostname),
+                                    RW(laninfo, hostname),
                                     RW(laninfo, devname),
                                     RO(laninfo, uploadspeed),
                                     RO(laninfo, downloadspeed),

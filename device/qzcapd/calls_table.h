@@ -21,6 +21,7 @@ struct Notification {
     int object;  ///< platform object number
     std::string method;
     json_ptr message;
+    int delay_ms = 0;  ///< after the call that causes it
 };
 
 struct Reply;

@@ -1,5 +1,6 @@
 #include "device.h"
 
+#include "owned.h"
 #include "state.h"
 
 namespace arvok::qzcapd {
@@ -13,6 +14,31 @@ struct Device::Object {
     std::vector<ubus_method> methods;
     std::vector<std::vector<blobmsg_policy>> policies;
     bool on_bus = false;
+};
+
+/// A notification whose time has not come.
+struct Device::Announced {
+    explicit Announced(Device &owner, const Notification &announced)
+        : timer(this),
+          device(owner),
+          notification{announced.object, announced.method, copy(announced.message.get()), 0} {
+        timer.cb = due;
+        uloop_timeout_set(&timer, announced.delay_ms);
+    }
+    Announced(const Announced &) = delete;
+    Announced &operator=(const Announced &) = delete;
+    ~Announced() { uloop_timeout_cancel(&timer); }
+
+    static void due(uloop_timeout *timer) {
+        const Announced *self = Owned<uloop_timeout, Announced>::of(timer);
+        Device &device = self->device;
+        device.notify(self->notification);
+        std::erase_if(device.announced_, [self](const auto &entry) { return entry.get() == self; });
+    }
+
+    Owned<uloop_timeout, Announced> timer;
+    Device &device;
+    Notification notification;
 };
 
 namespace {
@@ -157,9 +183,17 @@ int Device::respond(ubus_request_data *req, const Reply &reply) {
     }
     ubus_send_reply(ctx_, req, message.head());
     for (const Notification &notification : reply.notifications) {
-        notify(notification);
+        announce(notification);
     }
     return UBUS_STATUS_OK;
+}
+
+void Device::announce(const Notification &notification) {
+    if (notification.delay_ms == 0) {
+        notify(notification);
+    } else {
+        announced_.push_back(std::make_unique<Announced>(*this, notification));
+    }
 }
 
 Reply Device::answer(const Row &row, const cJSON *args) {

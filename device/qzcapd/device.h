@@ -56,6 +56,7 @@ class Device {
 
   private:
     struct Object;
+    struct Announced;
     static constexpr std::size_t journal_limit = 2000;
     static constexpr std::size_t journal_answer_limit =
         400000;  // bytes of JSON text; well below a bus message
@@ -66,12 +67,14 @@ class Device {
     Reply answer(const Row &row, const cJSON *args);
     void record(const Row &row, const cJSON *args);
     int respond(ubus_request_data *req, const Reply &reply);
+    void announce(const Notification &notification);
     bool notify(const std::string &object, const char *method, const cJSON *message);
 
     ubus_context *ctx_;
     json_ptr state_;
     json_ptr factory_;
     std::vector<std::unique_ptr<Object>> objects_;
+    std::vector<std::unique_ptr<Announced>> announced_;
     std::deque<json_ptr> journal_;
     std::size_t dropped_ = 0;  // entries that went beyond the limit
     Failures failures_;

@@ -13,6 +13,7 @@ using capi::call_of;
 using Type = Param::Type;
 
 constexpr int roaming_object = 16;
+constexpr int max_query_ms = 600000;
 constexpr std::size_t max_element_digits = 2 * 255;
 
 Reply lan_list(World &world, const cJSON *) {
@@ -86,8 +87,28 @@ Notification roaming_report(const World &world, const cJSON *station) {
     return {roaming_object, "roamingreport", std::move(message)};
 }
 
-/// A station is heard out, or moves: either way the platform reports what it found.
-Reply steer(World &world, const cJSON *args) {
+/// A station is heard out for a while; then the roaming object tells how it was heard.
+Reply hear_out(World &world, const cJSON *args) {
+    const cJSON *query = get(args, "record");
+    const char *mac = get_text(query, "mac");
+    const cJSON *station = find_station(world, mac);
+    const double duration = get_number(query, "duration");
+    if (station == nullptr) {
+        return no_station(mac);
+    }
+    if (duration < 0 || duration > max_query_ms) {
+        return refused("rssi_query.duration: must be 0 to " + std::to_string(max_query_ms));
+    }
+    json_ptr message(cJSON_CreateObject());
+    put_text(message.get(), "mac", station->string);
+    put_number(message.get(), "rssi", get_number(station, "rssi"));
+    Reply reply = done();
+    reply.notifications.push_back({roaming_object, "aprssi", std::move(message), static_cast<int>(duration)});
+    return reply;
+}
+
+/// A station moves, and the roaming object reports it.
+Reply move(World &world, const cJSON *args) {
     const char *mac = get_text(get(args, "record"), "mac");
     const cJSON *station = find_station(world, mac);
     if (station == nullptr) {
@@ -225,8 +246,8 @@ std::span<const Row> station_rows() {
             true,
             {record_of(capi::roaming)},
             [](World &world, const cJSON *args) { return set_roaming(world, "roaming", args); }},
-        Row{&call_of("qzcap_start_rssi_query"), false, {record_of(capi::rssi_query)}, steer},
-        Row{&call_of("qzcap_bss_transition"), false, {record_of(capi::bsstransition)}, steer},
+        Row{&call_of("qzcap_start_rssi_query"), false, {record_of(capi::rssi_query)}, hear_out},
+        Row{&call_of("qzcap_bss_transition"), false, {record_of(capi::bsstransition)}, move},
         Row{&call_of("qzcap_get_mesh"),
             false,
             {},

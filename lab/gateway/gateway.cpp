@@ -51,8 +51,9 @@ constexpr FaultKind kinds[] = {
     FaultKind::close,          FaultKind::silent,    FaultKind::refuse,
 };
 // Types of the agent's messages that get an answer.
-constexpr const char *answered_types[] = {"keyngreq",   "dh",         "dev_reg", "keepalive", "wan_report",
-                                          "dev_report", "map_report", "cfg",     "event",     "ubus_notify"};
+constexpr const char *answered_types[] = {"keyngreq",   "dh",         "dev_reg",    "keepalive",
+                                          "wan_report", "dev_report", "map_report", "cfg",
+                                          "aprssi",     "event",      "ubus_notify"};
 
 }  // namespace
 
@@ -67,6 +68,7 @@ const Gateway::Answer Gateway::answers[] = {
     {"dev_report", &Gateway::acknowledge},
     {"map_report", &Gateway::acknowledge},
     {"cfg", &Gateway::acknowledge},  // the roaming report travels under this name
+    {"aprssi", &Gateway::acknowledge},
     {"event", &Gateway::acknowledge},
     {"ubus_notify", &Gateway::acknowledge},
 };

@@ -1,6 +1,7 @@
 """The steps on the gateway link, and what makes one."""
 
 import base64
+import json
 import os
 import subprocess
 
@@ -192,6 +193,73 @@ def vendor_element_makes_the_round(tour):
     tour.screen.note("calls of the platform: " + ", ".join(calls))
 
 
+def device_is_set_up(tour):
+    """One message sets up the access list, roaming, the mesh role, the television ports and a host"""
+    state = lambda: call("qzcapd.emulator", "state")
+    mac = next(mac for mac, host in state()["laninfo"].items() if host["active"] and host["connecttype"] == 1)
+    port = tour.device["lanports"][-1]
+    rows = {"roaming_set": {"enable": "ON", "rssi2G": -72, "rssi5G": -68, "interval": 15},
+            "map_roaming_set": {"interval": 20},
+            "blacklist": {"enable": "ON", "mac": ["02C0FFEE00FF"]},
+            "real_devinfo": [{"mac": mac, "hostname": "kitchen", "internetaccess": 1}],
+            "setMapRole": "auto",
+            "iptv": {"enable": "ON", "vlan": 85, "ports": [port]},
+            "speedlimit": [{"mac": mac, "uplimit": 512, "downlimit": 4096}]}
+    acknowledged(tour, {"type": "cfg", "set": rows})
+    device = state()
+    host = device["laninfo"][mac]
+    for what, now, wanted in (
+            ("roaming", {key: device["roaming"][key] for key in ("enable", "rssi_2g", "rssi_5g", "interval")},
+             {"enable": "yes", "rssi_2g": -72, "rssi_5g": -68, "interval": 15}),
+            ("mesh_roaming", device["mesh_roaming"]["interval"], 20),
+            ("blacklist", device["blacklist"], {"enable": "yes", "macs": ["02C0FFEE00FF"]}),
+            ("host", [host[key] for key in ("hostname", "internetaccess", "uplimit", "downlimit")],
+             ["kitchen", 1, 512, 4096]),
+            ("role", device["mesh"]["role"], "auto"),
+            ("iptv", device["iptv"], {"enable": "yes", "vlan": 85, "ports": [port]})):
+        require(now == wanted, f"the device has {what} {now} instead of {wanted}")
+        tour.screen.note(f"the device now has {what} {json.dumps(now)}")
+
+
+def software_is_ordered(tour):
+    """The gateway orders firmware, a package of the agent itself that is not there, and a command of old"""
+    software = {"downurl": "http://192.168.1.1/ax30-2.4.2.bin", "fileSize": "7340032", "chksum": "5d41402a"}
+    package = {"downurl": "http://100.64.0.9/none.ipk", "fileSize": 40960, "chksum": "0"}
+    acknowledged(tour, {"type": "cfg", "set": {"upgrade": software, "upgrade_client": package,
+                                               "ctrlcommand": "save"}})
+    calls = call("qzcapd.emulator", "calls")["calls"]
+    for name in ("qzcap_upgrade", "qzcap_install_app"):
+        entry = next((entry for entry in calls if entry["call"] == name), None)
+        require(entry, f"the platform was not called: {name}")
+        tour.screen.note(f"the platform was called: {name} {json.dumps(entry['args'])}")
+    tour.screen.line("      " + tour.log_line("client upgrade failed"))
+
+
+def stations_are_steered(tour):
+    """The gateway hears how stations are received, has one heard out, moves it and sends it away"""
+    sent, answer = exchange(tour, {"type": "getrssiinfo"})
+    tour.screen.message(sent)
+    tour.screen.message(answer)
+    require(answer["message"]["data"], "there is no wireless station")
+    station = answer["message"]["data"][0]
+    mac = station["mac"]
+    acknowledged(tour, {"type": "startaprssiquery", "data": {"mac": mac, "band": station["band"], "duration": 1}})
+    report = tour.link.from_ap("aprssi", after=answer)
+    tour.screen.message(report)
+    require(report["message"]["data"] == {"mac": mac, "rssi": station["rssi"]}, "the report tells something else")
+    acknowledged(tour, {"type": "startstabsstransitionrequest",
+                        "data": {"mac": mac, "bssid": "02:5A:10:00:01:01", "band": "2.4G", "channel": 11}})
+    report = tour.link.from_ap("cfg", after=report)
+    tour.screen.message(report)
+    require(report["message"]["roaming_report"][0]["mac"] == mac, "another station is said to roam")
+    acknowledged(tour, {"type": "deassociation", "data": {"mac": [mac]}})
+    gone = tour.link.from_ap("event", after=report)
+    tour.screen.message(gone)
+    require(gone["message"]["data"] == [{"event": "offline", "mac": mac}], "the station is still there")
+    call("qzcapd.emulator", "patch", {"patch": {"laninfo": {mac: {"active": 1}}}})  # it comes back
+    require(tour.link.from_ap("event", after=gone)["message"]["data"][0]["event"] == "online", "it did not come back")
+
+
 STEPS = [
     device_is_described,
     agent_connects,
@@ -207,4 +275,7 @@ STEPS = [
     wifi_is_changed,
     host_goes_offline,
     vendor_element_makes_the_round,
+    device_is_set_up,
+    software_is_ordered,
+    stations_are_steered,
 ]

@@ -119,6 +119,31 @@ int update_diag_info() {
     return 0;
 }
 
+bool list_hosts(laninfos_ptr &hosts) {
+    unsigned int count = 0;
+    qzcap_laninfo **list = nullptr;
+    if (qzcap_list_laninfo(&count, &list) < 0)
+        return false;
+    hosts = laninfos_ptr(list, {count});
+    return true;
+}
+
+std::span<qzcap_laninfo *const> hosts_of(const laninfos_ptr &hosts) {
+    return {hosts.get(), hosts ? hosts.get_deleter().count : 0};
+}
+
+qzcap_laninfo *find_host(const laninfos_ptr &hosts, const char *mac) {
+    for (qzcap_laninfo *host : hosts_of(hosts))
+        if (_strcasecmp(host->mac, mac) == 0)
+            return host;
+    return nullptr;
+}
+
+void replace_text(char *&text, const char *value) {
+    qzcap_free(text);
+    text = qzcap_strdup(value);
+}
+
 const char *own_mac() {
     return g_ctx.devinfo ? g_ctx.devinfo->mac : nullptr;
 }

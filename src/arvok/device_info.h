@@ -6,6 +6,7 @@
 /// fetch keeps what there was and leaves the flag clear. All of this runs on the loop thread.
 
 #include <cstdint>
+#include <span>
 
 #include "common/handle.h"
 
@@ -45,6 +46,16 @@ int update_wifi_info();
 /// Always fetches; the bands as above.
 int update_ap_info();
 int update_diag_info();
+
+/// Always fetches: the hosts that the platform knows; none is a success. False when they could not be listed.
+bool list_hosts(laninfos_ptr &hosts);
+/// The records of a list of hosts, an empty handle's included.
+std::span<qzcap_laninfo *const> hosts_of(const laninfos_ptr &hosts);
+/// The host of that MAC, in either case, borrowed from the list; null when there is none.
+qzcap_laninfo *find_host(const laninfos_ptr &hosts, const char *mac);
+
+/// Replaces a text of a platform record with a copy of `value`.
+void replace_text(char *&text, const char *value);
 
 /// The device's own MAC as the cached record has it, borrowed; null before there is a record.
 const char *own_mac();

@@ -74,8 +74,10 @@ void on_wifi_event(const char *, const char *, const cJSON *event) {
     }
 }
 
-void on_roaming_event(const char *, const char *, const cJSON *event) {
-    if (event)
+void on_roaming_event(const char *method, const char *, const cJSON *event) {
+    if (event && _strcmp(method, "aprssi") == 0)
+        send_arvok_rssi_report(event);
+    else if (event)
         send_arvok_wifi_report(event);
 }
 

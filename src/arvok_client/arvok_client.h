@@ -157,6 +157,8 @@ int send_arvok_wan_report(const cJSON *event);
 void send_arvok_lan_report();
 /// The stations that roamed, from the platform's roaming notification (not consumed).
 void send_arvok_wifi_report(const cJSON *event);
+/// How a station that was asked for is heard, from the platform's notification (not consumed).
+void send_arvok_rssi_report(const cJSON *event);
 /// The device's part in the mesh.
 void send_arvok_map_report();
 

@@ -9,7 +9,7 @@ namespace {
 
 struct config_row {
     const char *name;
-    void (*setter)(const cJSON *value);  // null: known, and refused
+    void (*setter)(const cJSON *value);
 };
 
 void set_whitelist(const cJSON *) {
@@ -17,15 +17,24 @@ void set_whitelist(const cJSON *) {
 }
 
 constexpr config_row rows[] = {
-    {"wifi", set_wifi},           {"wifitimer", set_wifitimer},
-    {"ledswitch", set_ledswitch}, {"wifiswitch", set_wifiswitch},
-    {"wpsswitch", set_wpsswitch}, {"syncswitch", set_syncswitch},
-    {"upgrade", nullptr},         {"upgrade_client", nullptr},
-    {"ctrlcommand", nullptr},     {"roaming_set", nullptr},
-    {"map_roaming_set", nullptr}, {"blacklist", nullptr},
-    {"whitelist", set_whitelist}, {"real_devinfo", nullptr},
-    {"setMapRole", nullptr},      {"iptv", nullptr},
-    {"speedlimit", nullptr},      {"eventsub", set_eventsub},
+    {"wifi", set_wifi},
+    {"wifitimer", set_wifitimer},
+    {"ledswitch", set_ledswitch},
+    {"wifiswitch", set_wifiswitch},
+    {"wpsswitch", set_wpsswitch},
+    {"syncswitch", set_syncswitch},
+    {"upgrade", set_upgrade},
+    {"upgrade_client", set_upgrade_client},
+    {"ctrlcommand", set_ctrlcommand},
+    {"roaming_set", set_roaming_set},
+    {"map_roaming_set", set_map_roaming_set},
+    {"blacklist", set_blacklist},
+    {"whitelist", set_whitelist},
+    {"real_devinfo", set_real_devinfo},
+    {"setMapRole", set_map_role},
+    {"iptv", set_iptv},
+    {"speedlimit", set_speedlimit},
+    {"eventsub", set_eventsub},
 };
 
 void run_rows(const cJSON *set) {
@@ -35,10 +44,7 @@ void run_rows(const cJSON *set) {
         if (!value)
             continue;
         any = true;
-        if (row.setter)
-            row.setter(value);
-        else
-            arvok_set_error(err_not_supported, "%s is not supported", row.name);
+        row.setter(value);
     }
     if (!any)
         arvok_set_error(err_not_supported, "unknown cfg set");

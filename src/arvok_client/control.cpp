@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "arvok_client/handlers.h"
+#include "arvok_client/request_members.h"
 #include "common/identity.h"
 #include "common/table.h"
 
@@ -28,32 +29,6 @@ void reset(const cJSON *) {
 // Settings are stored as they are made; older gateways still ask.
 void save(const cJSON *) {}
 
-// One MAC, or an array of them. Empty when the member is neither.
-std::vector<const char *> mac_list(const cJSON *element) {
-    const cJSON *mac = json_member(element, "mac");
-    std::vector<const char *> macs;
-    if (const char *one = cJSON_GetStringValue(mac)) {
-        macs.push_back(one);
-    } else if (cJSON_IsArray(mac)) {
-        for (const cJSON *item = mac->child; item; item = item->next) {
-            const char *text = cJSON_GetStringValue(item);
-            if (!text)
-                return {};
-            macs.push_back(text);
-        }
-    }
-    return macs;
-}
-
-void deassociation(const cJSON *element) {
-    const std::vector<const char *> macs = mac_list(element);
-    if (macs.empty())
-        return arvok_set_error(err_invalid_parameter, "invalid mac");
-    char *reason = nullptr;
-    if (qzcap_wifi_deassociation(macs.data(), static_cast<unsigned>(macs.size()), &reason) < 0)
-        return arvok_set_platform_error("qzcap_wifi_deassociation", reason);
-}
-
 // The payload of an element: base64 of hex digits, two to a byte; an odd last digit is a high half.
 bool decode_vsie(const char *data, std::vector<unsigned char> &payload) {
     text_ptr digits;
@@ -70,37 +45,24 @@ bool decode_vsie(const char *data, std::vector<unsigned char> &payload) {
     return true;
 }
 
-// The text members of a command, in the order in which they are checked; false after recording the first that
-// is missing or no text.
-bool texts_of(const cJSON *element, std::initializer_list<const char *> names) {
-    for (const char *name : names) {
-        if (!json_text(element, name)) {
-            arvok_set_error(err_invalid_parameter, "invalid %s", name);
-            return false;
-        }
-    }
-    return true;
-}
-
-bool payload_of(const cJSON *element, std::vector<unsigned char> &payload) {
-    if (decode_vsie(json_text(element, "data"), payload))
-        return true;
-    arvok_set_error(err_invalid_parameter, "invalid data");
-    return false;
+// The payload of a command whose members are all valid; false after recording that it is none.
+bool payload_of(request_members &members, const char *data, std::vector<unsigned char> &payload) {
+    if (members.ok() && !decode_vsie(data, payload))
+        members.refuse("data");
+    return members.ok();
 }
 
 void sendvsie(const cJSON *element) {
+    request_members members(element);
+    const char *id = members.text("id");
+    members.text("band");
+    const char *data = members.text("data");
+    const int lifetime = members.number("persist");
     std::vector<unsigned char> payload;
-    if (!texts_of(element, {"id", "band", "data"}))
-        return;
-    const cJSON *persist = json_member(element, "persist");
-    if (!cJSON_IsNumber(persist))
-        return arvok_set_error(err_invalid_parameter, "invalid persist");
-    if (!payload_of(element, payload))
+    if (!payload_of(members, data, payload))
         return;
 
     std::string owner = vsie_owner;
-    const int lifetime = persist->valueint;
     const qzcap_vsie_beacontx beacon{
         .name = owner.data(),
         .flag = 1,
@@ -114,16 +76,17 @@ void sendvsie(const cJSON *element) {
         return arvok_set_platform_error("qzcap_add_vsie_beacontx", reason);
 
     vsie_node node{index, ""};
-    _strlcpy(node.id, json_text(element, "id"), sizeof node.id);
+    _strlcpy(node.id, id, sizeof node.id);
     if (qzcap_vsie_beacontx_action(index, "start", &reason) < 0)
         return arvok_set_platform_error("qzcap_vsie_beacontx_action", reason);
     ec->vsie_list.push_front(node);
 }
 
 void stopvsie(const cJSON *element) {
-    if (!texts_of(element, {"id"}))
+    request_members members(element);
+    const char *id = members.text("id");
+    if (!members.ok())
         return;
-    const char *id = json_text(element, "id");
     const auto found = std::find_if(ec->vsie_list.begin(), ec->vsie_list.end(),
                                     [id](const vsie_node &n) { return !std::strcmp(n.id, id); });
     if (found == ec->vsie_list.end())
@@ -136,11 +99,15 @@ void stopvsie(const cJSON *element) {
 }
 
 void proberesp(const cJSON *element) {
+    request_members members(element);
+    members.text("id");
+    members.text("band");
+    const char *data = members.text("data");
+    const char *mac = members.text("mac");
     std::vector<unsigned char> payload;
-    if (!texts_of(element, {"id", "band", "data", "mac"}) || !payload_of(element, payload))
+    if (!payload_of(members, data, payload))
         return;
-    std::string mac = json_text(element, "mac");
-    const qzcap_vsie_proberesp response{.mac = mac.data(),
+    const qzcap_vsie_proberesp response{.mac = const_cast<char *>(mac),  // only read
                                         .flag = 0,
                                         .data = payload.data(),
                                         .length = static_cast<std::uint32_t>(payload.size())};
@@ -161,13 +128,21 @@ struct command_row {
 };
 
 constexpr command_row commands[] = {
-    {"reboot", reboot},       {"reset", reset},
-    {"save", save},           {"deassociation", deassociation},
-    {"sendvsie", sendvsie},   {"stopvsie", stopvsie},
-    {"proberesp", proberesp}, {"channelscan", channelscan},
+    {"reboot", reboot},     {"reset", reset},       {"save", save},           {"deassociation", deassociate},
+    {"sendvsie", sendvsie}, {"stopvsie", stopvsie}, {"proberesp", proberesp}, {"channelscan", channelscan},
 };
 
 }  // namespace
+
+void deassociate(const cJSON *element) {
+    request_members members(element);
+    const std::vector<const char *> macs = members.text_or_texts("mac");
+    if (!members.ok())
+        return;
+    char *reason = nullptr;
+    if (qzcap_wifi_deassociation(macs.data(), static_cast<unsigned>(macs.size()), &reason) < 0)
+        arvok_set_platform_error("qzcap_wifi_deassociation", reason);
+}
 
 int arvok_control(const cJSON *root, reply_context &context) {
     if (!valid_envelope(root, context))

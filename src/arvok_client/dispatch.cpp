@@ -51,7 +51,11 @@ constexpr type_row types[] = {
     {"cfg", arvok_cfg},
     {"get_status", arvok_get_status},
     {"control", arvok_control},
+    {"deassociation", arvok_deassociation},
+    {"getrssiinfo", arvok_getrssiinfo},
     {"qlink", arvok_qlink},
+    {"startaprssiquery", arvok_startaprssiquery},
+    {"startstabsstransitionrequest", arvok_startstabsstransitionrequest},
     {"ubus_call", arvok_ubus_call},
     {"ubus_subscribe", arvok_ubus_subscribe},
 };

@@ -13,7 +13,11 @@ namespace arvok {
 int arvok_cfg(const cJSON *root, reply_context &context);
 int arvok_get_status(const cJSON *root, reply_context &context);
 int arvok_control(const cJSON *root, reply_context &context);
+int arvok_deassociation(const cJSON *root, reply_context &context);
+int arvok_getrssiinfo(const cJSON *root, reply_context &context);
 int arvok_qlink(const cJSON *root, reply_context &context);
+int arvok_startaprssiquery(const cJSON *root, reply_context &context);
+int arvok_startstabsstransitionrequest(const cJSON *root, reply_context &context);
 int arvok_ubus_call(const cJSON *root, reply_context &context);
 int arvok_ubus_subscribe(const cJSON *root, reply_context &context);
 
@@ -41,7 +45,20 @@ void set_ledswitch(const cJSON *value);
 void set_wifiswitch(const cJSON *value);
 void set_wpsswitch(const cJSON *value);
 void set_syncswitch(const cJSON *value);
+void set_upgrade(const cJSON *value);
+void set_upgrade_client(const cJSON *value);
+void set_ctrlcommand(const cJSON *value);
+void set_roaming_set(const cJSON *value);
+void set_map_roaming_set(const cJSON *value);
+void set_blacklist(const cJSON *value);
+void set_real_devinfo(const cJSON *value);
+void set_map_role(const cJSON *value);
+void set_iptv(const cJSON *value);
+void set_speedlimit(const cJSON *value);
 void set_eventsub(const cJSON *value);
+
+/// Disconnects the stations of "mac", a text or an array of texts: both a command and a message of its own.
+void deassociate(const cJSON *element);
 
 // --- status items: each getter returns a new value, the error item when it fails ---
 

@@ -29,31 +29,26 @@ void copy_member(json_object &to, const char *key, const cJSON *from, const char
 }
 
 void send_online_event(const char *mac) {
-    unsigned int count = 0;
-    qzcap_laninfo **list = nullptr;
-    if (qzcap_list_laninfo(&count, &list) < 0) {
+    laninfos_ptr hosts;
+    if (!list_hosts(hosts)) {
         qzcap_printf("[ERROR] %s qzcap_list_laninfo failed\n", "send_arvok_lan_event");
         return;
     }
-    const laninfos_ptr hosts(list, {count});
     update_ap_info();
-    const auto end = list + count;
-    const auto found =
-        std::find_if(list, end, [mac](const qzcap_laninfo *h) { return _strcasecmp(h->mac, mac) == 0; });
-    if (found == end)
+    const qzcap_laninfo *host = find_host(hosts, mac);
+    if (!host)
         return;
-    const qzcap_laninfo &host = **found;
-    const qzcap_wifi_ap *ap = ap_of_host(host);
+    const qzcap_wifi_ap *ap = ap_of_host(*host);
     const auto ap_text = [ap](char *qzcap_wifi_ap::*member) {
         return std::string(text_or_empty(ap ? ap->*member : nullptr)).substr(0, ap_text_max);
     };
     json_object event;
     event.text("event", "online")
-        .text("band", host.band)
+        .text("band", host->band)
         .text("mac", mac)
         .text("ssid", ap_text(&qzcap_wifi_ap::ssid).c_str())
         .text("bssid", ap_text(&qzcap_wifi_ap::bssid).c_str())
-        .text("vmac", host.vmac)
+        .text("vmac", host->vmac)
         .number("firstOnline", static_cast<double>(arvok_first_online(mac)));
     arvok_send_event(event.take());
 }
@@ -91,23 +86,20 @@ void send_arvok_lan_report() {
     if (!ec->linked)
         return;
     arvok_msg_ptr msg = arvok_msg_new("dev_report", 0);
-    unsigned int count = 0;
-    qzcap_laninfo **list = nullptr;
-    if (qzcap_list_laninfo(&count, &list) < 0) {
+    laninfos_ptr hosts;
+    if (!list_hosts(hosts)) {
         qzcap_printf("[ERROR] qzcap_list_laninfo failed");
         return;
     }
-    const laninfos_ptr hosts(list, {count});
     json_ptr dev(cJSON_CreateArray());
-    for (unsigned int i = 0; i < count; i++) {
-        const qzcap_laninfo &host = *list[i];
-        if (!host.active)
+    for (const qzcap_laninfo *host : hosts_of(hosts)) {
+        if (!host->active)
             continue;
         json_object item;
-        item.text("mac", host.mac)
-            .text("vmac", host.vmac)
-            .number("connecttype", host.connecttype)
-            .number("firstOnline", static_cast<double>(arvok_first_online(host.mac)));
+        item.text("mac", host->mac)
+            .text("vmac", host->vmac)
+            .number("connecttype", host->connecttype)
+            .number("firstOnline", static_cast<double>(arvok_first_online(host->mac)));
         json_append(dev.get(), item.take());
     }
     msg->root.add("dev", std::move(dev));
@@ -131,6 +123,18 @@ void send_arvok_wifi_report(const cJSON *event) {
         json_append(report.get(), item.take());
     }
     msg->root.add("roaming_report", std::move(report));
+    arvok_post(std::move(msg));
+}
+
+// Found by the platform in the course of a query of the gateway's.
+void send_arvok_rssi_report(const cJSON *event) {
+    if (!ec->linked || !json_text(event, "mac") || !cJSON_IsNumber(json_member(event, "rssi")))
+        return;
+    arvok_msg_ptr msg = arvok_msg_new("aprssi", 0);
+    json_object data;
+    copy_member(data, "mac", event, "mac");
+    copy_member(data, "rssi", event, "rssi");
+    msg->root.add("data", data.take());
     arvok_post(std::move(msg));
 }
 

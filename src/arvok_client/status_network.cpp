@@ -178,17 +178,15 @@ json_ptr get_capability() {
 }
 
 json_ptr get_real_devinfo() {
-    unsigned int count = 0;
-    qzcap_laninfo **list = nullptr;
-    if (qzcap_list_laninfo(&count, &list) < 0)
+    laninfos_ptr hosts;
+    if (!list_hosts(hosts))
         return arvok_error_item(err_platform, "qzcap_list_laninfo failed");
-    const laninfos_ptr hosts(list, {count});
     if (update_ap_info() != 0)
         return arvok_error_item(err_platform, "update_ap_info failed");
     json_ptr array(cJSON_CreateArray());
-    for (unsigned int i = 0; i < count; i++)
-        if (list[i]->active)
-            json_append(array.get(), host_item(*list[i]));
+    for (const qzcap_laninfo *host : hosts_of(hosts))
+        if (host->active)
+            json_append(array.get(), host_item(*host));
     return array;
 }
 

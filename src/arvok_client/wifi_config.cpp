@@ -275,7 +275,7 @@ class wifi_setting {
                 return false;
             for (const ap_member &member : ap_members)
                 if (const char *given = json_text(element, member.key); differs(given, current.*member.text))
-                    replace(current.*member.text, given);
+                    replace_text(current.*member.text, given);
             if (qzcap_wifi_ap_set_async(band.ap, main_interface, &current, 0, nullptr) < 0) {
                 arvok_set_error(err_platform, "qzcap_wifi_ap_set_async failed");
                 return false;
@@ -287,11 +287,6 @@ class wifi_setting {
     // The platform's record has no const texts, but only reads them.
     static char *chosen(const char *given, char *current) {
         return given ? const_cast<char *>(given) : current;
-    }
-
-    static void replace(char *&text, const char *given) {
-        qzcap_free(text);
-        text = qzcap_strdup(given);
     }
 
     qzcap_wifi_ap *main_ap(const wifi_band &band) const { return main_ap_[&band - bands].get(); }

@@ -205,20 +205,6 @@ void _remove_timer_lines(const char *mac) {
     std::remove(copy_path.c_str());
 }
 
-bool list_hosts(laninfos_ptr &hosts) {
-    unsigned int count = 0;
-    qzcap_laninfo **list = nullptr;
-    if (qzcap_list_laninfo(&count, &list) < 0)
-        return false;
-    hosts = laninfos_ptr(list, {count});
-    return true;
-}
-
-void replace_text(char *&text, const char *value) {
-    qzcap_free(text);
-    text = qzcap_strdup(value);
-}
-
 int guest_index() {
     char text[16] = "";
     _read_file(rule_path(guest_index_file).c_str(), text, sizeof text - 1);

@@ -60,15 +60,11 @@ void _remove_timer_lines(const char *mac);
 
 // --- platform records ---
 
-/// The hosts that the platform knows; none is a success. False when they could not be listed.
-bool list_hosts(laninfos_ptr &hosts);
 template <typename Action>
 void for_each_host(const laninfos_ptr &hosts, Action action) {
-    for (unsigned int i = 0; hosts && i < hosts.get_deleter().count; i++)
-        action(*hosts.get()[i]);
+    for (qzcap_laninfo *host : hosts_of(hosts))
+        action(*host);
 }
-/// Replaces a text of a platform record.
-void replace_text(char *&text, const char *value);
 
 // --- checks ---
 

@@ -285,8 +285,8 @@ struct qzcap_laninfo {
 /// Lists the LAN hosts, absent ones included.
 int qzcap_list_laninfo(unsigned int *count, struct qzcap_laninfo ***list);
 void qzcap_free_laninfos(unsigned int count, struct qzcap_laninfo **list);
-/// Writes the settable fields of the host `index` (devname, brand, model, internetaccess, storageaccess,
-/// downlimit, uplimit) back; the others are the platform's own observations and are ignored.
+/// Writes the settable fields of the host `index` (hostname, devname, brand, model, internetaccess,
+/// storageaccess, downlimit, uplimit) back; the others are the platform's own observations and are ignored.
 int qzcap_set_laninfo(uint32_t index, const struct qzcap_laninfo *record, char **errtext);
 /// Enables ("yes") or disables ("no") the access list and replaces the MACs on it.
 int qzcap_set_blacklist(const char *enable, const char *const *macs, unsigned int count, char **errtext);
@@ -447,7 +447,7 @@ struct qzcap_roaming {
 
 /// Disconnects stations.
 int qzcap_wifi_deassociation(const char *const *macs, unsigned int count, char **errtext);
-/// Starts a query; its result comes as a notification of the roaming object.
+/// Starts a query; its result comes as the notification "aprssi" {"mac", "rssi"} of the roaming object.
 int qzcap_start_rssi_query(const struct qzcap_rssi_query *record, char **errtext);
 int qzcap_bss_transition(const struct qzcap_bsstransition *record, char **errtext);
 struct qzcap_roaming *qzcap_get_roaming(void);

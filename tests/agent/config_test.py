@@ -378,16 +378,14 @@ class Rows(LinkedCase):
 
     def test_rows(self):
         self.link()
-        names = ("upgrade", "upgrade_client", "ctrlcommand", "roaming_set", "map_roaming_set", "blacklist",
-                 "real_devinfo", "setMapRole", "iptv", "speedlimit")
         whitelist = (10001, "V2019.1.0 without this interface")
         unknown = (10001, "unknown cfg set")
-        for rows, error in [({name: {}}, (10001, name + " is not supported")) for name in names] + [
+        for rows, error in [
                 ({"whitelist": {}}, whitelist), ({}, unknown), ({"mode": "set"}, unknown),
                 ({"WIFI": [], "ledSwitch": {"status": "ON"}}, unknown), ({"ledswitch": {"status": "ON"}, "x": 1}, DONE),
                 # The rows run in their own order, whatever the message's; the last failure is told.
                 ({"whitelist": 1, "blacklist": 1, "wifi": 1}, whitelist),
-                ({"iptv": 1, "wifitimer": 1}, (10001, "iptv is not supported")),
+                ({"iptv": 1, "wifitimer": 1}, invalid("enable")),
                 ({"ledswitch": {}, "wifi": 1, "wifitimer": 1}, invalid("status")),
                 ({"eventsub": 1, "speedlimit": 1}, invalid("eventsub")),
                 ({"eventsub": [], "wifi": 1}, invalid("wifi"))]:
@@ -396,7 +394,7 @@ class Rows(LinkedCase):
         self.journal()
         rows = {"wpsswitch": {"status": "ON"}, "wifitimer": [], "ledswitch": {"status": "x"},
                 "wifi": [band({"channel": 11})], "iptv": {}, "wifiswitch": {"status": "OFF"}}
-        self.assertEqual(self.cfg(**rows), (10001, "iptv is not supported"))
+        self.assertEqual(self.cfg(**rows), invalid("enable"))
         self.assertEqual([name for name, _ in self.journal() if "get" not in name and "list" not in name],
                          [RADIO_SET] + ["qzcap_wifi_timer_delete"] * 2 + ["qzcap_set_wifi_switch"] * 2)
 

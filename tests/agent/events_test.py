@@ -87,8 +87,8 @@ class Changes(EventCase):
             (state(mesh={"role": "agent"}), [event("rolechange", role="agent"), role("agent")]),
             (state(mesh={"role": "controller"}), [event("rolechange", role="controller"), role("controller")]),
             (state(wifi_switch={"wpsswitch": "on"}), []),
-            (lambda: call("qzcapd.roaming", "rssi_query", {"record": {
-                "mac": "02C0FFEE0004", "band": "2.4G", "channel": 6, "duration": 1}}),
+            (lambda: call("qzcapd.roaming", "bss_transition", {"record": {
+                "mac": "02C0FFEE0004", "bssid": "02:5A:10:00:02:01", "channel": 36, "timeout": 0}}),
              [{"type": "cfg", "roaming_report": [
                  {"mac": "02C0FFEE0004", "connect_time": 86000, "rssi": -70, "channel": 6}]}]),
             (lambda: self.notify(VSIE, "vsie", {"band": 0, "mac": "m", "vsie": [221, 5]}),

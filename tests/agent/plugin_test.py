@@ -205,6 +205,11 @@ class Parameters(PluginCase):
         for line in ("<- " + json.dumps(message, separators=(",", ":")),
                      "-> " + json.dumps(answer, separators=(",", ":"))):
             self.agent.expect("[INFO] (arvok) %s (%d)\n" % (line, len(line) - 3))
+        for kind, members in (("deassociation", {}), ("startaprssiquery", {"mac": 5}),
+                              ("startstabsstransitionrequest", {}), ("cfg", {"set": {"blacklist": {"enable": "ON"}}})):
+            self.assertEqual(self.acknowledged({"type": kind, **members}), {"errcode": 10002, "errmsg": "invalid mac"})
+        self.assertEqual([station["mac"] for station in self.params({"type": "getrssiinfo"})["data"]],
+                         ["02C0FFEE0002", "02C0FFEE0003", "02C0FFEE0004"])
         # What is none, and what the agent takes from its gateway only, or does not answer there either.
         for message in ("", "no JSON", [], {"type": "nonsense"}, {"type": "qlink"}, {"type": "ack"}, {"type": "dh"},
                         {"type": "ubus_call", "object": "x"}, {"type": "get_status", "CmdType": "x"},

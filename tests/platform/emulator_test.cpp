@@ -80,6 +80,12 @@ TEST_F(Emulator, ChangesAreAnnouncedWhoeverMakesThem) {
                           qzcap_rssi_query query{const_cast<char *>("02c0ffee0002"), nullptr, 0, 0};
                           qzcap_start_rssi_query(&query, nullptr);
                       }),
+                ElementsAre(R"(aprssi {"mac":"02C0FFEE0002","rssi":-48})"));
+    EXPECT_THAT(heard(QZCAP_OBJ_ROAMING,
+                      [] {
+                          qzcap_bsstransition move{const_cast<char *>("02c0ffee0002"), nullptr, 6, 0};
+                          qzcap_bss_transition(&move, nullptr);
+                      }),
                 ElementsAre(R"(roamingreport {"roamingreport":[{"mac":"02C0FFEE0002","connecttime":3600,)"
                             R"("rssi":-48,"channel":36}]})"));
     EXPECT_THAT(

@@ -1,0 +1,292 @@
+"""The settings of the device and its hosts, and the steering of stations: every member missing, of a wrong kind, at its
+limits and beyond; what the platform is told; what comes back when it refuses."""
+
+import os
+import subprocess
+import unittest
+
+from desk import LinkedCase, wait_until
+
+MKAPP = os.path.join(os.path.dirname(__file__), "..", "..", "lab", "mkapp")
+DONE = (0, "")
+DESK, PHONE, TABLET, THERMOSTAT, LAPTOP = ("02C0FFEE000%d" % i for i in range(1, 6))
+NO_TEXT = (None, 5, True, ["x"], {})
+NO_NUMBER = (None, "5", True, [5], {})
+NO_SWITCH = (*NO_TEXT, "on", "", "yes")
+
+
+def invalid(what):
+    return 10002, "invalid " + what
+
+
+def number(low, high):
+    """What is no whole number from low to high, and the two limits."""
+    return (*NO_NUMBER, low - 1, high + 1, low + 0.5, 1e300), (low, high)
+
+
+class VocabularyCase(LinkedCase):
+    def members(self, send, good, checks, optional=()):
+        """Sends each member missing and wrong: it is the one named, before those behind it, and nothing is called that
+        changes anything. Then each at its limits."""
+        self.journal()
+        behind = {}
+        for name, (wrong, right) in reversed(list(checks.items())):
+            behind[name] = wrong[0]
+            broken = {**good, **behind}
+            rest = {key: value for key, value in broken.items() if key != name}
+            if name not in optional:
+                with self.subTest(missing=name):
+                    self.assertEqual(send(rest), invalid(name))
+            for value in wrong:
+                with self.subTest(name=name, wrong=value):
+                    self.assertEqual(send({**broken, name: value}), invalid(name))
+            self.assertEqual([c for c, _ in self.journal() if "get" not in c and "list" not in c], [])
+            for value in right:
+                with self.subTest(name=name, right=value):
+                    self.assertEqual(send({**good, name: value}), DONE)
+            self.journal()
+
+    def refused(self, send, function, text=None):
+        self.fail_call(function)
+        self.assertEqual(send(), (10004, text or function + " failed: on demand"))
+
+
+class DeviceRows(VocabularyCase):
+    def test_software(self):
+        agent = self.link()
+        good = {"downurl": "http://192.168.1.1/image.bin", "fileSize": 4711, "chksum": "c0ffee"}
+        wrong_sizes = (None, True, [1], {}, 0, -1, 1.5, 4294967296, "", "0", "12a", "-1", " 1", "+1", "4294967296",
+                       "9" * 30)
+        checks = {"downurl": (NO_TEXT, ()), "fileSize": (wrong_sizes, (1, 4294967295, "1", "0012", "4294967295")),
+                  "chksum": (NO_TEXT, ("",))}
+        upgrade = lambda value: self.cfg(upgrade=value)
+        self.members(upgrade, good, checks)
+        for value in NO_TEXT[:-1]:
+            self.assertEqual(upgrade(value), invalid("downurl"))
+        upgrade({**good, "fileSize": "4711"})
+        self.assertEqual(self.journal("qzcap_upgrade"),
+                         [("qzcap_upgrade", {"url": good["downurl"], "size": 4711, "chksum": "c0ffee"})])
+        self.refused(lambda: upgrade(good), "qzcap_upgrade")
+        # The agent's own package goes through the app manager; how that ends is for the log.
+        client = lambda value: self.cfg(upgrade_client=value)
+        self.assertEqual(client({**good, "fileSize": 0, "chksum": 5}), invalid("fileSize"))
+        self.refused(lambda: client(good), "qzcap_install_app", "qzcap_install_app failed")
+        for name, line in (("arvokclt", "[INFO] client upgrade installed arvokclt 9.1\n"),
+                           ("radio", "[WARNING] client upgrade installed radio\n")):
+            package = subprocess.check_output([MKAPP, name, "9.1"], text=True).strip()
+            self.assertEqual(client({**good, "downurl": "http://100.64.0.9/" + package}), DONE)
+            agent.expect(line)
+        self.assertEqual(client({**good, "downurl": "http://100.64.0.9/nothing"}), DONE)
+        agent.expect("[ERROR] client upgrade failed: ")
+
+    def test_ctrlcommand(self):
+        self.link()
+        for value in (*NO_TEXT, "", "Reboot", "deassociation"):
+            self.assertEqual(self.cfg(ctrlcommand=value), invalid("ctrlcommand"))
+        self.assertEqual(self.cfg(ctrlcommand="save"), DONE)
+        self.assertEqual(self.journal("qzcap_reboot", "qzcap_reset"), [])
+        for word in ("reboot", "reset"):
+            self.assertEqual(self.cfg(ctrlcommand=word), DONE)
+            wait_until(lambda: self.journal("qzcap_" + word), word)  # follows the reply
+
+    def test_roaming(self):
+        self.link()
+        checks = {"enable": (NO_SWITCH, ("ON", "OFF")), "rssi2G": number(-100, 0), "rssi5G": number(-100, 0),
+                  "interval": number(1, 3600)}
+        good = {"enable": "ON", "rssi2G": -70, "rssi5G": -65, "interval": 30}
+        for row, stem, stored in (("roaming_set", "roaming", "roaming"),
+                                  ("map_roaming_set", "mesh_roaming", "mesh_roaming")):
+            send = lambda value: self.cfg(**{row: value})
+            self.members(send, good, checks, optional=checks)
+            for nothing in (*NO_TEXT, {"difference": 3}):
+                self.assertEqual(send(nothing), invalid(row))
+            before = self.state()[stored]
+            self.assertEqual(send({"rssi5G": -61}), DONE)  # over what is set
+            self.assertEqual(self.state()[stored], {**before, "rssi_5g": -61})
+            self.assertEqual(send(good), DONE)
+            self.assertEqual(self.state()[stored],
+                             {**before, "enable": "yes", "rssi_2g": -70, "rssi_5g": -65, "interval": 30})
+            self.refused(lambda: send(good), "qzcap_get_" + stem, "qzcap_get_" + stem + " failed")
+            self.refused(lambda: send(good), "qzcap_set_" + stem)
+
+    def test_blacklist(self):
+        self.link()
+        send = lambda value: self.cfg(blacklist=value)
+        macs = ["02C0FFEE%04X" % i for i in range(65)]
+        checks = {"enable": (NO_SWITCH, ("ON", "OFF")),
+                  "mac": ((None, 5, PHONE, {}, [5], [PHONE, None], ["nobody"], [PHONE + "0"], ["02:C0:FF:EE:00:0g"], macs),
+                          ([], macs[:64], ["02:c0:ff:ee:00:01", "02-c0-ff-ee-00-02"]))}
+        self.members(send, {"enable": "ON", "mac": [PHONE]}, checks)
+        self.assertEqual(send({"enable": "ON", "mac": [PHONE, TABLET]}), DONE)
+        self.assertEqual(send({"enable": "OFF", "mac": [TABLET]}), DONE)  # replaced, not added to
+        self.assertEqual(self.state()["blacklist"], {"enable": "no", "macs": [TABLET]})
+        self.refused(lambda: send({"enable": "ON", "mac": []}), "qzcap_set_blacklist")
+
+    def test_role_and_television(self):
+        self.link()
+        for value in (*NO_TEXT, "", "Agent", "bridge"):
+            self.assertEqual(self.cfg(setMapRole=value), invalid("setMapRole"))
+        for role in ("agent", "auto", "controller"):
+            self.assertEqual((self.cfg(setMapRole=role), self.state()["mesh"]["role"]), (DONE, role))
+        self.refused(lambda: self.cfg(setMapRole="auto"), "qzcap_set_mesh_role")
+
+        send = lambda value: self.cfg(iptv=value)
+        ports = self.state()["devinfo"]["lanports"]
+        checks = {"enable": (NO_SWITCH, ("ON", "OFF")), "vlan": number(1, 4094),
+                  "ports": ((None, 1, {}, [0], ["1"], [ports[0], max(ports) + 1], [ports[0] + 0.5], [-1], [1e300]),
+                            ([], ports))}
+        good = {"enable": "ON", "vlan": 85, "ports": ports[-1:]}
+        self.members(send, good, checks)
+        self.assertEqual(send(good), DONE)
+        self.assertEqual(self.state()["iptv"], {"enable": "yes", "vlan": 85, "ports": ports[-1:]})
+        self.refused(lambda: send(good), "qzcap_set_iptv")
+        self.refused(lambda: send(good), "qzcap_get_devinfo", "qzcap_get_devinfo failed")
+        self.patch({"devinfo": {"lanports": None}})
+        self.assertEqual(send(good), invalid("ports"))
+
+    def test_hosts(self):
+        self.link()
+        describe = lambda *hosts: self.cfg(real_devinfo=list(hosts))
+        limit = lambda *hosts: self.cfg(speedlimit=list(hosts))
+        for row in ("real_devinfo", "speedlimit"):
+            for value in (None, 5, "x", {}):
+                self.assertEqual(self.cfg(**{row: value}), invalid(row))
+            self.assertEqual(self.cfg(**{row: []}), DONE)
+            for element in (None, 5, "x", [], {}):
+                self.assertEqual(self.cfg(**{row: [element]}), invalid("mac"))
+        texts = {name: (NO_TEXT, ("", "Küche")) for name in ("hostname", "brand", "model")}
+        numbers = {name: number(0, 2) for name in ("internetaccess", "storageaccess")}
+        good = {"mac": PHONE, "hostname": "kitchen", "brand": "B", "model": "M", "internetaccess": 1, "storageaccess": 0}
+        self.members(describe, good, {"mac": (NO_TEXT, (PHONE.lower(),)), **texts, **numbers},
+                     optional=(*texts, *numbers))
+        limits = {"uplimit": number(0, 2147483647), "downlimit": number(0, 2147483647)}
+        self.members(limit, {"mac": PHONE, "uplimit": 1, "downlimit": 2}, {"mac": (NO_TEXT, ()), **limits})
+
+        before = self.state()["laninfo"]
+        self.assertEqual(describe(good, {"mac": DESK, "model": "tower"}, {"mac": PHONE, "brand": "C"}), DONE)
+        self.assertEqual(limit({"mac": DESK, "uplimit": 100, "downlimit": 200}), DONE)
+        expected = {**before, PHONE: {**before[PHONE], **good, "brand": "C"},
+                    DESK: {**before[DESK], "model": "tower", "uplimit": 100, "downlimit": 200}}
+        del expected[PHONE]["mac"]
+        self.assertEqual(self.state()["laninfo"], expected)
+        self.assertEqual(limit({"mac": DESK, "uplimit": 0, "downlimit": 0}), DONE)
+        self.assertEqual(self.state()["laninfo"][DESK]["uplimit"], 0)
+        # All is checked before anything is set, and the first refusal ends the row.
+        self.journal()
+        self.assertEqual(describe(good, {"mac": "nobody", "model": "x"}), (10002, "unknown mac nobody"))
+        self.assertEqual(limit({"mac": DESK, "uplimit": 1, "downlimit": 1}, {"mac": ""}), invalid("uplimit"))
+        self.assertEqual(self.journal("qzcap_set_laninfo"), [])
+        self.refused(lambda: describe(good, good), "qzcap_set_laninfo")
+        self.assertEqual(len(self.journal("qzcap_set_laninfo")), 1)
+        self.refused(lambda: describe(good), "qzcap_list_laninfo", "qzcap_list_laninfo failed")
+        self.fail_call("qzcap_list_laninfo", mode="empty")
+        self.assertEqual(describe(good)[0], 10004)
+
+    def test_several_rows(self):
+        self.link()
+        self.assertEqual(self.cfg(speedlimit=[{"mac": "nobody", "uplimit": 0, "downlimit": 0}], setMapRole="agent",
+                                  blacklist=7, iptv={"enable": "ON", "vlan": 4095}, ledswitch={"status": "OFF"},
+                                  roaming_set={"enable": "ON"}, ctrlcommand="save"), (10002, "unknown mac nobody"))
+        order = ("qzcap_set_led_switch", "qzcap_set_roaming", "qzcap_set_mesh_role")
+        self.assertEqual([name for name, _ in self.journal(*order)], list(order))
+        self.agent.expect("[ERROR] (10002) invalid enable\n")  # the blacklist
+        self.agent.expect("[ERROR] (10002) invalid vlan\n")
+
+
+class Stations(VocabularyCase):
+    def ask(self, kind, **members):
+        return self._acknowledged({"type": kind, "data": members})
+
+    def test_deassociation(self):
+        self.link({"laninfo": {LAPTOP: {"active": 1}}})
+        name = "qzcap_wifi_deassociation"
+        self.members(lambda m: self.ask("deassociation", **m), {"mac": PHONE},
+                     {"mac": ((None, 5, {}, [], [PHONE, 5]), (LAPTOP.lower(),))})
+        self.assertEqual(self.ask("deassociation", mac=[PHONE, THERMOSTAT]), DONE)
+        self.assertEqual(self.journal(name), [(name, {"macs": [PHONE, THERMOSTAT]})])
+        self.assertEqual(self._acknowledged({"type": "deassociation", "mac": TABLET}), DONE)
+        self.assertEqual(self.ask("deassociation", mac=PHONE), (10004, name + " failed: no such station: " + PHONE))
+
+    def test_rssi_of_stations(self):
+        self.link()
+        self.patch({"wifiinfo": {"5G": {"current_channel": 44}}})
+
+        def ask(**members):
+            return request(data=members)
+
+        def request(**members):
+            reply = self.request({"type": "getrssiinfo", **members})
+            self.assertEqual(list(reply), ["type", "sequence", "mac", "errcode", "errmsg", "data"])
+            self.assertEqual((reply["type"], reply["mac"]), ("rssiinfo", "025A10000001"))
+            return (reply["errcode"], reply["errmsg"]), reply["data"]
+
+        hosts = self.state()["laninfo"]
+        channels = {"2.4G": self.state()["wifiinfo"]["2.4G"]["current_channel"], "5G": 44}
+        station = lambda mac: {"mac": mac, "band": hosts[mac]["band"], "rssi": hosts[mac]["rssi"],
+                               "channel": channels[hosts[mac]["band"]]}
+        wireless = [mac for mac, host in hosts.items() if host["active"] and host["connecttype"] == 1]
+        self.assertEqual(wireless, [PHONE, TABLET, THERMOSTAT])
+        self.assertEqual(ask(), (DONE, [station(mac) for mac in wireless]))
+        self.assertEqual(ask(mac=PHONE.lower()), (DONE, [station(PHONE)]))
+        self.assertEqual(ask(mac=[THERMOSTAT, "nobody", PHONE, LAPTOP, DESK]),
+                         (DONE, [station(PHONE), station(THERMOSTAT)]))
+        self.assertEqual(ask(mac="nobody"), (DONE, []))
+        for wrong in (None, 5, {}, [], [PHONE, 5]):
+            self.assertEqual(ask(mac=wrong), (invalid("mac"), []))
+        # Beside the envelope; where it is nobody's, it is the gateway's own.
+        self.assertEqual(request(mac=PHONE), (DONE, [station(PHONE)]))
+        self.assertEqual(request(), ask())
+        self.fail_call("qzcap_list_laninfo")
+        self.assertEqual(ask(), ((10004, "qzcap_list_laninfo failed"), []))
+        self.fail_call("qzcap_get_wifiinfo", times=2)
+        self.assertEqual(ask(), ((10004, "update_wifi_info failed"), []))
+
+    def test_rssi_query(self):
+        agent = self.link()
+        good = {"mac": PHONE, "band": "5G", "duration": 1}
+        send = lambda members: self.ask("startaprssiquery", **members)
+        self.members(send, good, {"mac": (NO_TEXT, ()), "band": ((*NO_TEXT, "5g", "5G-2", ""), ("2.4G", "5G")),
+                                  "duration": number(1, 60)})
+        self.forget()
+        self.assertEqual(send(good), DONE)
+        self.assertEqual(self.journal("qzcap_start_rssi_query"), [("qzcap_start_rssi_query", {"record": {
+            "mac": PHONE, "band": "5G", "channel": 36, "duration": 1000}})])
+        report = self.wait_for_message("aprssi")[0]
+        self.assertEqual(list(report), ["type", "sequence", "mac", "data"])
+        found = {"mac": PHONE, "rssi": self.state()["laninfo"][PHONE]["rssi"]}
+        self.assertEqual(report["data"], found)
+        # What is no result is not reported, and a result is no roaming report.
+        self.forget()
+        for message in ({}, {"mac": PHONE}, {"mac": 5, "rssi": -40}, {"mac": PHONE, "rssi": "-40"}):
+            self.notify(16, "aprssi", message)
+        self.notify(16, "aprssi", {"mac": "last", "rssi": -40})
+        told = lambda: [report["data"] for report in self.received("aprssi") if report["data"] != found]
+        self.assertEqual(wait_until(told, "the result"), [{"mac": "last", "rssi": -40}])
+        self.assertEqual(self.received("cfg"), [])
+        self.assertEqual(send({**good, "mac": DESK}),
+                         (10004, "qzcap_start_rssi_query failed: no such station: " + DESK))
+        self.fail_call("qzcap_get_wifiinfo", times=2)
+        self.assertEqual(send(good), (10004, "update_wifi_info failed"))
+        agent.expect("[ERROR] (10004) update_wifi_info failed\n")
+        # A device without that radio.
+        self.patch({"devinfo": {"support_5g": "no"}})
+        self.stop_agents()
+        self.link()
+        self.assertEqual(send(good), invalid("band"))
+
+    def test_bss_transition(self):
+        self.link()
+        good = {"mac": PHONE, "bssid": "02:5A:10:00:01:01", "band": "2.4G", "channel": 6}
+        send = lambda members: self.ask("startstabsstransitionrequest", **members)
+        self.members(send, good, {"mac": (NO_TEXT, ()), "bssid": (NO_TEXT, ("",)),
+                                  "band": ((*NO_TEXT, "6G"), ("2.4G", "5G")), "channel": number(1, 255)})
+        self.forget()
+        self.assertEqual(send(good), DONE)
+        self.assertEqual(self.journal("qzcap_bss_transition"), [("qzcap_bss_transition", {"record": {
+            "mac": PHONE, "bssid": good["bssid"], "channel": 6, "timeout": 0}})])
+        self.assertEqual(self.wait_for_message("cfg")[0]["roaming_report"][0]["mac"], PHONE)
+        self.refused(lambda: send(good), "qzcap_bss_transition")
+
+
+if __name__ == "__main__":
+    unittest.main()
