@@ -7,7 +7,6 @@ BUILD      ?= build
 SANITIZED  ?= $(BUILD)-asan
 THREADED   ?= $(BUILD)-tsan
 ARM        ?= $(BUILD)-arm
-ARM        ?= $(BUILD)-arm
 FUZZED     ?= $(BUILD)-fuzz
 BUILD_TYPE ?= RelWithDebInfo
 JOBS       ?= $(shell nproc)
@@ -20,7 +19,7 @@ TIDIED = $(shell git ls-files 'src/*.cpp' 'lab/*.cpp')
 # The tests of what runs on threads, or hands over to one.
 THREAD_TESTS = utask_test cloud_test
 
-.PHONY: all setup run test check-plain check-sanitized sanitized check-thread arm arm check-format format lint bench fuzz clean
+.PHONY: all setup run test check-plain check-sanitized sanitized check-thread arm check-format format lint bench fuzz clean
 
 all: setup
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) $(CMAKE_ARGS) >$(BUILD).log 2>&1 || { cat $(BUILD).log; exit 1; }
@@ -66,14 +65,6 @@ arm:
 	$(CTEST) --test-dir $(ARM)
 	ARVOK_BIN=$(abspath $(ARM))/emulated/bin lab/home -- lab/tour </dev/null
 
-# The same agent, desk and tests for a 32-bit ARM device, run by user emulation (docs/porting.md).
-arm:
-	@tools/setup.sh g++-arm-linux-gnueabihf qemu-user
-	@tools/sysroot.sh armhf $(abspath $(ARM))/sysroot
-	@$(MAKE) --no-print-directory all BUILD=$(ARM) CMAKE_ARGS=-DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/armhf.cmake
-	$(CTEST) --test-dir $(ARM)
-	ARVOK_BIN=$(abspath $(ARM))/emulated/bin lab/home -- lab/tour </dev/null
-
 check-format: setup
 	@test -n "$$($(CODE))" || { echo 'formatting is checked in a git checkout only'; exit 1; }
 	@$(CODE) | xargs clang-format --dry-run --Werror
@@ -97,4 +88,4 @@ fuzz:
 	@fuzz/run $(abspath $(FUZZED)) $(or $(SECONDS),60) $(TARGET)
 
 clean:
-	rm -rf $(BUILD) $(SANITIZED) $(THREADED) $(ARM) $(ARM) $(FUZZED)
+	rm -rf $(BUILD) $(SANITIZED) $(THREADED) $(ARM) $(FUZZED)
