@@ -57,10 +57,17 @@ class Capture:
         return self.port
 
 
+PIPES = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, "stderr": subprocess.DEVNULL}
+
+
+def command(*arguments):
+    """tshark with the dissector, without what the user has set or installed."""
+    return ["env", "-i", "PATH=" + os.environ["PATH"], "HOME=/nonexistent", "tshark", "-X", "lua_script:" + SCRIPT, *arguments]
+
+
 def tshark(*arguments):
     """What tshark says; it must not complain about the dissector."""
-    plain = {"PATH": os.environ["PATH"], "HOME": "/nonexistent"}  # without what the user has set or installed
-    done = subprocess.run(["tshark", "-X", "lua_script:" + SCRIPT, *arguments], capture_output=True, timeout=100, env=plain)
+    done = subprocess.run(command(*arguments), capture_output=True, timeout=100)
     said = done.stdout.decode("utf-8", "replace")
     assert done.returncode == 0 and "Lua Error" not in said and b"ua:" not in done.stderr, \
         said[-1000:] + done.stderr.decode()
@@ -70,10 +77,10 @@ def tshark(*arguments):
 def rows(path, *fields, keys=None, select="tcp", options=()):
     """The fields of the selected packets: for each packet a tuple of lists. A packet that makes the dissector fail is an
     error, selected or not."""
-    command = ["-r", path, "-T", "fields", "-E", "separator=/t", "-E", "aggregator=\x1f", *options]
+    arguments = ["-r", path, "-T", "fields", "-E", "separator=/t", "-E", "aggregator=\x1f", *options]
     if keys:
-        command += ["-o", "arvok.keylog:" + keys]
+        arguments += ["-o", "arvok.keylog:" + keys]
     for field in ("_ws.expert.message", *fields):
-        command += ["-e", field]
-    lines = tshark(*command, "-Y", "(%s) || _ws.lua.error" % select).splitlines()
+        arguments += ["-e", field]
+    lines = tshark(*arguments, "-Y", "(%s) || _ws.lua.error" % select).splitlines()
     return [tuple(cell.split("\x1f") if cell else [] for cell in line.split("\t")[1:]) for line in lines]

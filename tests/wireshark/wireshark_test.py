@@ -36,6 +36,11 @@ def cloud_frame(text, magic=b"QZSGWMP2", line=None):
     return magic + struct.pack(">I", len(body)) + body
 
 
+def sealed(mode, key, text):
+    command = ["openssl", "enc", "-aes-128-" + mode, "-nopad", "-K", key] + ["-iv", "0" * 32] * (mode == "cbc")
+    return subprocess.run(command, check=True, input=text, capture_output=True).stdout
+
+
 def local_frame(body, length=None):
     return struct.pack(">I", len(body) if length is None else length) + body
 
@@ -193,6 +198,7 @@ class Written(unittest.TestCase):
             (CLOUD, [cloud_frame(b"", line=b"\r\n")], "no base64", [], {}),
             (CLOUD, [cloud_frame(b"", line=b"e3!=\r\n")], "no base64", [], {}),
             (CLOUD, [cloud_frame(b"12345") + cloud_text], "neither JSON nor whole blocks", ["good"], {}),
+            (9999, [cloud_text, cloud_text[1:]], "Wrong magic", ["good"], {}),
             (CLOUD, [cloud_frame(bytes(256))], "No key opens", [], {}),
             (CLOUD, [cloud_text[:20]], "ends 22 bytes before", [], {"reverse": True}),
             (LOCAL, [local_frame(b"", length=0)], "Wrong length", [], {}),
@@ -226,10 +232,11 @@ class Written(unittest.TestCase):
     def test_key_log(self):
         """Keys of others, broken lines, and a line that is still being written do no harm."""
         key, text = "00112233445566778899aabbccddeeff", b'{"type":"secret"}'
-        sealed = subprocess.run(["openssl", "enc", "-aes-128-cbc", "-nopad", "-K", key, "-iv", "0" * 32], check=True,
-                                input=text.ljust(32, b"\0"), capture_output=True).stdout
+        padding = b'{"Ack":"secret"}' + b"\x10" * 16, b'{"Ack":"secret"}' + b"\x0f" + b"\x10" * 15
         with self.capture() as capture:
-            ports = [capture.connection(GATEWAY, [gateway_frame(sealed)]) for _ in range(6)]
+            ports = [capture.connection(GATEWAY, [gateway_frame(sealed("cbc", key, text.ljust(32, b"\0")))])
+                     for _ in range(6)]
+            ports += [capture.connection(CLOUD, [cloud_frame(sealed("ecb", key, text))]) for text in padding]
         line = "gateway 192.168.1.2:%d 100.64.0.1:32768 key %s\n"
         keys = self.path + ".keys"
         with open(keys, "w", encoding="ascii") as log:
@@ -237,12 +244,34 @@ class Written(unittest.TestCase):
             log.write(line % (ports[1], key) + line % (ports[1], key[::-1]))  # the port has been used twice
             log.write(line.replace("gateway", "cloud") % (ports[2], key) + line.replace(" key", " else") % (ports[3], key))
             log.write("gateway 100.64.0.1:32768 192.168.1.2:%d key %s\n" % (ports[4], key))
+            log.writelines("cloud 100.64.0.1:8088 192.168.1.2:%d server-key %s\n" % (port, key) for port in ports[6:])
             log.write((line % (ports[5], key))[:-2])
         shown = self.shown("arvok.type", "arvok.cipher", keys=keys)
         nothing, opened = [[], ["encrypted"]], [["secret"], ["key"]]
-        self.assertEqual([shown[port] for port in ports], [nothing, opened, nothing, nothing, opened, nothing])
+        self.assertEqual([shown[port] for port in ports], [nothing, opened, nothing, nothing, opened, nothing,
+                                                           [["secret"], ["server-key"]], nothing])
         for missing in (keys + ".none", work):
             self.assertEqual(self.shown("arvok.type", "arvok.cipher", keys=missing)[ports[1]], nothing)
+
+    def test_key_log_that_grows(self):
+        """What passes while the peers run is read with the keys that they have agreed by then."""
+        key = "00112233445566778899aabbccddeeff"
+        with self.capture() as capture:
+            capture.connection(GATEWAY, [gateway_frame(b'{"type":"first"}')])
+            behind_first = capture.file.tell()
+            port = capture.connection(GATEWAY, [gateway_frame(sealed("cbc", key, b'{"type":"last"}\0'))])
+        with open(self.path, "rb") as file:
+            packets = file.read()
+        with open(self.path + ".keys", "w", encoding="ascii") as log, subprocess.Popen(
+                dissected.command("-r", "-", "-l", "-Y", "arvok.cipher", "-T", "fields", "-e", "arvok.cipher",
+                                  "-o", "arvok.keylog:" + log.name), **dissected.PIPES) as reader:
+            for part, kind in ((packets[:behind_first], b"plain\n"), (packets[behind_first:], b"key\n")):
+                reader.stdin.write(part)
+                reader.stdin.flush()
+                self.assertEqual(reader.stdout.readline(), kind)
+                print("gateway 192.168.1.2:%d 100.64.0.1:32768 key %s" % (port, key), file=log, flush=True)
+            reader.stdin.close()
+            self.assertEqual(reader.stdout.read(), b"")
 
     def test_any_bytes(self):
         """Whatever is on the wire, the dissector does not fail; `rows` sees to that."""

@@ -263,11 +263,11 @@ end
 
 local function dissect(link, tvb, pinfo, root)
     local offset, summaries = 0, {}
-    local whole = tvb:len() == tvb:reported_len()
     while offset < tvb:len() do
         local left = tvb:len() - offset
         local size, problem = measure(link, tvb, offset, pinfo)
-        if not problem and (not size or size > left) and whole and pinfo.can_desegment > 0 then
+        -- What was recorded in part only cannot be put together.
+        if not problem and (not size or size > left) and pinfo.can_desegment > 0 then
             pinfo.desegment_offset = offset
             pinfo.desegment_len = size and size - left or DESEGMENT_ONE_MORE_SEGMENT
             ends_at[direction_of(pinfo.src_port)] = tcp_seq().value + tcp_len().value - left + (size or #link.magic + 4)
