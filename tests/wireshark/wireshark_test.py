@@ -181,9 +181,9 @@ class Written(unittest.TestCase):
         cases = [  # port, segments, expert text, types, and how the connection goes
             (GATEWAY, [good + b"\x3f\x72\x1f\xb6" + good[4:]], "Wrong magic", ["good"], {}),
             (GATEWAY, [b"\x3f\x73"], "Wrong magic", [], {}),
-            (GATEWAY, [good + gateway_frame(b"", length=0)], "Wrong length", ["good"], {}),
-            (GATEWAY, [gateway_frame(b"", length=16385)], "Wrong length", [], {}),
-            (GATEWAY, [gateway_frame(b"", length=0xffffffff)], "Wrong length", [], {}),
+            (GATEWAY, [good + gateway_frame(b"", length=0)], "wrong: 0", ["good"], {}),
+            (GATEWAY, [gateway_frame(b"", length=16385)], "wrong: 16385", [], {}),
+            (GATEWAY, [gateway_frame(b"", length=0xffffffff)], "wrong: 4294967295", [], {}),
             (GATEWAY, [gateway_frame(b'{"type":"x"') + good], "not a JSON object", ["good"], {}),
             (GATEWAY, [gateway_frame(b"[1, 2]")], "neither JSON nor whole blocks", [], {}),
             (GATEWAY, [gateway_frame(b"\0" * 16)], "No key opens", [], {}),
@@ -201,8 +201,8 @@ class Written(unittest.TestCase):
             (9999, [cloud_text, cloud_text[1:]], "Wrong magic", ["good"], {}),
             (CLOUD, [cloud_frame(bytes(256))], "No key opens", [], {}),
             (CLOUD, [cloud_text[:20]], "ends 22 bytes before", [], {"reverse": True}),
-            (LOCAL, [local_frame(b"", length=0)], "Wrong length", [], {}),
-            (LOCAL, [local_frame(b" " * 16385)], "Wrong length", [], {}),
+            (LOCAL, [local_frame(b"", length=0)], "wrong: 0", [], {}),
+            (LOCAL, [local_frame(b" " * 16385)], "wrong: 16385", [], {}),
             (LOCAL, [local_frame(b" " * 16385)], "not a JSON object", [], {"reverse": True}),
             (LOCAL, [local_frame(b'{"RPCMethod":"x\xff\n"}')], "not a JSON object", [], {}),
         ]

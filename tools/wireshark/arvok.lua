@@ -26,8 +26,8 @@ local fields = {
     reply = ProtoField.bool("arvok.reply", "Acknowledgement"),
     id = ProtoField.string("arvok.id", "Sequence or ID"),
     result = ProtoField.double("arvok.result", "Result"),
-    request = ProtoField.framenum("arvok.request_in", "Answers the frame", base.NONE, frametype.RESPONSE),
-    time = ProtoField.relative_time("arvok.time", "Time since then"),
+    request = ProtoField.framenum("arvok.request_in", "Request in frame", base.NONE, frametype.RESPONSE),
+    time = ProtoField.relative_time("arvok.time", "Time since the request"),
     inner = ProtoField.string("arvok.carried", "Carried in base64 by"),
     inner_text = ProtoField.string("arvok.carried.text", "Text"),
     inner_kind = ProtoField.string("arvok.carried.type", "Type"),
@@ -235,9 +235,12 @@ local function add_frame(link, tvb, offset, size, problem, pinfo, root)
     if magic > 0 then tree:add(fields.magic, there(0, math.min(magic, there:len()))) end
     if problem ~= "bad_magic" and there:len() >= header then tree:add(fields.length, there(magic, 4)) end
     local summary
-    if problem then
-        tree:add_proto_expert_info(experts[problem])
-        summary = problem == "bad_magic" and "wrong magic" or "wrong length"
+    if problem == "bad_magic" then
+        summary = "wrong magic"
+        tree:add_proto_expert_info(experts.bad_magic)
+    elseif problem then
+        summary = "wrong length " .. there(magic, 4):uint()
+        tree:add_proto_expert_info(experts.bad_length, "The length is wrong: " .. there(magic, 4):uint())
     elseif there:len() < size then
         tree:add_proto_expert_info(experts.cut, string.format("%d of %d bytes were recorded", there:len(), size))
         summary = "incomplete"
