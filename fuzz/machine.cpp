@@ -246,6 +246,6 @@ int __wrap_BN_generate_prime_ex(BIGNUM *prime, int, int, const BIGNUM *, const B
 }
 
 int __wrap_BN_priv_rand(BIGNUM *number, int bits, int, int) {
-    return BN_set_word(number, 0x6d1f95c3b2a70e4bULL) && BN_set_bit(number, bits - 1);
+    return BN_hex2bn(&number, "6D1F95C3B2A70E4B") != 0 && BN_set_bit(number, bits - 1);
 }
 }
