@@ -38,6 +38,7 @@ class Cloud : public Stage {
             cc->server_key = _strdup("0123456789abcdef");
         else if (!cc->client_key)
             cc->client_key = _strdup("fedcba9876543210");
+        uloop_timeout_set(status == cc_connected ? &cc->heartbeat_timer : &cc->ack_timer, 30000);
     }
 
   protected:
@@ -53,6 +54,15 @@ class Cloud : public Stage {
     void raw(std::string_view bytes) override {
         reads_bodies_ = false;  // several keys may come and go within one of our turns
         send_in_pieces(bytes);
+    }
+    // A WAN that is down is waited for without a timer.
+    void check() override {
+        const bool waits = cc->ack_timer.pending || cc->heartbeat_timer.pending;
+        require(cc->reconnect_timer.pending || cc->change_timer.pending || (cc->stream.fd > 0 && waits) ||
+                    notified_,
+                "has given the cloud up");
+        char server[16] = "", status[16] = "";
+        get_cloud_status(server, sizeof server, status, sizeof status);
     }
     std::size_t received(std::string_view bytes) override {
         std::size_t done = 0;

@@ -15,15 +15,15 @@ class App : public Stage {
   public:
     App() { extcc_run(); }
 
-    ~App() override {
-        const uloop_timeout &timer = g_ctx.extcc.lanhost_timer;
-        require(!timer.pending || uloop_timeout_remaining(&g_ctx.extcc.lanhost_timer) <= next_check_max_ms,
-                "looks at the schedules too late");
-    }
-
   protected:
     void message(std::string_view line) override { post(blob_of_json(line)); }
     void raw(std::string_view bytes) override { post(blob_of_bytes(bytes)); }
+
+    void check() override {
+        uloop_timeout &timer = g_ctx.extcc.lanhost_timer;
+        require(timer.pending && uloop_timeout_remaining(&timer) <= next_check_max_ms,
+                "looks at the schedules too late");
+    }
 
   private:
     static void post(blob_ptr command) {

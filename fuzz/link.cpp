@@ -26,6 +26,7 @@ class Link : public Stage {
         ec->dh.aes_key.reset(static_cast<unsigned char *>(std::calloc(1, aes_key_size)));
         ec->linked = 1;
         ec->reports_pending = 1;
+        uloop_timeout_set(&ec->keepalive_timer, 5000);
         ec->event_mask = event_online | event_offline | event_vsie | event_rolechange;
     }
 
@@ -40,6 +41,11 @@ class Link : public Stage {
     void raw(std::string_view bytes) override {
         reads_bodies_ = false;  // several keys may come and go within one of our turns
         send_in_pieces(bytes);
+    }
+    void check() override {
+        require(ec->stream.fd > 0 || ec->reconnect_timer.pending, "has given the gateway up");
+        require(!ec->linked || ec->keepalive_timer.pending || ec->keepalive_ack_timer.pending,
+                "does not keep the link alive");
     }
     std::size_t received(std::string_view bytes) override {
         std::size_t done = 0;

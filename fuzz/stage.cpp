@@ -22,6 +22,15 @@ extern "C" {
 }
 
 namespace arvok::fuzz {
+namespace {
+
+int free_descriptor() {
+    const int fd = dup(STDIN_FILENO);
+    close(fd);
+    return fd;
+}
+
+}  // namespace
 
 void require(bool holds, const char *what) {
     if (holds)
@@ -66,7 +75,7 @@ blob_ptr blob_of_bytes(std::string_view bytes) {
     return message;
 }
 
-Stage::Stage(std::string_view port) : port_(port) {
+Stage::Stage(std::string_view port) : descriptor_(free_descriptor()), port_(port) {
     rule_folder = file_folder().c_str();
     g_ctx = {};
     _strlcpy(g_ctx.version, "1.0.7", sizeof g_ctx.version);
@@ -102,6 +111,7 @@ Stage::~Stage() {
     g_ctx = {};
     platform_reset();
     machine_reset();
+    require(free_descriptor() == descriptor_, "leaves a descriptor open");
 }
 
 void Stage::play(Input input) {
@@ -119,6 +129,7 @@ void Stage::play(Input input) {
             } while (repeat-- > 0);
         repeat = 0;
         turn();
+        check();
     }
 }
 
@@ -141,6 +152,7 @@ bool Stage::act(std::string_view line, Input &input) {
             shutdown(newest_far_end(port_), SHUT_RDWR);
             return true;
         case '?':
+            notified_ = true;
             notify_from(argument);
             return true;
         case '$':

@@ -89,15 +89,21 @@ class Stage {
     /// One notification, "N METHOD JSON".
     static void notify_from(std::string_view line);
 
+    /// Called after every line: the agent must not be stuck.
+    virtual void check() {}
+
     /// Bytes that the agent has sent; what is not complete stays at the beginning of the next ones. Returns
     /// how many have been dealt with.
     virtual std::size_t received(std::string_view) { return 0; }
+
+    bool notified_ = false;  ///< the platform has notified something
 
   private:
     bool act(std::string_view line, Input &input);
     void take_answers();
     void fire(long which);
 
+    const int descriptor_;  ///< the next one that is free
     const std::string port_;
     bool taking_ = true;
     int taken_from_ = -1;
