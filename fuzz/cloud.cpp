@@ -51,10 +51,7 @@ class Cloud : public Stage {
         body.insert(0, reinterpret_cast<const char *>(&length), sizeof length);
         send("QZSGWMP2" + body);
     }
-    void raw(std::string_view bytes) override {
-        reads_bodies_ = false;  // several keys may come and go within one of our turns
-        send_in_pieces(bytes);
-    }
+    void raw(std::string_view bytes) override { send_in_pieces(bytes); }
     // A WAN that is down is waited for without a timer.
     void check() override {
         const bool waits = cc->ack_timer.pending || cc->heartbeat_timer.pending;
@@ -95,14 +92,12 @@ class Cloud : public Stage {
     void check_body(std::string body) const {
         require(body.substr(body.size() - frame_end_size) == "\r\n", "sends a body without its end");
         const bool own_key = cc->status == cc_connected && cc->server_key;
-        if (!reads_bodies_ || cc->stream.fd <= 0 || !own_key)
+        if (!at_once_ || cc->stream.fd <= 0 || !own_key)
             return;
         int size = 0;
         const text_ptr text = cc_frame_body_text(*cc, body.data(), static_cast<int>(body.size()), size);
         require(json_parse(text.get()) != nullptr, "sends what is not JSON");
     }
-
-    bool reads_bodies_ = true;
 };
 
 class Packages : public Cloud {

@@ -38,10 +38,7 @@ class Link : public Stage {
             frame_encode(text.data(), static_cast<int>(text.size()), clear ? nullptr : ec->dh.aes_key.get());
         send({frame.data(), frame.size()});
     }
-    void raw(std::string_view bytes) override {
-        reads_bodies_ = false;  // several keys may come and go within one of our turns
-        send_in_pieces(bytes);
-    }
+    void raw(std::string_view bytes) override { send_in_pieces(bytes); }
     void check() override {
         require(ec->stream.fd > 0 || ec->reconnect_timer.pending, "has given the gateway up");
         require(!ec->linked || ec->keepalive_timer.pending || ec->keepalive_ack_timer.pending,
@@ -54,7 +51,7 @@ class Link : public Stage {
             const char *body = bytes.data() + done + frame_header_size;
             if (bytes.size() - done - frame_header_size < static_cast<std::size_t>(length))
                 break;
-            if (reads_bodies_ && ec->stream.fd > 0)
+            if (at_once_ && ec->stream.fd > 0)
                 require(is_readable({body, static_cast<std::size_t>(length)}), "sends what is not JSON");
             done += frame_header_size + static_cast<std::size_t>(length);
         }
@@ -81,7 +78,6 @@ class Link : public Stage {
         return false;
     }
 
-    bool reads_bodies_ = true;
     unsigned char last_key_[aes_key_size] = {};
 };
 

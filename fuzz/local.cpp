@@ -46,6 +46,7 @@ class Local : public Stage {
     // As if somebody waited at the port.
     void connect() {
         ls->listener.cb(&ls->listener, ULOOP_READ);
+        ls->clients.front()->stream.unsent_max = unsent_max / 8;
         turn();
     }
     static std::string request_with(std::string_view command) {

@@ -7,6 +7,7 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <openssl/bn.h>
+#include <openssl/pem.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/sysinfo.h>
@@ -52,6 +53,8 @@ int connect(int (&ends)[2]) {
         std::perror("socketpair");
         std::abort();
     }
+    const int small = 4096;  // a few answers that nobody takes must fill it
+    setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
     return ends[0];
 }
 
@@ -143,6 +146,7 @@ std::FILE *__real_fopen(const char *path, const char *mode);
 [[noreturn]] void __real_exit(int status);
 int __real_access(const char *path, int mode);
 int __real_socket(int domain, int type, int protocol);
+EVP_PKEY *__real_PEM_read_bio_PUBKEY(BIO *text, EVP_PKEY **key, pem_password_cb *ask, void *priv);
 
 std::FILE *__wrap_fopen(const char *path, const char *mode) {
     static char neighbours[] =
@@ -248,6 +252,13 @@ void __wrap_freeaddrinfo(addrinfo *list) {
 // A safe prime takes milliseconds to find, and the same one does for every exchange.
 int __wrap_BN_generate_prime_ex(BIGNUM *prime, int, int, const BIGNUM *, const BIGNUM *, BN_GENCB *) {
     return BN_hex2bn(&prime, "FD659277EB502BC7630479BF81435EA7") != 0;
+}
+
+// There is one key, and reading it takes longer than everything else that an input does.
+EVP_PKEY *__wrap_PEM_read_bio_PUBKEY(BIO *text, EVP_PKEY **, pem_password_cb *, void *) {
+    static EVP_PKEY *const key = __real_PEM_read_bio_PUBKEY(text, nullptr, nullptr, nullptr);
+    EVP_PKEY_up_ref(key);
+    return key;
 }
 
 int __wrap_BN_priv_rand(BIGNUM *number, int bits, int, int) {

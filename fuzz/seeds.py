@@ -216,7 +216,7 @@ def make(seeds, log):
             seeds.write("gateway", message["type"], "1", text)
     requests = [text for message, text in messages if message["type"] in ("cfg", "control")]
     seeds.write("gateway", "refused", "1", "~.f.f", *requests[:3], "~nnn", *requests[:3], "~rl", *requests[:3])
-    seeds.write("gateway", "untaken", "1", "%", "*100", max((t for m, t in messages if m["type"] == "get_status"), key=len))
+    seeds.write("gateway", "untaken", "1", "%", "*9", max((t for m, t in messages if m["type"] == "get_status"), key=len))
 
     for message, text in received(log, "cloud"):
         name = message.get("Ack") or message["RPCMethod"]

@@ -90,6 +90,7 @@ Stage::Stage(std::string_view port) : descriptor_(free_descriptor()), port_(port
     cc_init();
     ls_init();
     extcc_init();
+    ec->stream.unsent_max = cc->stream.unsent_max = unsent_max;
 }
 
 Stage::~Stage() {
@@ -119,7 +120,7 @@ void Stage::play(Input input) {
     while (!input.empty()) {
         const std::string_view line = input.until('\n');
         if (byte_at(line, 0) == '*') {
-            repeat = number_at(line.substr(1), 100);
+            repeat = number_at(line.substr(1), 20);
             continue;
         }
         if (!act(line, input))
@@ -147,6 +148,7 @@ bool Stage::act(std::string_view line, Input &input) {
             return true;
         case '%':
             taking_ = !taking_;
+            at_once_ = false;
             return true;
         case '-':
             shutdown(newest_far_end(port_), SHUT_RDWR);
@@ -159,6 +161,7 @@ bool Stage::act(std::string_view line, Input &input) {
             finish_installation(blob_of_json(argument).get());
             return true;
         case '@':
+            at_once_ = false;
             raw(input.rest());
             return true;
         default:
@@ -212,22 +215,26 @@ void Stage::send_in_pieces(std::string_view bytes) {
 }
 
 void Stage::turn() {
-    // Descriptors, then tasks that they have posted, then what was put off to the next turn.
-    for (int round = 0; round < 3; round++)
-        uloop_run_timeout(0);
-    if (taking_)
-        take_answers();
+    do {
+        // Descriptors, then tasks that they have posted, then what was put off to the next turn.
+        for (int round = 0; round < 3; round++)
+            uloop_run_timeout(0);
+    } while (taking_ && take_answers());
 }
 
-void Stage::take_answers() {
+// False when there were none.
+bool Stage::take_answers() {
     const int fd = newest_far_end(port_);
     if (fd != taken_from_)
         inbox_.clear();
     taken_from_ = fd;
+    const std::size_t before = inbox_.size();
     char buf[16384];
     for (ssize_t got; (got = recv(fd, buf, sizeof buf, 0)) > 0;)
         inbox_.append(buf, static_cast<std::size_t>(got));
+    const bool any = inbox_.size() > before;
     inbox_.erase(0, received(inbox_));
+    return any;
 }
 
 }  // namespace arvok::fuzz

@@ -8,7 +8,7 @@
 ///     ~FATES         what becomes of the next calls of the platform (platform.h)
 ///     +SECONDS       time passes
 ///     !N             the N-th of the timers that are armed runs out, counted round
-///     *N             the next line is played N + 1 times, at most 100
+///     *N             the next line is played N more times, at most 20
 ///     %              the peer stops taking what the agent sends, or takes it again
 ///     -              the peer closes the connection
 ///     ?N METHOD JSON the platform notifies its N-th subscriber
@@ -31,6 +31,9 @@ extern "C" {
 namespace arvok::fuzz {
 
 using blob_ptr = handle<blob_attr, &::free>;
+
+/// What may wait to be sent before further requests wait, too: little, so that an input gets there soon.
+constexpr int unsent_max = 4096;
 
 /// Ends the process when the agent has done what it must not do.
 void require(bool holds, const char *what);
@@ -96,11 +99,14 @@ class Stage {
     /// how many have been dealt with.
     virtual std::size_t received(std::string_view) { return 0; }
 
+    /// Answers arrive in the state in which they were sent, so that their keys are known. No longer after raw
+    /// bytes, which may hold several messages, and after answers that were left waiting.
+    bool at_once_ = true;
     bool notified_ = false;  ///< the platform has notified something
 
   private:
     bool act(std::string_view line, Input &input);
-    void take_answers();
+    bool take_answers();
     void fire(long which);
 
     const int descriptor_;  ///< the next one that is free
