@@ -77,9 +77,7 @@ lint: all
 
 bench: all
 	@ARVOK_BIN=$(abspath $(BUILD))/bin $(BUILD)/bin/arvok-bench
-	@ARVOK_BIN=$(abspath $(BUILD))/bin lab/home --peers none --no-agent -- arvok-link-bench
-	@ARVOK_BIN=$(abspath $(BUILD))/bin lab/home --peers none --no-agent -- arvok-cloud-bench
-	@ARVOK_BIN=$(abspath $(BUILD))/bin lab/home --peers none --no-agent -- arvok-local-bench
+	@ARVOK_BIN=$(abspath $(BUILD))/bin bench/report
 
 # Every fuzzer for SECONDS, or the one of TARGET.
 fuzz:

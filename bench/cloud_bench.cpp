@@ -6,8 +6,10 @@
 //   start/program    a start that only prints the version: what the home and the program loader take
 //   start/platform   what the platform takes to decrypt and answer in an enrolment
 //   status/...       SetPluginParams round trips of a connected agent, each with a status request in it
-//   echo/...         the same frames, answered by a bare loop-and-stream server on the agent's host
-//   bus/...          the platform call that the answer needs, made directly on the bus
+//   echo/...         the same frames, answered by a bare loop-and-stream server on the agent's host, which
+//   makes as
+//                    many platform calls
+//   bus/...          a platform call, made directly on the bus
 //
 // Figures only; nothing is asserted.
 
@@ -15,6 +17,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <optional>
 #include <string>
 #include <utility>
@@ -65,7 +68,7 @@ class platform {
         std::vector<const char *> command = {"lab-ap", "arvokclt"};
         if (known_as == device::unknown)
             command.insert(command.end(), {"-b", bootstrap_server});  // which makes it forget its identity
-        agent_.emplace(command);
+        agent_.emplace(command, output::nowhere);
         if (known_as == device::unknown)
             bootstrap();
         link_.emplace(business_.accept());
@@ -217,10 +220,10 @@ void status(benchmark::State &state, platform &cloud, const std::string &text) {
         benchmark::DoNotOptimize(cloud.round_trip(request));
 }
 
-void echo(benchmark::State &state, platform &cloud, const std::string &text) {
+void echo(benchmark::State &state, platform &cloud, const status_request &asked) {
     cloud.need_agent();
-    const std::string request = wrapped(cloud, text);
-    bare_echo(state, request.size(), cloud.round_trip(request).size());
+    const std::string request = wrapped(cloud, asked.text);
+    bare_echo(state, request.size(), cloud.round_trip(request).size(), asked.calls);
 }
 
 template <typename... Args>
@@ -241,7 +244,7 @@ void measure() {
     for (const status_request &request : status_requests) {
         const std::string name = request.name;
         add_round_trips("status/" + name, status, std::ref(cloud), request.text);
-        add_round_trips("echo/" + name, echo, std::ref(cloud), request.text);
+        add_round_trips("echo/" + name, echo, std::ref(cloud), std::cref(request));
     }
     add_round_trips("bus/terminalnum", bus_call, "qzcapd.system", "terminalnum");
     run_benchmarks();

@@ -35,6 +35,8 @@ namespace {
 constexpr char agent_address[] = "192.168.1.2";
 constexpr char echo_port[] = "32769";
 constexpr char echo_option[] = "--echo";
+constexpr char called_object[] = "qzcapd.system";
+constexpr char called_method[] = "terminalnum";
 constexpr int patience_s = 30;  // with whoever has to connect or to answer
 
 [[noreturn]] void fail_with_errno(const char *what) {
@@ -47,24 +49,42 @@ struct echo_server {
     tcp_stream stream;
     uloop_fd listener;
     int request_len = 0;  // of whole frames; 0 until the lengths are known
+    std::uint32_t calls = 0;
+    ubus_context *bus = nullptr;
+    std::uint32_t called_object = 0;
     std::vector<char> answer;
 };
 echo_server echo;
 
+// The first message of a connection.
+struct echo_order {
+    std::uint32_t request_size, answer_size, calls;
+};
+
+int call_platform(ubus_context *bus, std::uint32_t object, const char *method) {
+    static struct blob_buf buf;
+    blob_buf_init(&buf, 0);
+    return ubus_invoke(
+        bus, object, method, buf.head, [](ubus_request *, int, blob_attr *) {}, nullptr, 1000);
+}
+
 void echo_read(tcp_stream &stream, int avail) {
-    // The first message: both lengths.
-    std::uint32_t lengths[2];
     if (echo.request_len == 0) {
-        if (avail < static_cast<int>(sizeof lengths))
+        echo_order order;
+        if (avail < static_cast<int>(sizeof order))
             return;
-        stream_read(stream, lengths, sizeof lengths);
-        echo.request_len = static_cast<int>(lengths[0]);
-        echo.answer.assign(lengths[1], 'x');
-        avail -= static_cast<int>(sizeof lengths);
+        stream_read(stream, &order, sizeof order);
+        echo.request_len = static_cast<int>(order.request_size);
+        echo.answer.assign(order.answer_size, 'x');
+        echo.calls = order.calls;
+        avail -= static_cast<int>(sizeof order);
     }
     for (; avail >= echo.request_len; avail -= echo.request_len) {
         std::vector<char> request(static_cast<std::size_t>(echo.request_len));
         stream_read(stream, request.data(), echo.request_len);
+        for (std::uint32_t i = 0; i < echo.calls; i++)
+            if (call_platform(echo.bus, echo.called_object, called_method) != 0)
+                return stream_close(stream);
         stream_write(stream, echo.answer.data(), static_cast<int>(echo.answer.size()));
     }
 }
@@ -76,6 +96,9 @@ void echo_closed(tcp_stream &stream) {
 
 int serve_echo() {
     uloop_init();
+    echo.bus = ubus_connect(std::getenv("UBUS_SOCKET"));
+    if (!echo.bus || ubus_lookup_id(echo.bus, called_object, &echo.called_object) != 0)
+        fail("no bus, or not the platform's");
     stream_init(echo.stream, echo_read, echo_closed);
     echo.listener.fd = usock(USOCK_TCP | USOCK_SERVER | USOCK_NUMERIC, agent_address, echo_port);
     if (echo.listener.fd < 0)
@@ -89,6 +112,7 @@ int serve_echo() {
     uloop_run();
     stream_close(echo.stream);
     close(echo.listener.fd);
+    ubus_free(echo.bus);
     uloop_done();
     return 0;
 }
@@ -129,12 +153,11 @@ std::string in_words(double seconds) {
 }
 
 constexpr char how_to_read[] =
-    "status/X is what the other side waits for the answer, echo/X takes the same bytes without the agent's\n"
-    "work, and bus/terminalnum is one platform call, of which X makes none, one and 31; so status - echo - "
-    "calls\n"
-    "is what the agent itself takes. Compare medians of one run, on a quiet machine: there, least and 95 % "
-    "are\n"
-    "close together.";
+    "status/X is what the other side waits for the answer. echo/X takes the same bytes, and as many platform "
+    "calls, without\n"
+    "the agent: the floor, of whose rate the last column says how much is left. Compare medians of one run, "
+    "on a quiet\n"
+    "machine: there, least and 95 % are close together.";
 
 // One line per benchmark, in the order of their registration.
 class table : public benchmark::BenchmarkReporter {
@@ -154,16 +177,19 @@ class table : public benchmark::BenchmarkReporter {
         }
     }
     void Finalize() override {
-        std::printf("%-26s %10s %10s %10s %10s\n", "", "least", "median", "95 %", "1/median");
+        for (auto &[index, of] : rows_)
+            std::sort(of.times.begin(), of.times.end());
+        std::printf("%-26s %10s %10s %10s %10s %9s\n", "", "least", "median", "95 %", "1/median", "of floor");
         for (auto &[index, of] : rows_) {
             if (!of.error.empty()) {
                 std::printf("%-26s %s\n", of.name.c_str(), of.error.c_str());
                 continue;
             }
-            std::sort(of.times.begin(), of.times.end());
             const double median = quantile(of.times, 0.5);
-            std::printf("%-26s %10s %10s %10s %8.0f/s\n", of.name.c_str(), in_words(of.times.front()).c_str(),
-                        in_words(median).c_str(), in_words(quantile(of.times, 0.95)).c_str(), 1 / median);
+            std::printf("%-26s %10s %10s %10s %8.0f/s %9s\n", of.name.c_str(),
+                        in_words(of.times.front()).c_str(), in_words(median).c_str(),
+                        in_words(quantile(of.times, 0.95)).c_str(), 1 / median,
+                        of_floor(of.name, median).c_str());
         }
     }
 
@@ -172,6 +198,18 @@ class table : public benchmark::BenchmarkReporter {
         std::string name, error;
         std::vector<double> times;  // per iteration, in seconds; one for each repetition
     };
+
+    // How the rate of a round trip compares with that of the echo under it.
+    std::string of_floor(const std::string &name, double median) const {
+        const std::size_t slash = name.find('/');
+        if (name.compare(0, slash, "echo") == 0)
+            return "";
+        for (const auto &[index, floor] : rows_)
+            if (floor.name == "echo" + name.substr(slash) && !floor.times.empty())
+                return std::to_string(std::lround(100 * quantile(floor.times, 0.5) / median)) + " %";
+        return "";
+    }
+
     std::map<std::int64_t, row> rows_;
 };
 
@@ -184,12 +222,13 @@ void fail(const std::string &what) {
 
 // --- programs ---
 
-program::program(std::vector<const char *> args) : pid_(fork()) {
+program::program(std::vector<const char *> args, output to) : pid_(fork()) {
     if (pid_ < 0)
         fail_with_errno("fork");
     if (pid_ > 0)
         return;
-    const std::string log = std::string(std::getenv("LAB_DIR")) + "/bench.log";
+    const std::string log =
+        to == output::log ? std::string(std::getenv("LAB_DIR")) + "/bench.log" : "/dev/null";
     const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
     dup2(fd, STDOUT_FILENO);
     dup2(fd, STDERR_FILENO);
@@ -288,8 +327,8 @@ connection listener::accept() {
 // --- requests ---
 
 const std::vector<status_request> status_requests = {
-    {"no_platform_call", get_status({"arvokstat"})},
-    {"one_platform_call", get_status({"terminalNum"})},
+    {"no_platform_call", get_status({"arvokstat"}), 0},
+    {"one_platform_call", get_status({"terminalNum"}), 1},
     {"all_37_items", get_status({"wifi",           "wifitimer",   "ledswitch",       "wifiswitch",
                                  "wpsswitch",      "syncswitch",  "bandsupport",     "diaginfo",
                                  "cpurate",        "cputemp",     "memoryuserate",   "flashusage",
@@ -299,16 +338,18 @@ const std::vector<status_request> status_requests = {
                                  "workmode",       "webServer",   "netstatPorts",    "flashStat",
                                  "mapInfo",        "mapTopology", "ethWanPortIndex", "ethLanPortIndex",
                                  "channelQuality", "capability",  "blacklist",       "whitelist",
-                                 "waninfo"})},
+                                 "waninfo"}),
+     31},
 };
 
 // --- floors ---
 
-void bare_echo(benchmark::State &state, std::size_t request_size, std::size_t answer_size) {
+void bare_echo(benchmark::State &state, std::size_t request_size, std::size_t answer_size,
+               std::uint32_t calls) {
     connection link = connect_to_agent(echo_port);
-    const std::uint32_t lengths[] = {static_cast<std::uint32_t>(request_size),
-                                     static_cast<std::uint32_t>(answer_size)};
-    link.write(lengths, sizeof lengths);
+    const echo_order order{static_cast<std::uint32_t>(request_size), static_cast<std::uint32_t>(answer_size),
+                           calls};
+    link.write(&order, sizeof order);
     const std::vector<char> request(request_size, 'x');
     std::vector<char> answer(answer_size);
     for (auto _ : state) {
@@ -322,13 +363,9 @@ void bus_call(benchmark::State &state, const char *object, const char *method) {
     std::uint32_t id = 0;
     if (!ctx || ubus_lookup_id(ctx, object, &id) != 0)
         fail("no bus, or not the platform's");
-    struct blob_buf buf {};
-    blob_buf_init(&buf, 0);
     for (auto _ : state)
-        if (ubus_invoke(
-                ctx, id, method, buf.head, [](ubus_request *, int, blob_attr *) {}, nullptr, 1000) != 0)
+        if (call_platform(ctx, id, method) != 0)
             state.SkipWithError("call failed");
-    blob_buf_free(&buf);
     ubus_free(ctx);
 }
 

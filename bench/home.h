@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <utility>
@@ -15,11 +16,13 @@ namespace arvok {
 
 [[noreturn]] void fail(const std::string &what);
 
-/// A program; what it prints goes into bench.log of the home. Its end comes with that of the object, which
-/// waits for it.
+/// Where a program's output goes: into bench.log of the home, or nowhere, as that of a device's service does.
+enum class output { log, nowhere };
+
+/// A program. Its end comes with that of the object, which waits for it.
 class program {
   public:
-    explicit program(std::vector<const char *> args);
+    explicit program(std::vector<const char *> args, output to = output::log);
     program(const program &) = delete;
     program &operator=(const program &) = delete;
     ~program();
@@ -62,16 +65,18 @@ class listener {
     int fd_;
 };
 
-/// A status request: its name in the output and its JSON text.
+/// A status request: its name in the output, its JSON text, and how many platform calls the answer takes.
 struct status_request {
     const char *name;
     std::string text;
+    std::uint32_t calls;
 };
 extern const std::vector<status_request> status_requests;
 
-/// The floors. Round trips of frames of these sizes against a bare server on the agent's host, and a platform
-/// call.
-void bare_echo(benchmark::State &state, std::size_t request_size, std::size_t answer_size);
+/// The floors. Round trips of frames of these sizes against a bare server on the agent's host, which makes so
+/// many platform calls before it answers; and a platform call by itself.
+void bare_echo(benchmark::State &state, std::size_t request_size, std::size_t answer_size,
+               std::uint32_t calls = 0);
 void bus_call(benchmark::State &state, const char *object, const char *method);
 
 /// Registers a benchmark of round trips.

@@ -3,13 +3,18 @@
 // the agent itself.
 //
 //   status/...      get_status round trips against the agent
-//   echo/...        the same frames, answered by a bare loop-and-stream server on the agent's host
-//   bus/...         the platform call that the answer needs, made directly on the bus
+//   start/registration  from the start of the program to the registration
+//   echo/...        the same frames, answered by a bare loop-and-stream server on the agent's host, which
+//   makes as
+//                   many platform calls
+//   bus/...         a platform call, made directly on the bus
 //
 // Figures only; nothing is asserted.
 
 #include <benchmark/benchmark.h>
 
+#include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -25,6 +30,7 @@ namespace {
 
 constexpr char gateway_address[] = "192.168.1.1";
 constexpr char link_port[] = "32768";
+constexpr int starts = 40;
 
 // --- the gateway's end of the link ---
 
@@ -32,7 +38,7 @@ class gateway {
   public:
     gateway()
         : listener_(gateway_address, link_port),
-          agent_({"lab-ap", "arvokclt", "-g", gateway_address}),
+          agent_({"lab-ap", "arvokclt", "-g", gateway_address}, output::nowhere),
           link_(listener_.accept()) {
         receive();  // keyngreq
         send(R"({"type":"keyngack","sequence":0,"mac":"0200000000FE","keymode":"dh"})");
@@ -92,23 +98,46 @@ class gateway {
 
 // --- the benchmarks ---
 
-void status(benchmark::State &state, gateway &link, const std::string &text) {
+// The agent that is measured; a start makes another.
+using current_link = std::optional<gateway>;
+
+gateway &need(current_link &current) {
+    return current ? *current : current.emplace();
+}
+
+void status(benchmark::State &state, current_link &current, const std::string &text) {
+    gateway &link = need(current);
     const std::vector<char> request = link.encode(text);
     for (auto _ : state)
         benchmark::DoNotOptimize(link.round_trip(request));
 }
 
-void echo(benchmark::State &state, gateway &link, const std::string &text) {
-    const std::vector<char> request = link.encode(text);
-    bare_echo(state, request.size(), link.round_trip(request).size());
+void echo(benchmark::State &state, current_link &current, const status_request &asked) {
+    gateway &link = need(current);
+    const std::vector<char> request = link.encode(asked.text);
+    bare_echo(state, request.size(), link.round_trip(request).size(), asked.calls);
+}
+
+void start(benchmark::State &state, current_link &current) {
+    for (auto _ : state) {
+        current.reset();
+        const auto begin = std::chrono::steady_clock::now();
+        current.emplace();
+        state.SetIterationTime(
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
+    }
 }
 
 void measure() {
-    gateway link;
+    current_link link;
+    benchmark::RegisterBenchmark("start/registration", start, std::ref(link))
+        ->UseManualTime()
+        ->Iterations(1)
+        ->Repetitions(starts);
     for (const status_request &request : status_requests) {
         const std::string name = request.name;
         add_round_trips("status/" + name, status, std::ref(link), request.text);
-        add_round_trips("echo/" + name, echo, std::ref(link), request.text);
+        add_round_trips("echo/" + name, echo, std::ref(link), std::cref(request));
     }
     add_round_trips("bus/terminalnum", bus_call, "qzcapd.system", "terminalnum");
     run_benchmarks();

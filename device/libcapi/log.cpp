@@ -31,16 +31,24 @@ std::string formatted(const char *format, std::va_list args) {
     return text;
 }
 
-/// "HH:MM:SS.mmm "
+/// "HH:MM:SS.mmm ". What a second is called is kept for the next lines of it.
 std::string time_prefix() {
+    thread_local std::time_t named = -1;
+    thread_local char text[32];
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    tm local{};
-    localtime_r(&now.tv_sec, &local);
-    char text[32];
-    std::snprintf(text, sizeof(text), "%02d:%02d:%02d.%03d ", local.tm_hour, local.tm_min, local.tm_sec,
-                  static_cast<int>(now.tv_nsec / 1000000));
-    return text;
+    if (now.tv_sec != named) {
+        tm local{};
+        localtime_r(&now.tv_sec, &local);
+        std::snprintf(text, sizeof(text), "%02d:%02d:%02d.000 ", local.tm_hour, local.tm_min, local.tm_sec);
+        named = now.tv_sec;
+    }
+    const int ms = static_cast<int>(now.tv_nsec / 1000000);
+    std::string prefix(text);
+    prefix[9] = static_cast<char>('0' + ms / 100);
+    prefix[10] = static_cast<char>('0' + ms / 10 % 10);
+    prefix[11] = static_cast<char>('0' + ms % 10);
+    return prefix;
 }
 
 void write_all(std::string_view text) {
@@ -67,6 +75,7 @@ void qzcap_printf(const char *format, ...) {
     if (!text.empty()) {
         const std::string prefix = time_prefix();
         std::string out;
+        out.reserve(prefix.size() + text.size());
         bool start = at_line_start.exchange(text.back() == '\n');
         for (std::string_view rest = text; !rest.empty(); start = true) {
             const std::string_view line = rest.substr(0, rest.find('\n') + (rest.find('\n') != rest.npos));

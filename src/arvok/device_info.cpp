@@ -1,6 +1,9 @@
 #include "arvok/device_info.h"
 
 #include <unistd.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 #include <cstdio>
 #include <cstring>
@@ -117,6 +120,12 @@ int update_diag_info() {
     g_ctx.diag = std::move(diag);
     g_ctx.diag_valid = 1;
     return 0;
+}
+
+void give_memory_back() {
+#ifdef __GLIBC__
+    malloc_trim(0);
+#endif
 }
 
 bool list_hosts(laninfos_ptr &hosts) {

@@ -25,13 +25,20 @@ using diagnostics_ptr = handle<qzcap_diagnostics, &qzcap_free_diagnostics>;
 using wifi_ap_ptr = handle<qzcap_wifi_ap, &qzcap_free_wifi_ap>;
 using mesh_ptr = handle<qzcap_mesh, &qzcap_free_mesh>;
 
-/// Lists are released with their length.
+/// Gives memory that was released back to the system, as far as the C library has a call for that.
+void give_memory_back();
+
+/// Lists are released with their length. A long one has taken much of a small box, which allocators like to
+/// keep for the next: what was allocated meanwhile lies above it.
+constexpr unsigned int long_list = 256;
 template <auto Release>
 struct release_list_with {
     unsigned int count = 0;
     template <typename T>
     void operator()(T *list) const {
         Release(count, list);
+        if (count > long_list)
+            give_memory_back();
     }
 };
 using wifi_aps_ptr = std::unique_ptr<qzcap_wifi_ap *, release_list_with<&qzcap_free_wifi_aps>>;

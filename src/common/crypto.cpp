@@ -29,6 +29,30 @@ Owner zeroed(int size) {
         ucalloc(static_cast<std::size_t>(size), "crypto.cpp", __LINE__)));
 }
 
+// From 3.0 on the library looks a cipher up by its name whenever one is used, which costs more than the
+// encryption of a short message: so that is done once.
+#if OPENSSL_VERSION_NUMBER >= 0x30000000L
+using cipher_ptr = handle<EVP_CIPHER, &EVP_CIPHER_free>;
+
+const EVP_CIPHER *aes_128_cbc() {
+    static const cipher_ptr cipher(EVP_CIPHER_fetch(nullptr, "AES-128-CBC", nullptr));
+    return cipher.get();
+}
+
+const EVP_CIPHER *aes_128_ecb() {
+    static const cipher_ptr cipher(EVP_CIPHER_fetch(nullptr, "AES-128-ECB", nullptr));
+    return cipher.get();
+}
+#else
+const EVP_CIPHER *aes_128_cbc() {
+    return EVP_aes_128_cbc();
+}
+
+const EVP_CIPHER *aes_128_ecb() {
+    return EVP_aes_128_ecb();
+}
+#endif
+
 struct aes_mode {
     const char *function;  // what its log lines call it
     const EVP_CIPHER *cipher;
@@ -77,7 +101,7 @@ int _do_b64_code(const void *in, int inlen, text_ptr &out, bool encode) {
 
 int _do_aes_cbc_crypt(const void *in, int inlen, text_ptr &out, int &outlen, const unsigned char *key,
                       bool enc) {
-    const aes_mode mode{"_do_aes_cbc_crypt", EVP_aes_128_cbc(), false};
+    const aes_mode mode{"_do_aes_cbc_crypt", aes_128_cbc(), false};
     const int len = round_up_to_block(inlen);
     const text_ptr padded = zeroed<text_ptr>(len + 1);
     text_ptr result = zeroed<text_ptr>(len + 1);
@@ -90,7 +114,7 @@ int _do_aes_cbc_crypt(const void *in, int inlen, text_ptr &out, int &outlen, con
 
 int _do_aes_ecb_crypt(const void *in, int inlen, text_ptr &out, int &outlen, const unsigned char *key,
                       bool enc) {
-    const aes_mode mode{"_do_aes_ecb_crypt", EVP_aes_128_ecb(), true};
+    const aes_mode mode{"_do_aes_ecb_crypt", aes_128_ecb(), true};
     text_ptr result = zeroed<text_ptr>(inlen + aes_key_size - inlen % aes_key_size + 1);
     const int len = crypt(mode, in, inlen, result.get(), key, enc);
     if (len < 0)

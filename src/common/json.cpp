@@ -1,9 +1,8 @@
 #include "common/json.h"
 
-#include <climits>
+#include <charconv>
 #include <cmath>
 #include <cstdint>
-#include <string>
 
 #include "common/text.h"
 
@@ -12,13 +11,14 @@ namespace {
 
 constexpr double exact_max = 9007199254740992;  // 2^53
 
-// The JSON library writes a number beyond int with 15 digits when that comes close: whole numbers are written
-// here.
+// Whole numbers are written here: the JSON library writes those beyond int with 15 digits when that comes
+// close, and all of them by way of printing, reading back and comparing a floating-point number.
 json_ptr json_number(double value) {
-    const double size = std::fabs(value);
-    if (size > INT_MAX && size <= exact_max && std::trunc(value) == value)
-        return json_ptr(cJSON_CreateRaw(std::to_string(static_cast<std::int64_t>(value)).c_str()));
-    return json_ptr(cJSON_CreateNumber(value));
+    if (std::fabs(value) > exact_max || std::trunc(value) != value)
+        return json_ptr(cJSON_CreateNumber(value));
+    char digits[24] = "";
+    std::to_chars(digits, digits + sizeof digits - 1, static_cast<std::int64_t>(value));
+    return json_ptr(cJSON_CreateRaw(digits));
 }
 
 }  // namespace
