@@ -34,10 +34,10 @@ class Packaging(LinkedCase):
 
     @classmethod
     def make(cls, *arguments):
+        environment = {key: value for key, value in os.environ.items() if key not in ("MAKEFLAGS", "MAKELEVEL", "MFLAGS")}
         done = subprocess.run(["make", "--no-print-directory", "-C", os.path.join(REPO, "packaging/openwrt"),
                                "TOPDIR=" + os.path.join(HERE, "buildroot"), "WORK=" + cls.work, *arguments],
-                              env={key: value for key, value in os.environ.items() if not key.startswith("M")},
-                              capture_output=True, text=True)
+                              env=environment, umask=0o022, capture_output=True, text=True)
         assert done.returncode == 0, done.stdout + done.stderr
         return done.stdout
 
