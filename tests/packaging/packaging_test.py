@@ -34,7 +34,8 @@ class Packaging(LinkedCase):
 
     @classmethod
     def make(cls, *arguments):
-        environment = {key: value for key, value in os.environ.items() if key not in ("MAKEFLAGS", "MAKELEVEL", "MFLAGS")}
+        inherited = ("MAKEFLAGS", "MAKELEVEL", "MFLAGS")
+        environment = {key: value for key, value in os.environ.items() if key not in inherited}
         done = subprocess.run(["make", "--no-print-directory", "-C", os.path.join(REPO, "packaging/openwrt"),
                                "TOPDIR=" + os.path.join(HERE, "buildroot"), "WORK=" + cls.work, *arguments],
                               env=environment, umask=0o022, capture_output=True, text=True)
