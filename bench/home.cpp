@@ -43,6 +43,11 @@ constexpr int patience_s = 30;  // with whoever has to connect or to answer
     fail(std::string(what) + ": " + std::strerror(errno));
 }
 
+bool is_ready(int fd) {
+    pollfd ready{fd, POLLIN, 0};
+    return poll(&ready, 1, 0) > 0;
+}
+
 // --- the bare echo: reads a frame, answers with as many bytes as it has been told to ---
 
 struct echo_server {
@@ -272,6 +277,10 @@ connection::~connection() {
         close(fd_);
 }
 
+bool connection::readable() const {
+    return is_ready(fd_);
+}
+
 void connection::read(void *buf, std::size_t len) {
     for (auto *at = static_cast<char *>(buf); len > 0;) {
         const ssize_t got = ::read(fd_, at, len);
@@ -322,6 +331,10 @@ connection listener::accept() {
     if (poll(&ready, 1, patience_s * 1000) == 0)
         fail("nobody connects, see bench.log");
     return connection(::accept(fd_, nullptr, nullptr));
+}
+
+bool listener::pending() const {
+    return is_ready(fd_);
 }
 
 // --- requests ---
