@@ -63,10 +63,9 @@ CLOUD = [
 NOTIFICATIONS = [
     (5, "newdevice", {"mac": "02C0FFEE0003"}),
     (5, "devicestatus", {"mac": "02C0FFEE0003", "active": 1}),
+    (5, "devicestatus", {"mac": "02C0FFEE0003", "active": 0}),
     (6, "wan", {"ipaddr": "192.168.1.2", "status": "up"}),
     (7, "wifi", {"arvoksync": "on"}),
-    (15, "role", {"mode": "agent"}),
-    (16, "roaming", {"sta": [{"mac": "02C0FFEE0003", "connect_time": 9, "rssi": -60, "channel": 6}]}),
 ]
 COMMANDS = [
     {"CmdType": "GET_LANHOST_INFO", "SequenceId": "1", "OprType": "2"},
@@ -189,17 +188,16 @@ def shape(message):
     return ""
 
 
-def received(log, who):
-    """The messages that the agent logged, the first of every shape."""
+def received(log, who, key=shape):
+    """The messages that the agent logged, of those with the same key the first."""
     seen = set()
     for text in re.findall(rf"\({who}\) <- (.*) \(\d+\)$", log, re.M):
         try:
             message = json.loads(text)
         except ValueError:
             continue
-        what = text if who == "local" else shape(message)  # the command is inside a text
-        if what not in seen:
-            seen.add(what)
+        if key(message) not in seen:
+            seen.add(key(message))
             yield message, text
 
 
@@ -214,6 +212,8 @@ def make(seeds, log):
     for message, text in messages:
         if message["type"] not in ("keyngack", "dh"):
             seeds.write("gateway", message["type"], "1", text)
+    seeds.write("gateway", "all", "1", *[text for message, text in received(log, "arvok", compact)
+                                         if message["type"] not in ("ack", "get_status", "keyngack", "dh")])
     requests = [text for message, text in messages if message["type"] in ("cfg", "control")]
     seeds.write("gateway", "refused", "1", "~.f.f", *requests[:3], "~nnn", *requests[:3], "~rl", *requests[:3])
     seeds.write("gateway", "untaken", "1", "%", "*9", max((t for m, t in messages if m["type"] == "get_status"), key=len))
@@ -228,9 +228,10 @@ def make(seeds, log):
             body = base64.b64encode(text.encode()) + b"\r\n"
             for piece in (0, 5):
                 seeds.write("cloud", f"raw-in-{piece}", "2", "@", bytes([piece]) + (b"QZSGWMP2" + frame(body)) * 2)
+    seeds.write("cloud", "all", "5", *[text for message, text in received(log, "cloud") if "RPCMethod" in message], "!0")
     seeds.write("cloud", "retried", "1", "-", *["!0", "-"] * 12)
 
-    for message, text in received(log, "local"):
+    for message, text in received(log, "local", compact):
         seeds.write("local", message["RPCMethod"], text)
         if "Parameter" in message:
             seeds.write("local", "command", "=" + base64.b64decode(message["Parameter"]).decode())
@@ -239,7 +240,9 @@ def make(seeds, log):
 
     objects = {"dev": 0, "wan": 1, "wifi": 2, "roaming": 3, "map": 4, "vsie": 5}
     seen = set()
-    for name, method, text in re.findall(r"(\w+)_event_cb: method (\S+), json: (.*)$", log, re.M):
+    notifications = re.findall(r"(\w+)_event_cb: method (\S+), json: (.*)$", log, re.M)
+    seeds.write("events", "all", *[f"{objects[name]} {method} {text}" for name, method, text in notifications])
+    for name, method, text in notifications:
         message = json.loads(text)
         if (name, method, shape(message)) in seen:
             continue
