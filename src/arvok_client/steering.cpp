@@ -24,10 +24,17 @@ std::int32_t channel_of(const char *band_word) {
 }
 
 // The members of a request stand in "data". Gateways that write them beside the envelope are understood too:
-// its "mac" is then the station's.
+// its "mac" is then the station's. Null after recording that "data" is no object.
 const cJSON *members_of(const cJSON *root) {
     const cJSON *data = json_member(root, "data");
-    return data ? data : root;
+    if (!data || cJSON_IsObject(data))
+        return data ? data : root;
+    arvok_set_error(err_invalid_parameter, "invalid data");
+    return nullptr;
+}
+
+bool is_wireless(const qzcap_laninfo *host) {
+    return host && host->connecttype == connect_wireless;
 }
 
 // The stations that a request names; `all` when it names none.
@@ -44,6 +51,8 @@ struct station_filter {
 // Adds the stations that are connected and asked for, or records the error.
 void add_stations(const cJSON *root, const reply_context &context, cJSON *stations) {
     const cJSON *given = members_of(root);
+    if (!given)
+        return;
     request_members members(given);
     station_filter filter{!members.has("mac"), {}};
     if (!filter.all)
@@ -55,11 +64,11 @@ void add_stations(const cJSON *root, const reply_context &context, cJSON *statio
         return arvok_set_error(err_platform, "qzcap_list_laninfo failed");
     if (update_wifi_info() != 0)
         return arvok_set_error(err_platform, "update_wifi_info failed");
-    // In an envelope, what is no host's MAC is the sender's own.
-    if (given == root && !context.from_cloud && !find_host(hosts, filter.macs.front()))
+    // In an envelope, what is no station's MAC is the sender's own.
+    if (given == root && !context.from_cloud && !is_wireless(find_host(hosts, filter.macs.front())))
         filter.all = true;
     for (const qzcap_laninfo *host : hosts_of(hosts))
-        if (host->active && host->connecttype == connect_wireless && filter.passes(*host))
+        if (host->active && is_wireless(host) && filter.passes(*host))
             json_append(stations, json_object()
                                       .text("mac", host->mac)
                                       .text("band", host->band)
@@ -110,7 +119,8 @@ template <auto Run>
 int acknowledged(const cJSON *root, reply_context &context) {
     if (!valid_envelope(root, context))
         return 0;
-    Run(members_of(root));
+    if (const cJSON *members = members_of(root))
+        Run(members);
     context.reply = ack_reply(root);
     return 1;
 }

@@ -58,6 +58,9 @@ class Envelope(AgentCase):
                 for value in wrong:
                     put({**whole, name: value}, line)
             put({"type": kind}, "[ERROR] invalid sequence" + end)
+        for kind in ("deassociation", "getrssiinfo", "startaprssiquery", "startstabsstransitionrequest"):
+            put({"type": kind, "mac": "x", "data": {}}, "[ERROR] invalid sequence\n")
+            put({"type": kind, "sequence": 7, "mac": ["x"], "data": {}}, "[ERROR] invalid mac\n")
         for message, line in (({"kind": "x"}, "type not found"), ({"type": 5, "sequence": 1}, "type not found"),
                               ([{"type": "control"}], "type not found"),
                               ({"type": "Control", "sequence": 1, "mac": "x", "data": []}, "unknown type: Control"),

@@ -43,7 +43,8 @@ class GatewayTest(PeerCase):
         self.assertEqual(self.call("peer")["key"], point.key.hex())
 
         states = {"dev_reg": "registered", "keepalive": "linked"}
-        for kind in ("dev_reg", "keepalive", "wan_report", "dev_report", "map_report", "cfg", "event", "ubus_notify"):
+        for kind in ("dev_reg", "keepalive", "wan_report", "dev_report", "map_report", "cfg", "aprssi", "event",
+                     "ubus_notify"):
             sent = point.send(kind, link_mac="AABBCCDDEEFF")
             expected = {"type": "ack", "sequence": sent["sequence"], "mac": GATEWAY_MAC, "errcode": 0}
             self.assertEqual(point.receive(), expected, kind)
@@ -53,11 +54,11 @@ class GatewayTest(PeerCase):
         peer = self.call("peer")
         self.assertEqual(
             (peer["address"], peer["mac"], peer["link_mac"], peer["keepalives"], peer["received"], peer["sent"]),
-            (point.address, "025A10000001", "AABBCCDDEEFF", 1, 10, 10),
+            (point.address, "025A10000001", "AABBCCDDEEFF", 1, 11, 11),
         )
         record = self.call("messages", {"direction": "both"})["messages"]
-        self.assertEqual([entry["direction"] for entry in record], ["rx", "tx"] * 10)
-        self.assertEqual([entry["encrypted"] for entry in record], [False] * 4 + [True] * 16)
+        self.assertEqual([entry["direction"] for entry in record], ["rx", "tx"] * 11)
+        self.assertEqual([entry["encrypted"] for entry in record], [False] * 4 + [True] * 18)
         self.assertEqual([entry["number"] for entry in record], sorted(entry["number"] for entry in record))
         self.assertEqual(self.call("messages", {"direction": "tx", "after": record[-4]["number"]})["messages"],
                          [record[-3], record[-1]])
@@ -151,7 +152,7 @@ class GatewayTest(PeerCase):
 
         # Messages of the access point's own with the same number are no replies.
         point.sequence = asked["sequence"]
-        for kind in ("keepalive", "wan_report", "cfg", "event", "ubus_notify"):
+        for kind in ("keepalive", "wan_report", "cfg", "aprssi", "event", "ubus_notify"):
             point.sequence = asked["sequence"]
             point.send(kind)
             self.assertEqual(point.receive()["type"], "ack")
