@@ -75,18 +75,25 @@ void set_text(void *record, const capi::Field &field, const char *value) {
     text = qzcap_strdup(value);
 }
 
+void make_text_odd(const capi::Field &field, void *record, char fate) {
+    if (fate == 'n')
+        set_text(record, field, nullptr);
+    else if (fate == 'l')
+        set_text(record, field, long_text.c_str());
+    else if (fate == 'm')
+        set_text(record, field, "%n|\"\\\n\t:../\xe4\xf0");
+    else if (fate == 'r' && std::strcmp(field.name, "mode") == 0)
+        set_text(record, field, "router");
+    else if (fate == 's' && std::strcmp(field.name, "support_5g") == 0)
+        set_text(record, field, "no");
+}
+
 void make_odd(const capi::Record &kind, void *record, char fate) {
     for (const capi::Field &field : kind.fields) {
-        if (field.type != capi::FieldType::text)
-            continue;
-        if (fate == 'n')
-            set_text(record, field, nullptr);
-        else if (fate == 'l')
-            set_text(record, field, long_text.c_str());
-        else if (fate == 'r' && std::strcmp(field.name, "mode") == 0)
-            set_text(record, field, "router");
-        else if (fate == 's' && std::strcmp(field.name, "support_5g") == 0)
-            set_text(record, field, "no");
+        if (field.type == capi::FieldType::text)
+            make_text_odd(field, record, fate);
+        else if (fate == 'h' && (field.type == capi::FieldType::u32 || field.type == capi::FieldType::i32))
+            *reinterpret_cast<std::uint32_t *>(static_cast<char *>(record) + field.offset) = 0xffffffff;
     }
 }
 

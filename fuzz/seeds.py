@@ -215,7 +215,8 @@ def make(seeds, log):
     seeds.write("gateway", "all", "1", *[text for message, text in received(log, "arvok", compact)
                                          if message["type"] not in ("ack", "get_status", "keyngack", "dh")])
     requests = [text for message, text in messages if message["type"] in ("cfg", "control")]
-    seeds.write("gateway", "refused", "1", "~.f.f", *requests[:3], "~nnn", *requests[:3], "~rl", *requests[:3])
+    seeds.write("gateway", "refused", "1", "~.f.f", *requests[:3], "~nnn", *requests[:3], "~rl", *requests[:3],
+                "~hm", *requests[:3])
     seeds.write("gateway", "untaken", "1", "%", "*9", max((t for m, t in messages if m["type"] == "get_status"), key=len))
 
     for message, text in received(log, "cloud"):
