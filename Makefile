@@ -85,5 +85,14 @@ fuzz:
 		CMAKE_ARGS='-DARVOK_SANITIZE=fuzzer -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++'
 	@fuzz/run $(abspath $(FUZZED)) $(or $(SECONDS),60) $(TARGET)
 
+# Years of work in about twenty minutes, and what of the agent has grown: REQUESTS, NOTIFICATIONS and RECONNECTIONS say
+# how many.
+REQUESTS      ?= 1000000
+NOTIFICATIONS ?= 100000
+RECONNECTIONS ?= 10000
+soak: all
+	@ARVOK_BIN=$(abspath $(BUILD))/bin ARVOK_LIB=$(abspath $(BUILD))/lib lab/home --peers none --no-agent -- \
+		arvok-soak $(REQUESTS) $(NOTIFICATIONS) $(RECONNECTIONS)
+
 clean:
 	rm -rf $(BUILD) $(SANITIZED) $(THREADED) $(ARM) $(FUZZED)

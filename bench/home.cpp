@@ -1,6 +1,8 @@
 #include "home.h"
 
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
@@ -278,6 +280,8 @@ connection::~connection() {
 }
 
 bool connection::readable() const {
+    const int on = 1;
+    setsockopt(fd_, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
     return is_ready(fd_);
 }
 

@@ -41,7 +41,8 @@ class connection {
     connection(connection &&other) noexcept;
     connection &operator=(connection &&other) noexcept;
     ~connection();
-    /// Whether there is something to read, or the end.
+    /// Whether there is something to read, or the end. Acknowledges at once what has come, so that the other
+    /// side sends what it holds back until then.
     bool readable() const;
     void read(void *buf, std::size_t len);
     void write(const void *buf, std::size_t len);
