@@ -19,7 +19,7 @@ TIDIED = $(shell git ls-files 'src/*.cpp' 'lab/*.cpp')
 # The tests of what runs on threads, or hands over to one.
 THREAD_TESTS = utask_test cloud_test
 
-.PHONY: all setup run test check-plain check-sanitized sanitized check-thread arm check-format format lint bench fuzz clean
+.PHONY: all setup run test check-plain check-sanitized sanitized check-thread arm check-format format lint bench soak fuzz clean
 
 all: setup
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) $(CMAKE_ARGS) >$(BUILD).log 2>&1 || { cat $(BUILD).log; exit 1; }
