@@ -88,12 +88,20 @@ void make_text_odd(const capi::Field &field, void *record, char fate) {
         set_text(record, field, "no");
 }
 
+void make_number_odd(const capi::Field &field, void *record, char fate) {
+    auto &number = *reinterpret_cast<std::uint32_t *>(static_cast<char *>(record) + field.offset);
+    if (fate == 'h')
+        number = 0xffffffff;
+    else if (fate == 'g' && std::strcmp(field.name, "guest") == 0)
+        number = 1;
+}
+
 void make_odd(const capi::Record &kind, void *record, char fate) {
     for (const capi::Field &field : kind.fields) {
         if (field.type == capi::FieldType::text)
             make_text_odd(field, record, fate);
-        else if (fate == 'h' && (field.type == capi::FieldType::u32 || field.type == capi::FieldType::i32))
-            *reinterpret_cast<std::uint32_t *>(static_cast<char *>(record) + field.offset) = 0xffffffff;
+        else if (field.type == capi::FieldType::u32 || field.type == capi::FieldType::i32)
+            make_number_odd(field, record, fate);
     }
 }
 

@@ -24,7 +24,7 @@ struct installation {
 struct platform_state {
     /// What becomes of the next calls, a character each: 'f' fails, 'e' gives an empty list, 'n' records
     /// without texts, 'l' with long ones, 'm' with malicious ones, 'h' with huge numbers, 'r' a router, 's' a
-    /// device with one radio; any other is as usual.
+    /// device with one radio, 'g' a guest network; any other is as usual.
     std::string_view fate;
     std::vector<installation> installations;
     std::vector<ubus_subscriber *> subscribers;

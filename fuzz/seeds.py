@@ -78,6 +78,7 @@ COMMANDS = [
     {"CmdType": "SET_LANHOST_BANDWIDTH", "Info": [
         {"MAC": "02C0FFEE0004", "MaxUSBandwidth": "2048", "MaxDSBandwidth": "2147483648"}]},
     {"CmdType": "GET_LANHOST_BANDWIDTH"},
+    {"CmdType": "DELETE_GUEST_WIFI"},
     {"CmdType": "SET_GUEST_WIFI", "Info": [
         {"SSID": "Visitors", "PWD": "come-in!", "ENCRYPT": "5", "Enable": "1", "SSIDHide": "0"}]},
     {"CmdType": "GET_GUEST_WIFI"},
@@ -217,8 +218,17 @@ def make(seeds, log):
     requests = [text for message, text in messages if message["type"] in ("cfg", "control")]
     seeds.write("gateway", "refused", "1", "~.f.f", *requests[:3], "~nnn", *requests[:3], "~rl", *requests[:3],
                 "~hm", *requests[:3])
+    kept_alive = json.loads(acknowledged[0])
+    kept_alive["sequence"] = 1  # the keepalive that the first timer sends; the log leaves them out
+    seeds.write("gateway", "kept-alive", "1", "!0", compact(kept_alive), "!0", "+20", "!1")
     seeds.write("gateway", "untaken", "1", "%", "*9", max((t for m, t in messages if m["type"] == "get_status"), key=len))
 
+    acks = {message["Ack"]: text for message, text in received(log, "cloud") if "Ack" in message}
+    acks["Heartbeat"] = '{"Ack":"Heartbeat","Result":0}'  # the log leaves them out
+    enrolment = [acks[name] for name in ("GetChallengeCode", "Activate", "GetChallengeCode", "Connect", "Heartbeat")]
+    seeds.write("cloud", "enrolment", "1", acks["Boot"], "!0", *enrolment, "!0", acks["Heartbeat"])
+    seeds.write("cloud", "resumption", "2known", *enrolment[2:], "!0")
+    seeds.write("cloud", "unknown", "4", acks["Connect"].replace('"Result":0', '"Result":-2'), "!0")
     for message, text in received(log, "cloud"):
         name = message.get("Ack") or message["RPCMethod"]
         seeds.write("cloud", name, str(STATUS_OF.get(message.get("Ack"), 5)), text, "!0")
@@ -256,6 +266,8 @@ def make(seeds, log):
         seeds.write("app", command["CmdType"], compact(command), "!0")
         if "Info" in command:
             seeds.write("app", command["CmdType"] + "-raw", "@", b"".join(blob(*m) for m in command.items()))
+    seeds.write("app", "guest", *[b"~" + b"g" * 9 + b"\n" + compact(c) for c in COMMANDS if "GUEST" in c["CmdType"]])
+    seeds.write("app", "guest-refused", *[b"~.fff\n" + compact(c) for c in COMMANDS if "GUEST" in c["CmdType"]])
     seeds.write("app", "all", *[compact(command) for command in COMMANDS], "!0", "!1", "+3600", "!0", "!2")
 
 

@@ -13,7 +13,8 @@ void gateway(Input input);
 /// line is one, "N METHOD JSON", and '@' one of raw bytes: subscriber, method, message.
 void events(Input input);
 
-/// The cloud connection. First line: the cc_status in which it begins. Then a script; a message is encrypted
+/// The cloud connection. First line: the cc_status in which it begins, and anything behind that for a device
+/// with an identity. Then a script; a message is encrypted
 /// as the status asks for; with '=' it goes in clear base64, with '#' it is the frame's body as it stands.
 void cloud(Input input);
 
