@@ -1,4 +1,4 @@
-"""The engine of the fault sweep: a row names a call of the platform, what makes the agent call it, and what comes of it.
+"""The engine of the fault sweep: a row names a call of the platform, what makes the agent call it, what comes of it.
 
 Each row runs once in each way in which its call can fail, on an agent that is linked with the gateway and enrolled at
 the cloud. The same action must work right afterwards, and the agent must be as well as before.
