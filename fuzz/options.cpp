@@ -46,12 +46,17 @@ bool ends(const char (&text)[N]) {
 
 class Settings : public Stage {
   public:
-    // Where the settings lead, in words and by the next connections.
+    // Where the settings lead: to the cloud, to both addresses that the gateway may have, and in words.
     void follow() {
+        cc_run();
+        ls_run();
+        for (int attempt = 0; attempt < 2; attempt++) {
+            arvok_disconnect();
+            ec_run();
+            turn();
+        }
         char server[128] = "", status[128] = "";
         get_cloud_status(server, sizeof server, status, sizeof status);
-        cc_run();
-        turn();
         set_server_info();
     }
 
@@ -63,7 +68,6 @@ class Settings : public Stage {
 }  // namespace
 
 void options(Input input) {
-    g_ctx = {};
     parse(lines(input.until('\f')));
     const std::string_view marker = input.until('\f');
     if (!marker.empty())

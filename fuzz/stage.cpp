@@ -77,7 +77,6 @@ blob_ptr blob_of_bytes(std::string_view bytes) {
 
 Stage::Stage(std::string_view port) : descriptor_(free_descriptor()), port_(port) {
     rule_folder = file_folder().c_str();
-    g_ctx = {};
     _strlcpy(g_ctx.version, "1.0.7", sizeof g_ctx.version);
     _strlcpy(g_ctx.arch, "ipq5018x", sizeof g_ctx.arch);
     update_dev_info();

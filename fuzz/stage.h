@@ -65,7 +65,8 @@ long number_at(std::string_view text, long max);
 blob_ptr blob_of_json(std::string_view json);
 blob_ptr blob_of_bytes(std::string_view bytes);
 
-/// The agent from the start of its modules to its end, as main has it, but without a connection.
+/// The agent from the start of its modules to its end, as main has it, but without a connection. What the
+/// options have left in g_ctx counts.
 class Stage {
   public:
     /// The peer on the connections with that port is this one; the others are silent.
