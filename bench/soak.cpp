@@ -350,6 +350,10 @@ class soak {
 }  // namespace
 }  // namespace arvok
 
+// The peers' cryptography is the agent's, and so is its log: one key agreement in 256 yields a shorter key,
+// which it says and which both sides take in their stride.
+void qzcap_printf(const char *, ...) {}
+
 int main(int argc, char **argv) {
     signal(SIGPIPE, SIG_IGN);
     if (argc != 4)

@@ -11,14 +11,9 @@ import subprocess
 import time
 import unittest
 
+from bus import call
+
 DEADLINE = 20.0
-
-
-def call(obj, method, args=None, timeout=10):
-    """Calls a bus method and returns its answer; a bus error raises CalledProcessError with the status as its code."""
-    command = ["ubus", "-S", "-t", str(timeout), "call", obj, method, json.dumps(args or {})]
-    done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, check=True)
-    return json.loads(done.stdout) if done.stdout.strip() else {}
 
 
 def wait_until(condition, what, deadline=DEADLINE):
