@@ -62,7 +62,7 @@ arm:
 	@tools/setup.sh g++-arm-linux-gnueabihf qemu-user
 	@tools/sysroot.sh armhf $(abspath $(ARM))/sysroot
 	@$(MAKE) --no-print-directory all BUILD=$(ARM) CMAKE_ARGS=-DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/armhf.cmake
-	$(CTEST) --test-dir $(ARM)
+	$(CTEST) -j 3 --test-dir $(ARM)
 	ARVOK_BIN=$(abspath $(ARM))/emulated/bin lab/home -- lab/tour </dev/null
 
 check-format: setup
