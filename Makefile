@@ -6,6 +6,8 @@ SHELL       = /bin/bash
 BUILD      ?= build
 SANITIZED  ?= $(BUILD)-asan
 THREADED   ?= $(BUILD)-tsan
+ARM        ?= $(BUILD)-arm
+FUZZED     ?= $(BUILD)-fuzz
 BUILD_TYPE ?= RelWithDebInfo
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
@@ -17,7 +19,7 @@ TIDIED = $(shell git ls-files 'src/*.cpp' 'lab/*.cpp')
 # The tests of what runs on threads, or hands over to one.
 THREAD_TESTS = utask_test cloud_test
 
-.PHONY: all setup run test check-plain check-sanitized sanitized check-thread check-format format lint bench clean
+.PHONY: all setup run test check-plain check-sanitized sanitized check-thread arm check-format format lint bench soak fuzz clean
 
 all: setup
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) $(CMAKE_ARGS) >$(BUILD).log 2>&1 || { cat $(BUILD).log; exit 1; }
@@ -25,7 +27,7 @@ all: setup
 	@env -u MAKEFLAGS -u MFLAGS cmake --build $(BUILD) -j $(JOBS) --target $(TARGETS) -- --no-print-directory -s | { grep --line-buffered -v 'Built target' || true; }
 
 setup:
-	@tools/setup.sh
+	@tools/setup.sh $(PACKAGES)
 
 # The agent on its desk device in an emulated home, step by step.
 run: all
@@ -55,6 +57,14 @@ check-thread:
 		TARGETS='$(THREAD_TESTS)'
 	TSAN_OPTIONS=log_path=stdout $$(setarch -R true 2>/dev/null && echo setarch -R) $(CTEST) --test-dir $(THREADED) -R '^($(subst $() ,|,$(THREAD_TESTS)))$$'
 
+# The same agent, desk and tests for a 32-bit ARM device, run by user emulation (docs/porting.md).
+arm:
+	@tools/setup.sh g++-arm-linux-gnueabihf qemu-user
+	@tools/sysroot.sh armhf $(abspath $(ARM))/sysroot
+	@$(MAKE) --no-print-directory all BUILD=$(ARM) CMAKE_ARGS=-DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/armhf.cmake
+	$(CTEST) -j 3 --test-dir $(ARM)
+	ARVOK_BIN=$(abspath $(ARM))/emulated/bin lab/home -- lab/tour </dev/null
+
 check-format: setup
 	@test -n "$$($(CODE))" || { echo 'formatting is checked in a git checkout only'; exit 1; }
 	@$(CODE) | xargs clang-format --dry-run --Werror
@@ -69,5 +79,20 @@ bench: all
 	@ARVOK_BIN=$(abspath $(BUILD))/bin $(BUILD)/bin/arvok-bench
 	@ARVOK_BIN=$(abspath $(BUILD))/bin bench/report
 
+# Every fuzzer for SECONDS, or the one of TARGET.
+fuzz:
+	@$(MAKE) --no-print-directory all BUILD=$(FUZZED) PACKAGES='clang libclang-rt-14-dev' TARGETS=fuzzers \
+		CMAKE_ARGS='-DARVOK_SANITIZE=fuzzer -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++'
+	@fuzz/run $(abspath $(FUZZED)) $(or $(SECONDS),60) $(TARGET)
+
+# Years of work in about twenty minutes, and what of the agent has grown: REQUESTS, NOTIFICATIONS and RECONNECTIONS say
+# how many.
+REQUESTS      ?= 1000000
+NOTIFICATIONS ?= 100000
+RECONNECTIONS ?= 10000
+soak: all
+	@ARVOK_BIN=$(abspath $(BUILD))/bin ARVOK_LIB=$(abspath $(BUILD))/lib lab/home --peers none --no-agent -- \
+		arvok-soak $(REQUESTS) $(NOTIFICATIONS) $(RECONNECTIONS)
+
 clean:
-	rm -rf $(BUILD) $(SANITIZED) $(THREADED)
+	rm -rf $(BUILD) $(SANITIZED) $(THREADED) $(ARM) $(FUZZED)

@@ -1,6 +1,8 @@
 #include "home.h"
 
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
@@ -41,6 +43,11 @@ constexpr int patience_s = 30;  // with whoever has to connect or to answer
 
 [[noreturn]] void fail_with_errno(const char *what) {
     fail(std::string(what) + ": " + std::strerror(errno));
+}
+
+bool is_ready(int fd) {
+    pollfd ready{fd, POLLIN, 0};
+    return poll(&ready, 1, 0) > 0;
 }
 
 // --- the bare echo: reads a frame, answers with as many bytes as it has been told to ---
@@ -272,6 +279,12 @@ connection::~connection() {
         close(fd_);
 }
 
+bool connection::readable() const {
+    const int on = 1;
+    setsockopt(fd_, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+    return is_ready(fd_);
+}
+
 void connection::read(void *buf, std::size_t len) {
     for (auto *at = static_cast<char *>(buf); len > 0;) {
         const ssize_t got = ::read(fd_, at, len);
@@ -322,6 +335,10 @@ connection listener::accept() {
     if (poll(&ready, 1, patience_s * 1000) == 0)
         fail("nobody connects, see bench.log");
     return connection(::accept(fd_, nullptr, nullptr));
+}
+
+bool listener::pending() const {
+    return is_ready(fd_);
 }
 
 // --- requests ---

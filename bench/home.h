@@ -28,6 +28,7 @@ class program {
     ~program();
     /// Waits for a program that ends by itself, well.
     void join();
+    pid_t pid() const { return pid_; }
 
   private:
     pid_t pid_;
@@ -40,6 +41,9 @@ class connection {
     connection(connection &&other) noexcept;
     connection &operator=(connection &&other) noexcept;
     ~connection();
+    /// Whether there is something to read, or the end. Acknowledges at once what has come, so that the other
+    /// side sends what it holds back until then.
+    bool readable() const;
     void read(void *buf, std::size_t len);
     void write(const void *buf, std::size_t len);
     /// A whole frame, whose header tells the length of its body.
@@ -60,6 +64,8 @@ class listener {
     listener &operator=(const listener &) = delete;
     ~listener();
     connection accept();
+    /// Whether a connection waits to be accepted.
+    bool pending() const;
 
   private:
     int fd_;

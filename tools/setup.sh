@@ -1,12 +1,12 @@
 #!/bin/sh
-# Installs the Debian packages that building, running and testing need and that are missing; nothing else.
-# With everything present it asks nothing and touches no network.
+# setup.sh [PACKAGE...]: installs the Debian packages that building, running and testing need, and those named, as far as
+# they are missing; nothing else.
+# With everything present it asks nothing and touches no network. Arguments are further packages.
 set -eu
 
-packages="g++ cmake make git libcjson-dev libjson-c-dev libssl-dev uuid-dev
-          libgtest-dev libgmock-dev libbenchmark-dev
+packages="g++ cmake make git $(cat "$(dirname "$0")/libraries")
           clang-format clang-tidy
-          iproute2 util-linux procps openssl dnsmasq-base curl python3"
+          iproute2 util-linux procps openssl dnsmasq-base curl python3 tshark $*"
 
 if ! command -v dpkg-query >/dev/null; then
     echo "setup: not a Debian system; what the build needs is known there as:" $packages >&2

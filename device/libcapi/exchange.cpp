@@ -1,5 +1,6 @@
 #include "exchange.h"
 
+#include <charconv>
 #include <cstring>
 #include <limits>
 #include <map>
@@ -45,6 +46,16 @@ int find_object(ubus_context *ctx, const char *object, std::uint32_t *id) {
     return status;
 }
 
+int read_timeout() {
+    constexpr int usual = 3000, longest = 60000;
+    const char *text = std::getenv("QZCAP_TIMEOUT");
+    int timeout = 0;
+    if (text != nullptr) {
+        std::from_chars(text, text + std::strlen(text), timeout);
+    }
+    return timeout > 0 && timeout <= longest ? timeout : usual;
+}
+
 // One call. An object that is gone from where it was may stand elsewhere, after a restart of its daemon.
 int invoke(ubus_context *ctx, const Call &call, const Arguments &arguments, blob_ptr &message) {
     const auto known = known_objects.find(call.object);
@@ -55,14 +66,19 @@ int invoke(ubus_context *ctx, const Call &call, const Arguments &arguments, blob
         }
     }
     const std::uint32_t tried = id;
-    int status = ubus_invoke(ctx, id, call.method, arguments.head(), keep_answer, &message, call_timeout_ms);
+    int status = ubus_invoke(ctx, id, call.method, arguments.head(), keep_answer, &message, call_timeout());
     if (status == UBUS_STATUS_NOT_FOUND && find_object(ctx, call.object, &id) == 0 && id != tried) {
-        status = ubus_invoke(ctx, id, call.method, arguments.head(), keep_answer, &message, call_timeout_ms);
+        status = ubus_invoke(ctx, id, call.method, arguments.head(), keep_answer, &message, call_timeout());
     }
     return status;
 }
 
 }  // namespace
+
+int call_timeout() {
+    static const int timeout = read_timeout();
+    return timeout;
+}
 
 void forget_objects() {
     known_objects.clear();

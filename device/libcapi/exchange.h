@@ -12,8 +12,8 @@
 
 namespace arvok::capi {
 
-/// How long the platform may take to answer, in milliseconds.
-inline constexpr int call_timeout_ms = 3000;
+/// How long the platform may take to answer, in milliseconds: 3000, or what $QZCAP_TIMEOUT says, for tests.
+int call_timeout();
 
 struct FreeBlob {
     void operator()(blob_attr *attr) const { std::free(attr); }

@@ -293,6 +293,14 @@ static int wait_limit(int limit) {
     return limit >= 0 && limit < next ? limit : (int)next;
 }
 
+int uloop_timeouts_armed(void) {
+    struct uloop_timeout *timeout;
+    int count = 0;
+
+    list_for_each_entry(timeout, &timeouts, list) count++;
+    return count;
+}
+
 /* Child processes */
 
 int uloop_process_add(struct uloop_process *p) {

@@ -26,4 +26,8 @@ void uloop_signal_forget(void);
 bool uloop_child_ended(void);
 void uloop_child_look(void);
 
+/// How many timers are armed. In no public header, because the real library does not tell: for tests, which
+/// look it up by its name.
+int uloop_timeouts_armed(void);
+
 #endif

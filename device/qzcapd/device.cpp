@@ -63,6 +63,23 @@ blobmsg_policy policy_of(const Param &param) {
     return policy;
 }
 
+/// The answer with nothing left in what it carries; an answer that carries nothing as it is.
+Reply blanked(Reply reply) {
+    struct Nothing {
+        const char *member;
+        cJSON *(*make)();
+    };
+    constexpr Nothing nothings[] = {{"record", cJSON_CreateObject},
+                                    {"list", cJSON_CreateArray},
+                                    {"text", [] { return cJSON_CreateString(""); }}};
+    for (const Nothing &nothing : nothings) {
+        if (get(reply.body.get(), nothing.member) != nullptr) {
+            put(reply.body.get(), nothing.member, json_ptr(nothing.make()));
+        }
+    }
+    return reply;
+}
+
 }  // namespace
 
 Device::Device(ubus_context *ctx, json_ptr state, const std::string &root)
@@ -143,7 +160,7 @@ int Device::serve(const Row &row, ubus_request_data *req, const cJSON *args) {
             ubus_defer_request(ctx_, req, &forgotten);
             return UBUS_STATUS_OK;
         }
-        reply = refused(failure->reason);
+        reply = failure->mode == Failure::Mode::blank ? blanked(answer(row, args)) : refused(failure->reason);
     } else {
         reply = answer(row, args);
     }

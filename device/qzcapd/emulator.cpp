@@ -154,8 +154,10 @@ int Emulator::fail(ubus_request_data *req, const cJSON *args) {
         failure.mode = Failure::Mode::timeout;
     } else if (word == "empty") {
         failure.mode = Failure::Mode::empty;
+    } else if (word == "blank") {
+        failure.mode = Failure::Mode::blank;
     } else if (word != "error") {
-        return refuse(req, "mode: must be error, timeout or empty", UBUS_STATUS_INVALID_ARGUMENT);
+        return refuse(req, "mode: must be error, timeout, empty or blank", UBUS_STATUS_INVALID_ARGUMENT);
     }
     if (completion != nullptr && !cJSON_IsBool(completion)) {
         return refuse(req, "completion: must be true or false", UBUS_STATUS_INVALID_ARGUMENT);

@@ -19,6 +19,9 @@ std::string Failures::order(const std::string &function, const Failure &failure)
     if (failure.completion && function != completing.function) {
         return "completion: " + function + " ends with its answer";
     }
+    if (failure.completion && failure.mode == Failure::Mode::blank) {
+        return "mode: an outcome is not blank";
+    }
     const auto key = std::make_pair(function, failure.completion);
     orders_.erase(key);
     if (failure.times > 0) {

@@ -15,6 +15,7 @@ struct Failure {
         error,    ///< answered with a result of -1 and the reason
         timeout,  ///< never answered
         empty,    ///< answered without any data
+        blank,    ///< answered well, with nothing in the record, list or text
     } mode = Mode::error;
     std::string reason;
     unsigned int times = 1;   ///< 0 withdraws the order

@@ -34,10 +34,12 @@ constexpr const char *answered_types[] = {"Boot",      "GetChallengeCode",    "A
 
 const FaultVocabulary cloud_faults{kinds, answered_types, frame_max_body + 1};
 
-Cloud::Cloud(const CloudSettings &settings, PlatformKey key, Traffic &traffic, Faults &faults)
+Cloud::Cloud(const CloudSettings &settings, PlatformKey key, Traffic &traffic, Faults &faults,
+             const KeyLog &keys)
     : key_(std::move(key)),
       traffic_(traffic),
       faults_(faults),
+      keys_(keys),
       settings_(cJSON_CreateObject()),
       sweep_([this] { std::erase_if(links_, [](const auto &link) { return !link->connection->open(); }); }) {
     const auto add = [this](const char *role, const Endpoint &at) {
@@ -88,6 +90,7 @@ void Cloud::arrived(const Server &server, int descriptor, const sockaddr_in &rem
         [this, &entry](const std::string &why) { end(entry, why); });
     entry.number = ++accepted_;
     entry.address = text_of(remote);
+    entry.ends = KeyLog::ends_of(descriptor, remote);
     entry.server = &server;
     if (links_.size() >= max_links) {
         traffic_.event(entry.number, "turned away " + entry.address + ": too many connections");
@@ -147,7 +150,11 @@ json_ptr Cloud::open_message(const Link &link, const std::string &bytes, Cipher 
     if (json_ptr message = parse(bytes))
         return message;
     cipher = Cipher::rsa;
-    return parse(key_.decrypt(bytes));
+    const std::optional<std::string> text = key_.decrypt(bytes);
+    // No key of the connection's opens this one, so the log has what it says.
+    if (text)
+        keys_.add(link.ends, "rsa", std::string_view(bytes).substr(0, 16), *text);
+    return parse(text);
 }
 
 void Cloud::handle(Link &link, const cJSON *message, Cipher cipher) {
@@ -180,6 +187,7 @@ bool Cloud::take_client_key(Link &link, const cJSON *message) {
     if (!key || std::strlen(key) != aes_key_size)
         return false;
     link.client_key = key;
+    keys_.add(link.ends, "client-key", link.client_key);
     return true;
 }
 
@@ -198,6 +206,8 @@ void Cloud::acknowledge(Link &link, Device &device, const Method &method, const 
     const cJSON *result = cJSON_GetObjectItemCaseSensitive(packed.message.get(), "Result");
     if (method.take_effect && cJSON_IsNumber(result) && result->valuedouble == 0)
         method.take_effect(link, device, packed.message.get());
+    if (link.state == State::connected && method.cipher == Cipher::rsa)
+        keys_.add(link.ends, "server-key", link.server_key);
     link.connection->send(std::move(packed.bytes), packed.pace);
 }
 

@@ -27,6 +27,7 @@
 #include "faults.h"
 #include "frame.h"
 #include "json.h"
+#include "keylog.h"
 #include "listener.h"
 #include "loop.h"
 #include "registry.h"
@@ -56,7 +57,8 @@ struct SendOptions {
 
 class Cloud {
   public:
-    Cloud(const CloudSettings &settings, PlatformKey key, Traffic &traffic, Faults &faults);
+    Cloud(const CloudSettings &settings, PlatformKey key, Traffic &traffic, Faults &faults,
+          const KeyLog &keys);
     ~Cloud();
 
     /// Opens or closes the listening sockets, as the armed faults want them. False, with errno, when one
@@ -107,6 +109,7 @@ class Cloud {
     struct Link {
         int number = 0;
         std::string address;
+        std::string ends;  ///< for the key log
         const Server *server = nullptr;
         State state = State::open;
         FrameReader reader;
@@ -162,6 +165,7 @@ class Cloud {
     PlatformKey key_;
     Traffic &traffic_;
     Faults &faults_;
+    const KeyLog &keys_;
     Registry registry_;
     json_ptr settings_;
     std::vector<std::unique_ptr<Server>> servers_;  ///< the bootstrap server first

@@ -14,6 +14,7 @@
 #include "cloud.h"
 #include "development_key.h"
 #include "faults.h"
+#include "keylog.h"
 #include "program.h"
 #include "traffic.h"
 
@@ -23,6 +24,7 @@ namespace {
 constexpr Program program{
     "lab-cloud",
     "usage: lab-cloud [-s BUS_SOCKET] [--bss ADDRESS[:PORT]] [--business ADDRESS[:PORT],...] [--key FILE]\n"
+    "                 [--keylog FILE]\n"
     "\n"
     "The operator's cloud platform: serves bootstrap and business servers and appears on the bus as "
     "lab.cloud.\n"
@@ -33,6 +35,7 @@ constexpr Program program{
     "any\n"
     "                         free one.\n"
     "      --key FILE         the platform's RSA private key, PEM (default: the one it was built with)\n"
+    "      --keylog FILE      append each connection's keys, and what came under the RSA key, to FILE\n"
     "  -s, --socket SOCKET    the bus (default $UBUS_SOCKET, else the system's)\n"
     "  -h, --help             this text\n"};
 
@@ -40,6 +43,7 @@ struct Options {
     CloudSettings cloud;
     std::optional<PlatformKey> key = PlatformKey::read(development_key);
     const char *bus = std::getenv("UBUS_SOCKET");
+    KeyLog keys{"cloud"};
 };
 
 std::optional<Endpoint> endpoint_of(const std::string &text) {
@@ -67,9 +71,13 @@ bool read_list(const std::string &text, std::vector<Endpoint> &list) {
 
 Parsed parse(int argc, char **argv, Options &options) {
     static const option names[] = {
-        {"bss", required_argument, nullptr, 'b'}, {"business", required_argument, nullptr, 'a'},
-        {"key", required_argument, nullptr, 'k'}, {"socket", required_argument, nullptr, 's'},
-        {"help", no_argument, nullptr, 'h'},      {nullptr, 0, nullptr, 0},
+        {"bss", required_argument, nullptr, 'b'},
+        {"business", required_argument, nullptr, 'a'},
+        {"key", required_argument, nullptr, 'k'},
+        {"socket", required_argument, nullptr, 's'},
+        {"keylog", required_argument, nullptr, 'l'},
+        {"help", no_argument, nullptr, 'h'},
+        {nullptr, 0, nullptr, 0},
     };
     for (int letter; (letter = getopt_long(argc, argv, "s:h", names, nullptr)) != -1;) {
         switch (letter) {
@@ -94,6 +102,10 @@ Parsed parse(int argc, char **argv, Options &options) {
             case 's':
                 options.bus = optarg;
                 break;
+            case 'l':
+                if (!options.keys.open(optarg))
+                    return program.wrong("cannot write the key log", optarg);
+                break;
             case 'h':
                 return Parsed::help;
             default:
@@ -109,7 +121,7 @@ int serve(Options &options, ubus_context *bus) {
     // Declared in the order of dependence, so that everything ends before what it uses.
     Traffic traffic;
     Faults faults(cloud_faults);
-    Cloud cloud(options.cloud, std::move(*options.key), traffic, faults);
+    Cloud cloud(options.cloud, std::move(*options.key), traffic, faults, options.keys);
     BusObject object(bus, cloud, traffic, faults);
     if (!cloud.update_listening())
         return program.cannot_listen(cloud.failed_server());

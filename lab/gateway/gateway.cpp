@@ -73,10 +73,11 @@ const Gateway::Answer Gateway::answers[] = {
     {"ubus_notify", &Gateway::acknowledge},
 };
 
-Gateway::Gateway(const GatewaySettings &settings, Traffic &traffic, Faults &faults)
+Gateway::Gateway(const GatewaySettings &settings, Traffic &traffic, Faults &faults, const KeyLog &keys)
     : mac_(settings.mac),
       traffic_(traffic),
       faults_(faults),
+      keys_(keys),
       listener_(settings.address, settings.port, traffic,
                 [this](int descriptor, const sockaddr_in &remote) { arrived(descriptor, remote); }),
       sweep_([this] { std::erase_if(links_, [](const auto &link) { return !link->connection->open(); }); }) {}
@@ -101,6 +102,7 @@ void Gateway::arrived(int descriptor, const sockaddr_in &remote) {
         [this, &entry](const std::string &why) { end(entry, why); });
     entry.number = ++accepted_;
     entry.address = text_of(remote);
+    entry.ends = KeyLog::ends_of(descriptor, remote);
     if (links_.size() >= max_links) {
         traffic_.event(entry.number, "turned away " + entry.address + ": too many connections");
         return;
@@ -206,6 +208,7 @@ void Gateway::answer_key(Link &link, const cJSON *message) {
     cJSON_AddStringToObject(values, "dh_key", agreed->public_value.c_str());
     cJSON_AddStringToObject(values, "dh_p", p);
     cJSON_AddStringToObject(values, "dh_g", g);
+    keys_.add(link.ends, "key", {reinterpret_cast<const char *>(agreed->key.data()), agreed->key.size()});
     if (!answer(link, std::move(reply), message))
         return;
     link.key = agreed->key;

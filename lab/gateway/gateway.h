@@ -21,6 +21,7 @@
 #include "faults.h"
 #include "frame.h"
 #include "json.h"
+#include "keylog.h"
 #include "listener.h"
 #include "loop.h"
 #include "traffic.h"
@@ -50,7 +51,7 @@ struct Sent {
 
 class Gateway {
   public:
-    Gateway(const GatewaySettings &settings, Traffic &traffic, Faults &faults);
+    Gateway(const GatewaySettings &settings, Traffic &traffic, Faults &faults, const KeyLog &keys);
     ~Gateway();
 
     /// Opens or closes the listening socket, as the armed faults want it. False, with errno, when it cannot
@@ -81,6 +82,7 @@ class Gateway {
     struct Link {
         int number = 0;
         std::string address;
+        std::string ends;  ///< for the key log
         std::string own_mac;
         State state = State::connected;
         FrameReader reader;
@@ -117,6 +119,7 @@ class Gateway {
     const std::string mac_;
     Traffic &traffic_;
     Faults &faults_;
+    const KeyLog &keys_;
     Listener listener_;
     Timer sweep_;  ///< frees ended links outside of their own callbacks
     std::vector<std::unique_ptr<Link>> links_;

@@ -10,6 +10,7 @@
 #include "bus_object.h"
 #include "faults.h"
 #include "gateway.h"
+#include "keylog.h"
 #include "program.h"
 #include "traffic.h"
 
@@ -18,7 +19,7 @@ namespace {
 
 constexpr Program program{
     "lab-gateway",
-    "usage: lab-gateway [-a ADDRESS] [-p PORT] [-s BUS_SOCKET] [--mac MAC]\n"
+    "usage: lab-gateway [-a ADDRESS] [-p PORT] [-s BUS_SOCKET] [--mac MAC] [--keylog FILE]\n"
     "\n"
     "The home gateway: serves the gateway link and appears on the bus as lab.gateway.\n"
     "\n"
@@ -27,11 +28,13 @@ constexpr Program program{
     "  -s, --socket SOCKET    the bus (default $UBUS_SOCKET, else the system's)\n"
     "      --mac MAC          the gateway's MAC, 12 hexadecimal digits, ':' or '-' between pairs allowed\n"
     "                         (default: that of the interface a connection arrives on)\n"
+    "      --keylog FILE      append each connection's key to FILE\n"
     "  -h, --help             this text\n"};
 
 struct Options {
     GatewaySettings gateway;
     const char *bus = std::getenv("UBUS_SOCKET");
+    KeyLog keys{"gateway"};
 };
 
 // 12 upper-case digits, or nothing.
@@ -49,9 +52,13 @@ std::optional<std::string> normal_mac(const char *text) {
 
 Parsed parse(int argc, char **argv, Options &options) {
     static const option names[] = {
-        {"address", required_argument, nullptr, 'a'}, {"port", required_argument, nullptr, 'p'},
-        {"socket", required_argument, nullptr, 's'},  {"mac", required_argument, nullptr, 'm'},
-        {"help", no_argument, nullptr, 'h'},          {nullptr, 0, nullptr, 0},
+        {"address", required_argument, nullptr, 'a'},
+        {"port", required_argument, nullptr, 'p'},
+        {"socket", required_argument, nullptr, 's'},
+        {"mac", required_argument, nullptr, 'm'},
+        {"keylog", required_argument, nullptr, 'k'},
+        {"help", no_argument, nullptr, 'h'},
+        {nullptr, 0, nullptr, 0},
     };
     for (int letter; (letter = getopt_long(argc, argv, "a:p:s:h", names, nullptr)) != -1;) {
         switch (letter) {
@@ -74,6 +81,10 @@ Parsed parse(int argc, char **argv, Options &options) {
                 else
                     return program.wrong("not a MAC", optarg);
                 break;
+            case 'k':
+                if (!options.keys.open(optarg))
+                    return program.wrong("cannot write the key log", optarg);
+                break;
             case 'h':
                 return Parsed::help;
             default:
@@ -87,7 +98,7 @@ int serve(const Options &options, ubus_context *bus) {
     // Declared in the order of dependence, so that everything ends before what it uses.
     Traffic traffic;
     Faults faults(gateway_faults);
-    Gateway gateway(options.gateway, traffic, faults);
+    Gateway gateway(options.gateway, traffic, faults, options.keys);
     BusObject object(bus, gateway, traffic, faults);
     if (!gateway.update_listening())
         return program.cannot_listen(options.gateway.address + ":" + options.gateway.port);

@@ -101,9 +101,9 @@ void extcc_parent_cb(uloop_timeout *) {
 
 guest_schedule read_guest_schedule() {
     char text[guest_file_max + 1] = "", enable[8] = "", last_time[8] = "";
-    long start = 0;
+    long long start = 0;
     _read_file(rule_path(guest_timer_file).c_str(), text, guest_file_max);
-    std::sscanf(text, "%*[^\t]\t%7[^\t]\t%*[^\t]\t%ld\t%*[^\t]\t%7[^\n]", enable, &start, last_time);
+    std::sscanf(text, "%*[^\t]\t%7[^\t]\t%*[^\t]\t%lld\t%*[^\t]\t%7[^\n]", enable, &start, last_time);
     return {std::atoi(enable), start, std::atoi(last_time)};
 }
 

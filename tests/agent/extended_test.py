@@ -444,7 +444,9 @@ class Guest(ExtendedCase):
             self.patch({"wifi_ap": {"2.4G": {"5": {"enable": "yes"}}}})
             self.check(command, members, DONE)
             wait_enabled("no")
-        # Numbers are stored as numbers, and nothing closes what comes after a deleted network.
+        # Numbers are stored as numbers, later ones than 32 bits hold, too; and nothing closes what comes after a deleted
+        # network.
+        self.clock("2039-01-01 00:00:00")
         self.check(command, {"Info": [{"LastTime": "00000060", "Enable": "+01"}]}, DONE)
         self.assertRegex(self.file(CLOSING), "^5\t1\t.*\t60\n$")
         wait_enabled("yes")

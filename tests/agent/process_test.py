@@ -1,6 +1,5 @@
 """The process itself: options, start-up, ends, and the platform around it."""
 
-import json
 import os
 import signal
 import subprocess
@@ -171,28 +170,6 @@ class Life(AgentCase):
         self.assertIn("qzapp.arvokclt", names())
         agent.stop()
         wait_until(lambda: "qzapp.arvokclt" not in names(), "the app object withdrawn")
-
-
-class OwnBus(AgentCase):
-    def test_loss_of_the_bus_ends_the_agent_in_order(self):
-        socket = os.path.join(os.environ["LAB_DIR"], "own.sock")
-        env = {**os.environ, "UBUS_SOCKET": socket}
-        bus = subprocess.Popen(["ubusd", "-s", socket])
-        wait_until(lambda: subprocess.run(["ubus", "list"], env=env, stderr=subprocess.DEVNULL).returncode == 0, "bus")
-        state = os.path.join(os.environ["LAB_DIR"], "state.json")
-        with open(state, "w") as out:
-            out.write(json.dumps(call("qzcapd.emulator", "state")))
-        device = subprocess.Popen(["qzcapd", "--state", state, "-s", socket], stderr=subprocess.DEVNULL)
-        try:
-            subprocess.run(["ubus", "-t", "10", "wait_for", "qzcapd.emulator"], env=env, check=True)
-            agent = self.start("-g", "192.168.1.1", env=env)
-            self.wait_for_message("wan_report")
-            bus.kill()
-            self.assertEqual(agent.process.wait(20), 0)
-        finally:
-            for process in (bus, device):
-                process.kill()
-                process.wait()
 
 
 if __name__ == "__main__":

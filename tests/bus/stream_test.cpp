@@ -96,7 +96,7 @@ TEST_F(Streams, FramesArriveWholeUnderEverySplit) {
         wire.append(header, sizeof(header)).append(pattern(size));
     }
     for (const size_t chunk :
-         {1ul, 2ul, 7ul, 8ul, 9ul, 1000ul, 16383ul, 16384ul, 16385ul, 16392ul, 20000ul, wire.size()}) {
+         std::initializer_list<size_t>{1, 2, 7, 8, 9, 1000, 16383, 16384, 16385, 16392, 20000, wire.size()}) {
         Stream stream(16384);
         std::vector<size_t> bodies;
         long body = -1;

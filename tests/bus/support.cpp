@@ -346,10 +346,12 @@ Bus::~Bus() {
 void Bus::start_daemon() {
     daemon = std::make_unique<Program>(std::vector<std::string>{UBUSD, "-s", socket});
     EXPECT_TRUE(pump_until([this] {
-        const int probe = usock(USOCK_UNIX, socket.c_str(), nullptr);
-        if (probe >= 0)
-            ::close(probe);
-        return probe >= 0;
+        // It greets from its loop, which has taken the signals by then.
+        pollfd probe{.fd = usock(USOCK_UNIX, socket.c_str(), nullptr), .events = POLLIN, .revents = 0};
+        const bool greeted = probe.fd >= 0 && poll(&probe, 1, 10000) == 1;
+        if (probe.fd >= 0)
+            ::close(probe.fd);
+        return greeted;
     }));
 }
 

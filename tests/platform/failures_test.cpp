@@ -204,6 +204,23 @@ TEST_F(Failures, SilenceEndsAfterTheTimeOut) {
     }
 }
 
+TEST_F(Failures, BlankAnswersSucceedAndHoldNothing) {
+    for (const char *function : {"qzcap_get_devinfo", "qzcap_list_laninfo", "qzcap_get_led_switch"}) {
+        fail_next(function, "", "blank");
+    }
+    qzcap_devinfo *device = qzcap_get_devinfo();
+    ASSERT_NE(device, nullptr);
+    EXPECT_EQ(device->mac, nullptr);
+    EXPECT_EQ(device->lanports, nullptr);
+    qzcap_free_devinfo(device);
+    unsigned int count = 7;
+    qzcap_laninfo **hosts = nullptr;
+    EXPECT_EQ(qzcap_list_laninfo(&count, &hosts), 0);
+    EXPECT_EQ(count, 0U);
+    qzcap_free_laninfos(count, hosts);
+    EXPECT_STREQ(text_ptr(qzcap_get_led_switch()).get(), "");
+}
+
 TEST_F(Failures, WithoutThePlatformEveryCallFailsAndItsReturnIsNoticed) {
     stop_platform();
     for (const Probe &probe : probes()) {

@@ -342,8 +342,8 @@ TEST(Output, LogRecordsCarryLocalTimeAndTag) {
 }
 
 TEST(Allocation, EndsTheProcessWhenMemoryIsShort) {
-    EXPECT_EXIT(ucalloc(SIZE_MAX / 2, "file.cpp", 7), ::testing::ExitedWithCode(1),
-                "\\[ERROR\\] file.cpp 7 alloc failed: [0-9]+\n");
+    EXPECT_EXIT(ucalloc(SIZE_MAX / 2 + 1, "file.cpp", 7), ::testing::ExitedWithCode(1),
+                "\\[ERROR\\] file.cpp 7 alloc failed: -?[0-9]+\n");
     const handle<void, &::free> memory(ucalloc(64, "file.cpp", 7));
     EXPECT_EQ(std::string(static_cast<char *>(memory.get()), 64), std::string(64, '\0'));
 }
@@ -357,6 +357,8 @@ TEST(Clock, ChinaStandardTimeInEveryZone) {
         EXPECT_STREQ(_get_time(), "19700101080000") << zone;
         wall_clock = [] { return std::time_t{1709222399}; };  // 2024-02-29 15:59:59 UTC
         EXPECT_STREQ(_get_time(), "20240229235959") << zone;
+        wall_clock = [] { return std::time_t{2147483648}; };  // 2038-01-19 03:14:08 UTC
+        EXPECT_STREQ(_get_time(), "20380119111408") << zone;
         const bool utc = std::strcmp(zone, "UTC") == 0;
         ::testing::internal::CaptureStderr();
         EXPECT_EQ(need_offset(1709222399), utc) << zone;

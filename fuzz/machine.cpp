@@ -1,0 +1,267 @@
+#include "machine.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <openssl/bn.h>
+#include <openssl/pem.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <sys/sysinfo.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "common/clock.h"
+#include "common/identity.h"
+
+namespace arvok::fuzz {
+
+machine_state machine;
+
+namespace {
+
+std::string folder;
+
+// The kernel's answer to a route dump: a default route through 192.168.1.1 on the first interface.
+struct route_answer {
+    nlmsghdr header;
+    rtmsg route;
+    rtattr gateway_attr;
+    unsigned char gateway[4];
+    rtattr interface_attr;
+    std::uint32_t interface;
+};
+
+bool is_ours(const char *path) {
+    return std::strncmp(path, "/qzcap/", 7) == 0 || std::strncmp(path, "/tmp/arvok", 10) == 0 ||
+           std::strncmp(path, "/usr/", 5) == 0;
+}
+
+std::string redirected(const char *path) {
+    return is_ours(path) ? folder + (std::strrchr(path, '/') + 1) : path;
+}
+
+// The agent's end of a connection; neither end blocks.
+int connect(int (&ends)[2]) {
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0) {
+        std::perror("socketpair");
+        std::abort();
+    }
+    const int small = 4096;  // a few answers that nobody takes must fill it
+    setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    return ends[0];
+}
+
+int open_connection(const char *port) {
+    int ends[2];
+    const int fd = connect(ends);
+    machine.far_ends.push_back({ends[1], port});
+    return fd;
+}
+
+void remove_files() {
+    DIR *listing = opendir(folder.c_str());
+    if (!listing)
+        return;
+    while (const dirent *entry = readdir(listing))
+        if (entry->d_name[0] != '.')
+            unlink((folder + entry->d_name).c_str());
+    closedir(listing);
+}
+
+void remove_folder() {
+    remove_files();
+    rmdir(folder.c_str());
+}
+
+}  // namespace
+
+void machine_init() {
+    const char *base = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+    folder = std::string(base) + "/arvok-fuzz-XXXXXX";
+    if (!mkdtemp(folder.data())) {
+        std::perror(folder.c_str());
+        std::exit(1);
+    }
+    folder += '/';
+    std::atexit(remove_folder);
+    wall_clock = [] { return machine.now; };
+    setenv("TZ", "UTC", 1);
+    machine_reset();
+}
+
+void machine_reset() {
+    for (const far_end &end : machine.far_ends)
+        close(end.fd);
+    machine.far_ends.clear();
+    if (machine.dirty)
+        remove_files();
+    machine.dirty = false;
+    machine.now = 1795248000;
+    machine.uptime = 86400;
+    machine.exit_to = nullptr;
+    seed = 1;
+    std::srand(seed);
+}
+
+void advance(long seconds) {
+    machine.now += seconds;
+    machine.uptime += seconds;
+}
+
+const std::string &file_folder() {
+    return folder;
+}
+
+void put_file(const std::string &name, std::string_view content) {
+    machine.dirty = true;
+    std::FILE *file = std::fopen((folder + name).c_str(), "we");
+    if (!file)
+        return;
+    std::fwrite(content.data(), 1, content.size(), file);
+    std::fclose(file);
+}
+
+int newest_far_end(std::string_view port) {
+    for (auto end = machine.far_ends.rbegin(); end != machine.far_ends.rend(); ++end)
+        if (end->port == port)
+            return end->fd;
+    return -1;
+}
+
+}  // namespace arvok::fuzz
+
+using namespace arvok::fuzz;
+
+// The calls that the linker redirects.
+extern "C" {
+
+std::FILE *__real_fopen(const char *path, const char *mode);
+[[noreturn]] void __real_exit(int status);
+int __real_access(const char *path, int mode);
+int __real_socket(int domain, int type, int protocol);
+EVP_PKEY *__real_PEM_read_bio_PUBKEY(BIO *text, EVP_PKEY **key, pem_password_cb *ask, void *priv);
+
+std::FILE *__wrap_fopen(const char *path, const char *mode) {
+    static char neighbours[] =
+        "IP address       HW type     Flags       HW address            Mask     Device\n"
+        "192.168.1.1      0x1         0x2         42:d8:2e:f7:bf:78     *        eth0\n";
+    if (std::strcmp(path, "/proc/net/arp") == 0)
+        return fmemopen(neighbours, std::strlen(neighbours), "r");
+    if (mode[0] != 'r')
+        machine.dirty = true;
+    return __real_fopen(redirected(path).c_str(), mode);
+}
+
+int __wrap_access(const char *path, int mode) {
+    return __real_access(redirected(path).c_str(), mode);
+}
+
+std::FILE *__wrap_popen(const char *command, const char *) {
+    static char version[] = "appd version: 2.1.7 (build 41)\n", enabled[] = "1\n";
+    char *output = std::strstr(command, "uci") ? enabled : version;
+    return fmemopen(output, std::strlen(output), "r");
+}
+
+int __wrap_pclose(std::FILE *output) {
+    return std::fclose(output);
+}
+
+void __wrap_exit(int status) {
+    if (machine.exit_to)
+        std::longjmp(*machine.exit_to, 1);
+    __real_exit(status);
+}
+
+int __wrap_sysinfo(struct sysinfo *info) {
+    *info = {};
+    info->uptime = machine.uptime;
+    return 0;
+}
+
+int __wrap_usock(int, const char *host, const char *port) {
+    return host && *host ? open_connection(port) : -1;
+}
+
+int __wrap_accept4(int, sockaddr *, socklen_t *, int) {
+    return open_connection("client");
+}
+
+int __wrap_socket(int domain, int type, int protocol) {
+    if (domain != AF_NETLINK)
+        return __real_socket(domain, type, protocol);
+    int ends[2];
+    const int fd = connect(ends);
+    const route_answer answer{
+        {sizeof(route_answer), RTM_NEWROUTE, NLM_F_MULTI, 1, static_cast<std::uint32_t>(getpid())},
+        {},
+        {RTA_LENGTH(4), RTA_GATEWAY},
+        {192, 168, 1, 1},
+        {RTA_LENGTH(4), RTA_OIF},
+        1};
+    if (send(ends[1], &answer, sizeof answer, MSG_NOSIGNAL) < 0)
+        std::abort();
+    machine.far_ends.push_back({ends[1], "kernel"});
+    return fd;
+}
+
+// The worker's work is done at once; nobody can see the difference but for the order.
+int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *, void *(*run)(void *), void *arg) {
+    *thread = pthread_self();
+    run(arg);
+    return 0;
+}
+
+int __wrap_pthread_detach(pthread_t) {
+    return 0;
+}
+
+// Names with an 'x' do not resolve, those with a 'z' take too long; the others have four addresses, one of
+// them private.
+int __wrap_getaddrinfo(const char *host, const char *, const addrinfo *, addrinfo **found) {
+    if (std::strchr(host, 'x'))
+        return EAI_NONAME;
+    if (std::strchr(host, 'z'))
+        machine.uptime += 15;
+    *found = nullptr;
+    for (const std::uint32_t address : {0x64400002U, 0xc0a80105U, 0x64400003U, 0x64400004U}) {
+        auto *entry = static_cast<addrinfo *>(std::calloc(1, sizeof(addrinfo) + sizeof(sockaddr_in)));
+        auto *socket_address = reinterpret_cast<sockaddr_in *>(entry + 1);
+        socket_address->sin_addr.s_addr = htonl(address);
+        entry->ai_addr = reinterpret_cast<sockaddr *>(socket_address);
+        entry->ai_next = *found;
+        *found = entry;
+    }
+    return 0;
+}
+
+void __wrap_freeaddrinfo(addrinfo *list) {
+    while (list) {
+        addrinfo *next = list->ai_next;
+        std::free(list);
+        list = next;
+    }
+}
+
+// A safe prime takes milliseconds to find, and the same one does for every exchange.
+int __wrap_BN_generate_prime_ex(BIGNUM *prime, int, int, const BIGNUM *, const BIGNUM *, BN_GENCB *) {
+    return BN_hex2bn(&prime, "FD659277EB502BC7630479BF81435EA7") != 0;
+}
+
+// There is one key, and reading it takes longer than everything else that an input does.
+EVP_PKEY *__wrap_PEM_read_bio_PUBKEY(BIO *text, EVP_PKEY **, pem_password_cb *, void *) {
+    static EVP_PKEY *const key = __real_PEM_read_bio_PUBKEY(text, nullptr, nullptr, nullptr);
+    EVP_PKEY_up_ref(key);
+    return key;
+}
+
+int __wrap_BN_priv_rand(BIGNUM *number, int bits, int, int) {
+    return BN_hex2bn(&number, "6D1F95C3B2A70E4B") != 0 && BN_set_bit(number, bits - 1);
+}
+}

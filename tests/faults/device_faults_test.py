@@ -1,0 +1,202 @@
+"""The device around the agent fails: its bus, its platform, its disk, its clock."""
+
+import json
+import os
+import subprocess
+import unittest
+
+from desk import LinkedCase, call, wait_until
+from extended_test import DESK, NIGHT, PHONE, SCHEDULES, SUCCESS, TABLET, ExtendedCase
+from timers import Timers
+
+LAB = os.environ["LAB_DIR"]
+FOLDER = "/qzcap/apps/arvokclt"  # as the agent sees it
+
+
+class OwnDevice(LinkedCase):
+    """A bus and a platform beside the home's, which the test may stop."""
+
+    def setUp(self):
+        super().setUp()
+        self.env = {**os.environ, "UBUS_SOCKET": os.path.join(LAB, "own.sock")}
+        self.state_file = os.path.join(LAB, "state.json")
+        with open(self.state_file, "w") as out:
+            out.write(json.dumps(call("qzcapd.emulator", "state")))
+        self.start_bus()
+        self.start_platform()
+        self.addCleanup(self.stop_device)
+
+    def start_bus(self):
+        self.bus = subprocess.Popen(["ubusd", "-s", self.env["UBUS_SOCKET"]])
+        listed = lambda: subprocess.run(["ubus", "list"], env=self.env, stderr=subprocess.DEVNULL).returncode == 0
+        wait_until(listed, "the bus")
+
+    def start_platform(self):
+        self.platform = subprocess.Popen(["qzcapd", "--state", self.state_file], env=self.env,
+                                         stderr=subprocess.DEVNULL)
+        subprocess.run(["ubus", "-t", "10", "wait_for", "qzcapd.emulator"], env=self.env, check=True)
+
+    def stop_device(self):
+        for process in (self.platform, self.bus):
+            process.kill()
+            process.wait()
+
+    def own(self, obj, method, args):
+        subprocess.run(["ubus", "call", obj, method, json.dumps(args)], env=self.env, check=True,
+                       stdout=subprocess.DEVNULL)
+
+    def notified(self, status):
+        """Whether a notification of the platform reaches the gateway. A request follows it through the agent."""
+        self.own("qzcapd.emulator", "notify", {"object": 6, "method": "x", "message": {"status": status}})
+        self.own("qzcapd.emulator", "state", {})
+        self.own("qzapp.arvokclt", "postmsg", {"CmdType": "GET_STATUS"})
+        self.control()
+        self.control()
+        return any(message["status"].get("status") == status for message in self.received("wan_report"))
+
+    def linked(self):
+        self.forget()
+        self.agent = self.start("-g", os.environ["GATEWAY_ADDR"], env=self.env)
+        self.wait_for_message("dev_report")
+
+    def test_platform_that_restarts(self):
+        self.linked()
+        self.assertTrue(self.notified("before"))
+        connections = self.peer()["connections"]
+        self.platform.kill()
+        self.platform.wait()
+        # What needs the platform says so, what does not is answered as ever.
+        self.assertEqual(self.status("terminalNum", "arvokstat"),
+                         (10004, {"terminalNum": {"errmsg": "qzcap_get_terminalnum failed"},
+                                  "arvokstat": {"connectedGateway": "yes"}}))
+        self.assertEqual(self.control({"command": "channelscan"}),
+                         (10004, "qzcap_wifi_channelscan failed: qzcapd.wifi channelscan: Not found"))
+        self.assertEqual(self.cfg(wpsswitch={"status": "ON"}), (10004, "qzcap_get_wifi_switch failed"))
+        reply = self.request({"type": "ubus_call", "object": "qzcapd.system", "method": "get_led"})
+        self.assertEqual((reply["errcode"], reply["errmsg"]), (10004, "qzcap_get_objid_by_name failed: qzcapd.system"))
+        self.start_platform()
+        self.assertEqual(self.status("terminalNum")[0], 0)
+        self.assertEqual(self.control({"command": "channelscan"}), (0, ""))
+        self.assertEqual(self.cfg(wpsswitch={"status": "ON"}), (0, ""))
+        self.assertEqual(self.peer()["connections"], connections)
+        # It is called as before, but whoever subscribed to it has to do so again, and the agent does when it starts.
+        self.assertFalse(self.notified("behind"))
+        self.assertEqual(self.agent.stop(), 0)
+        wait_until(lambda: not self.peer()["connected"], "the connection closed")
+        self.linked()
+        self.assertTrue(self.notified("afterwards"))
+
+    def test_bus_that_goes(self):
+        """The agent ends in an orderly way, and the one that its supervisor starts takes up the work."""
+        self.linked()
+        self.bus.kill()
+        self.bus.wait()
+        self.assertEqual(self.agent.process.wait(20), 0)
+        self.agents.remove(self.agent)
+        self.platform.wait()
+        wait_until(lambda: not self.peer()["connected"], "the connection closed")
+        self.start_bus()
+        self.start_platform()
+        self.linked()
+        self.assertTrue(self.notified("again"))
+        self.assertEqual(self.status("cputemp"), (0, {"cputemp": 52}))
+
+
+class Disk(ExtendedCase):
+    """The rule files on a disk that is full."""
+
+    def setUp(self):
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=16k", "none", FOLDER], check=True)
+        self.addCleanup(subprocess.run, ["umount", "-l", FOLDER], check=True)
+        super().setUp()
+
+    @staticmethod
+    def file(name, content=None):
+        """The content of a rule file, on the disk that the agent has."""
+        with open(os.path.join(FOLDER, name)) as file:
+            return file.read()
+
+    def fill(self):
+        with open(os.path.join(FOLDER, "filler"), "wb", buffering=0) as filler:
+            try:
+                while True:
+                    filler.write(bytes(4096))
+            except OSError:
+                pass
+
+    def test_full(self):
+        set_rules = lambda mac, count: self.ask("SET_LANHOST_TIMER", MAC=mac, Info=[NIGHT] * count)
+        line = lambda mac: mac + "|0|22:00|6:00|1|c1|g1\n"
+        whole = 4096 // len(line(DESK))
+        set_rules(PHONE, 2)
+        set_rules(DESK, whole - 2)
+        before = self.file(SCHEDULES)
+        self.assertEqual(before, line(PHONE) * 2 + line(DESK) * (whole - 2))
+        self.fill()
+        # What is cut off by the end of the disk is lost at the next start; what was there stays.
+        self.assertEqual(set_rules(TABLET, 3), SUCCESS)
+        self.assertTrue(self.file(SCHEDULES).startswith(before))
+        self.assertLessEqual(len(self.file(SCHEDULES)), 4096)
+        # A host's rules can be taken away in memory only, because the others need a place to be copied to.
+        self.assertEqual(set_rules(PHONE, 0), SUCCESS)
+        self.assertTrue(self.file(SCHEDULES).startswith(before))
+        self.assertNotIn(PHONE, [rule["mac"] for rule in self.dump()["TimeRules"]])
+        os.unlink(os.path.join(FOLDER, "filler"))
+        self.assertEqual(set_rules(PHONE, 0), SUCCESS)
+        self.assertEqual(set_rules(TABLET, 1), SUCCESS)
+        self.assertNotIn(PHONE, self.file(SCHEDULES))
+        self.assertEqual(self.file(SCHEDULES).count(line(DESK)), whole - 2)
+        self.assertTrue(self.file(SCHEDULES).endswith("\n" + line(TABLET)))
+        self.restart()
+        self.assertEqual({rule["mac"] for rule in self.dump()["TimeRules"]}, {DESK, TABLET})
+
+
+class Clock(ExtendedCase):
+    """Somebody sets the clock while timers are armed: they fire when they would have, and look at the clock then."""
+
+    def link(self, patch=None, *args):
+        self.timers = Timers()
+        self.agent = self.start("-g", os.environ["GATEWAY_ADDR"], env={**os.environ, **self.timers.environment})
+        self.wait_for_message("dev_report")
+
+    def next_check(self):
+        return int(self.dump()["LANHostNextCheck"].split("s")[0])
+
+    def test_schedules(self):
+        self.clock("2026-11-18 21:00:00")  # a Wednesday
+        self.ask("SET_LANHOST_TIMER", MAC=DESK, Info=[NIGHT])
+        self.ask("SET_LANHOST_TIMER", MAC=PHONE, Info=[{**NIGHT, "Mode": "4"}])
+        wait_until(lambda: 3500 < self.next_check() <= 3600, self.dump)
+        for jump, passes, time, access in (
+                ("2026-11-19 21:00:00", 3600, "2026-11-19 22:00:01", (1, 1)),  # a day ahead: on time, on Thursday
+                ("2026-11-18 23:00:00", 28800, "2026-11-19 06:00:01", (2, 2)),  # a day back, before the end
+                ("2026-11-18 07:00:00", 57600, "2026-11-18 23:00:00", (1, 2)),  # a day back: Wednesday's night again
+                ("2026-11-20 05:30:00", 25200, "2026-11-20 12:30:00", (2, 2))):  # late, by what the timer had left
+            with self.subTest(jump=jump):
+                self.clock(jump)
+                left = self.next_check()
+                self.clock(time)
+                self.agent.seen = len(self.agent.lines())
+                self.timers.ahead(left + 1)
+                self.agent.expect("extcc next check is")
+                self.wait_for_host(DESK, internetaccess=access[0])
+                self.wait_for_host(PHONE, internetaccess=access[1])
+
+    def test_guest_network(self):
+        enabled = lambda: self.state()["wifi_ap"]["2.4G"]["5"]["enable"]
+        self.ask("SET_GUEST_WIFI", Info=[{"SSID": "Visitors", "PWD": "come-in!", "ENCRYPT": "5", "Enable": "1",
+                                          "SSIDHide": "0"}])
+        self.ask("SET_GUEST_WIFI_CLOSE_TIMER", Info=[{"LastTime": "60", "Enable": "1"}])
+        wait_until(lambda: "GuestNextCheck" in self.dump(), self.dump)
+        # A day back the time has not begun: closed until it does. A day ahead it is over, for good.
+        for time, seconds, value in (("2026-11-18 00:00:00", 3601, "no"), ("2026-11-18 23:00:05", 86401, "yes"),
+                                     ("2026-11-19 23:00:00", 3601, "no")):
+            with self.subTest(time=time):
+                self.clock(time)
+                self.timers.ahead(seconds)
+                wait_until(lambda: enabled() == value, self.dump)
+        self.assertNotIn("GuestNextCheck", self.dump())
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)

@@ -1,0 +1,125 @@
+"""The package for the device: what it holds, how its service is started, and that the agent runs from it.
+
+The package's own Makefile does the work, in a build tree of which there is only what it uses.
+"""
+
+import glob
+import os
+import re
+import subprocess
+import sys
+import tempfile
+import unittest
+
+HERE = os.path.dirname(os.path.realpath(__file__))
+REPO = os.path.dirname(os.path.dirname(HERE))
+BUILD = os.path.dirname(os.environ["ARVOK_BIN"])
+RULES = "/qzcap/apps/arvokclt/"
+
+sys.path.insert(0, os.path.join(REPO, "tests/agent"))
+from desk import LinkedCase, call, wait_until  # noqa: E402 pylint: disable=wrong-import-position
+
+SETTINGS = "config arvokclt 'main'\n"
+RUN = "[/usr/bin/arvokclt]"
+
+
+class Packaging(LinkedCase):
+    @classmethod
+    def setUpClass(cls):
+        folder = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(folder.cleanup)
+        cls.work = folder.name
+        cls.make("stage", "CMAKE_BINARY_DIR=" + BUILD)
+        cls.stage = os.path.join(cls.work, "stage")
+
+    @classmethod
+    def make(cls, *arguments):
+        inherited = ("MAKEFLAGS", "MAKELEVEL", "MFLAGS")
+        environment = {key: value for key, value in os.environ.items() if key not in inherited}
+        done = subprocess.run(["make", "--no-print-directory", "-C", os.path.join(REPO, "packaging/openwrt"),
+                               "TOPDIR=" + os.path.join(HERE, "buildroot"), "WORK=" + cls.work, *arguments],
+                              env=environment, umask=0o022, capture_output=True, text=True)
+        assert done.returncode == 0, done.stdout + done.stderr
+        return done.stdout
+
+    def service(self, configs):
+        """The parameters of the service under these settings, by their names."""
+        done = subprocess.run(["sh", os.path.join(HERE, "service.sh"), os.path.join(self.stage, "etc/init.d/arvokclt"),
+                               configs], capture_output=True, text=True)
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        return dict(line.split(" ", 1) for line in done.stdout.splitlines())
+
+    def test_files_and_modes(self):
+        found = {path[len(self.stage):]: oct(os.stat(path).st_mode & 0o7777)
+                 for path in glob.glob(self.stage + "/**", recursive=True) if not path.endswith("/")}
+        folders = ("/etc", "/etc/config", "/etc/init.d", "/qzcap", "/qzcap/apps", RULES[:-1], "/usr", "/usr/bin")
+        self.assertEqual(found, {**{folder: "0o755" for folder in folders}, "/usr/bin/arvokclt": "0o755",
+                                 "/etc/init.d/arvokclt": "0o755", "/etc/config/arvokclt": "0o644"})
+        with open(os.path.join(self.stage, "etc/init.d/arvokclt")) as script:
+            self.assertEqual(script.readline(), "#!/bin/sh /etc/rc.common\n")
+        with open(os.path.join(self.stage, "usr/bin/arvokclt"), "rb") as program:
+            self.assertNotIn(os.path.join(BUILD, "lib").encode() + b"\0", program.read(), "a path to libraries")
+
+    def test_every_setting_becomes_its_option(self):
+        always = {"respawn": "[3600][5][0]", "stdout": "[1]", "stderr": "[1]", "reload": "[arvokclt]"}
+        for settings, command in (
+            ("", RUN),
+            ("option enabled 1\noption debug 0", RUN),
+            ("option enabled off", None),
+            ("option enabled nonsense\noption debug on", RUN + "[-d]"),
+            ("option gateway 192.168.1.254", RUN + "[-g][192.168.1.254]"),
+            ("option bss_server bss.operator.example:8088", RUN + "[-b][bss.operator.example:8088]"),
+            ("option local_port 18000", RUN + "[-p][18000]"),
+            ("option gateway ''\noption local_port 'one two'", RUN + "[-p][one two]"),
+            ("option local_port 18000\noption gateway 10.0.0.1\noption bss_server 10.0.0.2:80\noption debug 1",
+             RUN + "[-d][-g][10.0.0.1][-b][10.0.0.2:80][-p][18000]"),
+        ):
+            with self.subTest(settings=settings), tempfile.TemporaryDirectory() as configs:
+                with open(os.path.join(configs, "arvokclt"), "w") as file:
+                    file.write(SETTINGS + settings + "\n")
+                expected = {**always, "command": command} if command else {"reload": "[arvokclt]"}
+                self.assertEqual(self.service(configs), expected)
+
+    def test_tree_that_the_package_builds(self):
+        libraries = {"LIBUBOX_LIBRARY": "ubox", "LIBUBUS_LIBRARY": "ubus", "LIBBLOBMSG_JSON_LIBRARY": "blobmsg_json",
+                     "LIBCAPI_LIBRARY": "capi"}
+        options = ["-D%s=%s/lib/lib%s.so" % (key, BUILD, name) for key, name in libraries.items()]
+        options += ["-DLIB%s_INCLUDE=%s/device/lib%s/include" % (name.upper(), REPO, name) for name in ("ubox", "ubus")]
+        key = 'CONFIG_ARVOKCLT_PLATFORM_KEY="%s/lab/keys/platform_public.pem"' % REPO
+        host = 'CONFIG_ARVOKCLT_BSS_HOST="bss.operator.example"'
+        for missing in (key, host):
+            with self.assertRaisesRegex(AssertionError, missing.split("=")[0] + " is not set"):
+                self.make("configure", *{key, host} - {missing})
+        self.make("configure", key, host, "EXTRA_OPTIONS=" + " ".join(options))
+        with open(os.path.join(self.work, "source/build/src/include/provisioning.h")) as header:
+            self.assertIn('"bss.operator.example"', header.read())
+
+    def test_agent_runs_from_the_package_and_keeps_only_conffiles(self):
+        command = re.findall(r"\[(.*?)\]", self.service(os.path.join(self.stage, "etc/config"))["command"])
+        program = ("lab-ap", "env", "LD_LIBRARY_PATH=" + os.path.join(BUILD, "lib"), self.stage + command[0])
+        version = subprocess.run([*program[1:], "-v"], stdout=subprocess.PIPE, text=True, check=True).stdout
+        self.assertEqual(version.split()[:2], ["arvokclt", self.make("version").strip()])
+
+        self.start(*command[1:], program=program)
+        self.wait_for_message("dev_report")  # which is sent once the registration is acknowledged
+        self.assertEqual(self.peer()["mac"], "025A10000001")
+
+        for message in (
+            {"CmdType": "SET_LANHOST_TIMER", "MAC": "02C0FFEE0001",
+             "Info": [{"ContinueID": "c1", "GroupID": "g1", "Mode": "0", "StartTime": "22:00", "EndTime": "6:00",
+                       "Enable": "1"}]},
+            {"CmdType": "SET_LANHOST_INTERNET", "Info": [{"MAC": "02C0FFEE0002", "InternetAccess": "0"}]},
+            {"CmdType": "SET_GUEST_WIFI", "Info": [{"SSID": "Visitors", "PWD": "come-in!", "ENCRYPT": "5",
+                                                    "Enable": "1", "SSIDHide": "0"}]},
+            {"CmdType": "SET_GUEST_WIFI_CLOSE_TIMER", "Info": [{"LastTime": "60", "Enable": "1"}]},
+        ):
+            self.assertEqual(call("qzapp.arvokclt", "postmsg", message).get("Status"), "0", message)
+        conffiles = self.make("conffiles").split()
+        kept = sorted(path[len(RULES):] for path in conffiles if path.startswith(RULES))
+        wait_until(lambda: sorted(os.listdir(os.environ["LAB_DIR"] + RULES)) == kept,
+                   lambda: "the rule files %s: %s" % (kept, os.listdir(os.environ["LAB_DIR"] + RULES)))
+        self.assertEqual([path for path in conffiles if not path.startswith(RULES)], ["/etc/config/arvokclt"])
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
