@@ -48,10 +48,17 @@ __attribute__((constructor)) static void open_shared(void) {
     shared->taken = at_start;
 }
 
+// Where times have 64 bits by choice, the C library has the call under another name.
+#ifdef __USE_TIME_BITS64
+#define CLOCK_GETTIME "__clock_gettime64"
+#else
+#define CLOCK_GETTIME "clock_gettime"
+#endif
+
 int clock_gettime(clockid_t clock, struct timespec *time) {
     static int (*next)(clockid_t, struct timespec *);
     if (!next)
-        *(void **)&next = next_of("clock_gettime");
+        *(void **)&next = next_of(CLOCK_GETTIME);
     const int result = next(clock, time);
     if (result == 0 && clock == CLOCK_MONOTONIC && ahead > 0) {
         time->tv_sec += (time_t)(ahead / 1000);

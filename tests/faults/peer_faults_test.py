@@ -4,8 +4,9 @@ test's hand, so that nothing is waited for."""
 import os
 import unittest
 
-from desk import call, wait_until
 from cloud_test import CloudCase
+from desk import call, wait_until
+from sweep_rows import order
 from timers import Timers
 
 GATEWAY = os.environ["GATEWAY_ADDR"]
@@ -85,6 +86,17 @@ class PeersThatGo(CloudCase):
         self.pass_until(lambda: self.cloud()["state"] == "connected" and self.cloud().get("heartbeats", 0) > 0,
                         self.cloud, 600)
         self.assertEqual(len(os.listdir("/proc/%d/fd" % self.agent.process.pid)), descriptors)
+
+    def test_installation_without_an_end(self):
+        """The platform library gives up after ten minutes; the connections have been served meanwhile."""
+        self.run_agent()
+        self.wait_for_heartbeat()
+        wait_until(self.registered, "registered")
+        connections = [self.peer()["connections"], self.cloud()["connections"]]
+        call("qzcapd.emulator", "fail", {"call": "qzcap_install_app", "completion": True, "mode": "timeout"})
+        self.assertEqual(self.request(RPCMethod="Install", ID="1", **order("nothing.ipk", "0"))["Result"], 0)
+        self.pass_until(self.said("[WARNING] plugin_install_cb: req or msg is null\n", 1), "the end of it", 4)
+        self.assertEqual([self.peer()["connections"], self.cloud()["connections"]], connections)
 
 
 if __name__ == "__main__":
