@@ -1,7 +1,7 @@
 #!/bin/sh
 # setup.sh [PACKAGE...]: installs the Debian packages that building, running and testing need, and those named, as far as
 # they are missing; nothing else.
-# With everything present it asks nothing and touches no network. Arguments are further packages.
+# With everything present it asks nothing and touches no network.
 set -eu
 
 packages="g++ cmake make git $(cat "$(dirname "$0")/libraries")

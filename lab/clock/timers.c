@@ -10,6 +10,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <stdlib.h>
 #include <sys/epoll.h>
 #include <sys/mman.h>
@@ -81,6 +82,15 @@ int sysinfo(struct sysinfo *info) {
     return result;
 }
 
+static void look(void) {
+    shared->armed = armed ? armed() : -1;
+#if __GLIBC_PREREQ(2, 33)
+    shared->heap = (int64_t)mallinfo2().uordblks;
+#else
+    shared->heap = -1;
+#endif
+}
+
 static int has_moved(void) {
     const int64_t moved = shared->ahead;
     if (moved - at_start == ahead)
@@ -102,9 +112,10 @@ int epoll_wait(int fd, struct epoll_event *events, int room, int timeout) {
     do {
         if (has_moved())
             return 0;
-        shared->armed = armed ? armed() : -1;
         shared->waits++;
         found = next(fd, events, room, SLICE_MS);
+        if (found == 0)
+            look();
     } while (found == 0 && (timeout < 0 || now_ms() < end));
     return found;
 }

@@ -5,14 +5,18 @@
 
 #include <stdint.h>
 
-/// All zero in a new file. Each member has one writer.
+/// All zero in a new file. Times are in milliseconds.
 struct lab_timers {
-    volatile int64_t
-        ahead;  ///< written outside: how many milliseconds to be ahead of the machine's clock; only grows
-    volatile int64_t
-        taken;  ///< how far ahead the agent is; it takes a new value when its loop waits, never in between
-    volatile int64_t waits;  ///< counts the loop's waits, a long one several times
-    volatile int64_t armed;  ///< timers that were armed when the loop last began to wait; -1: not known
+    /// Written outside: how far to be ahead of the machine's clock. It only grows.
+    volatile int64_t ahead;
+    /// Written by the agent, like all that follows: how far ahead it is. It takes a new value when its loop
+    /// waits, never in between.
+    volatile int64_t taken;
+    /// The loop's waits, a long one counted several times.
+    volatile int64_t waits;
+    /// When the loop last found nothing to do: the timers that were armed, and the bytes of the heap that
+    /// were in use. -1: not known.
+    volatile int64_t armed, heap;
 };
 
 #endif
