@@ -2,7 +2,6 @@
 
 import os
 import re
-import shutil
 import subprocess
 import unittest
 
@@ -20,8 +19,8 @@ CANNOT_FAIL = {"qzcap_data_cb", "qzcap_data_blob_cb", "qzcap_parse_result_and_fa
 
 class Coverage(unittest.TestCase):
     def test_every_call_of_the_agent_has_its_row(self):
-        symbols = subprocess.check_output(["nm", "-u", shutil.which("arvokclt")], text=True)
-        calls = {name for name in re.findall(r"\b(qzcap_\w+)", symbols) if not name.startswith("qzcap_free")}
+        symbols = subprocess.check_output(["readelf", "--dyn-syms", "-W", os.environ["AGENT_PROGRAM"]], text=True)
+        calls = {name for name in re.findall(r"\bUND (qzcap_\w+)", symbols) if not name.startswith("qzcap_free")}
         self.assertGreater(len(calls), 50)
         swept = {row.call for row in sweep_rows.ALL_ROWS} | set(Start.CALLS) | set(Library.CALLS)
         self.assertEqual(calls - swept, CANNOT_FAIL, "calls without a row")
@@ -159,7 +158,7 @@ class Library(SweepCase):
                 self.fail_next(function)
                 if function == "qzcap_ubus_start":
                     agent = self.launch()
-                    self.assertEqual((agent.process.wait(20), agent.text()), (255, ""))
+                    self.assertEqual(agent.process.wait(20), 255)
                     self.agents.remove(agent)
                     continue
                 self.enrolled()
