@@ -85,7 +85,7 @@ fuzz:
 		CMAKE_ARGS='-DARVOK_SANITIZE=fuzzer -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++'
 	@fuzz/run $(abspath $(FUZZED)) $(or $(SECONDS),60) $(TARGET)
 
-# Years of work in about twenty minutes, and what of the agent has grown: REQUESTS, NOTIFICATIONS and RECONNECTIONS say
+# Years of work in twenty to thirty minutes, and what of the agent has grown: REQUESTS, NOTIFICATIONS and RECONNECTIONS say
 # how many.
 REQUESTS      ?= 1000000
 NOTIFICATIONS ?= 100000
