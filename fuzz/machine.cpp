@@ -124,7 +124,7 @@ void put_file(const std::string &name, std::string_view content) {
     std::FILE *file = std::fopen((folder + name).c_str(), "we");
     if (!file)
         return;
-    std::fwrite(content.data(), 1, content.size(), file);
+    std::fwrite(std::string(content).c_str(), 1, content.size(), file);
     std::fclose(file);
 }
 
