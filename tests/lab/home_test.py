@@ -152,7 +152,7 @@ class HomeTest(unittest.TestCase):
         return process, os.path.join(self.labs, name)
 
     def gone(self, namespace):
-        deadline = time.monotonic() + 10
+        deadline = time.monotonic() + 30
         while in_namespace(namespace) and time.monotonic() < deadline:
             time.sleep(0.02)
         return not in_namespace(namespace)
