@@ -299,10 +299,10 @@ def install_and_run(t):
     package = subprocess.check_output([MKAPP, "radio", "2.0"], text=True).strip()
     call("lab.cloud", "messages", {"clear": True})
     t.ask_cloud("Install", **order(package, "1"))
-    # That of the row before, which failed, may still be on its way.
-    told = lambda: [entry["message"].get("Result") for entry in call("lab.cloud", "messages")["messages"]
-                    if entry["message"].get("RPCMethod") == "InstallNotification"]
-    wait_until(lambda: 0 in told(), told)
+    # Of an earlier order there may still be one that tells of a failure.
+    heard = lambda: [(entry["message"].get("RPCMethod"), entry["message"].get("Result"))
+                     for entry in call("lab.cloud", "messages")["messages"]]
+    wait_until(lambda: ("InstallNotification", 0) in heard(), heard)
     return t.ask_cloud("ListPlugin")["Plugin"][-1]["Run"]
 
 
