@@ -1,0 +1,70 @@
+#pragma once
+/// Messages of the bus: tables that are built field by field, and their rendering as JSON.
+
+extern "C" {
+#include <libubox/blobmsg.h>
+}
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace arvok {
+
+/// The table as compact JSON text; nothing for null and for what cannot be rendered.
+std::optional<std::string> json_of(blob_attr *message);
+
+class bus_message {
+  public:
+    bus_message();
+    ~bus_message();
+    bus_message(const bus_message &) = delete;
+    bus_message &operator=(const bus_message &) = delete;
+
+    void text(const char *name, std::string_view characters);
+    /// A text of a platform record: null is "".
+    void text(const char *name, char *characters);
+    void number(const char *name, std::int32_t n);
+
+    /// Adds the members of a JSON object. False when the bus cannot take them.
+    bool add_json(const std::string &object);
+
+    /// The message so far, borrowed.
+    blob_attr *get() const { return buffer_.head; }
+
+    class nest;
+    class table;
+    class array;
+
+  private:
+    blob_buf buffer_{};
+};
+
+/// A table or an array inside a message: what is added while it lives goes into it. Nested ones end in the
+/// reverse order; a member of an array has no name.
+class bus_message::nest {
+  public:
+    ~nest();
+    nest(const nest &) = delete;
+    nest &operator=(const nest &) = delete;
+
+  protected:
+    nest(bus_message &message, const char *name, bool array);
+
+  private:
+    blob_buf &buffer_;
+    void *cookie_;
+};
+
+class bus_message::table : nest {
+  public:
+    explicit table(bus_message &message, const char *name = nullptr) : nest(message, name, false) {}
+};
+
+class bus_message::array : nest {
+  public:
+    array(bus_message &message, const char *name) : nest(message, name, true) {}
+};
+
+}  // namespace arvok

@@ -1,0 +1,72 @@
+#pragma once
+/// Base64, AES-128 and RSA encryption. Failures are logged and reported as each function says; nothing is
+/// retried.
+
+#include <openssl/evp.h>
+
+#include <array>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "base/handle.h"
+
+namespace arvok {
+
+std::string base64_encode(std::string_view bytes);
+
+/// The bytes that a base64 text stands for. White space is skipped, padding must be right. Nothing when it is
+/// no base64.
+std::optional<std::string> base64_decode(std::string_view text);
+
+constexpr std::size_t aes_key_size = 16;
+using aes_key = std::array<unsigned char, aes_key_size>;
+
+/// The key that is the first aes_key_size bytes of a text; what is missing is zero.
+aes_key aes_key_of(std::string_view bytes);
+
+enum class aes_mode {
+    cbc,  ///< zero initialisation vector; filled up with zero bytes to whole blocks, which decryption leaves
+          ///< in place
+    ecb,  ///< PKCS#7 padding
+};
+
+/// AES-128 with one key, which is set up once for any number of messages.
+class aes {
+  public:
+    aes(aes_mode mode, const aes_key &key);
+
+    /// Nothing after a failure.
+    std::optional<std::string> encrypt(std::string_view plain);
+    /// Nothing when what was encrypted is not whole.
+    std::optional<std::string> decrypt(std::string_view cipher);
+
+  private:
+    using context = handle<EVP_CIPHER_CTX, &EVP_CIPHER_CTX_free>;
+
+    context make(const aes_key &key, bool encrypt) const;
+    std::optional<std::string> run(EVP_CIPHER_CTX *keyed, std::string_view in, const char *word);
+
+    aes_mode mode_;
+    context encryption_, decryption_;
+};
+
+/// A public RSA key, read from its PEM text (SubjectPublicKeyInfo) when it is first used.
+class rsa_public_key {
+  public:
+    explicit rsa_public_key(std::string pem) : pem_(std::move(pem)) {}
+
+    /// Fills the text up to whole blocks of the modulus length k with bytes of value k - size mod k (a whole
+    /// block when nothing is missing) and encrypts each block without padding; a block that is not below the
+    /// modulus becomes zero bytes. Empty, after one log line, when the PEM text holds no RSA key.
+    std::string encrypt(std::string_view plain);
+
+  private:
+    bool read();
+
+    std::string pem_;
+    handle<EVP_PKEY, &EVP_PKEY_free> key_;
+};
+
+}  // namespace arvok

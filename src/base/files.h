@@ -1,0 +1,26 @@
+#pragma once
+/// Small whole files, package control files, and the output of commands.
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace arvok {
+
+bool file_exists(const std::string &path);
+
+/// At most `size` bytes from the beginning of the file; nothing when it cannot be opened.
+std::optional<std::string> read_file(const std::string &path, std::size_t size);
+
+/// Replaces the file's content. False when it cannot be opened or takes less.
+bool write_file(const std::string &path, std::string_view content);
+
+/// The value of the first line named `key` of an opkg control file ("Name: value" lines, '#' comments); empty
+/// when the file or the line is missing.
+std::string control_value(const std::string &path, std::string_view key);
+
+/// At most `size` bytes of what a shell command prints; nothing when it cannot be started.
+std::optional<std::string> command_output(const char *command, std::size_t size);
+
+}  // namespace arvok

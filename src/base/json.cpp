@@ -1,0 +1,179 @@
+#include "base/json.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+
+#include "base/text.h"
+
+namespace arvok::json {
+namespace {
+
+constexpr double exact_max = 9007199254740992;  // 2^53
+
+void append_quoted(std::string &out, std::string_view characters) {
+    out += '"';
+    std::size_t plain = 0;  // from here on nothing had to be escaped yet
+    for (std::size_t at = 0; at < characters.size(); at++) {
+        const char c = characters[at];
+        if (static_cast<unsigned char>(c) >= ' ' && c != '"' && c != '\\')
+            continue;
+        out.append(characters, plain, at - plain);
+        plain = at + 1;
+        switch (c) {
+            case '"':
+                out += "\\\"";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            case '\b':
+                out += "\\b";
+                break;
+            case '\f':
+                out += "\\f";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            case '\r':
+                out += "\\r";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
+            default:
+                out += format("\\u%04x", static_cast<unsigned>(c));
+        }
+    }
+    out.append(characters, plain);
+    out += '"';
+}
+
+std::string print_node(const cJSON *node) {
+    const malloc_text text(node ? cJSON_PrintUnformatted(node) : nullptr);
+    return std::string(view_of(text.get()));
+}
+
+// Whole numbers are written here: the JSON library writes those beyond int with 15 digits when that comes
+// close, and all of them by way of printing, reading back and comparing a floating-point number.
+void append_number(std::string &out, double n) {
+    if (std::fabs(n) > exact_max || std::trunc(n) != n) {
+        const handle<cJSON, &cJSON_Delete> node(cJSON_CreateNumber(n));
+        out += print_node(node.get());
+        return;
+    }
+    char digits[24];
+    const auto end = std::to_chars(digits, digits + sizeof digits, static_cast<std::int64_t>(n)).ptr;
+    out.append(digits, end);
+}
+
+}  // namespace
+
+view view::operator[](const char *name) const {
+    return view(cJSON_GetObjectItemCaseSensitive(node_, name));
+}
+
+std::optional<std::string_view> view::text() const {
+    if (!is_text())
+        return std::nullopt;
+    return std::string_view(node_->valuestring);
+}
+
+std::optional<double> view::number() const {
+    if (!is_number())
+        return std::nullopt;
+    return node_->valuedouble;
+}
+
+std::optional<int> view::integer() const {
+    if (!is_number())
+        return std::nullopt;
+    return node_->valueint;
+}
+
+std::string view::print() const {
+    return print_node(node_);
+}
+
+document parse(const char *text) {
+    document parsed;
+    parsed.root_.reset(cJSON_Parse(text));
+    return parsed;
+}
+
+value text(std::string_view characters) {
+    std::string quoted;
+    append_quoted(quoted, characters);
+    return value(std::move(quoted));
+}
+
+value number(double n) {
+    std::string digits;
+    append_number(digits, n);
+    return value(std::move(digits));
+}
+
+value copy(view of) {
+    return value(of.print());
+}
+
+object::object(view begun) : text_(begun.is_object() ? begun.print() : "{}") {
+    text_.pop_back();
+}
+
+void object::begin_member(std::string_view name) {
+    if (text_.size() > 1)
+        text_ += ',';
+    append_quoted(text_, name);
+    text_ += ':';
+}
+
+object &object::text(const char *name, std::string_view characters) {
+    begin_member(name);
+    append_quoted(text_, characters);
+    return *this;
+}
+
+object &object::text(const char *name, char *characters) {
+    return text(name, view_of(characters));
+}
+
+object &object::number(const char *name, double n) {
+    begin_member(name);
+    append_number(text_, n);
+    return *this;
+}
+
+object &object::add(const char *name, const value &v) {
+    return add(std::string_view(name), v);
+}
+
+object &object::add(std::string_view name, const value &v) {
+    if (v) {
+        begin_member(name);
+        text_ += v.text();
+    }
+    return *this;
+}
+
+value object::take() {
+    text_ += '}';
+    return value(std::move(text_));
+}
+
+array &array::add(const value &v) {
+    if (v) {
+        if (text_.size() > 1)
+            text_ += ',';
+        text_ += v.text();
+    }
+    return *this;
+}
+
+value array::take() {
+    text_ += ']';
+    return value(std::move(text_));
+}
+
+}  // namespace arvok::json

@@ -1,0 +1,24 @@
+#include "base/loop.h"
+
+namespace arvok {
+
+timer::timer(callback<void()> fire) : fire_(fire), timeout_(*this) {
+    timeout_.cb = [](uloop_timeout *timeout) { owner_of<timer>(timeout).fire_(); };
+}
+
+readable_watch::readable_watch(callback<void()> readable) : readable_(readable), watch_(*this) {
+    watch_.fd = -1;
+    watch_.cb = [](uloop_fd *watch, unsigned int) { owner_of<readable_watch>(watch).readable_(); };
+}
+
+void readable_watch::start(int fd) {
+    watch_.fd = fd;
+    uloop_fd_add(&watch_, ULOOP_READ);
+}
+
+void readable_watch::stop() {
+    if (watch_.registered)
+        uloop_fd_delete(&watch_);
+}
+
+}  // namespace arvok

@@ -1,0 +1,48 @@
+#pragma once
+/// Timers and descriptors on the loop, as members of what they belong to: they undo themselves at its end.
+
+extern "C" {
+#include <libubox/uloop.h>
+}
+
+#include "base/callback.h"
+
+namespace arvok {
+
+/// A timer that fires once each time it is armed.
+class timer {
+  public:
+    explicit timer(callback<void()> fire);
+    ~timer() { cancel(); }
+    timer(const timer &) = delete;
+    timer &operator=(const timer &) = delete;
+
+    /// Fires in `ms` milliseconds, and not when it was armed for before.
+    void arm(int ms) { uloop_timeout_set(&timeout_, ms); }
+    void cancel() { uloop_timeout_cancel(&timeout_); }
+    bool is_armed() const { return timeout_.pending; }
+    /// Milliseconds until it fires; negative when it is overdue, -1 when it is not armed.
+    int remaining() { return static_cast<int>(uloop_timeout_remaining(&timeout_)); }
+
+  private:
+    callback<void()> fire_;
+    owned<uloop_timeout, timer> timeout_;
+};
+
+/// Tells when a descriptor that belongs to somebody else is readable.
+class readable_watch {
+  public:
+    explicit readable_watch(callback<void()> readable);
+    ~readable_watch() { stop(); }
+    readable_watch(const readable_watch &) = delete;
+    readable_watch &operator=(const readable_watch &) = delete;
+
+    void start(int fd);
+    void stop();
+
+  private:
+    callback<void()> readable_;
+    owned<uloop_fd, readable_watch> watch_;
+};
+
+}  // namespace arvok

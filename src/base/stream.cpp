@@ -1,0 +1,142 @@
+#include "base/stream.h"
+
+#include <unistd.h>
+
+#include <utility>
+
+extern "C" {
+#include <libubox/list.h>
+}
+
+namespace arvok {
+namespace {
+
+constexpr std::size_t turn_max = body_max / 2;  // bytes taken before everybody else has a turn
+
+stream &stream_of(ustream *s) {
+    return owner_of<stream>(container_of(s, ustream_fd, stream));
+}
+
+}  // namespace
+
+stream::stream(const handlers &who, std::size_t unsent_max)
+    : handlers_(who), unsent_max_(unsent_max), library_(*this), next_turn_(bind<&stream::next_turn>(*this)) {}
+
+stream::~stream() {
+    if (is_open() || closing_)
+        take_down();
+}
+
+void stream::open(int fd) {
+    if (is_open() || closing_)
+        take_down();
+    static_cast<ustream_fd &>(library_) = {};
+    ustream &s = library_.stream;
+    s.notify_read = [](ustream *at, int available) {
+        stream_of(at).readable(static_cast<std::size_t>(available));
+    };
+    s.notify_write = [](ustream *at, int) { stream_of(at).drained(); };
+    s.notify_state = [](ustream *at) {
+        stream &broken = stream_of(at);
+        if (!broken.closing_)
+            broken.handlers_.broken();
+    };
+    s.r.buffer_len = static_cast<int>(body_max);
+    s.string_data = false;
+    fd_ = fd;
+    taken_ = 0;
+    ustream_fd_init(&library_, fd);
+}
+
+void stream::close() {
+    if (!is_open())
+        return;
+    fd_ = -1;
+    closing_ = true;
+    if (in_read_) {
+        ustream_set_read_blocked(&library_.stream, true);
+        next_turn_.arm(0);
+        return;
+    }
+    take_down();
+    if (handlers_.down)
+        handlers_.down();
+}
+
+void stream::take_down() {
+    next_turn_.cancel();
+    ustream_free(&library_.stream);
+    ::close(library_.fd.fd);
+    library_.fd.fd = -1;
+    fd_ = -1;
+    closing_ = false;
+    held_ = false;
+}
+
+void stream::readable(std::size_t available) {
+    if (closing_)
+        return;
+    announce(available);
+    // The library reads on for as long as there is something, which a peer can make long, also bit by bit.
+    if (taken_ > turn_max) {
+        taken_ = 0;
+        pause();
+    }
+}
+
+void stream::announce(std::size_t available) {
+    in_read_ = true;
+    handlers_.read(available);
+    in_read_ = false;
+}
+
+// Reads no more until the next turn; a stream that is held or closed needs more than that.
+void stream::pause() {
+    ustream_set_read_blocked(&library_.stream, true);
+    if (!held_)
+        next_turn_.arm(0);
+}
+
+std::size_t stream::unsent() {
+    return static_cast<std::size_t>(ustream_pending_data(&library_.stream, true));
+}
+
+void stream::drained() {
+    if (held_ && unsent() <= unsent_max_)
+        next_turn_.arm(0);
+}
+
+void stream::next_turn() {
+    if (closing_) {
+        take_down();
+        if (handlers_.down)
+            handlers_.down();
+        return;
+    }
+    if (held_ && unsent() > unsent_max_)
+        return;  // drained comes back
+    ustream_set_read_blocked(&library_.stream, false);
+    // What is buffered is not announced again.
+    if (std::exchange(held_, false))
+        announce(static_cast<std::size_t>(ustream_pending_data(&library_.stream, false)));
+}
+
+std::size_t stream::read(char *to, std::size_t size) {
+    if (!is_open())
+        return 0;
+    const auto got = static_cast<std::size_t>(ustream_read(&library_.stream, to, static_cast<int>(size)));
+    taken_ += got;
+    return got;
+}
+
+void stream::write(std::string_view bytes) {
+    if (!is_open())
+        return;
+    ustream_write(&library_.stream, bytes.data(), static_cast<int>(bytes.size()), false);
+    if (!held_ && unsent() > unsent_max_) {
+        held_ = true;
+        pause();
+    }
+}
+
+}  // namespace arvok

@@ -1,0 +1,81 @@
+#pragma once
+/// A TCP connection on the loop: a descriptor and its buffered stream, which may be closed from anywhere.
+///
+/// The stream library goes on using a stream after its read callback has returned, so a connection that is
+/// closed from there is only marked: it stops reading, its callbacks fall silent, and it is taken down on the
+/// loop's next turn. To everybody else it is closed at once.
+///
+/// No peer gets more than its turn: one that sends faster than it is served is read again on the loop's next
+/// turn, after everybody else, and one that does not take its answers is not read from meanwhile.
+
+extern "C" {
+#include <libubox/ustream.h>
+}
+
+#include <cstddef>
+#include <string_view>
+
+#include "base/callback.h"
+#include "base/loop.h"
+
+namespace arvok {
+
+/// Longest body of every protocol here, and the size of the single read buffer.
+constexpr std::size_t body_max = 16384;
+
+class stream {
+  public:
+    struct handlers {
+        /// So many bytes are buffered. May close the stream. Leaves a held stream's input alone.
+        callback<void(std::size_t available)> read;
+        /// End of stream or a write error. May close the stream.
+        callback<void()> broken;
+        /// A closed connection has been taken down: the stream may be destroyed. May be left out.
+        callback<void()> down = {};
+    };
+
+    /// When more than `unsent_max` bytes wait to be sent, no more is read until they are fewer.
+    stream(const handlers &who, std::size_t unsent_max);
+    /// Closes and takes down, in whichever state it is, without a callback. Not from the read callback.
+    ~stream();
+    stream(const stream &) = delete;
+    stream &operator=(const stream &) = delete;
+
+    /// Attaches a connected or connecting non-blocking socket, which then belongs to the stream; the
+    /// connection before goes.
+    void open(int fd);
+    /// Closes the descriptor and drops what is buffered; harmless on a closed stream.
+    void close();
+
+    bool is_open() const { return fd_ >= 0; }
+    /// The open descriptor, or -1.
+    int fd() const { return fd_; }
+    /// More than the limit waits to be sent: input waits, also what is buffered.
+    bool is_held() const { return held_; }
+
+    /// Takes up to `size` buffered bytes. Returns how many there were.
+    std::size_t read(char *to, std::size_t size);
+    /// Queues bytes; what the socket does not take at once is sent as it drains.
+    void write(std::string_view bytes);
+
+  private:
+    void readable(std::size_t available);
+    void drained();
+    void next_turn();
+    void announce(std::size_t available);
+    void pause();
+    void take_down();
+    std::size_t unsent();
+
+    handlers handlers_;
+    std::size_t unsent_max_;
+    owned<ustream_fd, stream> library_;
+    timer next_turn_;  ///< takes down what was closed from its read callback, or reads on after a pause
+    int fd_ = -1;
+    std::size_t taken_ = 0;  ///< bytes read since the last pause
+    bool in_read_ = false;
+    bool closing_ = false;  ///< closed, and to be taken down
+    bool held_ = false;
+};
+
+}  // namespace arvok

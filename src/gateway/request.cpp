@@ -1,0 +1,63 @@
+#include "gateway/request.h"
+
+#include <cstdio>
+
+#include "base/log.h"
+#include "base/text.h"
+
+namespace arvok::gateway {
+
+void request::record(error_code code, const char *format, std::va_list args) {
+    char text[error_text_max + 1 + 4];  // a character more, so that cut() sees where the last one ends
+    std::vsnprintf(text, sizeof text, format, args);
+    errmsg_ = cut(text, error_text_max);
+    errcode_ = code;
+    log_printf("[ERROR] (%d) %s\n", code, errmsg_.c_str());
+}
+
+void request::fail(error_code code, const char *format, ...) {
+    std::va_list args;
+    va_start(args, format);
+    record(code, format, args);
+    va_end(args);
+}
+
+void request::fail_platform(const char *call, const platform::reason &why) {
+    fail(platform_failed, "%s failed: %s", call, why.c_str());
+}
+
+json::value request::error_item(error_code code, const char *format, ...) {
+    std::va_list args;
+    va_start(args, format);
+    record(code, format, args);
+    va_end(args);
+    return json::object().text("errmsg", std::string_view(errmsg_)).take();
+}
+
+bool request::has_envelope() const {
+    if (from_cloud)
+        return true;
+    if (!root["sequence"].is_number()) {
+        log_printf("[ERROR] invalid sequence\n");
+        return false;
+    }
+    if (!root["mac"].is_text()) {
+        log_printf("[ERROR] invalid mac\n");
+        return false;
+    }
+    return true;
+}
+
+json::object request::reply_of(std::string_view type) const {
+    json::object reply_object;
+    reply_object.text("type", type)
+        .number("sequence", root["sequence"].number().value_or(0))
+        .text("mac", on.cache.own_mac());
+    return reply_object;
+}
+
+void request::acknowledge() {
+    reply = reply_of("ack").number("errcode", errcode_).text("errmsg", std::string_view(errmsg_)).take();
+}
+
+}  // namespace arvok::gateway

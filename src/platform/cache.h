@@ -1,0 +1,75 @@
+#pragma once
+/// The device information cache: the last record of each kind that the platform handed out.
+///
+/// A record is fetched only when what there is has expired; everything expires with every gateway message, so
+/// all answers to one message see the same records, and none is older than one message. A failed fetch keeps
+/// what there was and leaves it expired.
+
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "platform/records.h"
+
+namespace arvok::platform {
+
+/// A radio band.
+struct band {
+    const char *word;  ///< in messages
+    int radio;         ///< code in calls about radios
+    int access_point;  ///< code in calls about access-point interfaces
+};
+
+inline constexpr band bands[] = {{"2.4G", QZCAP_RADIO_2G, QZCAP_AP_2G}, {"5G", QZCAP_RADIO_5G, QZCAP_AP_5G}};
+
+class cache {
+  public:
+    /// Each makes a record current. False when it could not be had.
+    bool refresh_device();
+    bool refresh_wan();
+    bool refresh_diagnostics();
+    /// The radios of all bands together: when the second fails, the first is gone, too.
+    bool refresh_radios();
+    /// Always fetches; all bands together, as above.
+    bool refresh_access_points();
+
+    /// What is current now is fetched again by the next refresh.
+    void expire();
+    void expire_device() { device_current_ = false; }
+    void expire_wan() { wan_current_ = false; }
+
+    /// Only after a first successful refresh; the agent waits for that before anything else.
+    const qzcap_devinfo &device() const { return *device_; }
+    const qzcap_diagnostics &diagnostics() const { return *diagnostics_; }  ///< as above
+    /// Null until it could be had.
+    const qzcap_waninfo *wan() const { return wan_.get(); }
+
+    /// The device's own MAC, 12 upper-case digits; empty before there is a record.
+    std::string_view own_mac() const { return view_of(device_ ? device_->mac : nullptr); }
+    bool is_router() const { return is_router_; }
+    /// The bands that this device has.
+    std::span<const band> device_bands() const { return {bands, dual_band_ ? std::size(bands) : 1u}; }
+    /// Null when it is not there or the device lacks the band.
+    const qzcap_wifiinfo *radio(const band &of) const;
+    const access_point_list &access_points(const band &of) const;
+    /// The interface of a wireless host: that of its band whose index is the host's port; null for a wired
+    /// host and when there is none. The 5 GHz interfaces serve hosts of exactly that band, the others all
+    /// others.
+    const qzcap_wifi_ap *access_point_of(const qzcap_laninfo &host) const;
+
+  private:
+    device_record device_;
+    wan_record wan_;
+    diagnostics_record diagnostics_;
+    radio_record radios_[std::size(bands)];
+    access_point_list access_points_[std::size(bands)];
+    bool device_current_ = false, wan_current_ = false, diagnostics_current_ = false, radios_current_ = false;
+    bool is_router_ = false;
+    bool dual_band_ = false;
+};
+
+/// The version text "TUL1.0_QZ_<vendor>_<architecture>_<application version>" in upper case, from the
+/// vendor's name up to its first space and from the platform's version command.
+std::string middleware_version(std::string_view vendor);
+
+}  // namespace arvok::platform

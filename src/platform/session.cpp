@@ -1,0 +1,60 @@
+#include "platform/session.h"
+
+#include "base/log.h"
+
+extern "C" {
+#include <libubox/list.h>
+}
+
+namespace arvok::platform {
+
+session::session() {
+    log_printf = qzcap_printf;
+    open_ = qzcap_ubus_start(0) == 0;
+}
+
+session::~session() {
+    qzcap_ubus_done();
+}
+
+std::uint32_t object_id(const std::string &name) {
+    return qzcap_get_objid_by_name(name.c_str());
+}
+
+std::uint32_t object_id(qzcap_object number) {
+    return qzcap_get_objid_by_id(number);
+}
+
+subscription::subscription(handler notified) : notified_(notified), subscriber_(*this) {
+    subscriber_.cb = [](ubus_context *, ubus_object *object, ubus_request_data *, const char *method,
+                        blob_attr *message) {
+        subscription &to = owner_of<subscription>(container_of(object, ubus_subscriber, obj));
+        return to.notified_(view_of(method), message);
+    };
+}
+
+subscription::~subscription() {
+    stop(0);
+}
+
+bool subscription::start(std::uint32_t object) {
+    started_ = qzcap_ubus_subscribe(&subscriber_, object) >= 0;
+    return started_;
+}
+
+bool subscription::stop(std::uint32_t object) {
+    if (!started_)
+        return true;
+    started_ = false;
+    return qzcap_ubus_unsubscribe(&subscriber_, object) >= 0;
+}
+
+app_registration::app_registration(ubus_handler_t message)
+    : callbacks_{nullptr, nullptr, message, nullptr},
+      handle_(qzcap_register_appmgtcb(nullptr, &callbacks_)) {}
+
+app_registration::~app_registration() {
+    qzcap_unregister_appmgtcb(handle_);
+}
+
+}  // namespace arvok::platform
