@@ -46,6 +46,8 @@ class cache {
 
     /// The device's own MAC, 12 upper-case digits; empty before there is a record.
     std::string_view own_mac() const { return view_of(device_ ? device_->mac : nullptr); }
+    /// The vendor's name; empty before there is a record.
+    std::string_view vendor() const { return view_of(device_ ? device_->vendor : nullptr); }
     bool is_router() const { return is_router_; }
     /// The bands that this device has.
     std::span<const band> device_bands() const { return {bands, dual_band_ ? std::size(bands) : 1u}; }

@@ -29,7 +29,7 @@ subscription::subscription(handler notified) : notified_(notified), subscriber_(
     subscriber_.cb = [](ubus_context *, ubus_object *object, ubus_request_data *, const char *method,
                         blob_attr *message) {
         subscription &to = owner_of<subscription>(container_of(object, ubus_subscriber, obj));
-        return to.notified_(view_of(method), message);
+        return to.notified_(method ? method : "", message);
     };
 }
 
@@ -49,12 +49,28 @@ bool subscription::stop(std::uint32_t object) {
     return qzcap_ubus_unsubscribe(&subscriber_, object) >= 0;
 }
 
-app_registration::app_registration(ubus_handler_t message)
-    : callbacks_{nullptr, nullptr, message, nullptr},
-      handle_(qzcap_register_appmgtcb(nullptr, &callbacks_)) {}
+namespace {
+
+// The one way from the platform's callback to its owner.
+app_registration *registered;
+
+}  // namespace
+
+app_registration::app_registration(handler answer) : answer_(answer), callbacks_{} {
+    callbacks_.postmsg = [](ubus_context *bus, ubus_object *, ubus_request_data *request, const char *,
+                            blob_attr *message) {
+        bus_message reply;
+        registered->answer_(message, reply);
+        ubus_send_reply(bus, request, reply.get());
+        return 0;
+    };
+    registered = this;
+    handle_ = qzcap_register_appmgtcb(nullptr, &callbacks_);
+}
 
 app_registration::~app_registration() {
     qzcap_unregister_appmgtcb(handle_);
+    registered = nullptr;
 }
 
 }  // namespace arvok::platform

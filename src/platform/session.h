@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/bus_message.h"
 #include "base/callback.h"
 #include "platform/records.h"
 
@@ -53,16 +54,20 @@ class subscription {
     bool started_ = false;
 };
 
-/// This process as an app of the device, until its end: takes messages of other apps.
+/// This process as an app of the device, until its end: takes messages of other apps. There is one at a time,
+/// for the platform does not tell its callback for whom it calls.
 class app_registration {
   public:
-    /// Answers one message by the bus call of `request`.
-    explicit app_registration(ubus_handler_t message);
+    /// Answers one message; null when the call had none.
+    using handler = callback<void(blob_attr *message, bus_message &reply)>;
+
+    explicit app_registration(handler answer);
     ~app_registration();
     app_registration(const app_registration &) = delete;
     app_registration &operator=(const app_registration &) = delete;
 
   private:
+    handler answer_;
     qzcap_appmgtcb callbacks_;
     void *handle_;
 };
