@@ -1,0 +1,99 @@
+#include "agent/platform_events.h"
+
+#include "base/bus_message.h"
+#include "base/log.h"
+#include "base/text.h"
+
+namespace arvok {
+namespace {
+
+// What the log calls them.
+constexpr char dev_event[] = "dev_event_cb", wan_event[] = "wan_event_cb", wifi_event[] = "wifi_event_cb",
+               roaming_event[] = "roaming_event_cb", map_event[] = "map_event_cb",
+               vsie_event[] = "vsie_event_cb";
+
+}  // namespace
+
+platform_events::platform_events(modules &running)
+    : modules_(running),
+      host_(bind<&platform_events::take<&platform_events::host, dev_event>>(*this)),
+      wan_(bind<&platform_events::take<&platform_events::wan, wan_event>>(*this)),
+      wifi_(bind<&platform_events::take<&platform_events::wifi, wifi_event>>(*this)),
+      roaming_(bind<&platform_events::take<&platform_events::roaming, roaming_event>>(*this)),
+      mesh_(bind<&platform_events::take<&platform_events::mesh, map_event>>(*this)),
+      element_(bind<&platform_events::take<&platform_events::element, vsie_event>>(*this)) {
+    host_.start(platform::object_id(QZCAP_OBJ_LANINFO));
+    wan_.start(platform::object_id(QZCAP_OBJ_WAN));
+    wifi_.start(platform::object_id(QZCAP_OBJ_WIFI));
+    roaming_.start(platform::object_id(QZCAP_OBJ_ROAMING));
+    mesh_.start(platform::object_id(QZCAP_OBJ_MESH));
+    element_.start(platform::object_id(QZCAP_OBJ_VSIE));
+}
+
+platform_events::~platform_events() {
+    host_.stop(platform::object_id(QZCAP_OBJ_LANINFO));
+    wan_.stop(platform::object_id(QZCAP_OBJ_WAN));
+    wifi_.stop(platform::object_id(QZCAP_OBJ_WIFI));
+    roaming_.stop(platform::object_id(QZCAP_OBJ_ROAMING));
+    mesh_.stop(platform::object_id(QZCAP_OBJ_ROAMING));  // the platform wants it back under this number
+    element_.stop(platform::object_id(QZCAP_OBJ_VSIE));
+}
+
+template <void (platform_events::*Act)(const platform_events::notification &), const char *Name>
+int platform_events::take(std::string_view method, blob_attr *message) {
+    if (!message)
+        return -1;
+    const std::string text = json_of(message).value_or("");
+    log_printf("[DEBUG] %s: method %s, json: %s\n", Name, method.data(), text.c_str());
+    const json::document event = json::parse(text);
+    (this->*Act)({method, text, event.root()});
+    return 0;
+}
+
+void platform_events::host(const notification &heard) {
+    if (heard.method == "devicestatus") {
+        modules_.gateway->lan_event(heard.event);
+        modules_.gateway->lan_report();
+    } else if (heard.method == "newdevice") {
+        modules_.access->host_appeared();
+    }
+}
+
+// The cloud is behind the WAN. The states are looked for in the text, wherever in the notification they
+// stand.
+void platform_events::wan(const notification &heard) {
+    if (contains(heard.text, R"("status":"down")"))
+        modules_.cloud->wan_down();
+    else if (contains(heard.text, R"("status":"up")"))
+        modules_.cloud->wan_up();
+    if (heard.event)
+        modules_.gateway->wan_report(heard.event);
+}
+
+void platform_events::wifi(const notification &heard) {
+    const std::string_view sync = heard.event["arvoksync"].text().value_or("");
+    if (sync == "on")
+        modules_.gateway->sync_turned_on();
+    else if (sync == "off")
+        modules_.gateway->set_sync(false);
+}
+
+void platform_events::roaming(const notification &heard) {
+    if (heard.event && heard.method == "aprssi")
+        modules_.gateway->rssi_report(heard.event);
+    else if (heard.event)
+        modules_.gateway->roaming_report(heard.event);
+}
+
+void platform_events::mesh(const notification &heard) {
+    modules_.gateway->map_report();
+    if (const auto mode = heard.event["mode"].text())
+        modules_.gateway->map_event(*mode);
+}
+
+void platform_events::element(const notification &heard) {
+    if (heard.event)
+        modules_.gateway->vsie_event(heard.event);
+}
+
+}  // namespace arvok

@@ -1,0 +1,24 @@
+#pragma once
+/// SIGINT and SIGTERM, held back until somebody can act on them.
+
+#include <csignal>
+
+namespace arvok {
+
+/// While it lives the two signals wait: none is lost between the start of the process and the turn of the
+/// loop in which it ends, whose handling of them takes over from there.
+class held_signals {
+  public:
+    held_signals();
+    ~held_signals();
+    held_signals(const held_signals &) = delete;
+    held_signals &operator=(const held_signals &) = delete;
+
+    /// Waits for one of them. False when none has come within `seconds`.
+    bool wait(int seconds) const;
+
+  private:
+    sigset_t held_, before_;
+};
+
+}  // namespace arvok
