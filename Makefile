@@ -8,10 +8,15 @@ SANITIZED  ?= $(BUILD)-asan
 THREADED   ?= $(BUILD)-tsan
 ARM        ?= $(BUILD)-arm
 FUZZED     ?= $(BUILD)-fuzz
+LINTED     ?= $(BUILD)-lint
 BUILD_TYPE ?= RelWithDebInfo
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
-TARGETS    ?= all
+
+# What is built: what a home needs, unless something else is named. That wants few packages; for anything else the tests,
+# benchmarks and the replay of the fuzzers' inputs are configured as well, and theirs are installed.
+TARGETS    ?= desk
+TESTS      ?= $(if $(filter-out desk arvokclt qzcapd ubusd ubus_command lab-gateway lab-cloud,$(TARGETS)),ON)
 
 CTEST  = ctest --output-on-failure --no-tests=error -j 6
 CODE   = git ls-files '*.cpp' '*.c' '*.h'
@@ -19,23 +24,26 @@ TIDIED = $(shell git ls-files 'src/*.cpp' 'lab/*.cpp')
 # The tests of what runs on threads, or hands over to one.
 THREAD_TESTS = utask_test cloud_test
 
-.PHONY: all setup run test check-plain check-sanitized sanitized check-thread arm check-format format lint bench soak fuzz clean
+.PHONY: all run test check-plain check-sanitized sanitized check-thread arm check-format format lint bench soak fuzz clean
 
-all: setup
-	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) $(CMAKE_ARGS) >$(BUILD).log 2>&1 || { cat $(BUILD).log; exit 1; }
-	@rm -f $(BUILD).log
+# configure FOLDER OPTION...: shows what CMake has to say only when it fails.
+configure = cmake -S . -B $(1) $(2) >$(1).log 2>&1 || { cat $(1).log; exit 1; }; rm -f $(1).log
+build     = $(MAKE) --no-print-directory all
+
+all:
+	@tools/setup.sh desk $(if $(TESTS),tests) $(PACKAGES)
+	@$(call configure,$(BUILD),-DCMAKE_BUILD_TYPE=$(BUILD_TYPE) $(if $(TESTS),-DARVOK_TESTS=ON) $(CMAKE_ARGS))
 	@env -u MAKEFLAGS -u MFLAGS cmake --build $(BUILD) -j $(JOBS) --target $(TARGETS) -- --no-print-directory -s | { grep --line-buffered -v 'Built target' || true; }
 
-setup:
-	@tools/setup.sh $(PACKAGES)
-
 # The agent on its desk device in an emulated home, step by step.
-run: all
+run:
+	@$(build) TARGETS=desk
 	@ARVOK_BIN=$(abspath $(BUILD))/bin lab/home -- lab/tour
 
 # Formatting, static analysis, every test and the tour, then tests and tour again under the sanitizers, and the tests of
 # threads under theirs. Most tests wait for timers of the agent, so what computes runs beside them.
-test: check-format all
+test: check-format
+	@$(build) TARGETS=all
 	@$(MAKE) --no-print-directory -j 2 -O check-plain sanitized check-thread
 	@$(MAKE) --no-print-directory -j 2 -O check-sanitized lint
 
@@ -48,12 +56,12 @@ check-sanitized:
 	ARVOK_BIN=$(abspath $(SANITIZED))/bin lab/home -- lab/tour </dev/null
 
 sanitized:
-	@$(MAKE) --no-print-directory all BUILD=$(SANITIZED) BUILD_TYPE=Debug CMAKE_ARGS=-DARVOK_SANITIZE=ON
+	@$(build) BUILD=$(SANITIZED) BUILD_TYPE=Debug CMAKE_ARGS=-DARVOK_SANITIZE=ON TARGETS=all
 
 # Reports go to standard output, because the tests keep the standard error output to themselves. Older runtimes refuse
 # some of the random memory layouts, so where it can be had, there is a fixed one.
 check-thread:
-	@$(MAKE) --no-print-directory all BUILD=$(THREADED) BUILD_TYPE=Debug CMAKE_ARGS=-DARVOK_SANITIZE=thread \
+	@$(build) BUILD=$(THREADED) BUILD_TYPE=Debug CMAKE_ARGS=-DARVOK_SANITIZE=thread \
 		TARGETS='$(THREAD_TESTS)'
 	TSAN_OPTIONS=log_path=stdout $$(setarch -R true 2>/dev/null && echo setarch -R) $(CTEST) --test-dir $(THREADED) -R '^($(subst $() ,|,$(THREAD_TESTS)))$$'
 
@@ -61,27 +69,33 @@ check-thread:
 arm:
 	@tools/setup.sh g++-arm-linux-gnueabihf qemu-user
 	@tools/sysroot.sh armhf $(abspath $(ARM))/sysroot
-	@$(MAKE) --no-print-directory all BUILD=$(ARM) CMAKE_ARGS=-DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/armhf.cmake
+	@$(build) BUILD=$(ARM) CMAKE_ARGS=-DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/armhf.cmake TARGETS=all
 	$(CTEST) -j 3 --test-dir $(ARM)
 	ARVOK_BIN=$(abspath $(ARM))/emulated/bin lab/home -- lab/tour </dev/null
 
-check-format: setup
+check-format:
+	@tools/setup.sh format
 	@test -n "$$($(CODE))" || { echo 'formatting is checked in a git checkout only'; exit 1; }
 	@$(CODE) | xargs clang-format --dry-run --Werror
 
-format: setup
+format:
+	@tools/setup.sh format
 	@$(CODE) | xargs clang-format -i
 
-lint: all
-	@echo $(TIDIED) | xargs -n 4 -P $(JOBS) clang-tidy -p $(BUILD) --quiet 2>&1 | { grep -v ' generated\.$$' || true; }
+# Looks at the sources as a build would, without precompiled headers, which are of the build's own compiler.
+lint:
+	@tools/setup.sh desk lint
+	@$(call configure,$(LINTED),-DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON)
+	@echo $(TIDIED) | xargs -n 4 -P $(JOBS) clang-tidy -p $(LINTED) --quiet 2>&1 | { grep -v ' generated\.$$' || true; }
 
-bench: all
+bench:
+	@$(build) TARGETS='desk benchmarks'
 	@ARVOK_BIN=$(abspath $(BUILD))/bin $(BUILD)/bin/arvok-bench
 	@ARVOK_BIN=$(abspath $(BUILD))/bin bench/report
 
 # Every fuzzer for SECONDS, or the one of TARGET.
 fuzz:
-	@$(MAKE) --no-print-directory all BUILD=$(FUZZED) PACKAGES='clang libclang-rt-14-dev' TARGETS=fuzzers \
+	@$(build) BUILD=$(FUZZED) PACKAGES='clang libclang-rt-14-dev' TARGETS=fuzzers TESTS= \
 		CMAKE_ARGS='-DARVOK_SANITIZE=fuzzer -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++'
 	@fuzz/run $(abspath $(FUZZED)) $(or $(SECONDS),60) $(TARGET)
 
@@ -90,9 +104,10 @@ fuzz:
 REQUESTS      ?= 1000000
 NOTIFICATIONS ?= 100000
 RECONNECTIONS ?= 10000
-soak: all
+soak:
+	@$(build) TARGETS='desk arvok-soak'
 	@ARVOK_BIN=$(abspath $(BUILD))/bin ARVOK_LIB=$(abspath $(BUILD))/lib lab/home --peers none --no-agent -- \
 		arvok-soak $(REQUESTS) $(NOTIFICATIONS) $(RECONNECTIONS)
 
 clean:
-	rm -rf $(BUILD) $(SANITIZED) $(THREADED) $(ARM) $(FUZZED)
+	rm -rf $(BUILD) $(SANITIZED) $(THREADED) $(ARM) $(FUZZED) $(LINTED)

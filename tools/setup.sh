@@ -1,12 +1,20 @@
 #!/bin/sh
-# setup.sh [PACKAGE...]: installs the Debian packages that building, running and testing need, and those named, as far as
-# they are missing; nothing else.
+# setup.sh [SET|PACKAGE...]: installs Debian packages, as far as they are missing. A SET is what something needs: `desk` the
+# agent, its emulated home and the tour; `tests` the tests and benchmarks, beyond that; `format` and `lint` the style.
 # With everything present it asks nothing and touches no network.
 set -eu
 
-packages="g++ cmake make git $(cat "$(dirname "$0")/libraries")
-          clang-format clang-tidy
-          iproute2 util-linux procps openssl dnsmasq-base curl python3 tshark $*"
+tools=$(dirname "$0")
+packages=
+for name in "$@"; do
+    case $name in
+        desk) packages="$packages g++ cmake make $(cat "$tools/libraries") iproute2 util-linux mount dnsmasq-base python3" ;;
+        tests) packages="$packages git $(cat "$tools/test-libraries") procps openssl curl tshark" ;;
+        format) packages="$packages git clang-format" ;;
+        lint) packages="$packages git clang-tidy" ;;
+        *) packages="$packages $name" ;;
+    esac
+done
 
 if ! command -v dpkg-query >/dev/null; then
     echo "setup: not a Debian system; what the build needs is known there as:" $packages >&2

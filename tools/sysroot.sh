@@ -1,13 +1,13 @@
 #!/bin/sh
-# sysroot.sh ARCHITECTURE FOLDER: unpacks Debian's libraries of another architecture (those of tools/libraries, and what
-# they depend on) into FOLDER, for cross builds. Nothing of them is installed, and the machine's own package lists stay as
+# sysroot.sh ARCHITECTURE FOLDER: unpacks Debian's libraries of another architecture (those of tools/libraries and
+# tools/test-libraries, and what they depend on) into FOLDER, for cross builds. Nothing of them is installed, and the machine's own package lists stay as
 # they are: apt works in folders of its own beside FOLDER, and takes only its sources and their keys from the machine.
 # An unpacked FOLDER is left as it is until the list of libraries changes.
 set -eu
 
 [ $# -eq 2 ] || { echo "usage: tools/sysroot.sh ARCHITECTURE FOLDER" >&2; exit 2; }
 architecture=$1
-libraries=$(cat "$(dirname "$0")/libraries")
+libraries=$(cat "$(dirname "$0")/libraries" "$(dirname "$0")/test-libraries")
 mkdir -p "$(dirname "$2")"
 sysroot=$(cd "$(dirname "$2")" && pwd)/$(basename "$2")
 stamp=$sysroot/.unpacked
