@@ -88,8 +88,9 @@ lint:
 	@$(call configure,$(LINTED),-DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON)
 	@echo $(TIDIED) | xargs -n 4 -P $(JOBS) clang-tidy -p $(LINTED) --quiet 2>&1 | { grep -v ' generated\.$$' || true; }
 
+# The instructions are counted with callgrind.
 bench:
-	@$(build) TARGETS='desk benchmarks'
+	@$(build) TARGETS='desk benchmarks' PACKAGES=valgrind
 	@ARVOK_BIN=$(abspath $(BUILD))/bin $(BUILD)/bin/arvok-bench
 	@ARVOK_BIN=$(abspath $(BUILD))/bin bench/report
 
