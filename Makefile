@@ -9,6 +9,7 @@ THREADED   ?= $(BUILD)-tsan
 ARM        ?= $(BUILD)-arm
 FUZZED     ?= $(BUILD)-fuzz
 LINTED     ?= $(BUILD)-lint
+MUTATED    ?= $(BUILD)-mutants
 BUILD_TYPE ?= RelWithDebInfo
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
@@ -24,7 +25,7 @@ TIDIED = $(shell git ls-files 'src/*.cpp' 'lab/*.cpp')
 # The tests of what runs on threads, or hands over to one.
 THREAD_TESTS = utask_test cloud_test
 
-.PHONY: all run test check-plain check-sanitized sanitized check-thread arm check-format format lint bench soak fuzz clean
+.PHONY: all run test check-plain check-sanitized sanitized check-thread arm check-format format lint bench soak fuzz mutants clean
 
 # configure FOLDER OPTION...: shows what CMake has to say only when it fails.
 configure = cmake -S . -B $(1) $(2) >$(1).log 2>&1 || { cat $(1).log; exit 1; }; rm -f $(1).log
@@ -110,5 +111,12 @@ soak:
 	@ARVOK_BIN=$(abspath $(BUILD))/bin ARVOK_LIB=$(abspath $(BUILD))/lib lab/home --peers none --no-agent -- \
 		arvok-soak $(REQUESTS) $(NOTIFICATIONS) $(RECONNECTIONS)
 
+# N small faults in src/, one at a time: how many the tests catch. ARGS: further options of tests/mutants/run.
+N    ?= 100
+SEED ?= 1
+mutants:
+	@tools/setup.sh desk tests
+	@tests/mutants/run --folder $(abspath $(MUTATED)) --count $(N) --seed $(SEED) $(ARGS)
+
 clean:
-	rm -rf $(BUILD) $(SANITIZED) $(THREADED) $(ARM) $(FUZZED) $(LINTED)
+	rm -rf $(BUILD) $(SANITIZED) $(THREADED) $(ARM) $(FUZZED) $(LINTED) $(MUTATED)
