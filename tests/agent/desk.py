@@ -12,21 +12,7 @@ import time
 import unittest
 
 from bus import call
-
-DEADLINE = 20.0
-
-
-def wait_until(condition, what, deadline=DEADLINE):
-    """Polls until condition() is true and returns what it returned."""
-    end = time.monotonic() + deadline
-    while True:
-        value = condition()
-        if value:
-            return value
-        if time.monotonic() > end:
-            raise AssertionError("did not happen within %.0f s: %s" % (deadline, what() if callable(what) else what))
-        time.sleep(0.02)
-
+from waiting import DEADLINE, Timers, wait_until
 
 class Agent:
     """One run of the agent on the access point, and its log."""
@@ -80,6 +66,27 @@ class Agent:
 class AgentCase(unittest.TestCase):
     """A test with the device and the gateway in their default state; the agents that it starts must end well."""
 
+    timers = None
+
+    def hold_timers(self):
+        """The agents that are started from now on have their timers in the test's hand: `timers` and `pass_until`."""
+        self.timers = Timers()
+
+    def pass_until(self, condition, what, seconds=2):
+        """Lets time pass on the agent's clock until it is so, in steps that leave every answer its deadline."""
+        def passed():
+            if condition():
+                return True
+            self.timers.ahead(seconds)
+            return condition()
+        return wait_until(passed, what, 60)
+
+    def expect_later(self, agent, *lines, seconds=2):
+        """The lines come one after the other while time passes on the agent's clock."""
+        for line in lines:
+            self.pass_until(lambda: line in agent.lines()[agent.seen:], lambda: agent.lines()[-3000:], seconds)
+            agent.expect(line)
+
     def setUp(self):
         call("lab.gateway", "misbehave", {"fault": "none"})
         call("lab.gateway", "messages", {"clear": True})
@@ -100,6 +107,8 @@ class AgentCase(unittest.TestCase):
                 self.assertNotIn(report, agent.text())
 
     def start(self, *args, **kwargs):
+        if self.timers:
+            kwargs["env"] = {**kwargs.get("env", os.environ), **self.timers.environment}
         agent = Agent(*args, **kwargs)
         self.agents.append(agent)
         return agent
@@ -114,6 +123,11 @@ class AgentCase(unittest.TestCase):
     @staticmethod
     def peer():
         return call("lab.gateway", "peer")
+
+    @staticmethod
+    def forget():
+        call("lab.gateway", "messages", {"clear": True})
+        call("qzcapd.emulator", "calls", {"clear": True})
 
     @staticmethod
     def misbehave(**fault):
@@ -142,8 +156,6 @@ class AgentCase(unittest.TestCase):
         call("qzcapd.emulator", "fail", {"call": function, "reason": reason, "times": times})
 
 
-
-
 class LinkedCase(AgentCase):
     """A test of what passes on the link: one agent, registered, on a device in the state of the start."""
 
@@ -160,11 +172,6 @@ class LinkedCase(AgentCase):
         self.wait_for_message("dev_report")
         self.forget()
         return self.agent
-
-    @staticmethod
-    def forget():
-        call("lab.gateway", "messages", {"clear": True})
-        call("qzcapd.emulator", "calls", {"clear": True})
 
     def fail_call(self, function, times=1, reason="on demand", mode="error"):
         call("qzcapd.emulator", "fail", {"call": function, "reason": reason, "times": times, "mode": mode})

@@ -6,7 +6,7 @@ import subprocess
 import time
 import unittest
 
-from desk import AgentCase, call, wait_until
+from desk import AgentCase, call
 
 GATEWAY = "192.168.1.1"
 
@@ -21,7 +21,13 @@ class Registration(AgentCase):
     def test_messages_of_a_registration(self):
         self.patch({"waninfo": {"status": "down"}})  # the first report says "up" all the same
         self.addCleanup(self.patch, {"waninfo": {"status": "up"}})
+        self.hold_timers()
         agent = self.start("-g", GATEWAY)
+        self.wait_for_message("dev_report")
+        self.pass_until(lambda: self.received("keepalive"), "the first keepalive", 1)
+        self.timers.ahead(3)
+        self.assertEqual(len(self.received("keepalive")), 1)
+        self.timers.ahead(2)
         self.wait_for_message("keepalive", 2)
         messages = self.received()
         self.assertEqual([m["type"] for m in messages],
@@ -62,19 +68,10 @@ class Registration(AgentCase):
             line = re.search(r'^\[INFO\] \(arvok\) %s (\{"type":"%s".*\}) \((\d+)\)$' % (direction, kind), log, re.M)
             self.assertEqual(len(line.group(1).encode()), int(line.group(2)))
 
-    def test_pace_of_the_keepalives(self):
-        self.start("-g", GATEWAY)
-        self.wait_for_message("keepalive", 3)
-        arrivals = [entry["time"] for entry in call("lab.gateway", "messages")["messages"]
-                    if entry["message"]["type"] in ("dev_reg", "keepalive")]
-        seconds = [sum(float(part) * scale for part, scale in zip(t.split(":"), (3600, 60, 1))) for t in arrivals]
-        for gap, expected in zip((b - a for a, b in zip(seconds, seconds[1:])), (1, 5, 5)):
-            self.assertGreater(gap % 86400, expected - 0.1)
-            self.assertLess(gap % 86400, expected + 1.5)
-
     def test_device_without_mesh_and_first_online_across_connections(self):
         self.patch({"devinfo": {"supportMesh": 0}})
         self.addCleanup(self.patch, {"devinfo": {"supportMesh": 1}})
+        self.hold_timers()
         agent = self.start("-g", GATEWAY)
         first = self.wait_for_message("dev_report")[0]["dev"]
         data = self.received("dev_reg")[0]["data"]
@@ -82,22 +79,11 @@ class Registration(AgentCase):
         self.assertNotIn("mapAlmac", data)
         self.patch({"devinfo": {"supportMesh": 1}})
         self.misbehave(fault="close", after=1)
-        agent.expect("[ERROR] (arvok) tcp connection broken\n")
+        self.expect_later(agent, "[ERROR] (arvok) tcp connection broken\n", "[INFO] (arvok) connect ")
         self.assertEqual(self.wait_for_message("dev_report", 2)[1]["dev"], first)
         data = self.received("dev_reg")[1]["data"]
         self.assertEqual(data["supportMesh"], 1)
         self.assertIn("mapAlmac", data)
-
-    def test_platform_failures_cost_only_their_own_message(self):
-        self.fail_call("qzcap_get_mesh")
-        self.fail_call("qzcap_get_waninfo")
-        self.fail_call("qzcap_list_laninfo", times=2)  # the schedules ask first
-        agent = self.start("-g", GATEWAY)
-        self.wait_for_message("keepalive", 2)
-        self.assertEqual([m["type"] for m in self.received()][:4], ["keyngreq", "dh", "dev_reg", "keepalive"])
-        self.assertNotIn("mapAlmac", self.received("dev_reg")[0]["data"])
-        self.assertIn("[ERROR] update_wan_info failed\n", agent.lines())
-        self.assertTrue(re.search(r"\[ERROR\] qzcap_list_laninfo failed(\[|$)", agent.lines()))
 
 
 class Enabled(AgentCase):
@@ -143,6 +129,10 @@ class Enabled(AgentCase):
 
 
 class Addresses(AgentCase):
+    def setUp(self):
+        super().setUp()
+        self.hold_timers()
+
     def test_default_and_discovered_gateway_alternate(self):
         self.misbehave(fault="refuse", times=0)
         commands = [["ip", "address", "add", "192.168.1.9/24", "dev", "lan0"],
@@ -155,10 +145,10 @@ class Addresses(AgentCase):
             self.addCleanup(subprocess.run, command, check=True)
         agent = self.start()
         for address, flag in ((GATEWAY, 1), ("192.168.1.9", 0), (GATEWAY, 1)):
-            agent.expect('[INFO] (arvok) connect "%s:32768" (%d)\n' % (address, flag))
+            self.expect_later(agent, '[INFO] (arvok) connect "%s:32768" (%d)\n' % (address, flag))
             agent.expect("[ERROR] (arvok) tcp connection broken\n")
         self.misbehave(fault="none")
-        agent.expect('[INFO] (arvok) connect "192.168.1.9:32768" (0)\n')
+        self.expect_later(agent, '[INFO] (arvok) connect "192.168.1.9:32768" (0)\n')
         self.wait_for_message("dev_reg")
 
     def test_no_gateway_is_looked_for_again(self):
@@ -167,7 +157,7 @@ class Addresses(AgentCase):
         self.addCleanup(subprocess.run, ["lab-ap", "ip", "route", "add", "default", "via", GATEWAY], check=True)
         agent = self.start()
         for _ in range(2):  # every second attempt finds nobody, and says nothing
-            agent.expect('[INFO] (arvok) connect "192.168.1.1:32768" (1)\n', 30)
+            self.expect_later(agent, '[INFO] (arvok) connect "192.168.1.1:32768" (1)\n')
             agent.expect("[ERROR] (arvok) tcp connection broken\n")
         self.assertEqual(agent.lines().count("(arvok) connect "), 2)
 
@@ -178,66 +168,43 @@ class Addresses(AgentCase):
 
 
 class Faults(AgentCase):
-    def test_reconnection_after_ten_seconds(self):
-        self.misbehave(fault="bad_magic")
-        agent = self.start("-g", GATEWAY)
-        agent.expect("[ERROR] invalid magic 0x")
-        agent.expect("[ERROR] (arvok) invalid msg header, 0\n")
-        agent.expect("[INFO] (arvok) disconnect fd: ")
-        began = time.monotonic()
-        agent.expect("[INFO] (arvok) connect ")
-        self.assertAlmostEqual(time.monotonic() - began, 10, delta=2)
-        self.wait_for_message("wan_report")
+    def setUp(self):
+        super().setUp()
+        self.hold_timers()
 
-    def test_each_fault_has_its_line_and_ends_the_connection(self):
-        for fault, line in (({"fault": "bad_length", "length": 0}, "[ERROR] (arvok) invalid msg header, 0\n"),
-                            ({"fault": "bad_length", "length": 16385}, "[ERROR] (arvok) invalid msg header, 16385\n"),
-                            ({"fault": "bad_json"}, "[ERROR] (arvok) invalid msg (not json format)\n"),
+    def test_each_fault_has_its_line_and_costs_the_connection_ten_seconds(self):
+        for fault, line in (({"fault": "bad_magic"}, "[ERROR] (arvok) invalid msg header, 0\n"),
                             ({"fault": "bad_json", "on": "dev_reg"}, "[ERROR] (arvok) invalid msg (not json format)\n"),
-                            ({"fault": "silent"}, "[ERROR] (arvok) wait ack timeout\n"),
                             ({"fault": "drop", "on": "keyngreq"}, "[ERROR] (arvok) wait ack timeout\n"),
+                            ({"fault": "drop", "on": "keepalive", "times": 0},
+                             "[ERROR] (arvok) wait keepalive ack timeout\n"),
                             ({"fault": "close"}, "[ERROR] (arvok) tcp connection broken\n")):
             with self.subTest(**fault):
-                self.misbehave(fault="none")
                 self.misbehave(**fault)
                 agent = self.start("-g", GATEWAY)
-                agent.expect(line)
+                self.expect_later(agent, line)
                 agent.expect("[INFO] (arvok) disconnect fd: ")
-                wait_until(lambda: not self.peer()["connected"], "disconnection")
-                self.assertEqual(agent.stop(), 0)
-
-    def test_gateway_that_stops_answering_is_found_out_by_the_keepalive(self):
-        agent = self.start("-g", GATEWAY)
-        self.wait_for_message("keepalive", 1)
-        self.misbehave(fault="silent", times=0)
-        agent.expect("[ERROR] (arvok) wait keepalive ack timeout\n", 40)
-        agent.expect("[INFO] (arvok) disconnect fd: ")
-
-    def test_answers_that_do_not_fit_are_not_consumed(self):
-        for answer, change, line, result in (
-                ("keyngreq", {"keymode": "DH"}, "[ERROR] unsupported keymode\n", "wait ack timeout"),
-                ("keyngreq", {"keymode": None}, "[ERROR] invalid keymode\n", "wait ack timeout"),
-                ("dh", {"data": {"dh_g": "Aw=="}}, "[ERROR] invalid dh_g\n", None),
-                ("dh", {"data": {"dh_key": 7}}, "[ERROR] invalid dh_key\n", None)):
-            with self.subTest(answer=answer, change=change):
                 self.misbehave(fault="none")
-                self.misbehave(fault="edit", on=answer, set=change)
-                agent = self.start("-g", GATEWAY)
-                agent.expect(line)
-                if result:
-                    agent.expect(result)
-                else:
-                    self.assertEqual(self.received("dev_reg"), [])
-                self.assertEqual(agent.stop(), 0)
-                self.assertNotIn("dev_reg", agent.lines())
+                self.forget()
+                self.timers.ahead(8)
+                self.assertNotIn("(arvok) connect ", agent.lines()[agent.seen:])
+                self.timers.ahead(2)
+                agent.expect("[INFO] (arvok) connect ")
+                self.wait_for_message("wan_report")
+                self.stop_agents()
 
     def test_three_short_connections_lead_to_the_long_pause(self):
+        """Each ends while an answer to a keepalive is awaited, and no such wait cuts the pause short."""
         agent = self.start("-g", GATEWAY)
         for count in (1, 2, 3):
-            self.wait_for_message("dev_reg", count, 30)
-            self.misbehave(fault="close", after=1)
-            agent.expect("[WARNING] (arvok) connect time < 30s, count %d\n" % count)
+            self.misbehave(fault="close", on="keepalive")
+            self.expect_later(agent, "[WARNING] (arvok) connect time < 30s, count %d\n" % count, seconds=1)
         agent.expect("[WARNING] (arvok) refused count >= 3, reconnect after 4 hours\n")
+        for seconds in (25, 15, 4 * 3600 - 60):
+            self.timers.ahead(seconds)
+        self.assertNotIn("(arvok) ", agent.lines()[agent.seen:].split("disconnect fd", 1)[1].split("\n", 1)[1])
+        self.timers.ahead(60)
+        self.wait_for_message("wan_report", 4)
 
     def test_pieces_and_floods(self):
         agent = self.start("-g", GATEWAY)
@@ -253,7 +220,9 @@ class Faults(AgentCase):
         overhead = len('{"type":"longest","pad":"","sequence":10000,"mac":"000000000000"}')
         call("lab.gateway", "send", {"message": {"type": "longest", "pad": "x" * (16384 - overhead)}})
         agent.expect("[ERROR] (arvok) unknown type: longest\n")
-        call("lab.gateway", "send", {"message": text, "split": 1})
+        # A header that comes with less than its body is forgotten. The first piece holds both, whatever the kernel makes
+        # of the pieces behind it.
+        call("lab.gateway", "send", {"message": text, "split": 12, "interval": 1000})
         agent.expect("[ERROR] invalid magic 0x")
         agent.expect("[INFO] (arvok) disconnect fd: ")
 

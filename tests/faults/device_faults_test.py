@@ -7,7 +7,6 @@ import unittest
 
 from desk import LinkedCase, call, wait_until
 from extended_test import DESK, NIGHT, PHONE, SCHEDULES, SUCCESS, TABLET, ExtendedCase
-from timers import Timers
 
 LAB = os.environ["LAB_DIR"]
 FOLDER = "/qzcap/apps/arvokclt"  # as the agent sees it
@@ -154,10 +153,9 @@ class Disk(ExtendedCase):
 class Clock(ExtendedCase):
     """Somebody sets the clock while timers are armed: they fire when they would have, and look at the clock then."""
 
-    def link(self, patch=None, *args):
-        self.timers = Timers()
-        self.agent = self.start("-g", os.environ["GATEWAY_ADDR"], env={**os.environ, **self.timers.environment})
-        self.wait_for_message("dev_report")
+    def link(self):
+        self.hold_timers()
+        super().link()
 
     def next_check(self):
         return int(self.dump()["LANHostNextCheck"].split("s")[0])

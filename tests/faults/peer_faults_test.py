@@ -7,7 +7,6 @@ import unittest
 from cloud_test import CloudCase
 from desk import call, wait_until
 from sweep_rows import order
-from timers import Timers
 
 GATEWAY = os.environ["GATEWAY_ADDR"]
 BROKEN = "tcp connection broken\n"
@@ -16,19 +15,7 @@ BROKEN = "tcp connection broken\n"
 class PeersThatGo(CloudCase):
     def setUp(self):
         super().setUp()
-        self.timers = Timers()
-
-    def run_agent(self):
-        self.agent = self.start("-g", GATEWAY, env={**os.environ, **self.timers.environment})
-
-    def pass_until(self, condition, what, seconds=2):
-        """Lets time pass on the agent's clock until it is so, in steps that leave every answer its deadline."""
-        def passed():
-            if condition():
-                return True
-            self.timers.ahead(seconds)
-            return condition()
-        return wait_until(passed, what, 60)
+        self.hold_timers()
 
     def said(self, line, count):
         return lambda: self.agent.lines().count(line) >= count

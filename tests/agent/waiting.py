@@ -1,10 +1,23 @@
-"""The agent's timers in the test's hand."""
+"""Waiting for what happens, with a deadline; and the agent's timers in the test's hand."""
 
 import mmap
 import os
 import struct
+import time
 
-from desk import wait_until
+DEADLINE = 20.0
+
+
+def wait_until(condition, what, deadline=DEADLINE):
+    """Polls until condition() is true and returns what it returned."""
+    end = time.monotonic() + deadline
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > end:
+            raise AssertionError("did not happen within %.0f s: %s" % (deadline, what() if callable(what) else what))
+        time.sleep(0.02)
 
 
 class Timers:
@@ -23,6 +36,8 @@ class Timers:
         return struct.unpack_from("=3q", self.page)
 
     def ahead(self, seconds):
-        """Moves the clock, and waits until the agent's loop has taken it."""
+        """Moves the clock, and waits until the agent has done what was due then: until its loop waits once more."""
         struct.pack_into("=q", self.page, 0, self._read()[0] + int(seconds * 1000))
         wait_until(lambda: self._read()[1] == self._read()[0], "the agent's loop waits")
+        waits = self._read()[2]
+        wait_until(lambda: self._read()[2] != waits, "the agent's loop waits again")
