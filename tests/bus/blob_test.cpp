@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -114,88 +113,6 @@ TEST(Blob, ParsesByNameAndTypeAndKeepsItsValues) {
     EXPECT_EQ(tb[7], nullptr);
     EXPECT_EQ(tb[8], nullptr);
     free(copy);
-}
-
-TEST(Blob, GrowsAndReportsWhatDoesNotFit) {
-    Buffer b;
-    const std::string big(5000000, 'x');
-    void *outer = blobmsg_open_table(&b.buf, "outer");
-
-    for (int i = 0; i < 3; i++)
-        EXPECT_EQ(blobmsg_add_string(&b.buf, "big", big.c_str()), 0);
-    // The largest attribute has 16 MiB; the one that is refused leaves no trace.
-    EXPECT_EQ(blobmsg_add_string(&b.buf, "big", big.c_str()), -1);
-    EXPECT_EQ(blobmsg_add_u32(&b.buf, "end", 1), 0);
-    EXPECT_EQ(blobmsg_add_u32(&b.buf, std::string(70000, 'n').c_str(), 1), -1);
-    blobmsg_close_table(&b.buf, outer);
-    blob_attr *table = static_cast<blob_attr *>(blob_data(b.buf.head));
-    EXPECT_TRUE(blobmsg_check_attr(table, true));
-    EXPECT_EQ(blobmsg_check_array(table, BLOBMSG_TYPE_UNSPEC), 4);
-}
-
-// Walks everything that users of untrusted messages walk.
-void walk(blob_attr *head, size_t size) {
-    static const blobmsg_policy policy[] = {
-        {.name = "name", .type = BLOBMSG_TYPE_STRING},
-        {.name = "list", .type = BLOBMSG_TYPE_ARRAY},
-        {.name = "any", .type = BLOBMSG_TYPE_UNSPEC},
-    };
-    blob_attr *members[9];
-    blob_attr *tb[std::size(policy)];
-
-    if (blob_parse_untrusted(head, size, members, nullptr, std::size(members)) < 0)
-        return;
-    if (blobmsg_parse(policy, std::size(policy), tb, blob_data(head), unsigned(blob_len(head))) == 0) {
-        if (tb[0]) {
-            EXPECT_LT(strlen(blobmsg_get_string(tb[0])), size);
-        }
-        if (tb[1])
-            blobmsg_check_array(tb[1], BLOBMSG_TYPE_STRING);
-    }
-    blobmsg_parse_array(policy, std::size(policy), tb, blob_data(head), unsigned(blob_len(head)));
-    free(blobmsg_format_json(head, true));
-    free(blobmsg_format_json_indent(head, false, 0));
-}
-
-TEST(Blob, HostileLengthsAreSafe) {
-    Buffer b;
-    std::mt19937 random(20240517);
-
-    ASSERT_TRUE(blobmsg_add_json_from_string(
-        &b.buf,
-        R"({"name":"value","list":["a",{"b":[1,2,[3]]},""],"any":{"x":5000000000,"y":1.5,"z":null,"t":true}})"));
-    const std::vector<uint8_t> sound = b.bytes();
-    for (int round = 0; round < 20000; round++) {
-        std::vector<uint8_t> bytes = sound;
-        for (unsigned flips = 1 + random() % 4; flips > 0; flips--) {
-            // Mostly in the small numbers that lengths and names are.
-            const size_t at = random() % bytes.size();
-            bytes[at] = static_cast<uint8_t>(random() % 2 ? random() : bytes[at] + random() % 9 - 4);
-        }
-        bytes.resize(random() % 3 ? bytes.size() : 4 + random() % (bytes.size() - 4));
-        // In memory of exactly this size, where a sanitizer sees every byte too far.
-        auto *exact = static_cast<uint8_t *>(malloc(bytes.size()));
-        memcpy(exact, bytes.data(), bytes.size());
-        walk(reinterpret_cast<blob_attr *>(exact), bytes.size());
-        free(exact);
-    }
-}
-
-TEST(Blob, NestingDeeperThanTheStackIsRefused) {
-    constexpr unsigned LEVELS = 100000;
-    constexpr unsigned LEVEL_SIZE = 8;
-    Buffer deep;
-
-    for (unsigned level = 0; level < LEVELS; level++)
-        ASSERT_NE(blobmsg_open_table(&deep.buf, "t"), nullptr);
-    // What closing each level would write.
-    auto *bytes = static_cast<char *>(deep.buf.buf);
-    for (unsigned level = 0; level < LEVELS; level++)
-        blob_set_raw_len(reinterpret_cast<blob_attr *>(bytes + 4 + level * LEVEL_SIZE),
-                         (LEVELS - level) * LEVEL_SIZE);
-    deep.buf.head = static_cast<blob_attr *>(deep.buf.buf);
-    blob_set_raw_len(deep.buf.head, 4 + LEVELS * LEVEL_SIZE);
-    EXPECT_EQ(blobmsg_format_json(deep.buf.head, true), nullptr);
 }
 
 }  // namespace

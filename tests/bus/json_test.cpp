@@ -59,40 +59,5 @@ TEST(Json, AnythingElseThanOneObjectIsRefused) {
         EXPECT_EQ(round_trip(text), "(refused)") << text.substr(0, 40);
 }
 
-TEST(Json, IntegersHaveTheSmallestTypeThatIsUsed) {
-    blob_buf b{};
-    blob_buf_init(&b, 0);
-    ASSERT_TRUE(
-        blobmsg_add_json_from_string(&b, R"({"i":-2147483648,"l":2147483648,"b":true,"n":null,"d":2.0})"));
-    const enum blobmsg_type types[] = {BLOBMSG_TYPE_INT32, BLOBMSG_TYPE_INT64, BLOBMSG_TYPE_INT8,
-                                       BLOBMSG_TYPE_UNSPEC, BLOBMSG_TYPE_DOUBLE};
-    blob_attr *member;
-    size_t rem;
-    size_t i = 0;
-    blob_for_each_attr(member, b.head, rem) {
-        ASSERT_LT(i, std::size(types));
-        EXPECT_EQ(blobmsg_type(member), types[i++]) << blobmsg_name(member);
-    }
-    EXPECT_EQ(i, std::size(types));
-    blob_buf_free(&b);
-}
-
-TEST(Json, SingleValuesAndOwnRenderings) {
-    blob_buf b{};
-    blob_buf_init(&b, 0);
-    ASSERT_TRUE(blobmsg_add_json_from_string(&b, R"({"key":[1,"secret"]})"));
-    auto *member = static_cast<blob_attr *>(blob_data(b.head));
-    const auto hide = [](void *priv, blob_attr *attr) -> const char * {
-        return blobmsg_type(attr) == BLOBMSG_TYPE_STRING ? static_cast<const char *>(priv) : nullptr;
-    };
-    char stars[] = "\"***\"";
-
-    EXPECT_EQ(take(blobmsg_format_json_value(member)), R"([1,"secret"])");
-    EXPECT_EQ(take(blobmsg_format_json(member, false)), R"("key":[1,"secret"])");
-    EXPECT_EQ(take(blobmsg_format_json_with_cb(b.head, true, hide, stars, -1)), R"({"key":[1,"***"]})");
-    EXPECT_EQ(blobmsg_format_json(nullptr, true), nullptr);
-    blob_buf_free(&b);
-}
-
 }  // namespace
 }  // namespace arvok

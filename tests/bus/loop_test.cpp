@@ -191,17 +191,6 @@ TEST_F(Loop, LevelsAreReportedUntilTheyAreServedAndEdgesOnce) {
     }
 }
 
-TEST_F(Loop, BlockingModeIsTheCallersChoice) {
-    Pair pair;
-    Watch watch(pair.ends[0]);
-
-    uloop_fd_add(&watch, ULOOP_READ | ULOOP_BLOCKING);
-    EXPECT_EQ(fcntl(watch.fd, F_GETFL) & O_NONBLOCK, 0);
-    uloop_fd_delete(&watch);
-    uloop_fd_add(&watch, ULOOP_READ);
-    EXPECT_NE(fcntl(watch.fd, F_GETFL) & O_NONBLOCK, 0);
-}
-
 TEST_F(Loop, AHangUpIsReportedOnce) {
     Pair pair;
     Watch watch(pair.ends[0]);
@@ -269,25 +258,6 @@ TEST_F(Loop, ARunInsideACallbackServesTheEdgesThatTheOuterOneHasFound) {
     run();
 }
 
-TEST_F(Loop, EdgesThatWereFoundAndNotServedAreNotLost) {
-    Pair one, two;
-    Watch first(one.ends[0]), second(two.ends[0]);
-    int calls = 0;
-
-    first.action = second.action = [&](unsigned int) {
-        calls++;
-        uloop_end();
-    };
-    one.send("x");
-    two.send("x");
-    uloop_fd_add(&first, ULOOP_READ | ULOOP_EDGE_TRIGGER);
-    uloop_fd_add(&second, ULOOP_READ | ULOOP_EDGE_TRIGGER);
-    run();
-    EXPECT_EQ(calls, 1);
-    run();
-    EXPECT_EQ(calls, 2);
-}
-
 TEST_F(Loop, TerminationSignalsEndEveryRunAndTheProcessHasItsHandlersBack) {
     for (const int number : {SIGTERM, SIGINT}) {
         Timer nested([&] {
@@ -313,23 +283,6 @@ TEST_F(Loop, TerminationSignalsEndEveryRunAndTheProcessHasItsHandlersBack) {
     uloop_timeout_set(&end, 20);
     EXPECT_EQ(uloop_run(), 0);
     std::signal(SIGINT, SIG_DFL);
-}
-
-TEST_F(Loop, ASignalFromOutsideWakesAWaitingLoop) {
-    Pair pair;
-    const pid_t child = fork();
-    if (child == 0) {
-        char go;
-        const bool told = read(pair.ends[0], &go, 1) == 1;
-        kill(getppid(), SIGTERM);
-        _exit(told ? 0 : 1);
-    }
-    Timer running([&] { pair.send("x"); });
-    uloop_timeout_set(&running, 0);
-    EXPECT_EQ(uloop_run(), SIGTERM);
-    int status = 1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
 }
 
 struct Process : uloop_process {
@@ -403,10 +356,6 @@ TEST_F(Loop, SocketsConnectListenAndRefuse) {
 
     EXPECT_EQ(usock(USOCK_TCP | USOCK_NUMERIC, "127.0.0.1", service.c_str()), -1);
     EXPECT_EQ(errno, ECONNREFUSED);
-    EXPECT_EQ(usock(USOCK_TCP | USOCK_NUMERIC, "localhost", service.c_str()), -1);
-    EXPECT_EQ(usock(USOCK_UNIX, "/nonexistent/socket", nullptr), -1);
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(usock(USOCK_UNIX, std::string(200, 'x').c_str(), nullptr), -1);
     // A refusal that is not waited for is no failure yet.
     const int late = usock(USOCK_TCP | USOCK_NUMERIC | USOCK_NONBLOCK, "127.0.0.1", service.c_str());
     if (late >= 0)

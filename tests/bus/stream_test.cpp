@@ -30,13 +30,12 @@ struct Stream : ustream_fd {
     int written = 0;
     int peer;
 
-    explicit Stream(int read_buffer = 0, bool text = false) : ustream_fd{} {
+    explicit Stream(int read_buffer = 0) : ustream_fd{} {
         int ends[2];
 
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
         peer = ends[1];
         stream.r.buffer_len = read_buffer;
-        stream.string_data = text;
         stream.notify_read = [](ustream *s, int bytes) { of(s).on_read(of(s), bytes); };
         stream.notify_write = [](ustream *s, int bytes) { of(s).written += bytes; };
         stream.notify_state = [](ustream *s) {
@@ -85,53 +84,6 @@ class Streams : public testing::Test {
     }
 };
 
-TEST_F(Streams, FramesArriveWholeUnderEverySplit) {
-    // A consumer of frames: an 8-byte header with the length, then a body of up to the whole read buffer.
-    const std::vector<size_t> sizes = {16384, 0, 1, 16384, 5, 16383};
-    std::string wire;
-    for (size_t size : sizes) {
-        char header[8] = {'F', 'R', 'A', 'M'};
-        const uint32_t length = static_cast<uint32_t>(size);
-        memcpy(header + 4, &length, sizeof(length));
-        wire.append(header, sizeof(header)).append(pattern(size));
-    }
-    for (const size_t chunk :
-         std::initializer_list<size_t>{1, 2, 7, 8, 9, 1000, 16383, 16384, 16385, 16392, 20000, wire.size()}) {
-        Stream stream(16384);
-        std::vector<size_t> bodies;
-        long body = -1;
-
-        stream.on_read = [&](Stream &s, int bytes) {
-            EXPECT_EQ(bytes, ustream_pending_data(&s.stream, false));
-            for (;;) {
-                int length;
-                char *data = ustream_get_read_buf(&s.stream, &length);
-                if (body < 0 && length >= 8) {
-                    uint32_t size;
-                    EXPECT_EQ(std::string(data, 4), "FRAM");
-                    memcpy(&size, data + 4, sizeof(size));
-                    body = size;
-                    ustream_consume(&s.stream, 8);
-                } else if (body >= 0 && length >= body) {
-                    EXPECT_EQ(std::string(data ? data : "", static_cast<size_t>(body)),
-                              pattern(static_cast<size_t>(body)));
-                    bodies.push_back(static_cast<size_t>(body));
-                    ustream_consume(&s.stream, static_cast<int>(body));
-                    body = -1;
-                } else {
-                    return;
-                }
-            }
-        };
-        for (size_t at = 0; at < wire.size(); at += chunk) {
-            stream.send(wire.substr(at, chunk));
-            uloop_run_timeout(0);
-        }
-        pump([&] { return bodies.size() == sizes.size(); });
-        EXPECT_EQ(bodies, sizes) << "in chunks of " << chunk;
-    }
-}
-
 TEST_F(Streams, AFullBufferPausesReadingUntilSomethingIsConsumed) {
     Stream stream(100);
     const std::string sent = pattern(1000);
@@ -169,29 +121,6 @@ TEST_F(Streams, TheUserPausesAndResumesReading) {
     ustream_set_read_blocked(&stream.stream, false);
     settle();
     EXPECT_THAT(seen, testing::ElementsAre(3, 6));
-}
-
-TEST_F(Streams, TextIsTerminatedUpToTheLastByteOfTheBuffer) {
-    Stream stream(4, true);
-    std::string seen;
-
-    stream.on_read = [&](Stream &s, int bytes) {
-        int length;
-        const char *text = ustream_get_read_buf(&s.stream, &length);
-        EXPECT_EQ(strlen(text), static_cast<size_t>(bytes));
-        seen = text;
-    };
-    stream.send("abcd");
-    settle();
-    EXPECT_EQ(seen, "abcd");
-    ustream_consume(&stream.stream, 2);
-    stream.send("ef");
-    settle();
-    EXPECT_EQ(seen, "cdef");
-    ustream_consume(&stream.stream, 4);
-    stream.send("x");
-    settle();
-    EXPECT_EQ(seen, "x");
 }
 
 TEST_F(Streams, OutputIsBufferedForASlowReaderInOrder) {

@@ -3,7 +3,7 @@
 import json
 import unittest
 
-from access_point import MAGIC, SAFE_PRIME, SHORT_PRIME, AccessPoint, frame, to_text
+from access_point import MAGIC, SAFE_PRIME, SHORT_PRIME, AccessPoint, aes, frame, to_text
 from peer_case import PeerCase
 from wire import Ended
 
@@ -85,61 +85,6 @@ class GatewayTest(PeerCase):
         for message in messages + [longest]:
             self.assertEqual(point.receive()["sequence"], message["sequence"])
 
-    def test_hostile_input_closes_its_connection_only(self):
-        bystander = self.connect()
-        good = {"type": "keyngreq", "sequence": 0, "keymodelist": [{"keymode": "dh"}]}
-        plain = {
-            "bad magic": b"GET / HTTP/1.1\r\n",
-            "no body": MAGIC + bytes(4),
-            "body too long": MAGIC + (16385).to_bytes(4, "big"),
-            "huge length": MAGIC + b"\xff" * 4,
-            "no JSON": frame(b"{\"type\":"),
-            "more than JSON": frame(json.dumps(good).encode() + b"}"),
-            "no object": frame(b"[1,2]"),
-            "nested without end": frame(b"[" * 16000),
-            "no type": frame(b"{\"sequence\":0}"),
-            "type is a number": frame(b"{\"type\":1,\"sequence\":0}"),
-            "no sequence": frame(json.dumps({**good, "sequence": "0"}).encode()),
-            "other key modes": frame(json.dumps({**good, "keymodelist": [{"keymode": "DH"}, 7]}).encode()),
-        }
-        for name, data in plain.items():
-            with self.subTest(name), AccessPoint(self.port) as point:
-                point.socket.sendall(data)
-                self.assertTrue(point.closed_by_peer())
-
-        exchanges = {
-            "no base64": {"dh_key": "!!!!"},
-            "cut base64": {"dh_p": "abc"},
-            "empty": {"dh_key": ""},
-            "missing": {"dh_g": None},
-            "no text": {"dh_key": 5},
-            "zero modulus": {"dh_p": "AAAA"},
-            "even modulus": {"dh_p": to_text(SAFE_PRIME + 1)},
-            "modulus too long": {"dh_p": to_text(2**4096 - 1)},
-            "public value 1": {"dh_key": to_text(1)},
-            "public value p - 1": {"dh_key": to_text(SAFE_PRIME - 1)},
-            "public value beyond p": {"dh_key": to_text(SAFE_PRIME + 2)},
-            "generator 1": {"dh_g": to_text(1)},
-        }
-        for name, changes in exchanges.items():
-            with self.subTest(name), AccessPoint(self.port) as point:
-                point.ask_for_key()
-                with self.assertRaises(Ended):
-                    point.exchange(**changes)
-
-        with self.subTest("key before request"), AccessPoint(self.port) as point, self.assertRaises(Ended):
-            point.exchange()
-
-        for name, data in {"not encrypted": frame(b"x" * 15), "another key": frame(b"x" * 32)}.items():
-            with self.subTest(name), AccessPoint(self.port) as point:
-                point.negotiate()
-                point.socket.sendall(data)
-                self.assertTrue(point.closed_by_peer())
-
-        bystander.send("keepalive")
-        self.assertEqual(bystander.receive()["type"], "ack")
-        self.assertEqual(self.call("peer")["address"], bystander.address)
-
     # ---- the bus object ----------------------------------------------------------------------------------------
 
     def test_request_takes_the_reply_with_its_sequence(self):
@@ -178,20 +123,8 @@ class GatewayTest(PeerCase):
         self.assertEqual(waiting.communicate(timeout=4)[1].strip(), "Command failed: Not found")
 
         with self.connect():
-            self.all_invalid(
-                ("request", {"sequence": 1}),
-                ("request", {"type": "cfg", "sequence": "1"}),
-                ("request", {"message": {"type": "cfg"}, "tiemout": 5}),
-                ("request", {"message": {"type": "cfg"}, "timeout": -1}),
-                ("send", {"message": {"type": "cfg"}, "split": 0}),
-                ("send", {"message": {"type": "cfg"}, "repeat": 1 << 40}),
-                ("raw", {"hex": "3f7"}),
-                ("raw", {"hex": "xy"}),
-                ("raw", {}),
-                ("messages", {"direction": "up"}),
-                ("messages", {"after": "1"}),
-                ("peer", {"verbose": True}),
-            )
+            self.all_invalid(("request", {"sequence": 1}), ("send", {"message": {"type": "cfg"}, "split": 0}),
+                             ("raw", {"hex": "3f7"}))
 
     def test_send_in_every_form(self):
         point = self.connect()
@@ -234,108 +167,32 @@ class GatewayTest(PeerCase):
 
     # ---- faults ------------------------------------------------------------------------------------------------
 
-    def test_faults_in_an_answer(self):
-        def is_garbage(point):
-            with self.assertRaises(ValueError):
-                point.receive()
-
-        def is_dropped(point):
-            point.send("keepalive")
-            self.assertEqual(point.receive()["sequence"], point.sequence - 1)
-
-        def has_bad_length(point):
-            self.assertEqual(point.read(8), MAGIC + (9).to_bytes(4, "big"))
-
-        def is_cut(point):
-            length = int.from_bytes(point.read(8)[4:], "big")
-            point.read(length // 2)
-            point.send("keepalive")
-            self.assertEqual(point.read(4), MAGIC)
-
-        def is_closed(point):
-            self.assertTrue(point.closed_by_peer())
-
-        def is_overtaken(point):
-            late = point.sequence - 1
-            point.send("keepalive")
-            self.assertEqual([point.receive()["sequence"] for _ in range(2)], [late + 1, late])
-
-        def is_changed(point):
-            answer = point.receive()
-            self.assertEqual((answer["errcode"], answer["data"], "mac" in answer), (7, {"a": {"b": 1}}, False))
-
-        for fault, check in {
-            ("drop",): is_dropped,
-            ("delay", ("delay", 150)): is_overtaken,
-            ("bad_magic",): is_garbage,
-            ("bad_length", ("length", 9)): has_bad_length,
-            ("truncated_body",): is_cut,
-            ("wrong_key",): is_garbage,
-            ("bad_json",): is_garbage,
-            ("close",): is_closed,
-            ("edit", ("set", '{"errcode":7,"mac":null,"data":{"a":{"b":1,"c":null}}}')): is_changed,
+    def test_what_an_agent_must_not_send_ends_its_connection(self):
+        """A peer that lets it pass hides a fault of the agent."""
+        for name, act in {
+            "bad magic": lambda point: point.socket.sendall(b"GET / HTTP/1.1\r\n"),
+            "body too long": lambda point: point.socket.sendall(MAGIC + (16385).to_bytes(4, "big")),
+            "no sequence": lambda point: point.socket.sendall(frame(b'{"type":"keyngreq"}')),
+            "key before request": lambda point: point.exchange(),
+            "public value beyond p": lambda point: (point.ask_for_key(), point.exchange(dh_key=to_text(SAFE_PRIME + 2))),
+            "not encrypted": lambda point: (point.negotiate(), point.socket.sendall(frame(b"x" * 32))),
         }.items():
-            with self.subTest(fault[0]), AccessPoint(self.port) as point:
+            with self.subTest(name), AccessPoint(self.port) as point, self.assertRaises(Ended):
+                act(point)
+                point.receive_body()
+
+    def test_faults_that_no_agent_test_orders(self):
+        for fault, seen in ({"fault": "wrong_key"}, 1), ({"fault": "truncated_body"}, 0.5):
+            with self.subTest(fault), AccessPoint(self.port) as point:
                 point.negotiate()
-                options = {name: json.loads(value) if name == "set" else value for name, value in fault[1:]}
-                self.call("misbehave", {"fault": fault[0], "on": "event", **options})
-                point.send("keepalive")
-                self.assertEqual(point.receive()["errcode"], 0, "another answer suffered")
+                self.call("misbehave", {**fault, "on": "event"})
                 point.send("event")
-                check(point)
-                self.assertEqual(self.call("peer")["faults"], "none", "it was used up")
-
-    def test_faults_that_change_the_negotiation(self):
-        self.call("misbehave", {"fault": "edit", "on": "keyngreq", "set": {"keymode": "DH"}})
-        self.call("misbehave", {"fault": "edit", "on": "dh", "set": {"data": {"dh_g": None, "dh_key": "Ag=="}}})
-        point = self.connect(negotiated=False)
-        self.assertEqual(point.ask_for_key()["keymode"], "DH")
-        self.assertEqual(point.exchange()["data"], {"dh_key": "Ag==", "dh_p": to_text(SAFE_PRIME)})
-
-    def test_faults_that_last(self):
-        with self.subTest("times"):
-            point = self.connect()
-            self.call("misbehave", {"fault": "drop", "times": 2})
-            for _ in range(3):
+                body = point.read(int(int.from_bytes(point.read(8)[4:], "big") * seen))
+                self.assertNotIn(b"errcode", aes(point.key, body[:len(body) & ~15], decrypt=True)[16 * (seen < 1):])
                 point.send("keepalive")
-            self.assertEqual(point.receive()["sequence"], point.sequence - 1)
-        with self.subTest("close after messages"):
-            self.call("misbehave", {"fault": "close", "after": 2})
-            point.send("keepalive")
-            point.receive()
-            point.send("keepalive")
-            self.assertTrue(point.closed_by_peer())
-        with self.subTest("silent"):
-            self.call("misbehave", {"fault": "silent"})
-            point = self.connect(negotiated=False)
-            for _ in range(3):
-                point.send("keyngreq", keymodelist=[{"keymode": "dh"}])
-            self.call("send", {"type": "told_to"})
-            self.assertEqual(point.receive()["type"], "told_to")
-            self.assertEqual(self.call("peer")["received"], 3)
-        with self.subTest("refuse"):
-            self.call("misbehave", {"fault": "refuse"})
-            self.assertFalse(self.call("peer")["listening"])
-            with self.assertRaises(ConnectionRefusedError):
-                AccessPoint(self.port)
-            self.call("misbehave", {"fault": "none"})
-            self.connect()
-
-    def test_faults_that_nobody_knows(self):
+                self.assertEqual(point.receive()["type"], "ack")
         self.all_invalid(*(("misbehave", argument) for argument in (
-            {},
-            {"fault": "explode"},
-            {"fault": "drop", "on": "keepalvie"},
-            {"fault": "drop", "on": 3},
-            {"fault": "drop", "time": 1},
-            {"fault": "drop", "times": -1},
-            {"fault": "drop", "times": 1.0e300},
-            {"fault": "bad_length", "length": 1 << 32},
-            {"fault": "edit"},
-            {"fault": "edit", "set": 5},
-            {"fault": "drop", "set": {}},
-        )))
-        self.assertEqual(self.call("peer")["faults"], "none")
+            {"fault": "explode"}, {"fault": "drop", "on": "keepalvie"}, {"fault": "drop", "time": 1})))
 
     # ---- the command line --------------------------------------------------------------------------------------
 
@@ -343,12 +200,7 @@ class GatewayTest(PeerCase):
         self.options_end_with(
             (["-h"], 0, "usage: lab-gateway"),
             (["-a", "300.1.1.1"], 1, "not an IPv4 address: 300.1.1.1"),
-            (["-p", "65536"], 1, "not a port: 65536"),
             (["-p", "-1"], 1, "not a port: -1"),
-            (["--mac", "00:11:22"], 1, "not a MAC: 00:11:22"),
-            (["--mac", "0:0112233445:5"], 1, "not a MAC"),
-            (["--nonsense"], 1, "usage: lab-gateway"),
-            (["more"], 1, "unexpected argument: more"),
             (["-s", "/nonexistent/bus"], 1, "cannot connect to the bus at /nonexistent/bus"),
             (["-s", self.bus, "-a", "127.0.0.1", "-p", str(self.port)], 1, "cannot listen on 127.0.0.1"),
             (["-s", self.bus, "-a", "127.0.0.1", "-p", "0"], 1, "cannot publish lab.gateway"),

@@ -212,8 +212,6 @@ TEST_F(Records, SettingsAreReadBack) {
          R"("Renamed")"},
         {"host limit", [&] { return qzcap_set_laninfo(3, &host, nullptr); }, "laninfo.02C0FFEE0003.downlimit",
          "2000"},
-        {"host observation", [&] { return qzcap_set_laninfo(3, &host, nullptr); },
-         "laninfo.02C0FFEE0003.active", "1"},
         {"blacklist", [] { return qzcap_set_blacklist("yes", macs, 2, nullptr); }, "blacklist",
          R"({"enable":"yes","macs":["02:00:00:00:00:01","02:00:00:00:00:02"]})"},
         {"radio channel", [&] { return qzcap_set_wifiinfo_async(QZCAP_RADIO_5G, &radio, 0); },
@@ -237,8 +235,6 @@ TEST_F(Records, SettingsAreReadBack) {
          "laninfo.02C0FFEE0002.active", "0"},
         {"roaming", [&] { return qzcap_set_roaming(&roaming, nullptr); }, "roaming",
          R"({"enable":"yes","rssi_2g":-60,"rssi_5g":-61,"difference":5,"interval":6})"},
-        {"mesh roaming", [&] { return qzcap_set_mesh_roaming(&roaming, nullptr); }, "mesh_roaming.rssi_5g",
-         "-61"},
         {"mesh role", [] { return qzcap_set_mesh_role("agent", nullptr); }, "mesh.role", R"("agent")"},
         {"element added", [&] { return qzcap_add_vsie_beacontx(&beacon, nullptr); }, "vsie_beacontx.0",
          R"({"name":"arvokclt","flag":1,"lifetime":300,"data":"dd0500ff","state":"added"})"},
@@ -248,8 +244,6 @@ TEST_F(Records, SettingsAreReadBack) {
          "vsie_beacontx.1.state", R"("started")"},
         {"element stopped", [] { return qzcap_vsie_beacontx_action(1, "stop", nullptr); }, "vsie_beacontx.1",
          "(none)"},
-        {"elements of a stranger", [] { return qzcap_delete_vsie_beacontx_by_name("other", nullptr); },
-         "vsie_beacontx.0.flag", "1"},
         {"elements deleted", [] { return qzcap_delete_vsie_beacontx_by_name("arvokclt", nullptr); },
          "vsie_beacontx", "{}"},
         {"probe response", [&] { return qzcap_add_vsie_proberesp(&probe, nullptr); }, "vsie_proberesp",
@@ -280,52 +274,18 @@ struct Refusal {
 
 TEST_F(Records, BadSettingsAreRefusedWithAReasonAndChangeNothing) {
     static const char *const stations[] = {"02C0FFEE0002", "02C0FFEE0005"};
-    qzcap_wifi_timer timer{0, text(""), text("06:00"), text("yes")};
-    qzcap_wifi_ap ap{};
     qzcap_wifi_ap long_ssid{};
     long_ssid.ssid = text("123456789012345678901234567890123");
-    qzcap_wifi_ap bad_enable{};
-    bad_enable.enable = text("on");
-    unsigned char data[256] = {1};
-    qzcap_vsie_beacontx element{text("arvokclt"), 1, 1, data, 256};
-    qzcap_roaming roaming{text("maybe"), 0, 0, 0, 0};
-    qzcap_bsstransition move{text("02C0FFEE0001"), text("02:5A:10:00:02:01"), 36, 0};
     const Refusal refusals[] = {
         {[](char **e) { return qzcap_set_led_switch("ON", e); }, "status: must be on or off"},
         {[](char **e) { return qzcap_set_led_switch(nullptr, e); }, "status: missing"},
-        {[](char **e) { return qzcap_set_workmode("hub", e); }, "mode: must be router or bridge"},
         {[](char **e) { return qzcap_set_iptv(nullptr, e); }, "record: missing"},
-        {[](char **e) { return qzcap_upgrade("", 1, "x", e); }, "url: must not be empty"},
-        {[](char **e) {
-             qzcap_laninfo host{};
-             return qzcap_set_laninfo(77, &host, e);
-         },
-         "index: no such host"},
-        {[](char **e) { return qzcap_set_blacklist("on", nullptr, 0, e); }, "enable: must be yes or no"},
-        {[&](char **e) { return qzcap_wifi_timer_add(&timer, e); }, "wifi_timer.weekday: must not be empty"},
-        {[&](char **e) { return qzcap_wifi_timer_set(9, &timer, e); }, "id: no such timer"},
         {[](char **e) { return qzcap_wifi_timer_delete(4000000000U, e); }, "id: no such timer"},
-        {[&](char **e) { return qzcap_wifi_ap_set(QZCAP_AP_2G, 9, &ap, e); },
-         "the device has no such interface"},
         {[&](char **e) { return qzcap_wifi_ap_set(QZCAP_AP_2G, 1, &long_ssid, e); },
          "wifi_ap.ssid: longer than 32 bytes"},
-        {[&](char **e) { return qzcap_wifi_ap_set_async(QZCAP_AP_2G, 1, &bad_enable, 0, e); },
-         "wifi_ap.enable: must be yes or no"},
-        {[&](char **e) { return qzcap_wifi_ap_add(12, &ap, e); }, "band: the device has no such band"},
-        {[](char **e) { return qzcap_wifi_ap_delete(QZCAP_AP_5G, 1, e); },
-         "the main interface cannot be deleted"},
         {[](char **e) { return qzcap_wifi_deassociation(stations, 2, e); }, "no such station: 02C0FFEE0005"},
-        {[&](char **e) { return qzcap_bss_transition(&move, e); }, "no such station: 02C0FFEE0001"},
-        {[&](char **e) { return qzcap_set_roaming(&roaming, e); }, "roaming.enable: must be yes or no"},
-        {[](char **e) { return qzcap_set_mesh_role("boss", e); }, "role: must be controller, agent or auto"},
-        {[&](char **e) { return qzcap_add_vsie_beacontx(&element, e); }, "data: longer than 255 bytes"},
-        {[](char **e) { return qzcap_vsie_beacontx_action(3, "start", e); }, "index: no such element"},
-        {[](char **e) { return qzcap_vsie_beacontx_action(0, "pause", e); }, "action: must be start or stop"},
-        {[](char **e) { return qzcap_run_app(nullptr, "nothing", e); }, "no such app: nothing"},
         {[](char **e) { return qzcap_app_postmsg(nullptr, "printshop", "{}", e) == nullptr ? -1 : 0; },
          "app is not running: printshop"},
-        {[](char **e) { return qzcap_app_postmsg(nullptr, "weather", "{", e) == nullptr ? -1 : 0; },
-         "message: must be JSON"},
     };
     const std::string before = print(state().get());
     for (const Refusal &refusal : refusals) {
@@ -344,27 +304,17 @@ TEST(TakeRecord, ChecksEveryMember) {
         bool good;
     };
     const Case cases[] = {
-        {capi::devinfo, R"({})", true},
         {capi::devinfo, R"({"mac":"a","unknown":{"x":[1]},"lanports":[1,2]})", true},
-        {capi::devinfo, R"({"mac":null})", true},
         {capi::devinfo, R"({"mac":1})", false},
-        {capi::devinfo, R"({"mac":"a","vendor":["b"]})", false},
         {capi::devinfo, R"({"lanports":[1,0]})", false},
-        {capi::devinfo, R"({"lanports":[1,"2"]})", false},
-        {capi::devinfo, R"({"lanports":4294967296})", false},
         {capi::devinfo, R"({"lanports":[1,4294967296]})", false},
         {capi::devinfo, R"({"supportMesh":-1})", false},
         {capi::devinfo, R"({"supportMesh":4294967295})", true},
-        {capi::devinfo, R"({"supportMesh":true})", true},
-        {capi::devinfo, R"({"supportMesh":1.5})", false},
-        {capi::laninfo, R"({"rssi":-2147483648})", true},
         {capi::laninfo, R"({"rssi":2147483648})", false},
         {capi::serverinfo, R"({"abi_list":["a","b"]})", true},
         {capi::serverinfo, R"({"abi_list":["a",2]})", false},
-        {capi::serverinfo, R"({"abi_list":{}})", false},
         {capi::vsie_beacontx, R"({"data":"00fF"})", true},
         {capi::vsie_beacontx, R"({"data":"00f"})", false},
-        {capi::vsie_beacontx, R"({"data":"0g"})", false},
     };
     for (const Case &item : cases) {
         Buffer buffer;
@@ -373,10 +323,6 @@ TEST(TakeRecord, ChecksEveryMember) {
         EXPECT_EQ(record != nullptr, item.good) << item.message;
         capi::free_record(item.kind, record);
     }
-    Buffer twice;
-    blobmsg_add_string(&twice.buf, "mac", "first");
-    blobmsg_add_string(&twice.buf, "mac", "second");
-    EXPECT_EQ(capi::take_record(capi::devinfo, twice.buf.head), nullptr);
 }
 
 }  // namespace

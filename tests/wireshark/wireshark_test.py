@@ -3,7 +3,6 @@
 import base64
 import json
 import os
-import random
 import re
 import struct
 import subprocess
@@ -176,34 +175,20 @@ class Written(unittest.TestCase):
     def test_broken_frames(self):
         """What is wrong is said, and what came before it is shown."""
         good = gateway_frame(b'{"type":"good"}')
-        deep = b'{"a":' + b"[" * 3000 + b"]" * 3000 + b"}"
         cloud_text = cloud_frame(b'{"RPCMethod":"good"}')
         cases = [  # port, segments, expert text, types, and how the connection goes
             (GATEWAY, [good + b"\x3f\x72\x1f\xb6" + good[4:]], "Wrong magic", ["good"], {}),
-            (GATEWAY, [b"\x3f\x73"], "Wrong magic", [], {}),
             (GATEWAY, [good + gateway_frame(b"", length=0)], "wrong: 0", ["good"], {}),
-            (GATEWAY, [gateway_frame(b"", length=16385)], "wrong: 16385", [], {}),
-            (GATEWAY, [gateway_frame(b"", length=0xffffffff)], "wrong: 4294967295", [], {}),
             (GATEWAY, [gateway_frame(b'{"type":"x"') + good], "not a JSON object", ["good"], {}),
-            (GATEWAY, [gateway_frame(b"[1, 2]")], "neither JSON nor whole blocks", [], {}),
             (GATEWAY, [gateway_frame(b"\0" * 16)], "No key opens", [], {}),
-            (GATEWAY, [gateway_frame(deep)], "not a JSON object", [], {}),
-            (GATEWAY, [gateway_frame(b'{"type":"' + b"x" * 16)[:-8]], "ends 8 bytes before", [], {}),
-            (GATEWAY, [good, good[:3]], "ends 5 bytes before", ["good"], {}),
             (GATEWAY, [good + good[:9]], "ends 14 bytes before", ["good"], {"end": RST}),
             (GATEWAY, [good], "12 of 23 bytes were recorded", [], {"recorded": 12}),
-            (GATEWAY, [good], "5 of 8 bytes were recorded", [], {"recorded": 5}),
             (CLOUD, [cloud_text[:7] + b"1" + cloud_text[8:]], "Wrong magic", [], {}),
             (CLOUD, [cloud_frame(b"", line=b"e30=")], "no CR LF", [], {}),
-            (CLOUD, [cloud_frame(b"", line=b"\r\n")], "no base64", [], {}),
             (CLOUD, [cloud_frame(b"", line=b"e3!=\r\n")], "no base64", [], {}),
             (CLOUD, [cloud_frame(b"12345") + cloud_text], "neither JSON nor whole blocks", ["good"], {}),
-            (9999, [cloud_text, cloud_text[1:]], "Wrong magic", ["good"], {}),
-            (CLOUD, [cloud_frame(bytes(256))], "No key opens", [], {}),
             (CLOUD, [cloud_text[:20]], "ends 22 bytes before", [], {"reverse": True}),
             (LOCAL, [local_frame(b"", length=0)], "wrong: 0", [], {}),
-            (LOCAL, [local_frame(b" " * 16385)], "wrong: 16385", [], {}),
-            (LOCAL, [local_frame(b" " * 16385)], "not a JSON object", [], {"reverse": True}),
             (LOCAL, [local_frame(b'{"RPCMethod":"x\xff\n"}')], "not a JSON object", [], {}),
         ]
         with self.capture() as capture:
@@ -215,19 +200,6 @@ class Written(unittest.TestCase):
                 own = [message for message in shown[port][1] if not message.startswith(("Connection", "This frame"))]
                 self.assertEqual(len(own), 1, own)
                 self.assertIn(text, own[0])
-
-    def test_unusual_messages(self):
-        """Members of other types than usual, and texts that are no use as texts."""
-        messages = [b"{}", b'{"type":1,"sequence":[1],"errcode":"no"}', b'{"type":"a\\u0000b","sequence":-1.5e3}',
-                    b'{"type":"\xff\xfe","sequence":null}', b' {"type":"t","errcode":1e999, "Parameter":"e30="}\n',
-                    b'{"type":"t","Parameter":7,"return_Parameter":"W10="}', b'{"type":"t","type":"u"}']
-        with self.capture() as capture:
-            ports = [capture.connection(GATEWAY, [gateway_frame(message)]) for message in messages]
-        shown = self.shown("arvok.id", "arvok.cipher", "_ws.col.Info", select="arvok_gateway")
-        self.assertEqual([shown[port][:2] for port in ports],
-                         [[["-1500"] if port == ports[2] else [], ["plain"]] for port in ports])
-        self.assertEqual(shown[ports[0]][2], ["message without a type, 2 bytes"])
-        self.assertEqual(shown[ports[6]][2], ["t, 23 bytes"])
 
     def test_key_log(self):
         """Keys of others, broken lines, and a line that is still being written do no harm."""
@@ -272,22 +244,6 @@ class Written(unittest.TestCase):
                 print("gateway 192.168.1.2:%d 100.64.0.1:32768 key %s" % (port, key), file=log, flush=True)
             reader.stdin.close()
             self.assertEqual(reader.stdout.read(), b"")
-
-    def test_any_bytes(self):
-        """Whatever is on the wire, the dissector does not fail; `rows` sees to that."""
-        chance = random.Random(1)
-        frames = {GATEWAY: gateway_frame(b'{"type":"status","sequence":7,"errcode":0,"status":{"a":[1,2.5,null,"\\u00e4"]}}'),
-                  CLOUD: cloud_frame(b'{"RPCMethod":"Install","ID":"1","Parameter":"eyJ0eXBlIjoidCJ9"}'),
-                  LOCAL: local_frame(b'{"Ack":"Post1","ID":1,"Result":0,"return_Parameter":"eyJDbWRUeXBlIjoiRyJ9"}')}
-        with self.capture() as capture:
-            for port, frame in frames.items():
-                for _ in range(300):
-                    stream = bytearray(frame * 2)
-                    for _ in range(chance.randint(1, 4)):
-                        stream[chance.randrange(len(stream))] = chance.randrange(256)
-                    cut = chance.randrange(len(stream))
-                    capture.connection(port, [bytes(stream[:cut]), bytes(stream[cut:])], chance.choice([0, FIN, RST]))
-        self.assertGreater(len(self.shown("arvok.length", select="arvok_local || arvok_cloud || arvok_gateway || arvok")), 800)
 
 
 class Modules(unittest.TestCase):
