@@ -2,6 +2,7 @@
 
 import json
 import os
+import time
 import unittest
 
 from desk import LinkedCase, call
@@ -130,11 +131,24 @@ class Hanging(BridgeCase):
     def test_call_that_is_never_answered(self):
         agent = self.link()
         self.publish("odd")
+        began = time.monotonic()
         reply = self.single("odd", "hang", 40)
+        self.assertAlmostEqual(time.monotonic() - began, 20, delta=1)
         self.assertEqual((reply["errcode"], reply["errmsg"]), (10004, "ubus_invoke failed: Request timed out"))
         self.assertNotIn("data", reply)
         self.assertEqual(self.single("odd", "echo")["data"], {})
         self.assertEqual(self.peer()["connections"], 1, agent.lines()[-3000:])
+
+    def test_end_during_a_list_of_calls(self):
+        """The one under way is given up, and those behind it are not begun."""
+        agent = self.link()
+        self.publish("odd")
+        element = {"object": "odd", "method": "hang", "message": {}}
+        call("lab.gateway", "send", {"type": "ubus_call", "sequence": 1, "mac": "x", "data": [element] * 3})
+        agent.expect('<- {"type":"ubus_call"')
+        began = time.monotonic()
+        self.assertEqual(agent.stop(), 0)
+        self.assertLess(time.monotonic() - began, 10)
 
 
 class Subscriptions(BridgeCase):

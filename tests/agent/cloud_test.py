@@ -164,22 +164,17 @@ class Enrolment(CloudCase):
         wait_until(lambda: self.stored() == {"bss": "100.64.0.1:8088", "devtoken": "", "devid": "", "abi_list": []},
                    self.stored)
 
-    def test_a_given_bootstrap_server_and_failing_storage(self):
-        call("qzcapd.emulator", "fail", {"call": "qzcap_set_serverinfo", "reason": "flash is full", "times": 2})
-        call("qzcapd.emulator", "fail", {"call": "qzcap_get_serverinfo", "times": 1})
+    def test_a_given_bootstrap_server(self):
         self.patch({"serverinfo": {"abi": "100.64.0.5:8088"}})
         self.enrol("-b", "100.64.0.1:8088")
         self.assertEqual(self.methods()[0], "Boot")
-        self.assertEqual(self.agent.lines().count("[ERROR] qzcap set serverinfo failed: flash is full\n"), 2)
-        self.agent.stop()
-        self.run_agent()  # the storage fails only now: it was not asked before
-        self.agent.expect("[ERROR] qzcap get serverinfo failed\n[INFO] bss:       bss.arvok.example:8088\n")
-        self.wait_for_heartbeat()
 
     def test_sent_to_a_bootstrap_server(self):
+        self.misbehave(fault="refuse")  # a gateway's messages would make the agent read its records anew
         self.enrol()
         before = self.device()["dev_token"]
-        self.patch({"devinfo": {"swversion": "9.9"}})  # noticed when the device connects
+        # Both are noticed when the device connects.
+        self.patch({"devinfo": {"swversion": "9.9"}, "waninfo": {"pppoe_user": "user@next"}})
         for server, result in ({"Server": "bad_name", "Port": "80"}, -1), ({"Server": "100.64.0.1"}, -1):
             reply = self.request(RPCMethod="RequestConnectBSS", ID="a", **server)
             self.assertEqual(reply, {"Ack": "RequestConnectBSS", "ID": "a", "Result": result})
@@ -192,6 +187,7 @@ class Enrolment(CloudCase):
         self.assertEqual(self.heard("Boot")[0][1]["bootstrap"], "2")
         self.assertEqual([m["FirmwareVer"] for _, m in self.heard("Activate") + self.heard("Connect")],
                          ["2.4.1", "9.9"])
+        self.assertEqual(self.heard("Connect")[0][1]["PPPoEName"], "user@next")
         self.assertNotEqual(self.device()["dev_token"], before)
         self.assertEqual(self.request(RPCMethod="Nothing", ID="c"),
                          {"Ack": "Nothing", "ID": "c", "Result": -1, "FailReason": "UNRECOGNIZE_REQUEST"})
@@ -201,8 +197,7 @@ class Failures(CloudCase):
     """What a failing step leads to is seen in the state that the agent tells."""
 
     def test_results(self):
-        for method, words in (("Boot", "未获取到能力平台地址"), ("GetChallengeCode", "未激活"), ("Activate", "未激活"),
-                              ("Connect", "已激活")):
+        for method, words in (("Boot", "未获取到能力平台地址"), ("Connect", "已激活")):
             with self.subTest(method=method):
                 self.once_more()
                 self.fault(fault="edit", on=method, set={"Result": 17})
@@ -212,44 +207,6 @@ class Failures(CloudCase):
                 self.assertEqual(addr, "100.64.0.1:8088" if method == "Boot" else "100.64.0.2:8088")
                 self.assertRegex(text, "^%s，平台返回17，等待(9000|8[0-9]{3})秒后连接$" % words)
                 self.assertEqual((timers["ack"], timers["heartbeat"]), (-1, -1))
-
-    def test_unusable_answers_wait_for_the_acknowledgement(self):
-        for method, change in (
-                ("Boot", {"BizPlat": None}), ("Boot", {"BizPlat": []}), ("GetChallengeCode", {"ChallengeCode": "x" * 31}),
-                ("Activate", {"DevID": ""}), ("Connect", {"SKey": "x" * 17})):
-            with self.subTest(method=method, change=change):
-                self.once_more()
-                self.fault(fault="edit", on=method, set=change)
-                self.run_agent().expect("[ERROR] (cloud) invalid server msg\n")
-                self.assertGreater(self.told()[2]["ack"], 25000)
-                self.assertTrue(self.cloud()["connected"])
-
-    def test_faulty_frames(self):
-        """A faulty frame costs the connection for 30 s, a faulty message only itself."""
-        for fault, line in (({"fault": "bad_magic"}, "[ERROR] invalid magic 0x"),
-                            ({"fault": "bad_length", "length": 0}, "[ERROR] (cloud) invalid msg header, 0\n"),
-                            ({"fault": "bad_length", "length": 16385}, "[ERROR] (cloud) invalid msg header, 16385\n")):
-            with self.subTest(fault=fault):
-                self.once_more()
-                self.fault(on="Connect", **fault)
-                self.run_agent().expect(line)
-                wait_until(lambda: 25000 < self.told()[2]["connect"] <= 30000, self.told)
-        for fault, line in (
-                ({"fault": "no_crlf"}, "[ERROR] invalid msg, not end with \\r\\n\n"),
-                ({"fault": "bad_base64"}, None),
-                ({"fault": "wrong_key"}, "[ERROR] _do_aes_ecb_crypt decrypt failed"),
-                ({"fault": "bad_json"}, "[ERROR] (cloud) invalid msg (not json format)\n"),
-                ({"fault": "edit", "set": {"Ack": "Other"}}, "[ERROR] (cloud) unknown Ack type: Other\n")):
-            with self.subTest(fault=fault):
-                self.once_more()
-                self.fault(on="Activate", **fault)
-                self.run_agent()
-                # The business server has sent the challenge code and the faulty answer.
-                wait_until(lambda: self.told()[1] == "激活中" and self.cloud()["sent"] == 2, self.cloud)
-                if line:
-                    self.agent.expect(line)
-                self.assertGreater(self.told()[2]["ack"], 25000)
-                self.assertTrue(self.cloud()["connected"])
 
     def test_split_repeated_and_late_frames(self):
         self.fault(fault="split", times=0)
@@ -271,33 +228,34 @@ class Retries(CloudCase):
     def test_refused_again_and_again(self):
         """Five retries of a second each more, the long wait, and the connection that was there all the time."""
         self.fault(fault="refuse", server="100.64.0.1", times=0)
+        self.hold_timers()
         self.run_agent("-d")
         for count in range(1, 6):
-            self.agent.expect("[ERROR] (cloud) tcp connection broken\n[INFO] (cloud) retry count %d cycle 1\n" % count)
-            self.agent.expect("[INFO] (cloud) reconnect current server after %d seconds\n" % count)
+            self.expect_later(self.agent, "[ERROR] (cloud) tcp connection broken\n[INFO] (cloud) retry count %d cycle 1\n"
+                              % count, "[INFO] (cloud) reconnect current server after %d seconds\n" % count, seconds=1)
         self.assertIn("，TCP连接断开，等待", self.told()[1])
-        self.agent.expect("[INFO] (cloud) reconnect bss server after 150 minutes\n"
-                          "[DEBUG] (cloud) modify interval to 10s\n")
+        self.expect_later(self.agent, "[INFO] (cloud) reconnect bss server after 150 minutes\n"
+                          "[DEBUG] (cloud) modify interval to 10s\n", seconds=1)
         call("lab.cloud", "misbehave", {"fault": "none"})
+        self.timers.ahead(10)
         self.wait_for_heartbeat()
-
 
 
 class OtherServers(CloudCase):
     def test_another_business_server(self):
         """After five retries the next business server; a broken connection begins at the challenge code again."""
         self.fault(fault="refuse", server="100.64.0.2", times=0)
+        self.hold_timers()
         self.run_agent("-d")
-        self.agent.expect("[INFO] (cloud) retry count 5 cycle 1\n")
-        self.agent.expect("[INFO] (cloud) change abi server addr\n")
-        self.agent.expect('[INFO] (cloud) connect abi "100.64.0.3:8088"\n')
+        self.expect_later(self.agent, "[INFO] (cloud) retry count 5 cycle 1\n", "[INFO] (cloud) change abi server addr\n",
+                          '[INFO] (cloud) connect abi "100.64.0.3:8088"\n', seconds=1)
         self.wait_for_heartbeat()
         self.assertEqual(self.told()[0], "100.64.0.3:8088")
         call("lab.cloud", "messages", {"clear": True})
         self.fault(fault="close")
         self.request_nothing()
         self.agent.expect("[INFO] (cloud) retry count 1 cycle 1\n")
-        wait_until(lambda: "Connect" in self.methods(), self.methods)
+        self.pass_until(lambda: "Connect" in self.methods(), self.methods, 1)
         self.wait_for_heartbeat()
         self.assertNotIn("Boot", self.methods())
 

@@ -31,12 +31,6 @@ class Envelope(AgentCase):
         call("lab.gateway", "raw", {"hex": frame.hex()})
         return "[INFO] (arvok) <- %s (%d)\n" % (text, len(text))
 
-    def test_wait_for_an_answer_goes_on(self):
-        agent = self.without_key()
-        for message in ({"type": "control"}, {"type": "get_status", "sequence": 1}, {"type": "nonsense"}):
-            agent.expect(self.put(message))
-        agent.expect("[ERROR] (arvok) wait ack timeout\n")
-
     def test_requests_that_are_not_answered(self):
         agent = self.without_key()
         expected = ""

@@ -84,7 +84,8 @@ class AgentCase(unittest.TestCase):
     def expect_later(self, agent, *lines, seconds=2):
         """The lines come one after the other while time passes on the agent's clock."""
         for line in lines:
-            self.pass_until(lambda: line in agent.lines()[agent.seen:], lambda: agent.lines()[-3000:], seconds)
+            self.pass_until(lambda: line in agent.lines()[agent.seen:],
+                            lambda: "%r in the log:\n%s" % (line, agent.lines()[-3000:]), seconds)
             agent.expect(line)
 
     def setUp(self):

@@ -229,24 +229,6 @@ class Notifications(EventCase):
         self.notify(LAN, "devicestatus", {"mac": "02C0FFEE0004", "active": 1})
         self.assert_sent(online("02C0FFEE0004", "2.4G", "s" * 63, "b" * 63), self.hosts())
 
-    def test_platform_failures(self):
-        agent = self.link()
-        self.cfg(eventsub=ALL)
-        self.fail_call("qzcap_list_laninfo")
-        self.notify(LAN, "devicestatus", {"mac": DESK, "active": 0})
-        self.assert_sent(event("offline", mac=DESK))
-        agent.expect("[ERROR] qzcap_list_laninfo failed")
-        # The WAN report goes out with what is known; a message from the gateway makes it ask again.
-        self.control()
-        self.fail_call("qzcap_get_waninfo")
-        self.patch({"waninfo": {"dns2": "9.9.9.9", "status": "down"}})
-        self.wait_for_message("wan_report")
-        self.assertEqual(self.received("wan_report")[0]["status"],
-                         {"status": "down", "ipaddr": "192.168.1.2", "dns": DNS})
-        self.control()
-        self.patch({"waninfo": {"status": "up"}})
-        self.assertEqual(self.wait_for_message("wan_report", 2)[1]["status"]["dns"], ["192.168.1.1", "9.9.9.9"])
-
 
 class Unlinked(LinkedCase):
     """Whatever happens, nothing is sent and the platform is not asked while the device is not registered."""

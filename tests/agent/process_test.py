@@ -54,8 +54,7 @@ class TestMode(AgentCase):
         self.addCleanup(lambda: os.path.exists(MARKER) and os.unlink(MARKER))
 
     def test_marker_overrides_the_option(self):
-        for text, address in ((b"192.168.1.1\n", "192.168.1.1"), (b"192.168.1.1", "192.168.1.1"),
-                              (b"192.168.1.1\r\n", "192.168.1.1\r"), (b"192.168.1.1\n\n", "192.168.1.1\n"),
+        for text, address in ((b"192.168.1.1\n", "192.168.1.1"), (b"192.168.1.1\r\n", "192.168.1.1\r"),
                               (b"", "192.168.1.1"), (b"x" * 100, "x" * 31)):
             with self.subTest(text=text):
                 self.marker(text)
@@ -79,19 +78,20 @@ class Life(AgentCase):
         self.assertEqual(calls[2]["args"]["name"], "arvokclt")
 
     def test_device_that_is_not_ready_is_asked_every_five_seconds(self):
-        self.fail_call("qzcap_get_devinfo", 2)
+        self.fail_call("qzcap_get_devinfo")
         began = time.monotonic()
         agent = self.start("-g", "192.168.1.1")
-        agent.expect("[ERROR] update_dev_info failed\n[ERROR] update_dev_info failed\n")
+        agent.expect("[ERROR] update_dev_info failed\n")
         agent.expect("[INFO] (arvok) connect ")
-        self.assertAlmostEqual(time.monotonic() - began, 10, delta=2.5)
+        self.assertAlmostEqual(time.monotonic() - began, 5, delta=2)
 
     def test_device_record_that_cannot_be_refreshed(self):
         self.misbehave(fault="refuse", times=0)
+        self.hold_timers()
         agent = self.start()
         agent.expect("[ERROR] (arvok) tcp connection broken\n")
         self.fail_call("qzcap_get_devinfo")
-        agent.expect("[WARNING] (arvok) devinfo get failed\n")
+        self.expect_later(agent, "[WARNING] (arvok) devinfo get failed\n")
 
     def test_ends_in_order_from_every_state(self):
         def registered(agent):
@@ -123,19 +123,19 @@ class Life(AgentCase):
         # Nobody answers for this address: the connection stays in the making.
         subprocess.run(["lab-ap", "ip", "neigh", "replace", "192.168.1.77", "lladdr", "02:00:00:00:00:77", "dev",
                         "br-lan", "nud", "permanent"], check=True)
+        self.hold_timers()
         agent = self.start("-g", "192.168.1.77")
-        agent.expect('-> {"type":"keyngreq"')
-        agent.expect("[ERROR] (arvok) wait ack timeout\n")
-        agent.expect("disconnect fd")
+        self.expect_later(agent, '-> {"type":"keyngreq"', "[ERROR] (arvok) wait ack timeout\n", "disconnect fd")
 
     def test_platform_that_hangs_or_goes(self):
+        self.hold_timers()
         agent = self.start("-g", "192.168.1.1")
-        self.wait_for_message("keepalive", 1)
+        self.pass_until(lambda: self.received("keepalive"), "the first keepalive", 1)
         call("qzcapd.emulator", "fail", {"call": "qzcap_get_waninfo", "reason": "", "times": 1, "mode": "timeout"})
         call("qzcapd.emulator", "fail", {"call": "qzcap_get_devinfo", "reason": "", "times": 1, "mode": "timeout"})
         self.misbehave(fault="close", after=1)
-        agent.expect("[ERROR] (arvok) tcp connection broken\n")
-        self.wait_for_message("dev_report", 2, 40)
+        self.expect_later(agent, "[ERROR] (arvok) tcp connection broken\n", "[INFO] (arvok) connect ")
+        self.wait_for_message("dev_report", 2)
         self.assertIn("[ERROR] update_wan_info failed\n", agent.lines())
 
     def test_platform_session_from_start_to_end(self):
@@ -162,14 +162,6 @@ class Life(AgentCase):
     def test_no_standard_descriptors(self):
         self.start("-c", 'exec lab-ap arvokclt -g 192.168.1.1 0<&- 1>&- 2>&-', program=("sh",))
         self.wait_for_message("wan_report")
-
-    def test_app_object_is_published_and_withdrawn(self):
-        agent = self.start("-g", "192.168.1.1")
-        self.wait_for_message("dev_reg")
-        names = lambda: subprocess.run(["ubus", "list"], stdout=subprocess.PIPE, check=True).stdout.decode().split()
-        self.assertIn("qzapp.arvokclt", names())
-        agent.stop()
-        wait_until(lambda: "qzapp.arvokclt" not in names(), "the app object withdrawn")
 
 
 if __name__ == "__main__":

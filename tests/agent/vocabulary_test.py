@@ -1,5 +1,5 @@
 """The settings of the device and its hosts, and the steering of stations: every member missing, of a wrong kind, at its
-limits and beyond; what the platform is told; what comes back when it refuses."""
+limits and beyond; what the platform is told."""
 
 import os
 import subprocess
@@ -47,10 +47,6 @@ class VocabularyCase(LinkedCase):
                     self.assertEqual(send({**good, name: value}), DONE)
             self.journal()
 
-    def refused(self, send, function, text=None):
-        self.fail_call(function)
-        self.assertEqual(send(), (10004, text or function + " failed: on demand"))
-
 
 class DeviceRows(VocabularyCase):
     def test_software(self):
@@ -67,11 +63,9 @@ class DeviceRows(VocabularyCase):
         upgrade({**good, "fileSize": "4711"})
         self.assertEqual(self.journal("qzcap_upgrade"),
                          [("qzcap_upgrade", {"url": good["downurl"], "size": 4711, "chksum": "c0ffee"})])
-        self.refused(lambda: upgrade(good), "qzcap_upgrade")
         # The agent's own package goes through the app manager; how that ends is for the log.
         client = lambda value: self.cfg(upgrade_client=value)
         self.assertEqual(client({**good, "fileSize": 0, "chksum": 5}), invalid("fileSize"))
-        self.refused(lambda: client(good), "qzcap_install_app", "qzcap_install_app failed")
         for name, line in (("arvokclt", "[INFO] client upgrade installed arvokclt 9.1\n"),
                            ("radio", "[WARNING] client upgrade installed radio\n")):
             package = subprocess.check_output([MKAPP, name, "9.1"], text=True).strip()
@@ -95,8 +89,7 @@ class DeviceRows(VocabularyCase):
         checks = {"enable": (NO_SWITCH, ("ON", "OFF")), "rssi2G": number(-100, 0), "rssi5G": number(-100, 0),
                   "interval": number(1, 3600)}
         good = {"enable": "ON", "rssi2G": -70, "rssi5G": -65, "interval": 30}
-        for row, stem, stored in (("roaming_set", "roaming", "roaming"),
-                                  ("map_roaming_set", "mesh_roaming", "mesh_roaming")):
+        for row, stored in (("roaming_set", "roaming"), ("map_roaming_set", "mesh_roaming")):
             send = lambda value: self.cfg(**{row: value})
             self.members(send, good, checks, optional=checks)
             for nothing in (*NO_TEXT, {"difference": 3}):
@@ -109,8 +102,6 @@ class DeviceRows(VocabularyCase):
             self.assertEqual(send(good), DONE)
             self.assertEqual(self.state()[stored],
                              {**before, "enable": "yes", "rssi_2g": -70, "rssi_5g": -65, "interval": 30})
-            self.refused(lambda: send(good), "qzcap_get_" + stem, "qzcap_get_" + stem + " failed")
-            self.refused(lambda: send(good), "qzcap_set_" + stem)
 
     def test_blacklist(self):
         self.link()
@@ -123,7 +114,6 @@ class DeviceRows(VocabularyCase):
         self.assertEqual(send({"enable": "ON", "mac": [PHONE, TABLET]}), DONE)
         self.assertEqual(send({"enable": "OFF", "mac": [TABLET]}), DONE)  # replaced, not added to
         self.assertEqual(self.state()["blacklist"], {"enable": "no", "macs": [TABLET]})
-        self.refused(lambda: send({"enable": "ON", "mac": []}), "qzcap_set_blacklist")
 
     def test_role_and_television(self):
         self.link()
@@ -131,7 +121,6 @@ class DeviceRows(VocabularyCase):
             self.assertEqual(self.cfg(setMapRole=value), invalid("setMapRole"))
         for role in ("agent", "auto", "controller"):
             self.assertEqual((self.cfg(setMapRole=role), self.state()["mesh"]["role"]), (DONE, role))
-        self.refused(lambda: self.cfg(setMapRole="auto"), "qzcap_set_mesh_role")
 
         send = lambda value: self.cfg(iptv=value)
         ports = self.state()["devinfo"]["lanports"]
@@ -142,8 +131,6 @@ class DeviceRows(VocabularyCase):
         self.members(send, good, checks)
         self.assertEqual(send(good), DONE)
         self.assertEqual(self.state()["iptv"], {"enable": "yes", "vlan": 85, "ports": ports[-1:]})
-        self.refused(lambda: send(good), "qzcap_set_iptv")
-        self.refused(lambda: send(good), "qzcap_get_devinfo", "qzcap_get_devinfo failed")
         self.patch({"devinfo": {"lanports": None}})
         self.assertEqual(send(good), invalid("ports"))
 
@@ -179,11 +166,6 @@ class DeviceRows(VocabularyCase):
         self.assertEqual(describe(good, {"mac": "nobody", "model": "x"}), (10002, "unknown mac nobody"))
         self.assertEqual(limit({"mac": DESK, "uplimit": 1, "downlimit": 1}, {"mac": ""}), invalid("uplimit"))
         self.assertEqual(self.journal("qzcap_set_laninfo"), [])
-        self.refused(lambda: describe(good, good), "qzcap_set_laninfo")
-        self.assertEqual(len(self.journal("qzcap_set_laninfo")), 1)
-        self.refused(lambda: describe(good), "qzcap_list_laninfo", "qzcap_list_laninfo failed")
-        self.fail_call("qzcap_list_laninfo", mode="empty")
-        self.assertEqual(describe(good)[0], 10004)
 
     def test_several_rows(self):
         self.link()
@@ -260,13 +242,9 @@ class Stations(VocabularyCase):
         for data in (None, 5, [{"mac": PHONE}]):
             self.assertEqual(request(data=data), (invalid("data"), []))
             self.assertEqual(self._acknowledged({"type": "deassociation", "data": data}), invalid("data"))
-        self.fail_call("qzcap_list_laninfo")
-        self.assertEqual(ask(), ((10004, "qzcap_list_laninfo failed"), []))
-        self.fail_call("qzcap_get_wifiinfo", times=2)
-        self.assertEqual(ask(), ((10004, "update_wifi_info failed"), []))
 
     def test_rssi_query(self):
-        agent = self.link()
+        self.link()
         good = {"mac": TABLET, "band": "5G", "duration": 1}
         send = lambda members: self.ask("startaprssiquery", **members)
         self.members(send, good, {"mac": (NO_TEXT, ()), "band": ((*NO_TEXT, "5g", "5G-2", ""), ("2.4G", "5G")),
@@ -289,9 +267,6 @@ class Stations(VocabularyCase):
         self.assertEqual(self.received("cfg"), [])
         self.assertEqual(send({**good, "mac": DESK}),
                          (10004, "qzcap_start_rssi_query failed: no such station: " + DESK))
-        self.fail_call("qzcap_get_wifiinfo", times=2)
-        self.assertEqual(send(good), (10004, "update_wifi_info failed"))
-        agent.expect("[ERROR] (10004) update_wifi_info failed\n")
         # A device without that radio.
         self.patch({"devinfo": {"support_5g": "no"}})
         self.stop_agents()
@@ -309,7 +284,6 @@ class Stations(VocabularyCase):
         self.assertEqual(self.journal("qzcap_bss_transition"), [("qzcap_bss_transition", {"record": {
             "mac": PHONE, "bssid": good["bssid"], "channel": 6, "timeout": 0}})])
         self.assertEqual(self.wait_for_message("cfg")[0]["roaming_report"][0]["mac"], PHONE)
-        self.refused(lambda: send(good), "qzcap_bss_transition")
 
 
 if __name__ == "__main__":

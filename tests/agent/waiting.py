@@ -8,7 +8,7 @@ import time
 DEADLINE = 20.0
 
 
-def wait_until(condition, what, deadline=DEADLINE):
+def wait_until(condition, what, deadline=DEADLINE, pause=0.02):
     """Polls until condition() is true and returns what it returned."""
     end = time.monotonic() + deadline
     while True:
@@ -17,7 +17,7 @@ def wait_until(condition, what, deadline=DEADLINE):
             return value
         if time.monotonic() > end:
             raise AssertionError("did not happen within %.0f s: %s" % (deadline, what() if callable(what) else what))
-        time.sleep(0.02)
+        time.sleep(pause)
 
 
 class Timers:
@@ -38,6 +38,6 @@ class Timers:
     def ahead(self, seconds):
         """Moves the clock, and waits until the agent has done what was due then: until its loop waits once more."""
         struct.pack_into("=q", self.page, 0, self._read()[0] + int(seconds * 1000))
-        wait_until(lambda: self._read()[1] == self._read()[0], "the agent's loop waits")
+        wait_until(lambda: self._read()[1] == self._read()[0], "the agent's loop waits", pause=0.001)
         waits = self._read()[2]
-        wait_until(lambda: self._read()[2] != waits, "the agent's loop waits again")
+        wait_until(lambda: self._read()[2] != waits, "the agent's loop waits again", pause=0.001)
