@@ -79,7 +79,7 @@ class AgentCase(unittest.TestCase):
                 return True
             self.timers.ahead(seconds)
             return condition()
-        return wait_until(passed, what, 60)
+        return wait_until(passed, what, 60, pause=0.05)
 
     def expect_later(self, agent, *lines, seconds=2):
         """The lines come one after the other while time passes on the agent's clock."""
