@@ -5,10 +5,9 @@ import os
 import time
 import unittest
 
-from desk import LinkedCase, call
+from desk import LinkedCase, UnkeyedCase, call
 
 LAN = 5
-MAGIC = 0x3f721fb5
 ARGUMENTS = {"text": "ä\n\"", "number": 7, "big": 123456789012345, "negative": -1, "fraction": 1.5, "yes": True,
              "none": None, "list": [1, "two", {"three": 3}], "table": {}}
 
@@ -74,22 +73,21 @@ class Calls(BridgeCase):
         self.assertIn(reply["errmsg"], ("blobmsg_format_json failed", "cJSON_Parse failed"))
         self.assert_reply(reply, 10004, reply["errmsg"], object="odd", method="deep")
 
+    def test_object_that_leaves_during_a_call(self):
+        agent = self.link()
+        process = self.publish("odd")
+        reply = self.single("odd", "vanish", 30)
+        self.assertEqual((reply["errcode"], list(reply)[-1]), (10004, "method"))
+        self.assertRegex(reply["errmsg"], "^ubus_invoke failed: [A-Z]")
+        self.assertEqual(process.wait(20), 0)
+        self.assertEqual(self.single("odd", "echo")["errmsg"], "qzcap_get_objid_by_name failed: odd")
+        agent.expect("[ERROR] (10004) qzcap_get_objid_by_name failed: odd\n")
+
+
+class Refused(UnkeyedCase):
     def test_requests_that_are_not_answered(self):
-        """On a link that has no key yet, so that any text can be put on it, one behind the other."""
-        self.misbehave(fault="drop", on="keyngreq", times=0)
-        agent = self.start("-g", os.environ["GATEWAY_ADDR"])
-        agent.expect('-> {"type":"keyngreq"')
         self.publish("odd")
-
-        expected = ""
-
-        def put(line, **message):
-            nonlocal expected
-            text = json.dumps(message, separators=(",", ":"))
-            frame = MAGIC.to_bytes(4, "big") + len(text).to_bytes(4, "big") + text.encode()
-            call("lab.gateway", "raw", {"hex": frame.hex()})
-            expected += "[INFO] (arvok) <- %s (%d)\n%s\n" % (text, len(text), line)
-
+        put = lambda line, **message: self.put(line + "\n", message)
         envelope = {"sequence": 1, "mac": "x"}
         valid = {"object": "odd", "method": "echo", "message": {}}
         for kind in ("ubus_call", "ubus_subscribe"):
@@ -110,21 +108,8 @@ class Calls(BridgeCase):
         deep = json.loads('{"a":' * 100 + "1" + "}" * 100)
         put("[ERROR] (10004) blobmsg_add_json_from_string failed", type="ubus_call", **envelope,
             **{**valid, "message": deep})
-        agent.expect("blobmsg_add_json_from_string failed\n[INFO] (arvok) -> ")
-        # Meanwhile the cloud connection goes its own way.
-        log = "".join(line for line in agent.lines().splitlines(True) if "(cloud)" not in line)
-        log = log[log.index("[INFO] (arvok) <- "):]
-        self.assertEqual(log[:log.index("[INFO] (arvok) -> ")], expected)
-
-    def test_object_that_leaves_during_a_call(self):
-        agent = self.link()
-        process = self.publish("odd")
-        reply = self.single("odd", "vanish", 30)
-        self.assertEqual((reply["errcode"], list(reply)[-1]), (10004, "method"))
-        self.assertRegex(reply["errmsg"], "^ubus_invoke failed: [A-Z]")
-        self.assertEqual(process.wait(20), 0)
-        self.assertEqual(self.single("odd", "echo")["errmsg"], "qzcap_get_objid_by_name failed: odd")
-        agent.expect("[ERROR] (10004) qzcap_get_objid_by_name failed: odd\n")
+        self.agent.expect("blobmsg_add_json_from_string failed\n[INFO] (arvok) -> ")
+        self.assert_logged()
 
 
 class Hanging(BridgeCase):

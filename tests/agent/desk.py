@@ -217,3 +217,26 @@ class LinkedCase(AgentCase):
 
     def cfg(self, **rows):
         return self._acknowledged({"type": "cfg", "set": rows})
+
+
+class UnkeyedCase(AgentCase):
+    """A link that has no key yet, so that any text can be put on it, one behind the other."""
+
+    def setUp(self):
+        super().setUp()
+        self.misbehave(fault="drop", on="keyngreq", times=0)
+        self.agent = self.start("-g", os.environ["GATEWAY_ADDR"])
+        self.agent.expect('-> {"type":"keyngreq"')
+        self.logged = ""
+
+    def put(self, line, message):
+        """Sends a message that makes the agent log the line."""
+        text = json.dumps(message, separators=(",", ":"))
+        frame = bytes.fromhex("3f721fb5") + len(text).to_bytes(4, "big") + text.encode()
+        call("lab.gateway", "raw", {"hex": frame.hex()})
+        self.logged += "[INFO] (arvok) <- %s (%d)\n%s" % (text, len(text), line)
+
+    def assert_logged(self):
+        """All that was put, and nothing else, up to the first thing that is said of something else."""
+        log = re.sub(r"\[\w+\] \(cloud\) .*\n", "", self.agent.lines())  # it goes its own way
+        self.assertEqual(log[log.index("[INFO] (arvok) <- "):][:len(self.logged)], self.logged)

@@ -1,7 +1,10 @@
-// What the `ubus` command shows and does, against objects of this process.
+// What the `ubus` command shows and does, against objects of this process; and how the daemon starts and
+// ends.
 #include <gmock/gmock.h>
+#include <unistd.h>
 
 #include <csignal>
+#include <fstream>
 
 #include "support.h"
 
@@ -134,6 +137,28 @@ TEST_F(Command, WaitsForObjects) {
     const Result never = ubus({"-t", "1", "wait_for", "early", "never"});
     EXPECT_EQ(never.status, UBUS_STATUS_TIMEOUT);
     EXPECT_EQ(never.errors, "Command failed: Request timed out\n");
+}
+
+TEST_F(Bus, TheDaemonRespectsWhatIsAtItsSocket) {
+    const auto run = [](const std::vector<std::string> &arguments) {
+        Program program(arguments);
+        const int status = program.finish();
+        return std::make_pair(status, program.errors());
+    };
+    // One that is served, and a file.
+    EXPECT_THAT(run({UBUSD, "-s", socket}), testing::Pair(1, HasSubstr("in use")));
+    std::ofstream(directory + "/file") << "precious";
+    EXPECT_THAT(run({UBUSD, "-s", directory + "/file"}), testing::Pair(1, HasSubstr("not a socket")));
+    EXPECT_EQ(ubus({"list"}).status, 0);
+
+    // One that a killed daemon has left behind.
+    daemon->signal(SIGKILL);
+    EXPECT_EQ(daemon->finish(), -SIGKILL);
+    EXPECT_EQ(access(socket.c_str(), F_OK), 0);
+    start_daemon();
+    EXPECT_EQ(ubus({"list"}).status, 0);
+    EXPECT_EQ(stop_daemon(), 0);
+    EXPECT_NE(access(socket.c_str(), F_OK), 0);
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// A bus of one's own: a real daemon on a private socket, clients in this process and in others, commands, and
-// a client that speaks the wire by hand.
+// A bus of one's own: a real daemon on a private socket, clients in this process and in others, and commands.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -120,41 +119,6 @@ class OtherProcess {
 
   private:
     pid_t pid_;
-};
-
-/// A message as a client reads it off the wire, its attributes as JSON-free numbers.
-struct WireMessage {
-    int type = -1;  ///< -1: the daemon has closed the connection
-    uint16_t seq = 0;
-    uint32_t peer = 0;
-    int status = -1;  ///< UBUS_ATTR_STATUS, -1 without
-    uint32_t object = 0;
-    std::vector<uint8_t> body;
-};
-
-/// A client that writes and reads bytes.
-class Wire {
-  public:
-    explicit Wire(const std::string &socket);
-    ~Wire();
-    Wire(const Wire &) = delete;
-
-    /// The whole message of these attributes.
-    static std::string message(int type, uint16_t seq, uint32_t peer, blob_buf &attributes);
-
-    /// Sends; false when the daemon has closed the connection.
-    bool send(const std::string &bytes) const;
-    /// The next message, waiting for it at most ten seconds.
-    WireMessage receive();
-    void close();
-
-    uint32_t id() const { return id_; }
-
-  private:
-    bool read(void *to, size_t size) const;
-
-    int socket_;
-    uint32_t id_ = 0;
 };
 
 class Bus : public testing::Test {

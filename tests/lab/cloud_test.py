@@ -275,19 +275,6 @@ class CloudTest(PeerCase):
         self.all_invalid(*(("misbehave", argument) for argument in (
             {"fault": "drop", "on": "RequestConnectBSS"}, {"fault": "drop", "server": "127.0.0.2"}, {"fault": "prefix"})))
 
-    # ---- the command line --------------------------------------------------------------------------------------
-
-    def test_options(self):
-        free = ["-s", self.bus, "--bss", "127.0.0.1:0", "--business", "none"]
-        taken = ["-s", self.bus, "--bss", "127.0.0.1:0", "--business", self.servers[1]]
-        self.options_end_with(
-            (["-h"], 0, "usage: lab-cloud"),
-            (["more"], 1, "unexpected argument: more"),
-            (["-s", "/nonexistent/bus"], 1, "cannot connect to the bus at /nonexistent/bus"),
-            (taken, 1, "cannot listen on " + self.servers[1]),
-            (free, 1, "cannot publish lab.cloud"),
-        )
-
 
 if __name__ == "__main__":
     unittest.main()

@@ -194,18 +194,6 @@ class GatewayTest(PeerCase):
         self.all_invalid(*(("misbehave", argument) for argument in (
             {"fault": "explode"}, {"fault": "drop", "on": "keepalvie"}, {"fault": "drop", "time": 1})))
 
-    # ---- the command line --------------------------------------------------------------------------------------
-
-    def test_options(self):
-        self.options_end_with(
-            (["-h"], 0, "usage: lab-gateway"),
-            (["-a", "300.1.1.1"], 1, "not an IPv4 address: 300.1.1.1"),
-            (["-p", "-1"], 1, "not a port: -1"),
-            (["-s", "/nonexistent/bus"], 1, "cannot connect to the bus at /nonexistent/bus"),
-            (["-s", self.bus, "-a", "127.0.0.1", "-p", str(self.port)], 1, "cannot listen on 127.0.0.1"),
-            (["-s", self.bus, "-a", "127.0.0.1", "-p", "0"], 1, "cannot publish lab.gateway"),
-        )
-
 
 if __name__ == "__main__":
     unittest.main()

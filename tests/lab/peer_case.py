@@ -94,11 +94,3 @@ class PeerCase(unittest.TestCase):
                 text = text.lstrip()[end:]
             watcher.terminate()
         return shown
-
-    def options_end_with(self, *rows):
-        """Rows of arguments, the exit status, and a part of what is said."""
-        for arguments, status, text in rows:
-            with self.subTest(arguments=arguments):
-                done = subprocess.run([program(self.program), *arguments], capture_output=True, text=True, timeout=20)
-                self.assertEqual(done.returncode, status)
-                self.assertIn(text, done.stdout + done.stderr)
