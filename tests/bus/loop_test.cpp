@@ -1,9 +1,6 @@
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -14,7 +11,6 @@
 
 extern "C" {
 #include <libubox/uloop.h>
-#include <libubox/usock.h>
 }
 
 namespace arvok {
@@ -283,85 +279,6 @@ TEST_F(Loop, TerminationSignalsEndEveryRunAndTheProcessHasItsHandlersBack) {
     uloop_timeout_set(&end, 20);
     EXPECT_EQ(uloop_run(), 0);
     std::signal(SIGINT, SIG_DFL);
-}
-
-struct Process : uloop_process {
-    std::function<void(int)> action;
-
-    explicit Process(const std::function<void()> &body) : uloop_process{} {
-        cb = [](uloop_process *process, int status) { static_cast<Process *>(process)->action(status); };
-        pid = fork();
-        if (pid == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            body();
-            _exit(7);
-        }
-    }
-};
-
-TEST_F(Loop, ChildrenAreReportedWithTheirStatusAlsoWhenTheyEndedBefore) {
-    Process early([] {});
-    Process killed([] { pause(); });
-    Process foreign([] {});
-    std::vector<int> codes;
-
-    siginfo_t info{};
-    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(early.pid), &info, WEXITED | WNOWAIT), 0);
-    early.action = [&](int status) {
-        codes.push_back(WEXITSTATUS(status));
-        kill(killed.pid, SIGKILL);
-    };
-    killed.action = [&](int status) {
-        codes.push_back(WTERMSIG(status));
-        uloop_end();
-    };
-    // Within the run, whose look at the children that ended before it has passed.
-    Timer add([&] {
-        EXPECT_EQ(uloop_process_add(&early), 0);
-        EXPECT_EQ(uloop_process_add(&early), -1);
-        uloop_process_add(&killed);
-    });
-    uloop_timeout_set(&add, 10);
-    run();
-    EXPECT_THAT(codes, ElementsAre(7, SIGKILL));
-    EXPECT_EQ(uloop_process_delete(&early), -1);
-    // A child that is not watched is left to whoever started it.
-    int status = 0;
-    EXPECT_EQ(waitpid(foreign.pid, &status, 0), foreign.pid);
-    EXPECT_EQ(WEXITSTATUS(status), 7);
-}
-
-TEST_F(Loop, SocketsConnectListenAndRefuse) {
-    const int server = usock(USOCK_TCP | USOCK_SERVER | USOCK_NUMERIC | USOCK_IPV4ONLY, "127.0.0.1", "0");
-    ASSERT_GE(server, 0);
-    sockaddr_storage bound{};
-    socklen_t size = sizeof(bound);
-    ASSERT_EQ(getsockname(server, reinterpret_cast<sockaddr *>(&bound), &size), 0);
-    uint16_t port;
-    memcpy(&port, reinterpret_cast<char *>(&bound) + 2, sizeof(port));
-    const std::string service = std::to_string(ntohs(port));
-
-    const int client = usock(USOCK_TCP | USOCK_NUMERIC, "127.0.0.1", service.c_str());
-    EXPECT_GE(client, 0);
-    EXPECT_NE(fcntl(client, F_GETFD) & FD_CLOEXEC, 0);
-    EXPECT_EQ(fcntl(client, F_GETFL) & O_NONBLOCK, 0);
-    close(client);
-    // The port can be taken again at once.
-    close(server);
-    const int again =
-        usock(USOCK_TCP | USOCK_SERVER | USOCK_NUMERIC | USOCK_NOCLOEXEC, "127.0.0.1", service.c_str());
-    EXPECT_GE(again, 0);
-    EXPECT_EQ(fcntl(again, F_GETFD) & FD_CLOEXEC, 0);
-    close(again);
-
-    EXPECT_EQ(usock(USOCK_TCP | USOCK_NUMERIC, "127.0.0.1", service.c_str()), -1);
-    EXPECT_EQ(errno, ECONNREFUSED);
-    // A refusal that is not waited for is no failure yet.
-    const int late = usock(USOCK_TCP | USOCK_NUMERIC | USOCK_NONBLOCK, "127.0.0.1", service.c_str());
-    if (late >= 0)
-        close(late);
-    else
-        EXPECT_EQ(errno, ECONNREFUSED);
 }
 
 }  // namespace

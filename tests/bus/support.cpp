@@ -228,15 +228,8 @@ OtherProcess::OtherProcess(const std::string &socket, const std::function<void(c
 }
 
 OtherProcess::~OtherProcess() {
-    kill();
-}
-
-void OtherProcess::kill() {
-    if (pid_ > 0) {
-        ::kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-    pid_ = -1;
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
 }
 
 // Bus

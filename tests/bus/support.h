@@ -90,7 +90,6 @@ class Program {
     /// Lets it end; its exit status, or minus the number of the signal that ended it.
     int finish();
     void signal(int number) const;
-    pid_t pid() const { return process_.pid; }
 
     const std::string &output() const { return output_[0].text; }
     const std::string &errors() const { return output_[1].text; }
@@ -114,8 +113,6 @@ class OtherProcess {
     OtherProcess(const std::string &socket, const std::function<void(const Peer &)> &body);
     ~OtherProcess();
     OtherProcess(const OtherProcess &) = delete;
-
-    void kill();
 
   private:
     pid_t pid_;

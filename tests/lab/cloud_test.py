@@ -258,6 +258,13 @@ class CloudTest(PeerCase):
                 device.ask("Heartbeat", seal)
 
     def test_faults_that_no_agent_test_orders(self):
+        for fault in ("bad_magic", "bad_length", "no_crlf", "bad_base64", "wrong_key", "bad_json"):
+            with self.subTest(fault), self.device(enrolled=True) as device:
+                self.call("misbehave", {"fault": fault, "on": "Heartbeat", **({"length": 9} if "length" in fault else {})})
+                self.assertEqual(device.ask("InstallNotification", ID="1")["ID"], "1", "another answer suffered")
+                with self.assertRaises(ValueError):
+                    device.ask("Heartbeat")
+                self.assertEqual(self.call("peer")["faults"], "none", "it was used up")
         with self.subTest("fill"), self.device(enrolled=True) as device:
             self.call("misbehave", {"fault": "fill", "on": "Heartbeat", "length": 16384})
             device.send("Heartbeat")

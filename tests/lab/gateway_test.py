@@ -191,6 +191,9 @@ class GatewayTest(PeerCase):
                 self.assertNotIn(b"errcode", aes(point.key, body[:len(body) & ~15], decrypt=True)[16 * (seen < 1):])
                 point.send("keepalive")
                 self.assertEqual(point.receive()["type"], "ack")
+        self.call("misbehave", {"fault": "bad_length", "length": 9})
+        with self.assertRaises(ValueError):
+            self.connect(negotiated=False).ask_for_key()
         self.all_invalid(*(("misbehave", argument) for argument in (
             {"fault": "explode"}, {"fault": "drop", "on": "keepalvie"}, {"fault": "drop", "time": 1})))
 

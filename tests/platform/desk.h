@@ -5,7 +5,7 @@
 #include <cjson/cJSON.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
+
 #include <sys/types.h>
 
 #include <functional>
@@ -71,10 +71,6 @@ class Desk : public testing::Test {
 
     void start_platform(const std::string &state_file);
     void stop_platform() { platform_.reset(); }
-    void kill_platform() {
-        platform_->kill(SIGKILL);
-        platform_.reset();
-    }
     void stop_bus();
     /// The path of a file among the device's own.
     std::string device_file(const std::string &name) const { return directory_ + "/qzcap/" + name; }
