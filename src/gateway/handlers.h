@@ -1,0 +1,28 @@
+#pragma once
+/// The handlers of the message types that read and change settings, and of those about stations.
+///
+/// A handler fills `reply` and answers whether it consumed the message; one that did not says why in the log.
+
+#include "gateway/request.h"
+
+namespace arvok::gateway {
+
+/// "cfg": what "set" has.
+bool handle_cfg(request &);
+/// "get_status": the items that "get" names.
+bool handle_get_status(request &);
+
+// Stations: how they are heard, and where they should go.
+bool handle_deassociation(request &);
+bool handle_getrssiinfo(request &);
+bool handle_startaprssiquery(request &);
+bool handle_startstabsstransitionrequest(request &);
+
+/// Disconnects the stations of "mac", a text or an array of texts: both a command and a message of its own.
+void deassociate(request &, json::view element);
+
+/// Adds this device's part in the mesh, for "mapInfo" and the mesh report: "mapRole", "mapAlmac" and, for a
+/// controller, "backhaulBSS". Null, or the text that says which platform call failed, with nothing added.
+const char *add_map_info(json::object &);
+
+}  // namespace arvok::gateway
