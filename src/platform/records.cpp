@@ -21,7 +21,7 @@ void replace_text(char *&text, std::string_view value) {
 
 qzcap_laninfo *find_host(const host_list &hosts, std::string_view mac) {
     for (qzcap_laninfo *host : hosts)
-        if (same_ignoring_case(view_of(host->mac), mac))
+        if (host->mac && same_ignoring_case(host->mac, mac))
             return host;
     return nullptr;
 }

@@ -108,10 +108,17 @@ class reason {
     char *text_ = nullptr;
 };
 
+/// A text, terminated by a zero, as a member of a record that a platform call only reads: records have no
+/// const texts.
+inline char *lent(std::string_view text) {
+    return const_cast<char *>(text.data());
+}
+
 /// Replaces a text of a platform record with a copy of `value`.
 void replace_text(char *&text, std::string_view value);
 
-/// The host of that MAC, in either case, borrowed from the list; null when there is none.
+/// The host of that MAC, in either case, borrowed from the list; null when there is none. A host whose MAC is
+/// not known is not found.
 qzcap_laninfo *find_host(const host_list &hosts, std::string_view mac);
 
 /// A host's `connecttype` on a radio.
