@@ -1,0 +1,26 @@
+#pragma once
+/// The settings of a "cfg" message. Each takes the value of its member in "set", checks it before it changes
+/// anything, and says what went wrong by the error that it records.
+
+#include "gateway/request.h"
+
+namespace arvok::gateway {
+
+void set_wifi(request &, json::view value);
+void set_wifitimer(request &, json::view value);
+void set_ledswitch(request &, json::view value);
+void set_wifiswitch(request &, json::view value);
+void set_wpsswitch(request &, json::view value);
+void set_syncswitch(request &, json::view value);
+void set_upgrade(request &, json::view value);
+void set_upgrade_client(request &, json::view value);
+void set_ctrlcommand(request &, json::view value);
+void set_roaming(request &, json::view value);
+void set_mesh_roaming(request &, json::view value);
+void set_blacklist(request &, json::view value);
+void set_real_devinfo(request &, json::view value);
+void set_map_role(request &, json::view value);
+void set_iptv(request &, json::view value);
+void set_speedlimit(request &, json::view value);
+
+}  // namespace arvok::gateway
