@@ -29,7 +29,7 @@ void bus_message::text(const char *name, std::string_view characters) {
     blobmsg_add_string(&buffer_, name, std::string(characters).c_str());
 }
 
-void bus_message::text(const char *name, char *characters) {
+void bus_message::text(const char *name, const char *characters) {
     text(name, view_of(characters));
 }
 

@@ -23,8 +23,8 @@ class bus_message {
     bus_message &operator=(const bus_message &) = delete;
 
     void text(const char *name, std::string_view characters);
-    /// A text of a platform record: null is "".
-    void text(const char *name, char *characters);
+    /// A literal, or a text of a platform record: null is "".
+    void text(const char *name, const char *characters);
     void number(const char *name, std::int32_t n);
 
     /// Adds the members of a JSON object. False when the bus cannot take them.

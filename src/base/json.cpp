@@ -135,7 +135,7 @@ object &object::text(const char *name, std::string_view characters) {
     return *this;
 }
 
-object &object::text(const char *name, char *characters) {
+object &object::text(const char *name, const char *characters) {
     return text(name, view_of(characters));
 }
 

@@ -119,8 +119,8 @@ class object {
     explicit object(view begun);
 
     object &text(const char *name, std::string_view characters);
-    /// A text of a platform record: null is written as "".
-    object &text(const char *name, char *characters);
+    /// A literal, or a text of a platform record: null is written as "".
+    object &text(const char *name, const char *characters);
     object &number(const char *name, double n);
     object &add(const char *name, const value &v);
     /// The same under a name that is not a literal.

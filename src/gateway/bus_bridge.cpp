@@ -1,0 +1,209 @@
+#include "gateway/bus_bridge.h"
+
+#include <algorithm>
+
+#include "base/bus_message.h"
+#include "base/log.h"
+
+namespace arvok::gateway {
+namespace {
+
+constexpr int call_timeout_ms = 20000;
+constexpr std::size_t object_name_max = 127;  // a longer name is known by what there is of it
+
+using bus_answer = handle<blob_attr, &qzcap_free>;
+
+// --- ubus_call ---
+
+struct bus_method {
+    std::string object;
+    std::string name;
+};
+
+// The method that a request or an element of its list names; nothing after a log line.
+std::optional<bus_method> method_of(json::view element) {
+    const std::optional<std::string_view> object = element["object"].text();
+    if (!object) {
+        log_printf("[ERROR] invalid object\n");
+        return std::nullopt;
+    }
+    const std::optional<std::string_view> name = element["method"].text();
+    if (!name) {
+        log_printf("[ERROR] invalid method\n");
+        return std::nullopt;
+    }
+    return bus_method{std::string(*object), std::string(*name)};
+}
+
+// One bounded call; `arguments` is an object. Its answer, or nothing with the error recorded.
+json::value call(request &r, const bus_method &method, const std::string &arguments) {
+    const std::uint32_t object = platform::object_id(method.object);
+    if (object == 0) {
+        r.fail(platform_failed, "qzcap_get_objid_by_name failed: %s", method.object.c_str());
+        return {};
+    }
+    bus_message message;
+    if (!message.add_json(arguments)) {
+        r.fail(platform_failed, "blobmsg_add_json_from_string failed");
+        return {};
+    }
+    blob_attr *collected = nullptr;
+    const int status = ubus_invoke(qzcap_get_ubus_context(), object, method.name.c_str(), message.get(),
+                                   qzcap_data_blob_cb, &collected, call_timeout_ms);
+    const bus_answer answer(collected);
+    if (status != UBUS_STATUS_OK) {
+        r.fail(platform_failed, "ubus_invoke failed: %s", ubus_strerror(status));
+        return {};
+    }
+    const std::optional<std::string> text = json_of(answer.get());
+    if (!text) {
+        r.fail(platform_failed, "blobmsg_format_json failed");
+        return {};
+    }
+    const json::document result = json::parse(*text);
+    if (!result)
+        r.fail(platform_failed, "cJSON_Parse failed");
+    return json::copy(result.root());
+}
+
+// Runs the elements in their order. No results at the first invalid one: what was called before stays called,
+// and nobody is told. None also when the process is to end: each call may take its whole time.
+std::optional<json::array> call_each(request &r, json::view elements) {
+    json::array results;
+    for (const json::view element : elements) {
+        if (uloop_cancelling())
+            return std::nullopt;
+        const std::optional<bus_method> method = method_of(element);
+        if (!method)
+            return std::nullopt;
+        const json::view message = element["message"];
+        if (!message.is_object()) {
+            log_printf("[ERROR] invalid message\n");
+            return std::nullopt;
+        }
+        json::object result;
+        result.text("object", method->object)
+            .text("method", method->name)
+            .add("message", call(r, *method, message.print()));
+        results.add(result.take());
+    }
+    return results;
+}
+
+json::object result_reply(const request &r) {
+    json::object reply = r.reply_of("ubus_result");
+    reply.number("errcode", r.errcode()).text("errmsg", r.errmsg());
+    return reply;
+}
+
+}  // namespace
+
+bool bus_bridge::handle_call(request &r) {
+    if (!r.has_envelope())
+        return false;
+    const json::view data = r.root["data"];
+    if (data.is_array()) {
+        std::optional<json::array> results = call_each(r, data);
+        if (!results)
+            return false;
+        r.reply = result_reply(r).add("data", results->take()).take();
+        return true;
+    }
+    const std::optional<bus_method> method = method_of(r.root);
+    if (!method)
+        return false;
+    const json::view message = r.root["message"];
+    const json::value result = call(r, *method, message.is_object() ? message.print() : "{}");
+    r.reply = result_reply(r)
+                  .text("object", method->object)
+                  .text("method", method->name)
+                  .add("data", result)
+                  .take();
+    return true;
+}
+
+// --- ubus_subscribe ---
+
+bool bus_bridge::handle_subscribe(request &r) {
+    if (!r.has_envelope())
+        return false;
+    const std::optional<std::string_view> object = r.root["object"].text();
+    if (!object) {
+        log_printf("[ERROR] invalid object\n");
+        return false;
+    }
+    const std::optional<int> enable = r.root["enable"].integer();
+    if (!enable) {
+        log_printf("[ERROR] invalid enable\n");
+        return false;
+    }
+    log_printf("[DEBUG] arvok_ubus_subscribe '%s' '%s' '%d' \n", r.from_cloud ? "cloud" : "arvok",
+               object->data(), *enable);
+    if (*enable == 0)
+        unsubscribe(r, *object);
+    else
+        subscribe(r, *object);
+    r.acknowledge();
+    return true;
+}
+
+// The subscription of that object for the gateway or for the cloud.
+bus_bridge::subscriptions::iterator bus_bridge::find(std::string_view object, bool from_cloud) {
+    const std::string_view stored = cut(object, object_name_max);
+    return std::find_if(subscriptions_.begin(), subscriptions_.end(), [&](const subscription &s) {
+        return s.from_cloud == from_cloud && s.object == stored;
+    });
+}
+
+void bus_bridge::subscribe(request &r, std::string_view object) {
+    if (find(object, r.from_cloud) != subscriptions_.end())
+        return r.fail(invalid_parameter, "object '%s' is subscribed", object.data());
+    const std::string name(object);
+    subscription &begun = subscriptions_.emplace_front(*this, cut(object, object_name_max), r.from_cloud);
+    if (!begun.bus.start(platform::object_id(name))) {
+        r.fail(platform_failed, "qzcap_ubus_subscribe failed: %s", name.c_str());
+        subscriptions_.pop_front();
+    }
+}
+
+// The subscription lives until the platform has let go of it: it may still be notified meanwhile.
+void bus_bridge::unsubscribe(request &r, std::string_view object) {
+    const auto found = find(object, r.from_cloud);
+    if (found == subscriptions_.end())
+        return r.fail(invalid_parameter, "object '%s' is not subscribed", object.data());
+    subscriptions ending;
+    ending.splice(ending.begin(), subscriptions_, found);
+    if (!found->bus.stop(platform::object_id(found->object)))
+        r.fail(platform_failed, "qzcap_ubus_subscribe failed: %s", found->object.c_str());
+}
+
+bus_bridge::~bus_bridge() {
+    notify_cloud_ = {};
+    for (subscription &s : subscriptions_)
+        s.bus.stop(platform::object_id(s.object));
+}
+
+int bus_bridge::subscription::notified(std::string_view method, blob_attr *message) {
+    if (!message) {
+        log_printf("[WARNING] arvok_ubus_subscribe_cb: message is null\n");
+        return -1;
+    }
+    bridge.pass_on(*this, method, message);
+    return 0;
+}
+
+void bus_bridge::pass_on(const subscription &from, std::string_view method, blob_attr *message) {
+    // In the middle of a key negotiation it would go out in clear and end the connection.
+    if (from.from_cloud ? !notify_cloud_ : !state_.linked)
+        return;
+    const std::optional<std::string> text = json_of(message);
+    const json::document data = text ? json::parse(*text) : json::document();
+    gateway::message notification = link_.begin("ubus_notify");
+    notification.body.text("object", from.object).text("method", method).add("data", json::copy(data.root()));
+    if (from.from_cloud)
+        notify_cloud_(notification.body.take().text());
+    else
+        link_.post(std::move(notification));
+}
+
+}  // namespace arvok::gateway

@@ -1,0 +1,53 @@
+#pragma once
+/// "ubus_call" and "ubus_subscribe": the platform's bus, for whoever may ask the device for its status.
+
+#include <list>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "gateway/connection.h"
+#include "gateway/request.h"
+#include "platform/session.h"
+
+namespace arvok::gateway {
+
+class bus_bridge {
+  public:
+    /// Notifications go to whoever subscribed: on the link, or as a text to `notify_cloud`.
+    bus_bridge(connection &link, const link_state &state, callback<void(const std::string &)> notify_cloud)
+        : link_(link), state_(state), notify_cloud_(notify_cloud) {}
+    /// Ends all subscriptions; nobody is told anything meanwhile.
+    ~bus_bridge();
+    bus_bridge(const bus_bridge &) = delete;
+    bus_bridge &operator=(const bus_bridge &) = delete;
+
+    bool handle_call(request &r);
+    bool handle_subscribe(request &r);
+
+  private:
+    /// An object whose notifications are passed on.
+    struct subscription {
+        subscription(bus_bridge &b, std::string_view o, bool cloud)
+            : bridge(b), object(o), from_cloud(cloud), bus(bind<&subscription::notified>(*this)) {}
+        int notified(std::string_view method, blob_attr *message);
+
+        bus_bridge &bridge;
+        const std::string object;  ///< as far as it is stored
+        const bool from_cloud;     ///< who asked
+        platform::subscription bus;
+    };
+    using subscriptions = std::list<subscription>;
+
+    subscriptions::iterator find(std::string_view object, bool from_cloud);
+    void subscribe(request &r, std::string_view object);
+    void unsubscribe(request &r, std::string_view object);
+    void pass_on(const subscription &from, std::string_view method, blob_attr *message);
+
+    connection &link_;
+    const link_state &state_;
+    callback<void(const std::string &)> notify_cloud_;  ///< empty at the end
+    subscriptions subscriptions_;                       ///< the newest first
+};
+
+}  // namespace arvok::gateway

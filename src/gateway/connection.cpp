@@ -1,0 +1,276 @@
+#include "gateway/connection.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "base/clock.h"
+#include "base/log.h"
+#include "base/network.h"
+#include "gateway/frame.h"
+
+extern "C" {
+#include <libubox/usock.h>
+}
+
+namespace arvok::gateway {
+namespace {
+
+constexpr char default_gateway[] = "192.168.1.1";
+constexpr char link_port[] = "32768";
+constexpr char foreign_client[] = "/usr/bin/kestrau_clt";
+
+constexpr int reconnect_ms = 10000;
+constexpr int reconnect_no_device_ms = 30000;
+constexpr int reconnect_refused_ms = 4 * 3600 * 1000;
+constexpr int reconnect_sync_ms = 1000;
+constexpr int first_keepalive_ms = 1000;
+constexpr int keepalive_ms = 5000;
+constexpr int keepalive_ack_ms = 20000;
+
+constexpr long short_connection_s = 30;
+constexpr int short_connections_max = 3;
+
+/// How many bytes may wait to be sent before further requests wait, too.
+constexpr std::size_t unsent_max = 256 * 1024;
+
+// Where another client may own the link, a setting says whether this one runs.
+bool is_enabled() {
+    if (access(foreign_client, F_OK) != 0)
+        return true;
+    const handle<std::FILE, &::pclose> output(popen("uci get network.globals.arvok_enable", "re"));
+    if (!output)
+        return false;
+    char line[8] = "";
+    const char *first = std::fgets(line, sizeof line, output.get());
+    const int enable = first ? std::atoi(first) : 0;
+    log_printf("[DEBUG] arvok_enable uci: %d\n", enable);
+    return enable != 0;
+}
+
+}  // namespace
+
+connection::connection(task_queue &tasks, platform::cache &cache, options where, link_state &state,
+                       const listeners &told)
+    : tasks_(tasks),
+      cache_(cache),
+      where_(std::move(where)),
+      state_(state),
+      told_(told),
+      stream_({.read = bind<&connection::readable>(*this), .broken = bind<&connection::broken>(*this)},
+              unsent_max),
+      frames_(link_frames, bind<&connection::receive>(*this)),
+      reconnect_(bind<&connection::connect>(*this)),
+      ack_(bind<&connection::ack_missing>(*this)),
+      keepalive_(bind<&connection::send_keepalive>(*this)),
+      keepalive_ack_(bind<&connection::keepalive_ack_missing>(*this)) {}
+
+// --- connecting ---
+
+// The address of this attempt: the user's, or in turn the default and the one found. Nothing when there is
+// none, with the next attempt armed.
+std::optional<std::string> connection::next_address() {
+    if (where_.address_given)
+        return where_.address;
+    default_tried_ = !default_tried_;
+    if (default_tried_)
+        return default_gateway;
+    cache_.expire_device();
+    if (!cache_.refresh_device()) {
+        log_printf("[WARNING] (arvok) devinfo get failed\n");
+        reconnect_.arm(reconnect_no_device_ms);
+        return std::nullopt;
+    }
+    std::string found = gateway_address(cache_.is_router(), view_of(cache_.device().lan_source));
+    if (found.empty()) {
+        reconnect_.arm(reconnect_ms);
+        return std::nullopt;
+    }
+    return found;
+}
+
+void connection::connect() {
+    if (!is_enabled()) {
+        log_printf("[DEBUG] arvok disabled\n");
+        return;
+    }
+    reconnect_.cancel();
+    const std::optional<std::string> address = next_address();
+    if (!address)
+        return;
+    log_printf("[INFO] (arvok) connect \"%s:%s\" (%d)\n", address->c_str(), link_port, default_tried_);
+
+    // Numeric, because resolving a name would stop the loop; a text that is no address leaves errno as it is.
+    errno = EINVAL;
+    const int fd = usock(USOCK_TCP | USOCK_NONBLOCK | USOCK_NUMERIC, address->c_str(), link_port);
+    if (fd < 0) {
+        log_printf("[ERROR] (arvok) create socket failed: %s\n", std::strerror(errno));
+        reconnect_.arm(reconnect_ms);
+        return;
+    }
+    stream_.open(fd);
+    frames_.reset();
+    sequence_ = 0;
+    keepalive_sequence_ = -1;
+    told_.opened();
+}
+
+void connection::disconnect() {
+    state_.linked = false;
+    ack_.cancel();
+    keepalive_ack_.cancel();
+    keepalive_.cancel();
+    if (stream_.is_open()) {
+        log_printf("[INFO] (arvok) disconnect fd: %d\n", stream_.fd());
+        stream_.close();
+    }
+    forget_key();
+}
+
+void connection::fail() {
+    disconnect();
+    reconnect_.arm(reconnect_ms);
+}
+
+void connection::start_over() {
+    tasks_.post([this] {
+        log_printf("[DEBUG] ec_arvoksync_on (%d)", __LINE__);
+        disconnect();
+        reconnect_.arm(reconnect_sync_ms);
+    });
+}
+
+std::string connection::local_address() const {
+    return arvok::local_address(stream_.fd());
+}
+
+// --- receiving ---
+
+void connection::readable(std::size_t available) {
+    if (!frames_.read(stream_, available))
+        fail();
+}
+
+// What is not JSON ends the connection.
+void connection::receive(std::string &body) {
+    if (cipher_) {
+        std::optional<std::string> plain = cipher_->decrypt(body);
+        if (!plain)
+            return;
+        body = std::move(*plain);
+    }
+    body.resize(until_zero(body).size());
+    const json::document document = json::parse(body);
+    if (!is_keepalive_ack(document.root()))
+        log_printf("[INFO] (arvok) <- %s (%d)\n", body.c_str(), static_cast<int>(body.size()));
+    if (!document) {
+        log_printf("[ERROR] (arvok) invalid msg (not json format)\n");
+        return fail();
+    }
+    std::string().swap(body);  // its memory serves the answer
+    told_.received(document.root());
+}
+
+void connection::broken() {
+    log_printf("[ERROR] (arvok) tcp connection broken\n");
+    if (!was_refused())
+        return fail();
+    log_printf("[WARNING] (arvok) refused count >= 3, reconnect after 4 hours\n");
+    disconnect();
+    reconnect_.arm(reconnect_refused_ms);
+}
+
+// A gateway that time and again ends the connection soon after the negotiation began does not want this
+// device.
+bool connection::was_refused() {
+    if (negotiating_since_s_ != 0) {
+        if (uptime() - negotiating_since_s_ < short_connection_s) {
+            short_connections_++;
+            log_printf("[WARNING] (arvok) connect time < 30s, count %d\n", short_connections_);
+        } else {
+            short_connections_ = 0;
+        }
+        negotiating_since_s_ = 0;
+    }
+    if (short_connections_ < short_connections_max)
+        return false;
+    short_connections_ = 0;
+    return true;
+}
+
+void connection::negotiation_began() {
+    negotiating_since_s_ = uptime();
+}
+
+// --- sending ---
+
+message connection::begin(std::string_view type, int ack_timeout_ms) {
+    message begun{.ack_timeout_ms = ack_timeout_ms};
+    begun.body.text("type", type).number("sequence", sequence_++).text("mac", cache_.own_mac());
+    return begun;
+}
+
+bool connection::transmit(const std::string &text, bool quiet) {
+    if (!quiet)
+        log_printf("[INFO] (arvok) -> %s (%d)\n", text.c_str(), static_cast<int>(text.size()));
+    if (!cipher_) {
+        stream_.write(frame_of(text));
+        return true;
+    }
+    const std::optional<std::string> sealed = cipher_->encrypt(text);
+    if (sealed)
+        stream_.write(frame_of(*sealed));
+    return sealed.has_value();
+}
+
+void connection::send(message what) {
+    if (stream_.is_open() && transmit(what.body.take().text(), what.quiet) && what.ack_timeout_ms > 0)
+        ack_.arm(what.ack_timeout_ms);
+}
+
+void connection::send(const json::value &body) {
+    if (stream_.is_open())
+        transmit(body.text(), false);
+}
+
+void connection::post(message what) {
+    tasks_.post([this, what = std::move(what)]() mutable { send(std::move(what)); });
+}
+
+void connection::ack_missing() {
+    log_printf("[ERROR] (arvok) wait ack timeout\n");
+    fail();
+}
+
+// --- keepalives ---
+
+void connection::keep_alive() {
+    keepalive_.arm(first_keepalive_ms);
+}
+
+void connection::send_keepalive() {
+    keepalive_sequence_ = sequence_;
+    message keepalive = begin("keepalive");
+    keepalive.quiet = true;
+    send(std::move(keepalive));
+    keepalive_ack_.arm(keepalive_ack_ms);
+}
+
+bool connection::is_keepalive_ack(json::view message) const {
+    return message["sequence"].integer() == keepalive_sequence_;
+}
+
+void connection::keepalive_acknowledged() {
+    keepalive_ack_.cancel();
+    keepalive_.arm(keepalive_ms);
+}
+
+void connection::keepalive_ack_missing() {
+    log_printf("[ERROR] (arvok) wait keepalive ack timeout\n");
+    fail();
+}
+
+}  // namespace arvok::gateway

@@ -1,0 +1,97 @@
+#pragma once
+/// The connection to the gateway: its address, what is sent and received, keepalives, and when it is tried
+/// again.
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "base/crypto.h"
+#include "base/frame_reader.h"
+#include "base/json.h"
+#include "base/loop.h"
+#include "base/task_queue.h"
+#include "gateway/gateway.h"
+#include "gateway/request.h"
+
+namespace arvok::gateway {
+
+/// An outgoing message.
+struct message {
+    json::object body = {};
+    bool quiet = false;      ///< not logged
+    int ack_timeout_ms = 0;  ///< until an acknowledgement must have come; 0: none awaited
+};
+
+class connection {
+  public:
+    struct listeners {
+        callback<void()> opened;  ///< a connection is under way: what is sent now is its first message
+        callback<void(json::view)> received;
+    };
+
+    connection(task_queue &tasks, platform::cache &cache, options where, link_state &state,
+               const listeners &told);
+
+    /// Tries to connect, and arms the next attempt when that cannot even be tried.
+    void connect();
+    /// Closes the connection and forgets the key; no further attempt is armed.
+    void disconnect();
+    /// On the loop's next turn: disconnects, and connects again a second later.
+    void start_over();
+
+    /// A message with its envelope: "type", "sequence" (a number that it uses up) and "mac".
+    message begin(std::string_view type, int ack_timeout_ms = 0);
+    /// Sends a message; without a connection it goes nowhere.
+    void send(message what);
+    void send(const json::value &body);
+    /// The same on the loop's next turn.
+    void post(message what);
+
+    /// This device's address on the connection.
+    std::string local_address() const;
+
+    // --- what the negotiation and the dispatcher know ---
+
+    /// From here on a connection that breaks counts as a short one or as a long one.
+    void negotiation_began();
+    /// Bodies are encrypted from here on, until the key is forgotten.
+    void use_key(const aes_key &key) { cipher_.emplace(aes_mode::cbc, key); }
+    void forget_key() { cipher_.reset(); }
+    /// Registered: keepalives begin.
+    void keep_alive();
+    /// The acknowledgement that was waited for has come.
+    void acknowledged() { ack_.cancel(); }
+    /// Whether a message acknowledges the last keepalive.
+    bool is_keepalive_ack(json::view message) const;
+    void keepalive_acknowledged();
+
+  private:
+    std::optional<std::string> next_address();
+    void fail();
+    void readable(std::size_t available);
+    void receive(std::string &body);
+    void broken();
+    bool was_refused();
+    bool transmit(const std::string &text, bool quiet);
+    void ack_missing();
+    void send_keepalive();
+    void keepalive_ack_missing();
+
+    task_queue &tasks_;
+    platform::cache &cache_;
+    const options where_;
+    link_state &state_;
+    const listeners told_;
+    stream stream_;
+    frame_reader frames_;
+    std::optional<aes> cipher_;
+    timer reconnect_, ack_, keepalive_, keepalive_ack_;
+    int sequence_ = 0;              ///< of the next message
+    int keepalive_sequence_ = -1;   ///< of the last keepalive; -1: none yet
+    bool default_tried_ = false;    ///< the next attempt looks for the gateway
+    long negotiating_since_s_ = 0;  ///< uptime; 0: not yet
+    int short_connections_ = 0;     ///< in a row
+};
+
+}  // namespace arvok::gateway

@@ -1,0 +1,18 @@
+#pragma once
+/// The gateway link's frame: {u32 magic, u32 length} in network byte order and a body of 1 to body_max bytes,
+/// which is JSON text in the clear until a key has been agreed, and AES-CBC under that key from then on.
+
+#include <string>
+#include <string_view>
+
+#include "base/frame_reader.h"
+
+namespace arvok::gateway {
+
+/// For the receiver, whom alone the length limit binds.
+extern const frame_format link_frames;
+
+/// The frame of that body.
+std::string frame_of(std::string_view body);
+
+}  // namespace arvok::gateway

@@ -1,0 +1,81 @@
+#pragma once
+/// The gateway link: one TCP connection, as a client, to the home gateway, and the JSON messages on it.
+///
+/// connection   the socket, sending and receiving, keepalives, when it is tried again
+/// frame        what a message looks like on the wire
+/// negotiation  key agreement and registration
+/// dispatch     message types and what follows their handlers
+/// request      one message while it is handled
+/// handlers     settings, status and stations: what most requests are about
+/// control      commands of the gateway to the device
+/// bus_bridge   the platform's bus for the gateway
+/// reports      what the device tells on its own
+///
+/// Everything runs on the loop thread.
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "base/callback.h"
+#include "base/clock.h"
+#include "base/json.h"
+#include "base/task_queue.h"
+#include "platform/cache.h"
+
+namespace arvok::gateway {
+
+/// The owner of the beacon elements that the gateway has this program send. Those of an earlier run are
+/// removed by it.
+inline constexpr char beacon_owner[] = "arvokclt";
+
+struct options {
+    std::string address;  ///< the gateway's, where it is given
+    bool address_given;   ///< else it is found at each connection
+};
+
+class client {
+  public:
+    /// `notify_cloud` is handed the notifications of those bus objects that the cloud subscribed to. The
+    /// cache has a device record when the link starts.
+    client(task_queue &tasks, platform::cache &cache, wall_clock now, options where,
+           callback<void(const std::string &notification)> notify_cloud);
+    /// Disconnects, and ends the subscriptions to bus objects without telling anybody any more.
+    ~client();
+
+    /// Gateway sync, as the platform's switch says.
+    void set_sync(bool on);
+    /// The switch has been turned on: besides, the link starts over on the loop's next turn.
+    void sync_turned_on();
+
+    /// Connects for the first time.
+    void start();
+    /// Registered with the gateway.
+    bool is_linked() const;
+
+    // --- requests through the cloud ---
+
+    /// Runs one message. Its reply; none when it was not handled. The device actions that it asks for wait.
+    json::value handle_cloud_message(json::view message);
+    /// Those of an earlier message must not run again.
+    void forget_actions();
+    /// Resets or restarts the device when the last message asked for that.
+    void run_actions();
+
+    // --- what the platform notified (reports.h) ---
+
+    void lan_event(json::view event);
+    void lan_report();
+    void wan_report(json::view event);
+    void roaming_report(json::view event);
+    void rssi_report(json::view event);
+    void map_event(std::string_view mode);
+    void map_report();
+    void vsie_event(json::view event);
+
+  private:
+    struct modules;
+    std::unique_ptr<modules> modules_;
+};
+
+}  // namespace arvok::gateway

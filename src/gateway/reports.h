@@ -1,0 +1,50 @@
+#pragma once
+/// What the device tells the gateway on its own: reports, which are built at once and sent on the loop's next
+/// turn, and events, which are sent at once.
+///
+/// Nothing is sent while the link is not registered, and no event that the gateway did not subscribe to.
+
+#include "gateway/connection.h"
+#include "gateway/first_seen.h"
+#include "gateway/request.h"
+
+namespace arvok::gateway {
+
+class reports {
+  public:
+    reports(connection &link, platform::cache &cache, const link_state &state, wall_clock now)
+        : link_(link), cache_(cache), state_(state), first_seen_(now) {}
+
+    /// The WAN is up: the first report of every connection.
+    void wan_up(const qzcap_waninfo &wan);
+    /// The WAN has changed as the platform's notification says; the DNS servers are added.
+    void wan_report(json::view event);
+    /// The active LAN hosts.
+    void lan_report();
+    /// The stations that roamed, from the platform's notification.
+    void roaming_report(json::view event);
+    /// How a station that was asked for is heard, from the platform's notification.
+    void rssi_report(json::view event);
+    /// The device's part in the mesh.
+    void map_report();
+
+    /// A host came ("active" 1) or went ("active" 0).
+    void lan_event(json::view event);
+    /// The mesh role is now `mode`.
+    void map_event(std::string_view mode);
+    /// A vendor-specific element was received.
+    void vsie_event(json::view event);
+
+  private:
+    void send_wan_report(json::object status);
+    void send_online_event(std::string_view mac);
+    void send_event(const json::value &item);
+    bool is_wanted(event_bit event) const { return state_.linked && (state_.events & event); }
+
+    connection &link_;
+    platform::cache &cache_;
+    const link_state &state_;
+    first_seen first_seen_;
+};
+
+}  // namespace arvok::gateway
