@@ -21,7 +21,7 @@ std::string_view until_zero(std::string_view bytes) {
 }
 
 bool same_ignoring_case(std::string_view a, std::string_view b) {
-    return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
+    return a.size() == b.size() && (a.empty() || ::strncasecmp(a.data(), b.data(), a.size()) == 0);
 }
 
 bool contains(std::string_view text, std::string_view part) {
