@@ -1,0 +1,49 @@
+#pragma once
+/// "SetPluginParams": a message of the platform to an app, wrapped in base64, and its answer. To the agent
+/// itself it is a message of the gateway link or a command of the app manager.
+
+#include <optional>
+#include <string>
+
+#include "base/callback.h"
+#include "base/json.h"
+#include "cloud/connection.h"
+#include "cloud/reply.h"
+#include "platform/cache.h"
+
+namespace arvok::cloud {
+
+/// What of the agent is not the cloud's.
+struct connections {
+    /// Carries out a message of the gateway link, which may be nothing. Its reply; none when it was not
+    /// handled.
+    callback<json::value(json::view message)> link_message;
+    /// Device actions of link messages that were to wait for their reply: forgets those of earlier messages,
+    /// and runs those of the last one.
+    callback<void()> forget_link_actions, run_link_actions;
+    /// Carries out a command of the app manager, a JSON text. Its answer, one too; nothing when the command
+    /// is no message of the bus.
+    callback<std::optional<std::string>(const std::string &command)> app_command;
+};
+
+class app_messages {
+  public:
+    app_messages(connection &link, const platform::cache &cache, const connections &agent)
+        : link_(link), cache_(cache), agent_(agent) {}
+
+    /// Handles one such request.
+    void deliver(json::view request);
+
+  private:
+    json::value answer_to(json::view request, outcome &came) const;
+    std::optional<std::string> hand_over(const std::string &app_name, const std::string &text,
+                                         outcome &came) const;
+    std::string run_link_message(const std::string &text) const;
+    std::optional<std::string> run_app_command(const std::string &text, outcome &came) const;
+
+    connection &link_;
+    const platform::cache &cache_;
+    const connections agent_;
+};
+
+}  // namespace arvok::cloud

@@ -1,0 +1,58 @@
+#include "cloud/cloud.h"
+
+#include "base/text.h"
+#include "cloud/dispatch.h"
+
+namespace arvok::cloud {
+
+client::client(task_queue &queue, platform::cache &cache, wall_clock clock, const options &given,
+               const connections &agent)
+    : settings_(load_settings(given.bss)),
+      connection_(queue, cache,
+                  {bind<&client::receive>(*this), bind<&enrolment::send_heartbeat>(enrolment_),
+                   bind<&connector::after>(connector_)}),
+      connector_(queue, connection_, settings_, given.debug, bind<&enrolment::begin>(enrolment_)),
+      enrolment_(connection_, connector_, settings_, cache),
+      plugins_(connection_, cache, clock),
+      app_messages_(connection_, cache, agent) {}
+
+void client::receive(json::view message) {
+    dispatch({connection_, enrolment_, plugins_, app_messages_}, message);
+}
+
+void client::wan_up() {
+    if (!connection_.is_open())
+        connector_.reconnect(reconnect_now_ms);
+}
+
+bool client::wan_down() {
+    const bool connected = connection_.is_open();
+    if (connected)
+        connection_.disconnect();
+    return connected;
+}
+
+std::string client::status_words() {
+    const int seconds = connector_.remaining() / 1000;
+    switch (connection_.at()) {
+        case stage::bootstrap:
+            if (connector_.is_waiting())
+                return format("未获取到能力平台地址，%s，等待%d秒后连接", connector_.trouble().c_str(),
+                              seconds);
+            return connector_.is_resolving() ? "平台域名解析中" : "获取能力平台地址中";
+        case stage::challenge:
+            if (connector_.is_waiting())
+                return format("%s，%s，等待%d秒后连接", settings_.is_activated() ? "已激活" : "未激活",
+                              connector_.trouble().c_str(), seconds);
+            return connector_.is_resolving() ? "平台域名解析中" : "获取挑战码中";
+        case stage::activating:
+            return "激活中";
+        case stage::connecting:
+            return "连接中";
+        case stage::connected:
+            return "心跳保活中";
+    }
+    return {};
+}
+
+}  // namespace arvok::cloud

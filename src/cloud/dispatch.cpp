@@ -1,0 +1,92 @@
+#include "cloud/dispatch.h"
+
+#include "base/log.h"
+#include "base/table.h"
+#include "cloud/app_messages.h"
+#include "cloud/connection.h"
+#include "cloud/enrolment.h"
+#include "cloud/plugins.h"
+#include "cloud/reply.h"
+
+namespace arvok::cloud {
+namespace {
+
+struct acknowledgement_row {
+    const char *name;
+    bool (enrolment::*handler)(json::view message);  // null: there is nothing to be done
+    bool in_handshake;                               // else what it acknowledges is sent when connected only
+};
+
+constexpr acknowledgement_row acknowledgements[] = {
+    {"Boot", &enrolment::boot_acknowledged, true},
+    {"GetChallengeCode", &enrolment::challenge_acknowledged, true},
+    {"Activate", &enrolment::activate_acknowledged, true},
+    {"Connect", &enrolment::connect_acknowledged, true},
+    {"Heartbeat", &enrolment::heartbeat_acknowledged, false},
+    {"InstallNotification", nullptr, false},
+};
+
+struct request_row {
+    const char *name;
+    void (*handler)(const recipients &to, json::view request);
+};
+
+template <app_action Action>
+void act(const recipients &to, json::view request) {
+    to.apps.act(request, Action);
+}
+
+constexpr request_row requests[] = {
+    {"RequestConnectBSS",
+     [](const recipients &to, json::view request) { to.enrolling.request_connect_bootstrap(request); }},
+    {"Install", [](const recipients &to, json::view request) { to.apps.install(request); }},
+    {"Uninstall", act<app_action::uninstall>},
+    {"Stop", act<app_action::stop>},
+    {"Run", act<app_action::run>},
+    {"RestorePlugin", act<app_action::restore>},
+    {"ListPlugin", [](const recipients &to, json::view request) { to.apps.list(request); }},
+    {"SetPluginParams", [](const recipients &to, json::view request) { to.messages.deliver(request); }},
+};
+
+void log_invalid() {
+    log_printf("[ERROR] (cloud) invalid server msg\n");
+}
+
+// An acknowledgement that is not handled leaves the deadline running, and so does a stray one of what is only
+// sent when connected: in the middle of the handshake there is no other timer.
+void acknowledge(const recipients &to, std::string_view name, json::view message) {
+    const acknowledgement_row *row = find_row(acknowledgements, name);
+    if (!row) {
+        log_printf("[ERROR] (cloud) unknown Ack type: %s\n", name.data());
+        return log_invalid();
+    }
+    const bool awaited = row->in_handshake || to.link.at() == stage::connected;
+    if (row->handler && !(to.enrolling.*row->handler)(message))
+        return log_invalid();
+    if (awaited)
+        to.link.acknowledged();
+}
+
+void run_request(const recipients &to, json::view request) {
+    const auto method = request["RPCMethod"].text();
+    if (!method || !request["ID"].is_text()) {
+        log_printf("[ERROR] (cloud) RPCMethod or ID not found\n");
+        return log_invalid();
+    }
+    if (const request_row *row = find_row(requests, *method))
+        return row->handler(to, request);
+    outcome came;
+    came.fail("UNRECOGNIZE_REQUEST");
+    to.link.write(reply_to(request, came));
+}
+
+}  // namespace
+
+void dispatch(const recipients &to, json::view message) {
+    if (const auto acknowledged = message["Ack"].text())
+        acknowledge(to, *acknowledged, message);
+    else
+        run_request(to, message);
+}
+
+}  // namespace arvok::cloud

@@ -1,0 +1,90 @@
+#include "cloud/frame.h"
+
+#include <cstdint>
+
+#include "base/log.h"
+#include "base/stream.h"
+
+namespace arvok::cloud {
+namespace {
+
+constexpr std::string_view magic = "QZSGWMP2";
+constexpr std::string_view frame_end = "\r\n";
+
+std::uint32_t word_at(std::string_view bytes, std::size_t at) {
+    std::uint32_t word = 0;
+    for (const char c : bytes.substr(at, sizeof word))
+        word = word << 8 | static_cast<unsigned char>(c);
+    return word;
+}
+
+std::optional<std::string> encrypt(stage at, key_ring &keys, std::string_view text) {
+    if (at == stage::challenge)
+        return std::string(text);
+    if (at != stage::connected)
+        return keys.platform.encrypt(text);
+    if (keys.server)
+        return keys.server->encrypt(text);
+    log_printf("[ERROR] encrypt server key is null\n");
+    return std::nullopt;
+}
+
+std::optional<std::string> decrypt(stage at, key_ring &keys, std::string data) {
+    if (at == stage::challenge)
+        return data;
+    if (at == stage::connected) {
+        if (keys.server)
+            return keys.server->decrypt(data);
+        log_printf("[ERROR] decrypt server key is null\n");
+    } else {
+        if (keys.client)
+            return aes(aes_mode::ecb, *keys.client).decrypt(data);
+        log_printf("[ERROR] decrypt client key is null\n");
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::string encode_frame(stage at, key_ring &keys, std::string_view text) {
+    const std::optional<std::string> data = encrypt(at, keys, text);
+    if (!data || data->empty())
+        return {};
+    const std::string base64 = base64_encode(*data);
+    const std::size_t length = base64.size() + frame_end.size();
+    std::string frame;
+    frame.reserve(frame_header_size + length);
+    frame += magic;
+    for (const int shift : {24, 16, 8, 0})
+        frame += static_cast<char>(length >> shift);
+    frame += base64;
+    frame += frame_end;
+    return frame;
+}
+
+std::optional<std::size_t> body_length(std::string_view header) {
+    std::uint32_t length = word_at(header, magic.size());
+    if (header.substr(0, magic.size()) != magic) {
+        log_printf("[ERROR] invalid magic 0x%x\n", word_at(header, 0));
+        length = 0;
+    }
+    if (length < 1 || length > body_max) {
+        log_printf("[ERROR] (cloud) invalid msg header, %d\n", static_cast<int>(length));
+        return std::nullopt;
+    }
+    return length;
+}
+
+std::optional<std::string> decode_body(stage at, key_ring &keys, std::string_view body) {
+    if (!body.ends_with(frame_end)) {
+        log_printf("[ERROR] invalid msg, not end with \\r\\n\n");
+        return std::nullopt;
+    }
+    body.remove_suffix(frame_end.size());
+    std::optional<std::string> data = base64_decode(body);
+    if (!data || data->empty())
+        return std::nullopt;
+    return decrypt(at, keys, std::move(*data));
+}
+
+}  // namespace arvok::cloud

@@ -1,0 +1,109 @@
+#include "cloud/plugin_id.h"
+
+#include "base/files.h"
+#include "base/log.h"
+#include "base/product.h"
+#include "base/text.h"
+
+namespace arvok::cloud {
+namespace {
+
+constexpr std::string_view id_prefix = "com.marobelvinta.all.smartap.";
+constexpr std::size_t id_max = 127;
+constexpr std::size_t name_max = 31;
+constexpr std::size_t control_value_max = 127;
+
+constexpr std::string_view architecture = product_architecture;
+
+std::string read_control(std::string_view app_name, const char *key) {
+    std::string path = "/qzcap/apps/qzcap/apps/opkg/info/";
+    path.append(app_name).append(".control");
+    return std::string(cut(control_value(path, key), control_value_max));
+}
+
+std::string make_id(std::string_view app_name) {
+    return std::string(id_prefix).append(app_name).append("_").append(architecture);
+}
+
+bool is_self(std::string_view plugin_name, std::string_view vendor) {
+    if (plugin_name == self_plugin_name)
+        return true;
+    const std::optional<std::string> name = app_of_plugin(plugin_name, vendor);
+    return name && (*name == self_plugin_name || *name == self_app_name);
+}
+
+// Whether the app of that identifier is installed in that version.
+plugin_result check_installed(std::string_view id, std::string_view version, std::string_view name) {
+    const std::string package = read_control(name, "Package"), installed = read_control(name, "Version");
+    if (package.empty())
+        return plugin_not_installed;
+    if (const std::string expected = make_id(package); id != expected) {
+        log_printf("[ERROR] plugin id mismatch, [%s]:[%s]\n", std::string(id).c_str(), expected.c_str());
+        return plugin_mismatch;
+    }
+    if (version != installed) {
+        log_printf("[ERROR] plugin version mismatch, [%s]:[%s]\n", std::string(version).c_str(),
+                   installed.c_str());
+        return plugin_other_version;
+    }
+    return plugin_found;
+}
+
+}  // namespace
+
+std::optional<std::string> app_of_plugin(std::string_view id, std::string_view vendor) {
+    if (id.size() > id_max) {
+        log_printf("[ERROR] plugin id is too long\n");
+        return std::nullopt;
+    }
+    if (!id.starts_with(id_prefix)) {
+        log_printf("[ERROR] plugin id prefix mismatch\n");
+        return std::nullopt;
+    }
+    const std::string rest(id.substr(id_prefix.size()));
+    const std::size_t at = rest.find(architecture);
+    if (at == std::string::npos) {
+        log_printf("[ERROR] plugin arch mismatch, [%s]:[%s]\n", rest.c_str(), product_architecture);
+        return std::nullopt;
+    }
+    const std::string end = rest.substr(at + architecture.size());
+    if (end.starts_with('_') && end.substr(1) != vendor) {
+        log_printf("[ERROR] plugin vendor mismatch, [%s]:[%s]\n", end.c_str() + 1,
+                   std::string(vendor).c_str());
+        return std::nullopt;
+    }
+    if (at < 2 || at > name_max + 1) {
+        log_printf("[ERROR] plugin name is too long\n");
+        return std::nullopt;
+    }
+    if (rest[at - 1] != '_') {
+        log_printf("[ERROR] plugin id is invalid\n");
+        return std::nullopt;
+    }
+    return rest.substr(0, at - 1);
+}
+
+std::optional<std::string> find_plugin(std::string_view id, std::string_view version, std::string_view vendor,
+                                       outcome &came) {
+    if (is_self(id, vendor))
+        return self_app_name;
+    std::optional<std::string> name = app_of_plugin(id, vendor);
+    if (!name) {
+        came.fail("invalid plugin name");
+        return std::nullopt;
+    }
+    came.result = check_installed(id, version, *name);
+    if (came.result != plugin_found)
+        return std::nullopt;
+    came.result = -1;  // until the request itself has succeeded
+    return name;
+}
+
+std::string plugin_of_app(std::string_view app_name, std::string_view vendor) {
+    std::string id = make_id(app_name);
+    if (read_control(app_name, "NeedGWVendor") == "1")
+        id.append("_").append(vendor);
+    return std::string(cut(id, id_max));
+}
+
+}  // namespace arvok::cloud

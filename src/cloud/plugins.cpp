@@ -1,0 +1,170 @@
+#include "cloud/plugins.h"
+
+#include <memory>
+#include <optional>
+
+#include "base/bus_message.h"
+#include "base/crypto.h"
+#include "base/log.h"
+#include "base/product.h"
+#include "base/random.h"
+#include "base/text.h"
+#include "cloud/plugin_id.h"
+
+namespace arvok::cloud {
+namespace {
+
+constexpr std::size_t short_text_max = 15;  // bytes kept of an ordered version and upgrade
+constexpr std::size_t url_max = 255;
+
+using app_list = platform::record_list<qzcap_app, &qzcap_free_applist>;
+
+// By app_action.
+constexpr int (*actions[])(ubus_context *, const char *, char **) = {
+    qzcap_uninstall_app,
+    qzcap_stop_app,
+    qzcap_run_app,
+    qzcap_restore_app,
+};
+
+// Does it with the app that the request names.
+outcome carry_out(json::view request, app_action action, std::string_view vendor) {
+    outcome came;
+    const auto id = request["Plugin_Name"].text(), version = request["Version"].text();
+    if (!id || !version) {
+        came.fail("json format invalid");
+        return came;
+    }
+    const std::optional<std::string> name = find_plugin(*id, *version, vendor, came);
+    if (!name)
+        return came;
+    const auto number = static_cast<unsigned>(action);
+    platform::reason why;
+    if (actions[number](qzcap_get_ubus_context(), name->c_str(), why) == 0)
+        came.result = 0;
+    else
+        came.fail(format("qzacp app action %u failed: %s", number, why.c_str()));
+    return came;
+}
+
+// What was installed should be what was ordered; it is not undone when it is not.
+void compare(json::view told, std::string_view app_name, std::string_view version) {
+    const auto name = told["name"].text(), told_version = told["version"].text();
+    if (name != app_name)
+        log_printf("[WARNING] plugin name mismatch, %s:%s\n", name.value_or("").data(),
+                   std::string(app_name).c_str());
+    if (told_version != version)
+        log_printf("[WARNING] plugin version mismatch, %s:%s\n", told_version.value_or("").data(),
+                   std::string(version).c_str());
+}
+
+}  // namespace
+
+// One that the platform library has under way; its callback owns it.
+struct plugins::installation {
+    plugins *owner;
+    std::string plugin_id, app_name, version, upgrade_id;
+    bool run;  // afterwards
+};
+
+void plugins::install(json::view request) {
+    outcome came;
+    const auto id = request["Plugin_Name"].text(), version = request["Version"].text(),
+               url = request["Download_url"].text(), upgrade_id = request["upgrade_ID"].text(),
+               run = request["NeedRun"].text();
+    const bool is_whole = id && version && url && upgrade_id && run && request["Plugin_size"].is_text() &&
+                          request["OS"].is_text();
+    std::optional<std::string> app_name;
+    if (!is_whole) {
+        came.fail("json format invalid");
+    } else if (app_name = app_of_plugin(*id, view_of(cache_.device().vendor)); !app_name) {
+        came.fail("invalid Plugin_Name");
+    } else {
+        auto ordered = std::make_unique<installation>(installation{
+            this, std::string(*id), std::move(*app_name), std::string(cut(*version, short_text_max)),
+            std::string(cut(*upgrade_id, short_text_max)), *run == "1"});
+        const std::string from(cut(*url, url_max));
+        if (qzcap_install_app(qzcap_get_ubus_context(), from.c_str(), installed, ordered.get()) < 0) {
+            came.fail("qzcap_install_app failed");
+        } else {
+            static_cast<void>(ordered.release());  // installed's from here on
+            came.result = 0;
+        }
+    }
+    link_.write(reply_to(request, came));
+}
+
+// A message that is missing is the platform's end, or ours: nothing is touched then.
+void plugins::installed(ubus_request *request, blob_attr *message) {
+    const std::unique_ptr<installation> ended(request ? static_cast<installation *>(request->priv) : nullptr);
+    log_printf("[INFO] plugin_install_cb (%d): \n", __LINE__);
+    if (!ended || !message) {
+        log_printf("[WARNING] plugin_install_cb: req or msg is null\n");
+        return;
+    }
+    const std::string text = json_of(message).value_or("");
+    log_printf("[DEBUG] plugin_install_cb: %s\n", text.c_str());
+    if (const json::document told = json::parse(text)) {
+        ended->owner->report(*ended, told.root());
+        compare(told.root(), ended->app_name, ended->version);
+    } else {
+        log_printf("[WARNING] plugin_install_cb: msg is not json format\n");
+    }
+    if (!ended->run)
+        return;
+    platform::reason why;
+    if (qzcap_run_app(qzcap_get_ubus_context(), ended->app_name.c_str(), why) != 0)
+        log_printf("[WARNING] plugin_install_cb: qzcap_run_app failed: %s\n", why.c_str());
+}
+
+json::object plugins::notification(const char *method) const {
+    json::object begun = link_.message(method);
+    begun.text("ID", random_uuid()).text("Time", time_digits(clock_()));
+    return begun;
+}
+
+void plugins::report(const installation &ended, json::view told) {
+    const int result = told["result"].integer().value_or(0);
+    json::object message = notification("InstallNotification");
+    message.text("Plugin_Name", ended.plugin_id)
+        .text("Version", ended.version)
+        .text("upgrade_ID", ended.upgrade_id)
+        .number("Result", result == 0 ? 0 : -1)
+        .number("errcode", result);
+    if (result != 0)
+        message.text("FailReason", told["failreason"].text().value_or(""));
+    link_.tell(message.take());
+}
+
+void plugins::notify(const std::string &message) {
+    link_.tell(notification("PluginNotification")
+                   .text("Plugin_Name", self_plugin_name)
+                   .text("Version", product_version)
+                   .text("Message", base64_encode(message))
+                   .take());
+}
+
+void plugins::act(json::view request, app_action action) {
+    link_.write(reply_to(request, carry_out(request, action, view_of(cache_.device().vendor))));
+}
+
+void plugins::list(json::view request) {
+    outcome came;
+    const auto apps = platform::fetch_list<app_list>(qzcap_get_applist, qzcap_get_ubus_context());
+    if (!apps) {
+        came.fail("qzcap_get_applist failed");
+        return link_.write(reply_to(request, came));
+    }
+    json::array listed;
+    for (const qzcap_app *app : *apps)
+        listed.add(
+            json::object()
+                .text("Plugin_Name", plugin_of_app(view_of(app->name), view_of(cache_.device().vendor)))
+                .text("Version", app->version)
+                .number("Run", view_of(app->state) == "running")
+                .take());
+    came.result = 0;
+    link_.write(reply_to(request, came, "Plugin", listed.take()));
+}
+
+}  // namespace arvok::cloud

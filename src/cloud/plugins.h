@@ -1,0 +1,43 @@
+#pragma once
+/// The platform's requests about the device's apps, and what it is told of them.
+
+#include <string>
+
+#include "base/clock.h"
+#include "base/json.h"
+#include "cloud/connection.h"
+#include "cloud/reply.h"
+#include "platform/cache.h"
+
+namespace arvok::cloud {
+
+/// What can be done with an installed app. The number is part of a failure's reason.
+enum class app_action : unsigned { uninstall, stop, run, restore };
+
+/// Each request is answered at once.
+class plugins {
+  public:
+    plugins(connection &link, const platform::cache &cache, wall_clock clock)
+        : link_(link), cache_(cache), clock_(clock) {}
+
+    /// Starts an installation. The platform hears of its end by an "InstallNotification".
+    void install(json::view request);
+    void act(json::view request, app_action action);
+    void list(json::view request);
+
+    /// Tells the platform something on the agent's behalf.
+    void notify(const std::string &message);
+
+  private:
+    struct installation;
+
+    static void installed(ubus_request *request, blob_attr *message);
+    void report(const installation &ended, json::view told);
+    json::object notification(const char *method) const;
+
+    connection &link_;
+    const platform::cache &cache_;
+    wall_clock clock_;
+};
+
+}  // namespace arvok::cloud

@@ -1,0 +1,52 @@
+#pragma once
+/// The choice of the address to connect to next, and the look-up of servers, which may take long and
+/// therefore runs on a thread of its own, on a value that nobody else touches meanwhile. Addresses of private
+/// and documentation networks are passed over.
+
+#include <array>
+#include <cstddef>
+#include <vector>
+
+#include "cloud/server.h"
+
+namespace arvok::cloud {
+
+constexpr std::size_t business_max = 5;   ///< business servers
+constexpr std::size_t addresses_max = 5;  ///< resolved addresses of one kind
+
+using business_servers = std::array<server, business_max>;  ///< a place may be empty
+
+/// What to connect to next.
+enum class target {
+    current,    ///< the current address again
+    bootstrap,  ///< the bootstrap server's next address
+    business,   ///< the next address of a business server
+};
+
+struct address {
+    server at;                 ///< the host is the address
+    std::size_t server_index;  ///< the business server that it belongs to
+    bool tried = false;
+};
+
+struct resolution {
+    // What to look for.
+    target next = target::current;
+    server bootstrap;
+    business_servers business;
+
+    // What was found; it stays for the next time.
+    bool found = false;            ///< there is an address to connect to
+    server current;                ///< the one that was chosen
+    std::size_t server_index = 0;  ///< the business server that it belongs to
+    std::vector<address> bootstrap_addresses, business_addresses;
+
+    /// Chooses the next address, looking names up when none is left that has not been tried. From any thread.
+    void run();
+    /// Forgets the addresses of both kinds.
+    void forget_addresses();
+    /// A business server has an address that was not tried.
+    bool has_untried() const;
+};
+
+}  // namespace arvok::cloud

@@ -1,0 +1,34 @@
+#pragma once
+/// A server of the cloud platform.
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace arvok::cloud {
+
+/// Bytes of a host and of a port; longer texts are cut.
+constexpr std::size_t host_max = 31, port_max = 7;
+
+struct server {
+    std::string host;  ///< name or IPv4 address
+    std::string port;  ///< decimal
+
+    bool empty() const { return host.empty(); }
+    /// "host:port"
+    std::string text() const { return host + ":" + port; }
+
+    bool operator==(const server &) const = default;
+};
+
+/// Whether the host is a domain name or an IPv4 address and the port is a port.
+bool is_valid(const server &named);
+
+/// Both texts are cut.
+server make_server(std::string_view host, std::string_view port);
+
+/// Splits "host:port" at the first ':'. The port goes to the next white space; what is missing stays empty,
+/// as does the port behind a host that is too long.
+server parse_server(std::string_view text);
+
+}  // namespace arvok::cloud
