@@ -1,7 +1,6 @@
 #include "base/bus_message.h"
 
 #include "base/handle.h"
-#include "base/text.h"
 
 extern "C" {
 #include <libubox/blobmsg_json.h>
@@ -30,7 +29,7 @@ void bus_message::text(const char *name, std::string_view characters) {
 }
 
 void bus_message::text(const char *name, const char *characters) {
-    text(name, view_of(characters));
+    blobmsg_add_string(&buffer_, name, characters ? characters : "");
 }
 
 void bus_message::number(const char *name, std::int32_t n) {
