@@ -1,38 +1,31 @@
 // The rule files as they may be found after years, and the rules that memory holds then.
 
-#include "extcc/rules.h"
-
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
-#include "common/clock.h"
-#include "common/text.h"
-#include "context.h"
-#include "extcc/schedule.h"
-#include "utask/utask.h"
+#include "access/restrictions.h"
+#include "access/scheduler.h"
+#include "access/schedules.h"
+#include "base/text.h"
 
-namespace arvok {
+namespace arvok::access {
 namespace {
+
+constexpr char schedule_file[] = "extcc-lht.cfg", restriction_file[] = "extcc-lhpc.cfg";
 
 std::time_t now;
 
 class Rules : public ::testing::Test {
   protected:
     void SetUp() override {
-        g_ctx = {};
         folder_ = std::filesystem::temp_directory_path() / ("rules-" + std::to_string(getpid()) + "/");
         std::filesystem::create_directory(folder_);
-        path_ = folder_.string();
-        rule_folder = path_.c_str();
     }
-    void TearDown() override {
-        clear_rules();
-        std::filesystem::remove_all(folder_);
-    }
+    void TearDown() override { std::filesystem::remove_all(folder_); }
     void write(const char *name, const std::string &text) {
         std::ofstream(folder_ / name, std::ios::binary) << text;
     }
@@ -42,28 +35,25 @@ class Rules : public ::testing::Test {
         return text.str();
     }
     // "MAC(enable mode start-end ...)" of every host, newest first.
-    static std::string schedules() {
-        std::string all;
-        for (const timer_host &host : g_ctx.extcc.timer_hosts) {
-            all += std::string(host.mac) + "(";
+    static std::string told(const schedules &all) {
+        std::string text;
+        for (const host_schedule &host : all.hosts()) {
+            text += host.mac + "(";
             for (const schedule_rule &rule : host.rules)
-                all += std::to_string(rule.enable) + " " + std::to_string(rule.mode) + " " + rule.start +
-                       "-" + rule.end + ";";
-            all += ")";
+                text += format("%u %u %s-%s;", rule.enable, rule.mode, rule.start.c_str(), rule.end.c_str());
+            text += ")";
         }
-        return all;
+        return text;
     }
-    static std::string parents() {
-        std::string all;
-        for (const parent_rule &rule : g_ctx.extcc.parent_rules)
-            all += std::string(rule.mac) + " " + std::to_string(rule.flags) + " " +
-                   std::to_string(rule.internet) + " " + std::to_string(rule.down_limit) + " " +
-                   std::to_string(rule.up_limit) + ";";
-        return all;
+    static std::string told(const restrictions &all) {
+        std::string text;
+        for (const restriction &entry : all.entries())
+            text += entry.mac +
+                    format(" %u %u %u %u;", entry.kinds, entry.internet, entry.down_limit, entry.up_limit);
+        return text;
     }
 
     std::filesystem::path folder_;
-    std::string path_;
 };
 
 TEST_F(Rules, WhatAScheduleFileHoldsIsTakenLineByLine) {
@@ -76,7 +66,6 @@ TEST_F(Rules, WhatAScheduleFileHoldsIsTakenLineByLine) {
         {"A|0|8:00|9:00|1|c|g\na|1|10:00|11:00|1|c|g\n", "A(1 1 10:00-11:00;1 0 8:00-9:00;)"},
         {"A|0|8:00|9:00|1|c|g", "A(1 0 8:00-9:00;)"},  // cut within the last line
         {"A|0|8:00|9:\nB|1|8:00|9:00|1|c|g\n", "B(1 1 8:00-9:00;)A(0 0 8:00-9:\n;)"},
-        {"A\n", "A\n(0 0 -;)"},
         {"|||||\n", "(0 0 -;)"},
         {"A||8:00|9:00|1|c|g\n", "A(0 0 -;)"},  // an empty field ends the scan
         {"0123456789ABCDEFGH|0|8:00|9:00|1|c|g\n", "0123456789ABCDE(0 0 -;)"},
@@ -87,104 +76,117 @@ TEST_F(Rules, WhatAScheduleFileHoldsIsTakenLineByLine) {
     };
     for (const auto &c : cases) {
         write(schedule_file, c.file);
-        load_rules();
-        EXPECT_EQ(schedules(), c.rules) << &c - cases;
-        EXPECT_EQ(g_ctx.extcc.timer_index.size(), g_ctx.extcc.timer_hosts.size());
+        EXPECT_EQ(told(schedules(folder_)), c.rules) << &c - cases;
     }
     std::filesystem::remove(folder_ / schedule_file);
-    load_rules();
-    EXPECT_EQ(schedules(), "");
+    EXPECT_EQ(told(schedules(folder_)), "");
 }
 
 TEST_F(Rules, BlockingAndRatesComeBackReversed) {
-    write(parent_file, "A|3|0|10|20\nB|1|9|1|2\nC|2|1|5|6\nA|2|2|0|0\n1234567890123456|2|0|0|0\nD|x\n");
-    load_rules();
-    EXPECT_EQ(parents(), "D 0 0 0 0;123456789012345 0 0 0 0;A 2 2 0 0;C 2 1 0 0;B 1 0 1 2;A 3 0 10 20;");
-    EXPECT_EQ(_find_parent_rule("a")->internet, 2u);  // the newest
-    _save_pr_cfg();
-    EXPECT_EQ(read(parent_file),
+    write(restriction_file, "A|3|0|10|20\nB|1|9|1|2\nC|2|1|5|6\nA|2|2|0|0\n1234567890123456|2|0|0|0\nD|x\n");
+    restrictions all(folder_);
+    EXPECT_EQ(told(all), "D 0 0 0 0;123456789012345 0 0 0 0;A 2 2 0 0;C 2 1 0 0;B 1 0 1 2;A 3 0 10 20;");
+    EXPECT_EQ(all.find("a")->internet, 2u);  // the newest
+    EXPECT_TRUE(all.blocks("c"));
+    EXPECT_FALSE(all.blocks("A"));
+    all.save();
+    EXPECT_EQ(read(restriction_file),
               "D|0|0|0|0\n123456789012345|0|0|0|0\nA|2|2|0|0\nC|2|1|0|0\nB|1|0|1|2\nA|3|0|10|20\n");
-    drop_parent_flag(parent_internet);
-    EXPECT_EQ(parents(), "D 0 0 0 0;123456789012345 0 0 0 0;B 1 0 1 2;A 1 0 10 20;");
-    EXPECT_EQ(_find_parent_rule("A")->up_limit, 20u);
-    EXPECT_EQ(_find_parent_rule("C"), nullptr);
-    EXPECT_EQ(_find_parent_rule(nullptr), nullptr);
-    rule_folder = "/nowhere/";
+    all.drop(restricts_internet);
+    EXPECT_EQ(told(all), "D 0 0 0 0;123456789012345 0 0 0 0;B 1 0 1 2;A 1 0 10 20;");
+    all.entry_with(restricts_internet, "a").internet = 1;
+    EXPECT_EQ(told(all), "D 0 0 0 0;123456789012345 0 0 0 0;B 1 0 1 2;A 3 1 10 20;");
+    all.entry_with(restricts_rate, "1234567890123456").up_limit = 7;
+    EXPECT_EQ(all.find("123456789012345")->up_limit, 7u);
+    EXPECT_EQ(all.find("C"), nullptr);
+    std::filesystem::remove_all(folder_);
     ::testing::internal::CaptureStderr();
-    _save_pr_cfg();
-    EXPECT_NE(::testing::internal::GetCapturedStderr().find(
-                  "[ERROR] /nowhere/extcc-lhpc.cfg: failed to save _save_pr_cfg No such file or directory\n"),
-              std::string::npos);
+    all.save();
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "[ERROR] " + folder_.string() +
+                  "extcc-lhpc.cfg: failed to save _save_pr_cfg No such file or directory\n");
 }
 
-TEST_F(Rules, LinesAreRemovedByTheirText) {
+TEST_F(Rules, AScheduleIsRemovedFromMemoryByItsHostAndFromTheFileByItsText) {
     const std::string file = "AB12|0|1:00|2:00|1|c|g\nab12|0|1:00|2:00|1|c|g\nCD34|0|1:00|2:00|1|AB12|g\n";
     const struct {
         const char *mac;
         std::string left;
+        const char *hosts;
     } cases[] = {
-        {"EF56", file}, {"AB12", "ab12|0|1:00|2:00|1|c|g\n"}, {"CD34", file.substr(0, 46)}, {nullptr, ""},
-        {"", ""},
+        {"EF56", file, "CD34(1 0 1:00-2:00;)AB12(1 0 1:00-2:00;1 0 1:00-2:00;)"},
+        {"AB12", "ab12|0|1:00|2:00|1|c|g\n", "CD34(1 0 1:00-2:00;)"},
+        {"CD34", file.substr(0, 46), "AB12(1 0 1:00-2:00;1 0 1:00-2:00;)"},
+        {"", "", "CD34(1 0 1:00-2:00;)AB12(1 0 1:00-2:00;1 0 1:00-2:00;)"},
     };
     for (const auto &c : cases) {
         write(schedule_file, file);
-        _remove_timer_lines(c.mac);
-        EXPECT_EQ(read(schedule_file), c.left) << text_or_empty(c.mac);
+        schedules all(folder_);
+        all.remove(c.mac);
+        EXPECT_EQ(read(schedule_file), c.left) << c.mac;
+        EXPECT_EQ(told(all), c.hosts) << c.mac;
+        EXPECT_EQ(all.host_to_free(), c.mac);
         EXPECT_FALSE(std::filesystem::exists(folder_ / "extcc-lht.cfg.bk"));
     }
     // Neither a zero within a line nor a disk that is full costs the other lines.
     const std::string odd = std::string("AB|0|8:0\0|9:00\n", 15) + "CD|0|8:00|9:00|1|c|g\nEF|0\n";
     write(schedule_file, odd);
-    _remove_timer_lines("EF");
+    schedules all(folder_);
+    all.remove("EF");
     EXPECT_EQ(read(schedule_file), odd.substr(0, odd.size() - 5));
     std::filesystem::create_symlink("/dev/full", folder_ / "extcc-lht.cfg.bk");
-    _remove_timer_lines("CD");
+    all.remove("CD");
     EXPECT_EQ(read(schedule_file), odd.substr(0, odd.size() - 5));
-    std::filesystem::remove(folder_ / schedule_file);
-    _remove_timer_lines("AB12");
-    EXPECT_TRUE(std::filesystem::is_empty(folder_));
 }
 
-TEST_F(Rules, AHostIsFoundWhateverTheCaseAndForgottenWhole) {
-    _add_mac_to_list("02c0ffee0001", "8:00", "9:00", 1, 0);
-    _add_mac_to_list("02C0FFEE0001", "10:00", "11:00", 1, 1);
-    _add_mac_to_list("02C0FFEE0002", "8:00", "9:00", 1, 0);
-    EXPECT_EQ(_find_timer_host("02C0ffee0001")->rules.size(), 2u);
-    remove_timer_host("02C0FFEE0001");
-    EXPECT_EQ(_find_timer_host("02c0ffee0001"), nullptr);
-    remove_timer_host("02C0FFEE0009");
-    EXPECT_EQ(schedules(), "02C0FFEE0002(1 0 8:00-9:00;)");
+TEST_F(Rules, WhatIsAddedFollowsAFileThatWasCut) {
+    write(schedule_file, "AB|0|8:0");
+    schedules all(folder_);
+    {
+        schedules::addition file(all);
+        file.add("02C0FFEE0001\n234567", {1, 7, "8:00", "9:00"}, "nocid", "g\n");
+        file.add("02c0ffee0001\n23", {0, 0, "10:00", "11:00"}, "c", "");
+    }
+    EXPECT_EQ(read(schedule_file),
+              "AB|0|8:0\n02C0FFEE0001 234567|7|8:00|9:00|1|nocid|g \n"
+              "02c0ffee0001 23|0|10:00|11:00|0|c|\n");
+    EXPECT_EQ(told(all), "02C0FFEE0001\n23(0 0 10:00-11:00;1 7 8:00-9:00;)AB(0 0 8:0-;)");
+    EXPECT_EQ(all.find("02C0ffee0001\n23")->rules.size(), 2u);
 }
 
 TEST_F(Rules, NothingIsEvaluatedBeforeTheClockIsSet) {
-    ::testing::internal::CaptureStderr();
     uloop_init();
-    wall_clock = [] { return now; };
+    setenv("TZ", "CST-8", 1);
+    tzset();
+    write(schedule_file, "02C0FFEE0001|0|00:00|24:00|1|c|g\n");
+    schedules times(folder_);
+    restrictions limits(folder_);
+    scheduler applier(times, limits, [] { return now; });
     const struct {
         std::time_t time;
         int delay;
-        std::int32_t decided;
-    } cases[] = {
-        {0, 60000, -1}, {1590969599, 60000, -1}, {1590969600, 57600000, -1}, {1590969601, 57599000, 0}};
-    setenv("TZ", "CST-8", 1);
-    tzset();
-    extcc_init();
-    _add_mac_to_list("02C0FFEE0001", "00:00", "24:00", 1, 0);
+        bool decides;  // whether the device keeps UTC
+    } cases[] = {{0, 60000, false},
+                 {1590969599, 60000, false},
+                 {1590969600, 57600000, false},
+                 {1590969601, 57599000, true},
+                 {1590969602, 57598000, false}};
     for (const auto &c : cases) {
         now = c.time;
-        uloop_timeout_cancel(&g_ctx.extcc.lanhost_timer);
-        extcc_run();
-        const int left = uloop_timeout_remaining(&g_ctx.extcc.lanhost_timer);
+        ::testing::internal::CaptureStderr();
+        applier.apply_schedules();
+        const std::string log = ::testing::internal::GetCapturedStderr();
+        EXPECT_EQ(contains(log, "need offset 0"), c.decides) << c.time;
+        EXPECT_EQ(contains(log, format("extcc next check is %ds (~%dh%dm) later\n", c.delay / 1000,
+                                       c.delay / 3600000, c.delay / 60000 % 60)),
+                  c.time >= clock_set_after);
+        const int left = applier.until_schedules();
         EXPECT_LE(left, c.delay) << c.time;
         EXPECT_GT(left, c.delay - 1000) << c.time;
-        EXPECT_EQ(g_ctx.extcc.tz_offset_state, c.decided) << c.time;
-        EXPECT_EQ(g_ctx.extcc.timer_hosts.front().action, c.time < clock_set_after ? 0 : access_scheduled);
+        EXPECT_EQ(times.hosts().front().action, c.time < clock_set_after ? not_evaluated : scheduled);
     }
-    extcc_done();
     uloop_done();
-    const std::string log = ::testing::internal::GetCapturedStderr();
-    EXPECT_NE(log.find("extcc next check is 57600s (~16h0m) later\n"), std::string::npos) << log;
 }
 
 }  // namespace
-}  // namespace arvok
+}  // namespace arvok::access

@@ -1,0 +1,249 @@
+#include "access/host_commands.h"
+
+#include <optional>
+#include <string>
+
+#include "access/outcome.h"
+#include "access/texts.h"
+#include "base/text.h"
+
+namespace arvok::access {
+namespace {
+
+constexpr unsigned long limit_max = 2147483648;
+constexpr std::string_view no_continue_id = "nocid";
+constexpr char mac_missing[] = "MAC not found";
+
+// The file's and the platform's unsigned numbers are told as signed ones.
+std::string signed_text(std::uint32_t value) {
+    return std::to_string(static_cast<std::int32_t>(value));
+}
+
+void add_signed(bus_message &reply, const char *name, std::uint32_t value) {
+    reply.number(name, static_cast<std::int32_t>(value));
+}
+
+void add_exec(bus_message &reply, const restriction &entry) {
+    reply.text("Exec", entry.applied == entry.kinds ? "True" : "False");
+}
+
+// Stores one rule of a request. What is wrong with it, or nothing.
+std::optional<std::string_view> store_rule(schedules::addition &file, std::string_view mac, json::view rule) {
+    const auto start = rule["StartTime"].text(), end = rule["EndTime"].text();
+    if (!is_time_of_day(start.value_or("")) || !is_time_of_day(end.value_or("")))
+        return "invalid StartTime/EndTime";
+    const auto mode = number_in(rule["Mode"].text(), 0, 7);
+    if (!mode)
+        return "invalid Mode";
+    const auto enable = number_in(rule["Enable"].text(), 0, 1);
+    if (!enable)
+        return "invalid Enable";
+    const std::string_view continue_id = rule["ContinueID"].text().value_or("");
+    // Numbers as numbers: a text like "+01" is one, but its field in the file has no room for it.
+    file.add(mac,
+             {static_cast<std::uint8_t>(*enable), static_cast<std::uint8_t>(*mode), std::string(*start),
+              std::string(*end)},
+             continue_id.empty() ? no_continue_id : continue_id, rule["GroupID"].text().value_or(""));
+    return std::nullopt;
+}
+
+// Stores the rules up to the first that is wrong. What is wrong with it, or nothing.
+std::optional<std::string_view> store_rules(schedules &to, std::string_view mac, json::view rules) {
+    schedules::addition file(to);
+    for (const json::view rule : rules) {
+        to.free_no_host();
+        if (const auto fault = store_rule(file, mac, rule))
+            return fault;
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+// --- schedules ---
+
+void host_commands::set_schedule(json::view message, bus_message &reply) {
+    const auto mac = message["MAC"].text();
+    if (!mac)
+        return add_outcome(reply, mac_missing, "-202");
+    if (restrictions_.blocks(*mac))
+        return add_outcome(reply, "MAC already in internet rules", "-1000");
+    const json::view info = message["Info"];
+    if (!info.is_array())
+        return add_outcome(reply, info_not_array, "-201");
+
+    schedules_.remove(*mac);
+    const auto fault = store_rules(schedules_, *mac, info);
+    // Also for what was stored before a fault: its boundaries are nobody else's to watch.
+    scheduler_.apply_schedules_soon();
+    if (fault)
+        return add_outcome(reply, *fault, "-1");
+    add_success(reply);
+}
+
+void host_commands::get_schedule(json::view message, bus_message &reply) {
+    const auto mac = message["MAC"].text();
+    if (!mac)
+        return add_outcome(reply, mac_missing, "-202");
+    {
+        const bus_message::array info(reply, "Info");
+        schedules::reader lines(schedules_);
+        while (const auto line = lines.next()) {
+            if (!same_ignoring_case(line->mac, *mac))
+                continue;
+            const bus_message::table table(reply);
+            reply.text("ContinueID", line->continue_id == no_continue_id ? "" : line->continue_id);
+            reply.text("Mode", line->mode);
+            reply.text("StartTime", line->start);
+            reply.text("EndTime", line->end);
+            reply.text("Enable", line->enable);
+            reply.text("GroupID", line->group_id);
+        }
+    }
+    add_success(reply);
+}
+
+// --- blocking and rate limits ---
+
+void host_commands::save_and_apply_restrictions(bus_message &reply) {
+    restrictions_.save();
+    add_success(reply);
+    scheduler_.apply_restrictions_soon();
+}
+
+void host_commands::set_internet(json::view message, bus_message &reply) {
+    const json::view info = message["Info"];
+    if (!info.is_array())
+        return add_outcome(reply, info_not_array, "-201");
+    bool changed = !info.first();
+    if (changed)
+        restrictions_.drop(restricts_internet);
+    for (const json::view host : info) {
+        const auto mac = host["MAC"].text();
+        if (!mac)
+            return add_outcome(reply, mac_missing, "-202");
+        if (schedules_.find(kept_mac(*mac)))
+            continue;
+        const auto access = number_in(host["InternetAccess"].text(), 0, 2);
+        if (!access)
+            return add_outcome(reply, "invalid InternetAccess", "-1");
+        restrictions_.entry_with(restricts_internet, *mac).internet = *access;
+        changed = true;
+    }
+    if (!changed)
+        return add_outcome(reply, "MAC already in timer rules", "-1000");
+    save_and_apply_restrictions(reply);
+}
+
+void host_commands::get_internet(json::view, bus_message &reply) {
+    {
+        const bus_message::array info(reply, "Info");
+        for (const restriction &entry : restrictions_.entries()) {
+            if (!(entry.kinds & restricts_internet) || entry.internet == unrestricted)
+                continue;
+            const bus_message::table table(reply);
+            reply.text("MAC", entry.mac);
+            reply.text("InternetAccess", signed_text(entry.internet));
+            add_exec(reply, entry);
+        }
+    }
+    add_success(reply);
+}
+
+void host_commands::set_bandwidth(json::view message, bus_message &reply) {
+    const json::view info = message["Info"];
+    if (!info.is_array())
+        return add_outcome(reply, info_not_array, "-201");
+    if (!info.first())
+        restrictions_.drop(restricts_rate);
+    for (const json::view host : info) {
+        const auto mac = host["MAC"].text();
+        if (!mac)
+            return add_outcome(reply, mac_missing, "-202");
+        const auto up = number_in(host["MaxUSBandwidth"].text(), 0, limit_max);
+        if (!up)
+            return add_outcome(reply, "invalid US", "-1");
+        const auto down = number_in(host["MaxDSBandwidth"].text(), 0, limit_max);
+        if (!down)
+            return add_outcome(reply, "invalid DS", "-1");
+        restriction &entry = restrictions_.entry_with(restricts_rate, *mac);
+        entry.up_limit = *up;
+        entry.down_limit = *down;
+    }
+    save_and_apply_restrictions(reply);
+}
+
+void host_commands::get_bandwidth(json::view, bus_message &reply) {
+    {
+        const bus_message::array info(reply, "Info");
+        for (const restriction &entry : restrictions_.entries()) {
+            if (!(entry.kinds & restricts_rate) || (entry.up_limit == 0 && entry.down_limit == 0))
+                continue;
+            const bus_message::table table(reply);
+            reply.text("MAC", entry.mac);
+            reply.text("MaxUSBandwidth", signed_text(entry.up_limit));
+            reply.text("MaxDSBandwidth", signed_text(entry.down_limit));
+            add_exec(reply, entry);
+        }
+    }
+    add_success(reply);
+}
+
+// --- EXTCC_DUMP ---
+
+void host_commands::add_times(bus_message &reply) {
+    const std::tm now = china_time(clock_());
+    reply.text("Time", format("%04d-%02d-%02d %02d:%02d:%02d", now.tm_year + 1900, now.tm_mon + 1,
+                              now.tm_mday, now.tm_hour, now.tm_min, now.tm_sec));
+    const int hosts_s = scheduler_.until_schedules() / 1000;
+    reply.text("LANHostNextCheck",
+               format("%ds (%dh%dm%ds)", hosts_s, hosts_s / 3600, hosts_s % 3600 / 60, hosts_s % 60));
+    const int guest_s = guest_.until_change() / 1000;
+    if (guest_s > 0)
+        reply.text("GuestNextCheck", format("%ds (~%dh%dm)", guest_s, guest_s / 3600, guest_s % 3600 / 60));
+}
+
+namespace {
+
+void add_schedule(bus_message &reply, const host_schedule &host) {
+    const bus_message::table table(reply);
+    reply.text("mac", host.mac);
+    reply.number("num", static_cast<std::int32_t>(host.rules.size()));
+    reply.number("internet", host.action);
+    const bus_message::array rules(reply, "rules");
+    for (const schedule_rule &rule : host.rules) {
+        const bus_message::table rule_table(reply);
+        reply.text("start", rule.start);
+        reply.text("end", rule.end);
+        reply.number("enable", rule.enable);
+        reply.number("weekday", rule.mode);
+    }
+}
+
+void add_restriction(bus_message &reply, const restriction &entry) {
+    const bus_message::table table(reply);
+    reply.text("mac", entry.mac);
+    if (entry.kinds & restricts_rate) {
+        add_signed(reply, "dsbandwidth", entry.down_limit);
+        add_signed(reply, "usbandwidth", entry.up_limit);
+    }
+    if (entry.kinds & restricts_internet)
+        add_signed(reply, "internetaccess", entry.internet);
+    add_exec(reply, entry);
+}
+
+}  // namespace
+
+void host_commands::dump(json::view, bus_message &reply) {
+    add_times(reply);
+    {
+        const bus_message::array times(reply, "TimeRules");
+        for (const host_schedule &host : schedules_.hosts())
+            add_schedule(reply, host);
+    }
+    const bus_message::array limits(reply, "ParentRules");
+    for (const restriction &entry : restrictions_.entries())
+        add_restriction(reply, entry);
+}
+
+}  // namespace arvok::access

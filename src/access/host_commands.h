@@ -1,0 +1,42 @@
+#pragma once
+/// The commands that set and tell the rules of LAN hosts: access schedules, blocking, rate limits, and the
+/// dump of all of them.
+
+#include "access/guest_network.h"
+#include "access/restrictions.h"
+#include "access/scheduler.h"
+#include "access/schedules.h"
+#include "base/bus_message.h"
+#include "base/clock.h"
+#include "base/json.h"
+
+namespace arvok::access {
+
+class host_commands {
+  public:
+    host_commands(schedules &times, restrictions &limits, scheduler &applier, guest_network &guest,
+                  wall_clock clock)
+        : schedules_(times), restrictions_(limits), scheduler_(applier), guest_(guest), clock_(clock) {}
+
+    // Each adds its fields to the reply.
+    void get_hosts(json::view message, bus_message &reply);
+    void set_schedule(json::view message, bus_message &reply);
+    void get_schedule(json::view message, bus_message &reply);
+    void set_internet(json::view message, bus_message &reply);
+    void get_internet(json::view message, bus_message &reply);
+    void set_bandwidth(json::view message, bus_message &reply);
+    void get_bandwidth(json::view message, bus_message &reply);
+    void dump(json::view message, bus_message &reply);
+
+  private:
+    void save_and_apply_restrictions(bus_message &reply);
+    void add_times(bus_message &reply);
+
+    schedules &schedules_;
+    restrictions &restrictions_;
+    scheduler &scheduler_;
+    guest_network &guest_;
+    const wall_clock clock_;
+};
+
+}  // namespace arvok::access
