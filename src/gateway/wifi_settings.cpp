@@ -83,12 +83,7 @@ bool differs(given_text given, const char *current) {
     return given && (!current || *given != current);
 }
 
-bool differs(std::optional<int> given, std::int32_t current) {
-    return given && *given != current;
-}
-
-// How the comparison of a request with what is set goes on.
-enum class check { same, differs, failed };
+enum class check { same, differs, failed };  // a request compared with what is set
 
 class wifi_setting {
   public:
@@ -99,14 +94,10 @@ class wifi_setting {
             return;
         if (cache_.is_router()) {
             log_printf("[INFO] router mode\n");
-        } else {
-            const check changed = compare();
-            if (changed == check::failed)
-                return;
-            if (changed == check::same) {
+        } else if (const check changed = compare(); changed != check::differs) {
+            if (changed == check::same)
                 log_printf("[INFO] wifi config no changed\n");
-                return;
-            }
+            return;
         }
         apply();
     }
@@ -166,8 +157,7 @@ class wifi_setting {
         return false;
     }
 
-    // --- comparing: in the order of the members; behind a difference nothing is looked at, not even whether
-    // it is valid ---
+    // --- comparing: behind a difference nothing is looked at, not even whether it is valid ---
 
     check compare() {
         for (const json::view item : value_) {
@@ -190,7 +180,8 @@ class wifi_setting {
     }
 
     check compare_radio(const radio_request &given, const qzcap_wifiinfo &current) {
-        if (differs(given.enable, current.enable) || differs(given.channel, current.channel) ||
+        if (differs(given.enable, current.enable) ||
+            given.channel.value_or(current.channel) != current.channel ||
             differs(given.txpower, current.txpower))
             return check::differs;
         const std::optional<std::uint32_t> bandwidth = named_bandwidth(given, current);
@@ -236,11 +227,10 @@ class wifi_setting {
         const std::optional<std::uint32_t> bandwidth = named_bandwidth(given, current);
         if (!bandwidth)
             return false;
-        // "enable" counts as changed whenever it is given, also when it is what is set.
-        const bool changed = given.enable || differs(given.channel, current.channel) ||
-                             differs(given.txpower, current.txpower) || *bandwidth != current.bandwidth ||
-                             differs(given.wifimode, current.wifimode);
-        if (!changed)
+        // "enable" counts as a change whenever it is given, also when it is what is set.
+        if (!given.enable && given.channel.value_or(current.channel) == current.channel &&
+            !differs(given.txpower, current.txpower) && *bandwidth == current.bandwidth &&
+            !differs(given.wifimode, current.wifimode))
             return true;
         qzcap_wifiinfo record{};
         record.enable = chosen(given.enable, current.enable);
