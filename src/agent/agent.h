@@ -17,15 +17,29 @@
 
 namespace arvok {
 
+/// What the agent finds where it runs.
+struct surroundings {
+    wall_clock clock = system_clock;
+    std::string rule_folder = "/qzcap/apps/arvokclt/";  ///< of the access rules' files, with its final slash
+};
+
 class agent {
   public:
-    explicit agent(options chosen);
+    explicit agent(options chosen, surroundings where = {});
     agent(const agent &) = delete;
     agent &operator=(const agent &) = delete;
 
-    /// From the platform session to the ordered end. Returns the exit status; ends the process on the spot
-    /// when its local port is not to be had.
+    /// From the platform session to the ordered end. Returns the exit status.
     int run();
+
+    // --- the parts of run(), for who turns the loop himself ---
+
+    enum class beginning { begun, no_bus, interrupted };
+    /// Opens the session, waits for the device, and builds and starts the modules. Ends the process on the
+    /// spot when its local port is not to be had.
+    beginning begin();
+    /// Takes down whatever there is.
+    void end();
 
   private:
     bool wait_for_device();

@@ -62,10 +62,9 @@ void platform_events::host(const notification &heard) {
 // The cloud is behind the WAN. The states are looked for in the text, wherever in the notification they
 // stand.
 void platform_events::wan(const notification &heard) {
-    if (contains(heard.text, R"("status":"down")"))
-        modules_.cloud->wan_down();
-    else if (contains(heard.text, R"("status":"up")"))
-        modules_.cloud->wan_up();
+    if (!contains(heard.text, R"("status":"down")") || !modules_.cloud->wan_down())
+        if (contains(heard.text, R"("status":"up")"))
+            modules_.cloud->wan_up();
     if (heard.event)
         modules_.gateway->wan_report(heard.event);
 }
