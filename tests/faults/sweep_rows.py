@@ -161,6 +161,7 @@ SETTINGS = [
     Row("qzcap_get_wifiinfo", request("startaprssiquery", **QUERY), DONE, failed("update_wifi_info"), DONE),
     Row("qzcap_bss_transition", request("startstabsstransitionrequest", **MOVE), DONE, refused("qzcap_bss_transition")),
     Row("qzcap_list_laninfo", request("getrssiinfo"), DONE, failed("qzcap_list_laninfo"), DONE),
+    Row("qzcap_get_wifiinfo", request("getrssiinfo"), DONE, failed("update_wifi_info"), DONE),
 ]
 # As many again, so that they run beside each other.
 COMMANDS, SETTINGS = SETTINGS[:14], SETTINGS[14:]
