@@ -16,8 +16,6 @@ def encoded(digits):
 class Envelope(UnkeyedCase):
     def test_requests_that_are_not_answered(self):
         put = lambda message, line: self.put(line, message)
-        # Consumed, though not answered: it ends the wait for the answer to the key request.
-        put({"type": "qlink"}, "[ERROR] (10001) Arvok AP without this interface\n")
         for kind, member, good, end in (("get_status", "get", [{"name": "cputemp"}], "\n"),
                                         ("control", "data", [{"command": "reset"}], "\n"),
                                         ("cfg", "set", {"ledswitch": {"status": "OFF"}}, "")):
