@@ -2,6 +2,7 @@
  * to go or the bus ends. */
 #include <libubox/blobmsg_json.h>
 #include <libubus.h>
+#include <stdio.h>
 #include <stdlib.h>
 
 static struct blob_buf buf;
@@ -43,10 +44,12 @@ static int deep(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_r
     return echo(ctx, obj, req, method, buf.head);
 }
 
-/* Never answers. */
+/* Says that it has been called, and never answers. */
 static int hang(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
                 const char *method, struct blob_attr *msg) {
-    (void)obj, (void)method, (void)msg;
+    (void)obj, (void)msg;
+    puts(method);
+    fflush(stdout);
     ubus_defer_request(ctx, req, &pending);
     return UBUS_STATUS_OK;
 }

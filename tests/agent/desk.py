@@ -116,7 +116,7 @@ class AgentCase(unittest.TestCase):
 
     def publish(self, name):
         """Puts an object of the test's own on the bus and returns its process."""
-        process = subprocess.Popen(["bus_object", name])
+        process = subprocess.Popen(["bus_object", name], stdout=subprocess.PIPE)
         self.addCleanup(lambda: (process.terminate(), process.wait()))
         subprocess.run(["ubus", "-t", "10", "wait_for", name], check=True)
         return process
