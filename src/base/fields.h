@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <string>
 #include <variant>
 
 #include "base/json.h"
@@ -47,7 +46,7 @@ class field_writer {
     }
     template <typename Number>
     void operator()(printed<Record, Number> p) const {
-        object_.text(key_, std::string_view(std::to_string(record_.*p.member)));
+        object_.digits(key_, record_.*p.member);
     }
 
   private:

@@ -2,7 +2,6 @@
 
 #include <charconv>
 #include <cmath>
-#include <cstdint>
 
 #include "base/text.h"
 
@@ -55,6 +54,12 @@ std::string print_node(const cJSON *node) {
     return std::string(view_of(text.get()));
 }
 
+void append_digits(std::string &out, std::int64_t n) {
+    char digits[24];
+    const auto end = std::to_chars(digits, digits + sizeof digits, n).ptr;
+    out.append(digits, end);
+}
+
 // Whole numbers are written here: the JSON library writes those beyond int with 15 digits when that comes
 // close, and all of them by way of printing, reading back and comparing a floating-point number.
 void append_number(std::string &out, double n) {
@@ -63,9 +68,7 @@ void append_number(std::string &out, double n) {
         out += print_node(node.get());
         return;
     }
-    char digits[24];
-    const auto end = std::to_chars(digits, digits + sizeof digits, static_cast<std::int64_t>(n)).ptr;
-    out.append(digits, end);
+    append_digits(out, static_cast<std::int64_t>(n));
 }
 
 }  // namespace
@@ -142,6 +145,14 @@ object &object::text(const char *name, const char *characters) {
 object &object::number(const char *name, double n) {
     begin_member(name);
     append_number(text_, n);
+    return *this;
+}
+
+object &object::digits(const char *name, std::int64_t n) {
+    begin_member(name);
+    text_ += '"';
+    append_digits(text_, n);
+    text_ += '"';
     return *this;
 }
 

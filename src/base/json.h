@@ -4,6 +4,7 @@
 #include <cjson/cJSON.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -122,6 +123,8 @@ class object {
     /// A literal, or a text of a platform record: null is written as "".
     object &text(const char *name, const char *characters);
     object &number(const char *name, double n);
+    /// A number as its decimal text.
+    object &digits(const char *name, std::int64_t n);
     object &add(const char *name, const value &v);
     /// The same under a name that is not a literal.
     object &add(std::string_view name, const value &v);

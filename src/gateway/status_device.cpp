@@ -35,7 +35,7 @@ json::value of_wan(request &r, Value value) {
 constexpr std::size_t percent_text_max = 7;  // what does not fit is cut, also for the gateway
 
 json::value percent(std::uint32_t n) {
-    return json::text(cut(std::to_string(n) + '%', percent_text_max));
+    return json::text(cut(format("%u%%", n), percent_text_max));
 }
 
 constexpr field<qzcap_diagnostics> diagnostics_fields[] = {

@@ -105,7 +105,7 @@ json::value neighbour_item(const qzcap_neighbourinfo &heard) {
         .text("bssid", heard.bssid)
         .text("networktype", heard.networktype)
         .number("channel", heard.channel)
-        .text("rssi", std::string_view(std::to_string(heard.rssi)))
+        .digits("rssi", heard.rssi)
         .text("standard", heard.standard)
         .text("bandwidth", bandwidth_text(heard.bandwidth))
         .take();
