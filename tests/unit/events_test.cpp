@@ -1,7 +1,7 @@
 // The platform's notifications, handed to the agent's callbacks: what shows in no message.
 
 #include "arvok/platform_events.h"
-#include "link_fixture.h"
+#include "peer_fixture.h"
 
 extern "C" {
 #include <libubox/blobmsg_json.h>
@@ -10,10 +10,12 @@ extern "C" {
 namespace arvok {
 namespace {
 
-class Events : public Link {
+class Events : public Peer {
   protected:
+    Events() : Peer(32768, 8) {}
+
     void SetUp() override {
-        Link::SetUp();
+        Peer::SetUp();
         subscribe_platform_events();  // there is no bus here, but the callbacks are in their places
     }
     int notify(std::size_t subscriber, const char *method, const std::string &text) {

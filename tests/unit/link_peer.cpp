@@ -1,0 +1,62 @@
+// What stands in for the loop's timers, the machine and the platform.
+
+#include "link_peer.h"
+
+#include <dlfcn.h>
+#include <sys/sysinfo.h>
+
+namespace arvok::gateway {
+
+extern "C" {
+
+int uloop_timeout_set(uloop_timeout *timer, int ms) {
+    static const auto next = reinterpret_cast<int (*)(uloop_timeout *, int)>(dlsym(RTLD_NEXT, __func__));
+    if (ms >= 1000) {
+        around.armed[timer] = ms;
+        around.ever_armed.push_back(ms);
+    }
+    return next(timer, ms);
+}
+
+int uloop_timeout_cancel(uloop_timeout *timer) {
+    static const auto next = reinterpret_cast<int (*)(uloop_timeout *)>(dlsym(RTLD_NEXT, __func__));
+    around.armed.erase(timer);
+    return next(timer);
+}
+
+int sysinfo(struct sysinfo *info) noexcept {
+    info->uptime = around.uptime;
+    return 0;
+}
+
+qzcap_devinfo *qzcap_get_devinfo() {
+    if (!around.device_known)
+        return nullptr;
+    auto *device = static_cast<qzcap_devinfo *>(qzcap_calloc(1, sizeof(qzcap_devinfo)));
+    device->mac = qzcap_strdup("02:11:22:33:44:55");
+    return device;
+}
+
+std::uint32_t qzcap_get_objid_by_name(const char *name) {
+    around.looked_up += std::string(name) + " ";
+    if (around.ends_at_lookup)
+        uloop_end();
+    return 0;
+}
+
+int qzcap_ubus_subscribe(ubus_subscriber *, std::uint32_t) {
+    return 0;
+}
+
+// A last notification comes while the subscription ends.
+int qzcap_ubus_unsubscribe(ubus_subscriber *subscriber, std::uint32_t) {
+    blob_buf message{};
+    blob_buf_init(&message, 0);
+    subscriber->cb(nullptr, &subscriber->obj, nullptr, "last", message.head);
+    blob_buf_free(&message);
+    return 0;
+}
+
+}  // extern "C"
+
+}  // namespace arvok::gateway
