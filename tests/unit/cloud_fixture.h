@@ -1,106 +1,252 @@
 #pragma once
-/// The agent's end of the cloud connection, and a name service that answers as the test says.
+/// The cloud client against a raw socket in the same process, in a network namespace of its own in which all
+/// of 100.0.0.0/8 is this machine. The loop turns only when the test says so; the timers' clock, the name
+/// service and the platform's records are the test's.
 
-#include "cloud_client/cloud_client.h"
-#include "cloud_client/frame.h"
-#include "common/crypto.h"
-#include "peer_fixture.h"
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
-namespace arvok {
+#include <cstring>
+#include <functional>
+#include <map>
+#include <mutex>
+
+#include "base/crypto.h"
+#include "base/text.h"
+#include "cloud/cloud.h"
+
+namespace arvok::cloud {
 
 /// What a name resolves to; a name that is not there fails. The look-up takes `seconds` on the uptime clock.
 struct name_answer {
     std::vector<std::string> addresses;
     long seconds = 0;
 };
-extern std::vector<std::pair<std::string, name_answer>> names;
-/// Host names asked for since it was last cleared.
-extern std::vector<std::string> names_asked;
 
-class Cloud : public Peer {
+/// What of the machine and of the platform library is in the test's hands.
+struct surroundings {
+    std::map<std::string, name_answer> names;
+    std::vector<std::string> asked;   ///< host names
+    std::string abi, token, id;       ///< the stored server and identity; empty: none
+    std::vector<std::string> stored;  ///< each "bss|abi|further abi,...|token|id"
+    std::string vendor, serial, user;
+    std::string installed_url;  ///< what was asked to be installed
+    qzcap_install_handler_t installed;
+    void *installation;       ///< what that is to be called with
+    std::string run_failure;  ///< why apps do not start; empty: they do
+};
+extern surroundings machine;
+extern std::mutex look_up;  ///< held: look-ups wait
+
+/// Moves this process there. False where the kernel does not let it.
+bool enter_surroundings();
+/// Puts the timers' clock forward.
+void advance(std::int64_t ms);
+std::string log_text();
+/// Everything logged since the last call.
+std::string log();
+
+/// A message of the platform that acknowledges one of the device.
+inline std::string ack(const std::string &name, const std::string &members) {
+    return R"({"Ack":")" + name + R"(",)" + members + "}";
+}
+
+class Cloud : public ::testing::Test {
   protected:
-    Cloud() : Peer(8088, cc_header_size) {}
+    static constexpr std::size_t header_size = 12;
+    static constexpr char server_key[] = "the server's key";
+    static constexpr char get_challenge[] = R"({"RPCMethod":"GetChallengeCode","MAC":"021122334455"})";
+    static constexpr char heartbeat[] =
+        R"({"RPCMethod":"Heartbeat","MAC":"021122334455","IPAddr":"100.64.0.1"})";
 
+    static void SetUpTestSuite() { ASSERT_TRUE(enter_surroundings()) << "no network namespaces here"; }
     void SetUp() override {
-        Peer::SetUp();
-        names.clear();
-        names_asked.clear();
-        g_ctx.bss_server_set = 1;
-        str_to_server("bss.example:8088", g_ctx.bss_server);
-        cc_init();
         log();
+        uloop_init();
+        start_listening();
+        machine = {};
     }
     void TearDown() override {
-        cc_done();
-        Peer::TearDown();
+        end_client();
+        close(peer_);
+        close(listener_);
+        uloop_done();
     }
 
-    static bool connected() { return cc->stream.fd > 0; }
+    // --- the device: a new client in each stage, whose last message has been received ---
 
-    // Connects to this test in one of the statuses in which a connection begins, and drops the first message.
-    void connect(std::int32_t status) {
-        cc->resolver.current = {"127.0.0.1", "8088", server_tried};
-        cc->server_kind = server_current;
-        cc->status = status;
-        cc_run();
-        pump(connected);
+    client &make_client(options given = {}) {
+        end_client();
+        queue_.emplace();
+        cache_.emplace();
+        cache_->refresh_device();
+        return client_.emplace(
+            *queue_, *cache_, [] { return std::time_t{0}; }, given, connections{});
+    }
+    void end_client() {
+        client_.reset();
+        queue_.reset();
+        cache_.reset();
+    }
+    void bootstrap() {
+        machine.names["bss.example"] = {{"100.64.0.9"}};
+        make_client().start();
         accept_one();
-        receive_frame();
-        EXPECT_TRUE(cc->ack_timer.pending);
+        EXPECT_TRUE(receive().starts_with(R"({"RPCMethod":"Boot")"));
+    }
+    void fetch_challenge() {
+        machine.abi = "100.64.0.1:8088";
+        make_client().start();
+        accept_one();
+        EXPECT_EQ(receive(), get_challenge);
+    }
+    void activate() {
+        fetch_challenge();
+        EXPECT_TRUE(answer_challenge().starts_with(R"({"RPCMethod":"Activate")"));
+    }
+    void prove() {
+        machine.token = "token";
+        machine.id = "id";
+        fetch_challenge();
+        EXPECT_TRUE(answer_challenge().starts_with(R"({"RPCMethod":"Connect")"));
     }
     void connect_fully() {
-        connect(cc_challenge);
-        cc->status = cc_connected;
-        cc->server_key = _strdup("0123456789abcdef");
-        cc->challenge = _strdup("of this connection");
+        prove();
+        become_connected();
+        log();
+    }
+    std::string answer_challenge() {
+        const std::string code(32, 'c');
+        send(ack("GetChallengeCode", R"("Result":0,"ChallengeCode":")" + code + R"(")"));
+        return receive();
+    }
+    void become_connected() {
+        send(ack("Connect", R"("Result":0,"SKey":")" + std::string(server_key) + R"(")"));
+        key_ = server_key;
+        EXPECT_EQ(receive(), heartbeat);
+        send(ack("Heartbeat", R"("Result":0)"));
+        pump([&] { return client_->ack_remaining() < 0; });
     }
 
+    // --- the platform ---
+
+    // What is not read soon holds the device up.
+    void start_listening() {
+        listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        const int on = 1, room = 4096;
+        setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
+        sockaddr_in any{};
+        any.sin_family = AF_INET;
+        any.sin_port = htons(8088);
+        ASSERT_EQ(::bind(listener_, reinterpret_cast<const sockaddr *>(&any), sizeof any), 0);
+        ASSERT_EQ(listen(listener_, 4), 0);
+    }
+    // Takes the connection that the device opens. Returns the address that it has asked for.
+    std::string accept_one() {
+        close(peer_);
+        inbox_.clear();
+        key_.clear();
+        pump([&] { return (peer_ = accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK)) >= 0; });
+        sockaddr_in name{};
+        socklen_t size = sizeof name;
+        getsockname(peer_, reinterpret_cast<sockaddr *>(&name), &size);
+        return inet_ntoa(name.sin_addr);
+    }
+    void send_bytes(const std::string &bytes) {
+        ASSERT_EQ(::send(peer_, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+    void send(const std::string &json) { send_bytes(message(json)); }
     static std::string frame(const std::string &body) {
-        return "QZSGWMP2" + be32(static_cast<std::uint32_t>(body.size())) + body;
+        const std::uint32_t n = htonl(static_cast<std::uint32_t>(body.size()));
+        return "QZSGWMP2" + std::string(reinterpret_cast<const char *>(&n), sizeof n) + body;
     }
-    static std::string base64(const std::string &data) {
-        text_ptr text;
-        _do_b64_code(data.data(), static_cast<int>(data.size()), text, true);
-        return text.get();
+    // A message's frame, encrypted as the device expects it.
+    std::string message(const std::string &json) const {
+        const std::string data = key_.empty() ? json : *aes(aes_mode::ecb, aes_key_of(key_)).encrypt(json);
+        return frame(base64_encode(data) + "\r\n");
     }
-    // A message's frame, encrypted as the connection's status asks for.
-    static std::string message(std::string json) {
-        const text_ptr &key = cc->status == cc_connected ? cc->server_key : cc->client_key;
-        text_ptr cipher;
-        int size = 0;
-        if (cc->status != cc_challenge) {
-            _do_aes_ecb_crypt(json.data(), static_cast<int>(json.size()), cipher, size,
-                              reinterpret_cast<const unsigned char *>(key.get()), true);
-            json.assign(cipher.get(), static_cast<std::size_t>(size));
-        }
-        return frame(base64(json) + "\r\n");
-    }
-    // The agent's next message, as long as it does not take the platform's private key to read it.
+    // The device's next message. One to the platform's own key is read in the log; its client key is that of
+    // what is sent next.
     std::string receive() {
-        auto [header, body] = receive_frame();
-        EXPECT_EQ(header.substr(0, 8), "QZSGWMP2");
-        EXPECT_EQ(body.substr(body.size() - 2), "\r\n");
-        int size = 0;
-        return text_or_empty(cc_frame_body_text(*cc, body.data(), static_cast<int>(body.size()), size).get());
+        std::size_t size = 0;
+        pump([&] {
+            char bytes[4096];
+            const ssize_t got = recv(peer_, bytes, sizeof bytes, 0);
+            inbox_.append(bytes, got > 0 ? static_cast<std::size_t>(got) : 0);
+            if (std::uint32_t n; inbox_.size() >= header_size) {
+                std::memcpy(&n, inbox_.data() + 8, sizeof n);
+                size = header_size + ntohl(n);
+            }
+            return size > 0 && inbox_.size() >= size;
+        });
+        const std::string whole = inbox_.substr(0, size);
+        inbox_.erase(0, size);
+        EXPECT_TRUE(whole.starts_with("QZSGWMP2") && whole.ends_with("\r\n"));
+        if (!whole.ends_with("\r\n"))
+            return {};
+        const std::string data = *base64_decode(whole.substr(header_size, size - header_size - 2));
+        if (data.starts_with("{")) {
+            key_.clear();
+            return data;
+        }
+        if (key_ == server_key)
+            return aes(aes_mode::ecb, aes_key_of(key_)).decrypt(data).value_or("");
+        const std::string text = log_text();
+        const std::size_t from = text.rfind("(cloud) -> ") + 11;
+        const std::string sent = text.substr(from, text.find(" (", from) - from);
+        key_ = sent.substr(sent.find(R"("CKey":")") + 8, 16);
+        return sent;
+    }
+    // A request, and the reply to it.
+    std::string ask(const std::string &method, const std::string &members = "") {
+        send(R"({"RPCMethod":")" + method + R"(","ID":"1")" + members + "}");
+        return receive();
     }
 
+    // --- the loop and its timers ---
+
+    // Turns the loop until `done`, or fails after two seconds.
+    void pump(const std::function<bool()> &done) {
+        for (int turns = 0; turns < 2000; turns++) {
+            if (done())
+                return;
+            uloop_run_timeout(1);
+        }
+        FAIL() << "did not happen; log so far:\n" << log_text();
+    }
+    static void turn() {
+        for (int i = 0; i < 3; i++)
+            uloop_run_timeout(1);
+    }
+    void expect_log(const std::string &line) {
+        pump([&] { return contains(log_text(), line); });
+    }
+    static void expect_armed(int left, int ms) {
+        EXPECT_LE(left, ms);
+        EXPECT_GT(left, ms - 1500);
+    }
     void expect_reconnection(int ms) {
-        pump([] { return !connected(); });
-        expect_armed(cc->reconnect_timer, ms);
-        EXPECT_FALSE(cc->ack_timer.pending);
-        EXPECT_FALSE(cc->heartbeat_timer.pending);
-        EXPECT_EQ(cc->client_key, nullptr);
-        EXPECT_EQ(cc->server_key, nullptr);
-        EXPECT_EQ(cc->challenge, nullptr);
-        expect_log("[INFO] (cloud) disconnect fd: ");
-        expect_closed();
+        char byte;
+        pump([&] { return recv(peer_, &byte, 1, 0) == 0; });
+        expect_armed(client_->reconnect_remaining(), ms);
+        EXPECT_EQ(client_->ack_remaining(), -1);
+        EXPECT_EQ(client_->heartbeat_remaining(), -1);
     }
-    // As left by the retry policy's `count`-th attempt.
-    void expect_retry(int count) {
-        EXPECT_EQ(cc->retry_count, count);
-        EXPECT_FALSE(connected());
-        EXPECT_TRUE(cc->reconnect_timer.pending);
+    // Lets the time until the next connection pass.
+    void wait_for_reconnection() {
+        pump([&] { return client_->reconnect_remaining() >= 0; });
+        advance(client_->reconnect_remaining() + 1);
     }
+
+    std::optional<task_queue> queue_;
+    std::optional<platform::cache> cache_;
+    std::optional<client> client_;
+    int listener_ = -1, peer_ = -1;
+    std::string inbox_, key_;
 };
 
-}  // namespace arvok
+}  // namespace arvok::cloud
