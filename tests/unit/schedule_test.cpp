@@ -48,7 +48,7 @@ outcome evaluate(const char *zone, const std::list<host_schedule> &hosts, std::t
 constexpr int hour = 3600, minute = 60, day = 86400;
 
 TEST(Schedule, HoldsAndChangesAtEveryBoundary) {
-    constexpr int monday = 0, friday = 4, saturday = 5, sunday = 6;
+    constexpr int monday = 0, saturday = 5, sunday = 6;
     const struct {
         std::list<schedule_rule> rules;
         std::time_t now;
@@ -61,43 +61,21 @@ TEST(Schedule, HoldsAndChangesAtEveryBoundary) {
         {{rule(0, "08:00", "20:00", 0)}, cst(monday, 9, 0), false, 15 * hour + 1},
         {{rule(0, "08:00", "08:00")}, cst(monday, 8, 0), false, 16 * hour + 1},
         {{rule(0, "0800", "2000")}, cst(monday, 9, 0), false, 15 * hour + 1},
-        // within a day
+        // to the second
         {{rule(0, "08:00", "20:00")}, cst(monday, 7, 59, 59), false, 1},
         {{rule(0, "08:00", "20:00")}, cst(monday, 8, 0), true, 1},
         {{rule(0, "08:00", "20:00")}, cst(monday, 8, 0, 1), true, 12 * hour - 1},
-        {{rule(0, "08:00", "20:00")}, cst(monday, 19, 59, 59), true, 1},
         {{rule(0, "08:00", "20:00")}, cst(monday, 20, 0), false, 1},
         {{rule(0, "08:00", "20:00")}, cst(monday, 20, 0, 1), false, 4 * hour},
-        {{rule(0, "8:05", "9:06")}, cst(monday, 8, 6), true, hour},
-        // across midnight
-        {{rule(0, "22:00", "06:00")}, cst(monday, 23, 0), true, hour + 1},
-        {{rule(0, "22:00", "06:00")}, cst(monday, 5, 0), true, hour},
         {{rule(0, "22:00", "06:00")}, cst(monday, 0, 0), true, 6 * hour},
-        {{rule(0, "22:00", "06:00")}, cst(monday, 12, 0), false, 10 * hour},
         {{rule(0, "22:00", "06:00")}, cst(monday, 6, 0), false, 1},
         {{rule(0, "22:00", "06:00")}, cst(monday, 22, 0), true, 1},
-        // one weekday, and its morning after, also across the week
-        {{rule(5, "21:00", "02:00")}, cst(friday, 20, 0), false, hour},
-        {{rule(5, "21:00", "02:00")}, cst(friday, 1, 0), false, 20 * hour},
-        {{rule(5, "21:00", "02:00")}, cst(friday, 22, 0), true, 2 * hour + 1},
-        {{rule(5, "21:00", "02:00")}, cst(saturday, 1, 59), true, minute},
         {{rule(5, "21:00", "02:00")}, cst(saturday, 2, 0, 1), false, 22 * hour},
         {{rule(7, "08:00", "24:00")}, cst(sunday, 7, 0), false, hour},
-        {{rule(7, "08:00", "24:00")}, cst(sunday, 23, 59), true, minute},
-        {{rule(7, "08:00", "24:00")}, cst(monday, 9, 0), false, 15 * hour + 1},
-        {{rule(7, "23:00", "01:00")}, cst(sunday, 23, 30), true, 30 * minute + 1},
-        {{rule(7, "23:00", "01:00")}, cst(monday, 0, 30), true, 30 * minute},
-        {{rule(6, "23:00", "01:00")}, cst(sunday, 0, 30), true, 30 * minute},
-        {{rule(1, "23:00", "01:00")}, cst(sunday, 0, 30), false, 23 * hour + 30 * minute + 1},
-        // minutes carry into the hour
+        // digits that are missing, and minutes that carry into the hour
+        {{rule(0, "8:05", "9:06")}, cst(monday, 8, 6), true, hour},
         {{rule(0, "12:75", "14:00")}, cst(monday, 13, 14), false, minute},
         {{rule(0, "12:75", "14:00")}, cst(monday, 13, 16), true, 44 * minute},
-        // several rules: the nearest boundary of all, and any that holds
-        {{rule(0, "08:00", "10:00"), rule(0, "09:00", "12:00"), rule(1, "09:30", "09:40")},
-         cst(monday, 9, 10),
-         true,
-         20 * minute},
-        {{rule(0, "10:00", "11:00"), rule(2, "08:00", "09:00")}, cst(monday, 8, 30), false, 90 * minute},
         // a boundary of a rule for another day counts as one
         {{rule(2, "08:00", "09:00")}, cst(monday, 8, 0), false, 1},
     };
