@@ -1,100 +1,83 @@
-// Lengths, paddings and byte layouts of the crypto helpers, against published vectors and the library's own
-// primitives.
+// Lengths, paddings and byte layouts, against published vectors and the crypto library's own primitives.
 
 #include <gtest/gtest.h>
+#include <openssl/bn.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 
-#include <cstring>
-#include <numeric>
 #include <string>
+#include <vector>
 
-#include "common/crypto.h"
-#include "common/text.h"
+#include "base/crypto.h"
+#include "base/key_exchange.h"
+#include "base/text.h"
 
 namespace arvok {
 namespace {
 
-const auto *key = reinterpret_cast<const unsigned char *>("0123456789abcdef");
-
-std::string hex(const void *bytes, int len) {
-    std::string out;
-    for (int i = 0; i < len; i++) {
-        char digits[3];
-        std::snprintf(digits, sizeof digits, "%02x", static_cast<const unsigned char *>(bytes)[i]);
-        out += digits;
-    }
-    return out;
+const unsigned char *bytes_of(const std::string &text) {
+    return reinterpret_cast<const unsigned char *>(text.data());
+}
+unsigned char *bytes_of(std::string &text) {
+    return reinterpret_cast<unsigned char *>(text.data());
 }
 
 TEST(Base64, CodesAndRefuses) {
-    text_ptr out;
-    EXPECT_EQ(_do_b64_code("dd05", 4, out, true), 8);
-    EXPECT_STREQ(out.get(), "ZGQwNQ==");
-    EXPECT_EQ(_do_b64_code("", 0, out, true), 0);
-    EXPECT_STREQ(out.get(), "");
-    EXPECT_EQ(_do_b64_code("ZGQwNQ==", 8, out, false), 4);
-    EXPECT_STREQ(out.get(), "dd05");
-    for (const char *bad : {"ZGQw!", "ZGQwNQ=", "ZGQ"}) {
-        out.reset();
-        EXPECT_EQ(_do_b64_code(bad, _strlen(bad), out, false), -1) << bad;
-        EXPECT_NE(out, nullptr) << bad;  // the caller's on failure too
+    const struct {
+        std::string bytes, text;
+    } cases[] = {{"", ""},
+                 {"f", "Zg=="},
+                 {"fo", "Zm8="},
+                 {"foo", "Zm9v"},
+                 {"foob", "Zm9vYg=="},
+                 {std::string("\0\xff", 2), "AP8="},
+                 {"fooba", "Zm9vYmE="}};
+    for (const auto &c : cases) {
+        EXPECT_EQ(base64_encode(c.bytes), c.text);
+        EXPECT_EQ(base64_decode(c.text), c.bytes);
     }
+    EXPECT_EQ(base64_decode("Zm9v\nYm\tE="), "fooba");
+    EXPECT_EQ(base64_decode(std::string_view("Zm9vYmE=", 4)), "foo");
+    for (const char *bad : {"ZGQw!", "ZGQwNQ=", "ZGQ", "?"})
+        EXPECT_EQ(base64_decode(bad), std::nullopt) << bad;
 }
 
-TEST(AesCbc, PadsWithZerosAndStripsNothing) {
-    struct {
-        int in, out;
-    } const lengths[] = {{0, 0}, {1, 16}, {15, 16}, {16, 16}, {17, 32}, {16384, 16384}};
-    for (const auto &l : lengths) {
-        const std::string plain(static_cast<std::size_t>(l.in), 'x');
-        text_ptr cipher, back;
-        int len = -1;
-        ASSERT_EQ(_do_aes_cbc_crypt(plain.data(), l.in, cipher, len, key, true), l.out);
-        EXPECT_EQ(len, l.out);
-        EXPECT_EQ(cipher.get()[l.out], '\0');
-        ASSERT_EQ(_do_aes_cbc_crypt(cipher.get(), l.out, back, len, key, false), l.out);
-        EXPECT_EQ(std::string(back.get(), static_cast<std::size_t>(l.out)),
-                  plain + std::string(static_cast<std::size_t>(l.out - l.in), '\0'));
+std::string openssl_aes(const EVP_CIPHER *cipher, const std::string &key, bool pad, const std::string &in) {
+    const handle<EVP_CIPHER_CTX, &EVP_CIPHER_CTX_free> ctx(EVP_CIPHER_CTX_new());
+    const unsigned char zeros[16] = {};
+    std::string out(in.size() + 16, '\0');
+    int length = 0, last = 0;
+    EVP_EncryptInit_ex(ctx.get(), cipher, nullptr, bytes_of(key), zeros);
+    EVP_CIPHER_CTX_set_padding(ctx.get(), pad);
+    EVP_EncryptUpdate(ctx.get(), bytes_of(out), &length, bytes_of(in), static_cast<int>(in.size()));
+    EVP_EncryptFinal_ex(ctx.get(), bytes_of(out) + length, &last);
+    out.resize(static_cast<std::size_t>(length + last));
+    return out;
+}
+
+// One key for all messages: none must leave anything to the next.
+TEST(Aes, EveryLengthInBothModes) {
+    const std::string key = "0123456789abcdef";
+    aes cbc(aes_mode::cbc, aes_key_of(key + "cut")), ecb(aes_mode::ecb, aes_key_of(key));
+    for (const std::size_t size : {0, 1, 15, 16, 17, 31, 1000, 16384}) {
+        std::string plain;
+        while (plain.size() < size)
+            plain += static_cast<char>(plain.size() * 7 + plain.size() / 256);
+        const std::string filled = plain + std::string((16 - size % 16) % 16, '\0');
+        const auto by_cbc = cbc.encrypt(plain), by_ecb = ecb.encrypt(plain);
+        EXPECT_EQ(by_cbc, openssl_aes(EVP_aes_128_cbc(), key, false, filled)) << size;
+        EXPECT_EQ(by_ecb, openssl_aes(EVP_aes_128_ecb(), key, true, plain)) << size;
+        EXPECT_EQ(cbc.decrypt(*by_cbc), filled) << size;
+        EXPECT_EQ(ecb.decrypt(*by_ecb), plain) << size;
     }
-}
-
-TEST(AesCbc, MatchesThePublishedVector) {
-    // FIPS-197 appendix B: one block under a zero initialisation vector is plain AES.
-    const unsigned char aes[] = {0x2b, 0x7e, 0x15, 0x16, 0x28, 0xae, 0xd2, 0xa6,
-                                 0xab, 0xf7, 0x15, 0x88, 0x09, 0xcf, 0x4f, 0x3c};
-    const unsigned char in[] = {0x32, 0x43, 0xf6, 0xa8, 0x88, 0x5a, 0x30, 0x8d,
-                                0x31, 0x31, 0x98, 0xa2, 0xe0, 0x37, 0x07, 0x34};
-    text_ptr out;
-    int len;
-    ASSERT_EQ(_do_aes_cbc_crypt(in, 16, out, len, aes, true), 16);
-    EXPECT_EQ(hex(out.get(), 16), "3925841d02dc09fbdc118597196a0b32");
-    ASSERT_EQ(_do_aes_ecb_crypt(in, 16, out, len, aes, true), 32);
-    EXPECT_EQ(hex(out.get(), 16), "3925841d02dc09fbdc118597196a0b32");
-}
-
-TEST(AesEcb, PadsByPkcs7AndTerminates) {
-    for (int n : {0, 1, 15, 16, 17, 1000}) {
-        const std::string plain(static_cast<std::size_t>(n), 'y');
-        text_ptr cipher, back;
-        int len = -1;
-        ASSERT_EQ(_do_aes_ecb_crypt(plain.data(), n, cipher, len, key, true), n / 16 * 16 + 16);
-        ASSERT_EQ(_do_aes_ecb_crypt(cipher.get(), len, back, len, key, false), n);
-        EXPECT_STREQ(back.get(), plain.c_str());
-    }
-}
-
-TEST(AesEcb, RefusesWhatIsNotItsOwn) {
     ::testing::internal::CaptureStderr();
-    text_ptr out;
-    int len;
-    EXPECT_EQ(_do_aes_ecb_crypt("0123456789abcde", 15, out, len, key, false), -1);   // no whole block
-    EXPECT_EQ(_do_aes_ecb_crypt("0123456789abcdef", 16, out, len, key, false), -1);  // no padding within
-    EXPECT_EQ(out, nullptr);
-    EXPECT_NE(::testing::internal::GetCapturedStderr().find(
-                  "[ERROR] _do_aes_ecb_crypt decrypt failed: EVP_CipherFinal_ex, tmplen 0\n"),
-              std::string::npos);
+    EXPECT_EQ(ecb.decrypt("0123456789abcde"), std::nullopt);   // no whole block
+    EXPECT_EQ(ecb.decrypt("0123456789abcdef"), std::nullopt);  // no padding within
+    EXPECT_TRUE(contains(::testing::internal::GetCapturedStderr(),
+                         "[ERROR] _do_aes_ecb_crypt decrypt failed: EVP_CipherFinal_ex, tmplen 0\n"));
+    EXPECT_EQ(ecb.decrypt(*ecb.encrypt("after a failure")), "after a failure");
+    EXPECT_EQ(aes_key_of("ab"), (aes_key{'a', 'b'}));
 }
 
 // An elliptic-curve key.
@@ -104,218 +87,128 @@ constexpr char other_kind_of_key[] =
     "K5W1L8HHueH+RxJOBP7NdzgtvVqge6I0Legw9+UAxAFGqzDqLreX7zekzw==\n"
     "-----END PUBLIC KEY-----\n";
 
-class Rsa : public ::testing::TestWithParam<int> {
-  protected:
-    void SetUp() override {
+TEST(Rsa, FillsUpToWholeBlocksOfTheModulus) {
+    using context = handle<EVP_PKEY_CTX, &EVP_PKEY_CTX_free>;
+    for (const std::size_t k : {128, 256}) {
+        const context making(EVP_PKEY_CTX_new_id(EVP_PKEY_RSA, nullptr));
         EVP_PKEY *made = nullptr;
-        EVP_PKEY_CTX *ctx = EVP_PKEY_CTX_new_id(EVP_PKEY_RSA, nullptr);
-        ASSERT_TRUE(EVP_PKEY_keygen_init(ctx) > 0 && EVP_PKEY_CTX_set_rsa_keygen_bits(ctx, GetParam()) > 0 &&
-                    EVP_PKEY_keygen(ctx, &made) > 0);
-        EVP_PKEY_CTX_free(ctx);
-        pkey_.reset(made);
-        const handle<BIO, &BIO_free> bio(BIO_new(BIO_s_mem()));
-        ASSERT_TRUE(PEM_write_bio_PUBKEY(bio.get(), made));
-        char *text;
-        const long len = BIO_get_mem_data(bio.get(), &text);
-        pem_.assign(text, static_cast<std::size_t>(len));
-    }
-    std::string decrypt(const bytes_ptr &cipher, int len) const {
-        const int k = EVP_PKEY_size(pkey_.get());
-        std::string plain(static_cast<std::size_t>(len), '\0');
-        for (int at = 0; at < len; at += k) {
-            const handle<EVP_PKEY_CTX, &EVP_PKEY_CTX_free> ctx(EVP_PKEY_CTX_new(pkey_.get(), nullptr));
-            std::size_t out = static_cast<std::size_t>(k);
-            EXPECT_TRUE(EVP_PKEY_decrypt_init(ctx.get()) > 0 &&
-                        EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_NO_PADDING) > 0 &&
-                        EVP_PKEY_decrypt(ctx.get(), reinterpret_cast<unsigned char *>(plain.data()) + at,
-                                         &out, cipher.get() + at, static_cast<std::size_t>(k)) > 0);
+        ASSERT_TRUE(EVP_PKEY_keygen_init(making.get()) > 0 &&
+                    EVP_PKEY_CTX_set_rsa_keygen_bits(making.get(), static_cast<int>(k * 8)) > 0 &&
+                    EVP_PKEY_keygen(making.get(), &made) > 0);
+        const handle<EVP_PKEY, &EVP_PKEY_free> pair(made);
+        const handle<BIO, &BIO_free> memory(BIO_new(BIO_s_mem()));
+        ASSERT_TRUE(PEM_write_bio_PUBKEY(memory.get(), made));
+        char *pem;
+        const long pem_size = BIO_get_mem_data(memory.get(), &pem);
+        rsa_public_key key(std::string(pem, static_cast<std::size_t>(pem_size)));
+
+        for (const std::size_t size : {std::size_t{10}, k - 1, k, k + 3}) {
+            const std::string plain(size, '\x01'), cipher = key.encrypt(plain);
+            const std::size_t missing = k - size % k;
+            ASSERT_EQ(cipher.size(), size + missing);
+            std::string back(cipher.size(), '\0');
+            for (std::size_t at = 0; at < cipher.size(); at += k) {
+                const context ctx(EVP_PKEY_CTX_new(made, nullptr));
+                std::size_t length = k;
+                EXPECT_TRUE(
+                    EVP_PKEY_decrypt_init(ctx.get()) > 0 &&
+                    EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_NO_PADDING) > 0 &&
+                    EVP_PKEY_decrypt(ctx.get(), bytes_of(back) + at, &length, bytes_of(cipher) + at, k) > 0);
+            }
+            EXPECT_EQ(back, plain + std::string(missing, static_cast<char>(missing))) << k << " " << size;
         }
-        return plain;
+        EXPECT_EQ(key.encrypt(std::string(k, '\xff')).substr(0, k), std::string(k, '\0'));
     }
-    handle<EVP_PKEY, &EVP_PKEY_free> pkey_;
-    std::string pem_;
+    for (const char *bad : {"no key", other_kind_of_key}) {
+        ::testing::internal::CaptureStderr();
+        EXPECT_EQ(rsa_public_key(bad).encrypt("x"), "");
+        EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+                  "[ERROR] failed to get rsa :\n" + std::string(bad) + "\n");
+    }
+}
+
+// --- the other side of the key exchange, in plain big numbers ---
+
+using number = handle<BIGNUM, &BN_free>;
+
+number number_of(const std::string &base64) {
+    const std::string bytes = base64_decode(base64).value_or("");
+    return number(BN_bin2bn(bytes_of(bytes), static_cast<int>(bytes.size()), nullptr));
+}
+std::string text_of(const BIGNUM *n) {
+    std::string bytes(static_cast<std::size_t>(BN_num_bytes(n)), '\0');
+    BN_bn2bin(n, bytes_of(bytes));
+    return base64_encode(bytes);
+}
+struct agreement {
+    std::string key;  // nothing without one
+    std::string log;
 };
-
-TEST_P(Rsa, FillsUpToWholeBlocksOfTheModulus) {
-    const int k = GetParam() / 8;
-    struct {
-        int key_bytes, in, out;
-        unsigned char filler;
-    } const cases[] = {{128, 10, 128, 118}, {128, 127, 128, 1}, {128, 128, 256, 128}, {128, 131, 256, 125},
-                       {256, 10, 256, 246}, {256, 255, 256, 1}, {256, 256, 512, 0}};
-    for (const auto &c : cases) {
-        if (c.key_bytes != k)
-            continue;
-        const std::string plain(static_cast<std::size_t>(c.in), '\x01');
-        bytes_ptr cipher;
-        ASSERT_EQ(_do_rsa_encrypt(plain.data(), c.in, cipher, pem_.c_str()), c.out);
-        EXPECT_EQ(decrypt(cipher, c.out),
-                  plain + std::string(static_cast<std::size_t>(c.out - c.in), static_cast<char>(c.filler)));
-    }
-}
-
-TEST_P(Rsa, RefusesWhatIsNoPublicKey) {
-    bytes_ptr cipher;
+agreement agree(key_exchange &exchange, const std::string &peer) {
     ::testing::internal::CaptureStderr();
-    EXPECT_EQ(_do_rsa_encrypt("x", 1, cipher, "no key"), 0);
-    EXPECT_EQ(_do_rsa_encrypt("x", 1, cipher, other_kind_of_key), 0);
-    EXPECT_EQ(_do_rsa_encrypt("x", 1, cipher, nullptr), 0);
-    EXPECT_EQ(cipher, nullptr);
-    const std::string log = ::testing::internal::GetCapturedStderr();
-    EXPECT_NE(log.find("[ERROR] failed to get rsa :\n"), std::string::npos);
-    EXPECT_NE(log.find("no key\n"), std::string::npos);
-    EXPECT_NE(log.find("BEGIN PUBLIC KEY"), std::string::npos);
-    EXPECT_NE(log.find("[ERROR] failed to create key BIO\n"), std::string::npos);
+    const auto key = exchange.agree(peer);
+    return {key ? std::string(key->begin(), key->end()) : "", ::testing::internal::GetCapturedStderr()};
 }
 
-INSTANTIATE_TEST_SUITE_P(KeySizes, Rsa, ::testing::Values(1024, 2048));
-
-// What travels between the two sides.
-void carry(const dh_key &from, dh_key &to, bool parameters) {
-    if (parameters) {
-        to.p = _strdup(from.p.get());
-        to.g = _strdup(from.g.get());
-        to.client_pub = _strdup(from.client_pub.get());
-    } else {
-        to.server_pub = _strdup(from.server_pub.get());
-    }
-}
-
-int number_of_bits(const text_ptr &base64) {
-    text_ptr bytes;
-    const int len = _do_b64_code(base64.get(), _strlen(base64.get()), bytes, false);
-    const bignum_ptr n(BN_bin2bn(reinterpret_cast<unsigned char *>(bytes.get()), len, nullptr));
-    return BN_num_bits(n.get());
-}
-
-TEST(DiffieHellman, BothSidesAgree) {
-    for (int i = 0; i < 20; i++) {
-        dh_key client, server;
-        gen_client_dh_key(client);
-        ASSERT_NE(client.client_pub, nullptr);
-        EXPECT_EQ(number_of_bits(client.p), 128);
-        EXPECT_STREQ(client.g.get(), "Ag==");
-        EXPECT_EQ(client.aes_key, nullptr);
-        carry(client, server, true);
-        gen_server_dh_aes_key(server);
-        carry(server, client, false);
-        gen_client_dh_aes_key(client);
-        ASSERT_NE(client.aes_key, nullptr);
-        EXPECT_EQ(hex(client.aes_key.get(), 16), hex(server.aes_key.get(), 16));
-        EXPECT_EQ(BN_mod_word(client.dh->p.get(), 24), 23u);
-        free_dh_key(client);
-        EXPECT_EQ(client.aes_key, nullptr);
-        EXPECT_EQ(client.p, nullptr);
-    }
-}
-
-// A shared number with a leading zero byte: the peer's public value 2^k makes the secret p's remainder of a
-// known power, so trying a few k finds one that is short.
-TEST(DiffieHellman, ShortSecretsAreLeftAlignedAndLogged) {
-    dh_key client;
-    gen_client_dh_key(client);
+// The group is sound, and the powers of the two public values, one after the other, meet secrets of three
+// lengths.
+TEST(KeyExchange, SharesASecretOfAnyLengthInAGroupOfASafePrime) {
     const handle<BN_CTX, &BN_CTX_free> ctx(BN_CTX_new());
-    const bignum_ptr peer(BN_new()), shared(BN_new());
-    BN_set_word(peer.get(), 2);
-    do {
-        BN_lshift1(peer.get(), peer.get());
-        BN_mod(peer.get(), peer.get(), client.dh->p.get(), ctx.get());
-        BN_mod_exp(shared.get(), peer.get(), client.dh->private_value.get(), client.dh->p.get(), ctx.get());
-    } while (BN_num_bytes(shared.get()) != 15);
-    unsigned char bytes[16], expected[16] = {};
-    text_ptr text;
-    _do_b64_code(bytes, BN_bn2bin(peer.get(), bytes), text, true);
-    client.server_pub = std::move(text);
-    ::testing::internal::CaptureStderr();
-    gen_client_dh_aes_key(client);
-    EXPECT_NE(::testing::internal::GetCapturedStderr().find(
-                  "[ERROR] gen_client_dh_aes_key aes key len invalid: 15\n"),
-              std::string::npos);
-    BN_bn2bin(shared.get(), expected);
-    EXPECT_EQ(hex(client.aes_key.get(), 16), hex(expected, 16));
-}
+    key_exchange exchange;
+    exchange.begin();
+    const std::string first = exchange.prime();
+    exchange.begin();
+    EXPECT_NE(exchange.prime(), first);
+    const number p = number_of(exchange.prime()), base = number_of(exchange.generator());
+    const number own = number_of(exchange.public_value()), q(BN_new()), power(BN_new());
+    EXPECT_EQ(BN_num_bits(p.get()), 128);
+    EXPECT_TRUE(BN_is_word(base.get(), 2));
+    BN_rshift1(q.get(), p.get());
+    BN_mod_exp(power.get(), base.get(), q.get(), p.get(), ctx.get());
+    EXPECT_TRUE(BN_is_one(power.get()));  // p is prime, and 2 is of the order q
+    BN_mod_exp(power.get(), base.get(), q.get(), q.get(), ctx.get());
+    EXPECT_TRUE(BN_is_word(power.get(), 2));  // so is q
 
-TEST(DiffieHellman, ANewExchangeForgetsTheLast) {
-    dh_key client, server;
-    gen_client_dh_key(client);
-    carry(client, server, true);
-    gen_server_dh_aes_key(server);
-    carry(server, client, false);
-    gen_client_dh_aes_key(client);
-    const std::string first = client.p.get();
-    gen_client_dh_key(client);
-    EXPECT_EQ(client.server_pub, nullptr);
-    EXPECT_EQ(client.aes_key, nullptr);
-    EXPECT_STRNE(client.p.get(), first.c_str());
-}
-
-std::string computed(const text_ptr &prime, int offset) {
-    text_ptr bytes;
-    const int len = _do_b64_code(prime.get(), _strlen(prime.get()), bytes, false);
-    const bignum_ptr n(BN_bin2bn(reinterpret_cast<unsigned char *>(bytes.get()), len, nullptr));
-    BN_sub_word(n.get(), static_cast<BN_ULONG>(-offset));
-    unsigned char out[16];
-    text_ptr text;
-    _do_b64_code(out, BN_bn2bin(n.get(), out), text, true);
-    return text.get();
-}
-
-TEST(DiffieHellman, HostilePublicValues) {
-    dh_key client;
-    gen_client_dh_key(client);
-    constexpr char undecodable[] = "[ERROR] gen_client_dh_aes_key base64 encode failed\n";
-    constexpr char outside[] = "[ERROR] gen_client_dh_aes_key aes key len invalid: -1\n";
-    const std::string p = client.p.get(), top = computed(client.p, -1);
-    struct {
-        const char *pub, *log;
-        bool key;
-    } const cases[] = {{nullptr, undecodable, false}, {"", undecodable, false},
-                       {"!!!!", undecodable, false},  {"AQ==", outside, true},
-                       {p.c_str(), outside, true},    {top.c_str(), outside, true},
-                       {"AA==", outside, true},       {"//////////////////////////8=", outside, true}};
-    for (const auto &c : cases) {
-        client.server_pub = _strdup(c.pub);
-        client.aes_key.reset();
-        ::testing::internal::CaptureStderr();
-        gen_client_dh_aes_key(client);
-        EXPECT_NE(::testing::internal::GetCapturedStderr().find(c.log), std::string::npos)
-            << text_or_empty(c.pub);
-        EXPECT_EQ(client.aes_key != nullptr, c.key) << text_or_empty(c.pub);
-        if (client.aes_key) {
-            EXPECT_EQ(hex(client.aes_key.get(), 16), std::string(32, '0'));
-        }
+    const number peer(BN_dup(base.get())), shared(BN_dup(own.get()));
+    int length = 16;
+    for (int i = 0; length > 13 && i < 2000000; i++) {
+        BN_mod_mul(peer.get(), peer.get(), base.get(), p.get(), ctx.get());
+        BN_mod_mul(shared.get(), shared.get(), own.get(), p.get(), ctx.get());
+        if (BN_num_bytes(shared.get()) != length)
+            continue;
+        std::string expected(16, '\0');
+        BN_bn2bin(shared.get(), bytes_of(expected));  // on the left
+        const agreement seen = agree(exchange, text_of(peer.get()));
+        EXPECT_EQ(seen.key, expected) << length;
+        const std::string line = format("[ERROR] gen_client_dh_aes_key aes key len invalid: %d\n", length);
+        EXPECT_EQ(seen.log, length-- == 16 ? "" : line);
     }
-    client.server_pub = _strdup("Ag==");
-    client.dh.reset();
-    ::testing::internal::CaptureStderr();
-    gen_client_dh_aes_key(client);  // no parameters of its own
-    EXPECT_NE(::testing::internal::GetCapturedStderr().find("[ERROR] gen_client_dh_aes_key bin2bn failed\n"),
-              std::string::npos);
+    EXPECT_EQ(length, 13);
 }
 
-TEST(DiffieHellman, HostileParameters) {
-    struct {
-        const char *p, *g, *pub, *log;
-    } const cases[] = {
-        {nullptr, "Ag==", "Ag==", "[ERROR] gen_server_dh_aes_key base64 decode failed\n"},
-        {"Fw==", "", "Ag==", "[ERROR] gen_server_dh_aes_key base64 decode failed\n"},
-        {"Fw==", "Ag==", "?", "[ERROR] gen_server_dh_aes_key base64 decode failed\n"},
-        {"AA==", "Ag==", "Ag==", "[ERROR] gen_server_dh_aes_key generate key failed\n"},
-        {"Fw==", "Ag==", "Ag==", "[ERROR] gen_server_dh_aes_key aes key len invalid: 1\n"},
-    };
-    for (const auto &c : cases) {
-        dh_key server;
-        server.p = _strdup(c.p);
-        server.g = _strdup(c.g);
-        server.client_pub = _strdup(c.pub);
-        ::testing::internal::CaptureStderr();
-        gen_server_dh_aes_key(server);
-        EXPECT_NE(::testing::internal::GetCapturedStderr().find(c.log), std::string::npos) << c.log;
-        if (server.aes_key) {
-            EXPECT_EQ(hex(server.aes_key.get(), 16).substr(2),
-                      std::string(30, '0'));  // never fewer than a key's bytes
-        }
+TEST(KeyExchange, WhatIsNoPublicValueGivesNoSecret) {
+    key_exchange exchange;
+    EXPECT_EQ(agree(exchange, "Ag==").log, "[ERROR] gen_client_dh_aes_key bin2bn failed\n");
+    exchange.begin();
+    const number p = number_of(exchange.prime());
+    for (const char *text : {"", "!!!!"}) {
+        const agreement seen = agree(exchange, text);
+        EXPECT_EQ(seen.key, "");
+        EXPECT_EQ(seen.log, "[ERROR] gen_client_dh_aes_key base64 encode failed\n");
     }
+    std::vector<std::string> outside = {"AA==", "AQ==", base64_encode(std::string(16, '\xff')),
+                                        base64_encode(std::string(1000, '\x01'))};
+    BN_sub_word(p.get(), 1);
+    for (int i = 0; i < 3; i++, BN_add_word(p.get(), 1))
+        outside.push_back(text_of(p.get()));
+    for (const std::string &text : outside) {
+        const agreement seen = agree(exchange, text);
+        EXPECT_EQ(seen.key, std::string(16, '\0')) << text;
+        EXPECT_EQ(seen.log, "[ERROR] gen_client_dh_aes_key aes key len invalid: -1\n") << text;
+    }
+    exchange.clear();
+    EXPECT_EQ(exchange.prime() + exchange.generator() + exchange.public_value(), "");
+    EXPECT_EQ(agree(exchange, "Ag==").key, "");
 }
 
 }  // namespace

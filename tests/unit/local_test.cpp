@@ -101,33 +101,31 @@ class Local : public ::testing::Test {
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         fcntl(fd, F_SETFL, O_NONBLOCK);
         opened_.insert(fd);
-        use(fd);
+        peer_ = fd;
         expect_log("accept client \"127.0.0.1\" ");
         const int accepted = std::atoi(logged.c_str() + logged.find("1\" ") + 3);
         logged.clear();
         return accepted;
     }
-    void use(int fd) {
-        peer_ = fd;
-        inbox_.clear();
-    }
     void send_bytes(const std::string &bytes) {
         ASSERT_EQ(::send(peer_, bytes.data(), bytes.size(), MSG_NOSIGNAL),
                   static_cast<ssize_t>(bytes.size()));
     }
-    std::string receive() {
-        std::uint32_t size = 4;
+    std::string take(std::size_t size) {
+        std::string bytes(size, '\0');
+        std::size_t taken = 0;
         pump([&] {
-            char bytes[4096];
-            const ssize_t got = recv(peer_, bytes, sizeof bytes, 0);
-            inbox_.append(bytes, static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
-            if (inbox_.size() >= 4)
-                std::memcpy(&size, inbox_.data(), 4), size = ntohl(size);
-            return inbox_.size() >= 4 + size;
+            const ssize_t got = recv(peer_, bytes.data() + taken, size - taken, 0);
+            taken += static_cast<std::size_t>(std::max<ssize_t>(got, 0));
+            return taken == size;
         });
-        const std::string body = inbox_.substr(std::min<std::size_t>(4, inbox_.size()), size);
-        inbox_.erase(0, 4 + body.size());
-        return body;
+        return bytes;
+    }
+    // The body of the server's next frame.
+    std::string receive() {
+        std::uint32_t size;
+        std::memcpy(&size, take(sizeof size).data(), sizeof size);
+        return take(ntohl(size));
     }
     void expect_served(int id) {
         send_bytes(unknown(id));
@@ -150,7 +148,6 @@ class Local : public ::testing::Test {
     std::optional<local::server> server_;
     std::set<int> opened_;
     int peer_ = -1;
-    std::string inbox_;
     std::string unsent_;  // of a flood
     int requests_ = 0;    // in it
 };
@@ -183,7 +180,7 @@ TEST_F(Local, AFramingFaultEndsThatClientOnly) {
         expect_closed();
         EXPECT_EQ(count_in_log("->"), 0);
     }
-    use(other);
+    peer_ = other;
     expect_served(4);
     // The longest body, twice in a row.
     std::string body = unknown(5).substr(4);
@@ -247,11 +244,11 @@ TEST_F(Local, AClientThatDoesNotReadIsNotReadFrom) {
     const auto waiting = static_cast<int>(answered) - sent - received;
     EXPECT_GT(waiting, 16384);
     EXPECT_LT(waiting, 16384 + 100);
-    use(other);
+    peer_ = other;
     expect_served(-1);
 
     // When it reads, it gets everything, in order.
-    use(deaf);
+    peer_ = deaf;
     for (int id = 0; id < requests_ && !HasFatalFailure(); id++) {
         const ssize_t more = ::send(deaf, unsent_.data(), unsent_.size(), MSG_NOSIGNAL);
         unsent_.erase(0, static_cast<std::size_t>(std::max<ssize_t>(more, 0)));
@@ -265,12 +262,12 @@ TEST_F(Local, AClientThatKeepsSendingGetsNoMoreThanItsTurn) {
     connect();
     const int busy = peer_;
     flood();
-    use(other);
+    peer_ = other;
     send_bytes(unknown(-1));
     expect_log(R"("ID":-1,"Result")");
     const int before = count_in_log("->");
     ASSERT_LT(before, 1500);  // three buffers full
-    use(busy);
+    peer_ = busy;
     pump([&] { return count_in_log("->") > 2 * before; });
 }
 
@@ -298,7 +295,7 @@ TEST_F(Local, ClientsGoWithTheirConnectionsAndWithTheServer) {
     EXPECT_EQ(logged.find("[INFO] (local) server stop "), 0u);
     EXPECT_EQ(count_in_log("disconnect fd: "), 2);
     for (const int fd : {idle, in_frame, faulty}) {
-        use(fd);
+        peer_ = fd;
         expect_closed();
     }
 }

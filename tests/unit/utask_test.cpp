@@ -1,194 +1,160 @@
-// The hand-off to the loop thread, on the real loop.
+// Handing work to the loop thread, and timers, on the real loop.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <set>
+#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
 
-extern "C" {
-#include <libubox/uloop.h>
-}
-
-#include "utask/utask.h"
+#include "base/task_queue.h"
+#include "base/text.h"
 
 namespace arvok {
 namespace {
 
-std::vector<long> ran;
-std::atomic<pthread_t> loop_thread;
-
-std::size_t expected = 0;  // so many runs end the loop; 0: none does
-
-void record(void *arg) {
-    ASSERT_TRUE(pthread_equal(pthread_self(), loop_thread));
-    ran.push_back(reinterpret_cast<long>(arg));
-    if (ran.size() == expected)
-        uloop_end();
-}
-void end(void *) {
-    uloop_end();
-}
-
-void *number(long n) {
-    return reinterpret_cast<void *>(n);
-}
-
-class Utask : public ::testing::Test {
+class Tasks : public ::testing::Test {
   protected:
     void SetUp() override {
-        ran.clear();
-        expected = 0;
-        loop_thread = pthread_self();
         uloop_init();
-        utask_init();
-        open_ = true;
+        queue_ = std::make_unique<task_queue>();
     }
-    void done() {
-        if (open_)
-            utask_done();
-        open_ = false;
+    void TearDown() override {
+        queue_.reset();
+        uloop_done();
     }
-    void TearDown() override { done(); }
-    // Runs the loop until a task ends it, or at the latest after ten seconds.
-    static void run() {
-        uloop_timeout limit{};
-        limit.cb = [](uloop_timeout *) { uloop_end(); };
-        uloop_timeout_set(&limit, 10000);
-        uloop_run_timeout(-1);
-        uloop_timeout_cancel(&limit);
+    auto record(long n) {
+        return [this, n] {
+            EXPECT_EQ(std::this_thread::get_id(), loop_thread_);
+            ran_.push_back(n);
+        };
     }
-    bool open_ = false;
+    // Runs the loop until so many tasks have run, or at the latest after ten seconds.
+    void run_until(std::size_t count) {
+        for (int i = 0; i < 1000 && ran_.size() < count; i++)
+            uloop_run_timeout(10);
+        EXPECT_EQ(ran_.size(), count);
+    }
+
+    std::unique_ptr<task_queue> queue_;
+    std::vector<long> ran_;
+    const std::thread::id loop_thread_ = std::this_thread::get_id();
 };
 
-TEST_F(Utask, TasksRunInTheirOrderAndANullFunctionIsDropped) {
-    for (long i = 1; i <= 100; i++) {
-        ASSERT_EQ(utask_set(number(i), record), 0);
-        ASSERT_EQ(utask_set(number(i), nullptr), 0);
-    }
-    ASSERT_EQ(utask_set(nullptr, end), 0);
-    run();
-    ASSERT_EQ(ran.size(), 100u);
-    for (long i = 0; i < 100; i++)
-        EXPECT_EQ(ran[static_cast<std::size_t>(i)], i + 1);
-}
-
-TEST_F(Utask, ThreadsQueueWithoutMixing) {
+TEST_F(Tasks, ThreadsPostWithoutMixingAndEachInItsOrder) {
     constexpr long threads = 4, each = 500;
-    std::atomic<long> left{threads};
-    std::vector<std::thread> writers;
+    std::vector<std::thread> posters;
     for (long t = 0; t < threads; t++)
-        writers.emplace_back([t, &left] {
+        posters.emplace_back([t, this] {
             for (long i = 0; i < each; i++)
-                EXPECT_EQ(utask_set(number(t * each + i), record), 0);
-            if (--left == 0)
-                utask_set(nullptr, end);
+                EXPECT_TRUE(queue_->post(record(t * each + i)));
         });
-    run();
-    for (std::thread &writer : writers)
-        writer.join();
-    EXPECT_EQ(ran.size(), static_cast<std::size_t>(threads * each));
+    run_until(threads * each);
+    for (std::thread &poster : posters)
+        poster.join();
     std::vector<long> last(threads, -1);
-    for (long n : ran) {
-        EXPECT_GT(n, last[static_cast<std::size_t>(n / each)]);  // each thread's own order holds
+    for (long n : ran_) {
+        EXPECT_GT(n, last[static_cast<std::size_t>(n / each)]);
         last[static_cast<std::size_t>(n / each)] = n;
     }
 }
 
-TEST_F(Utask, AFullPipeIsReportedAndWhatFittedStillRuns) {
-    long queued = 0;
+// Tasks own what they captured: each is let go once, whether it runs, is refused, or is still queued at the
+// end.
+TEST_F(Tasks, AFullPipeIsReportedAndEverythingIsReleased) {
+    const auto owned = std::make_shared<int>();
+    std::size_t posted = 0;
+    const auto post = [&] { return queue_->post([this, owned] { record(0)(); }); };
     ::testing::internal::CaptureStderr();
-    while (utask_set(number(queued), record) == 0)
-        queued++;
-    EXPECT_NE(::testing::internal::GetCapturedStderr().find("[ERROR] utask_set write pipe failed\n"),
-              std::string::npos);
-    expected = static_cast<std::size_t>(queued);
-    run();
-    EXPECT_EQ(ran.size(), expected);
+    while (post())
+        posted++;
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "[ERROR] utask_set write pipe failed\n");
+    EXPECT_EQ(owned.use_count(), 1 + static_cast<long>(posted));
+    run_until(posted);
+    EXPECT_EQ(owned.use_count(), 1);
+    for (int i = 0; i < 10; i++)
+        EXPECT_TRUE(post());
+    queue_.reset();
+    EXPECT_EQ(owned.use_count(), 1);
+    EXPECT_EQ(ran_.size(), posted);
 }
 
-TEST_F(Utask, SlowWorkRunsElsewhereAndCompletesOnTheLoop) {
-    static std::atomic<bool> elsewhere;
-    elsewhere = false;
-    const auto work = [](void *arg) {
-        elsewhere = arg == number(5) && !pthread_equal(pthread_self(), loop_thread);
-    };
-    const auto done = [](void *arg) {
-        record(arg);
-        uloop_end();
-    };
-    ASSERT_EQ(utask_asyn_set(number(5), work, done), 0);
-    run();
-    EXPECT_TRUE(elsewhere);
-    EXPECT_EQ(ran, std::vector<long>{5});
-    ran.clear();
-    ASSERT_EQ(utask_asyn_set(number(6), nullptr, done), 0);
-    run();
-    EXPECT_EQ(ran, std::vector<long>{6});
-}
-
-// What is queued when the process ends owns its argument: it runs once more, so that it can let go. A task
-// without one could only start something anew.
-TEST_F(Utask, ClosingReleasesWhatIsQueuedAndRefusesMore) {
-    const auto post_itself = [](void *arg) { EXPECT_EQ(utask_set(arg, record), 0); };
-    ASSERT_EQ(utask_set(number(1), record), 0);
-    ASSERT_EQ(utask_set(nullptr, record), 0);
-    ASSERT_EQ(utask_set(number(2), post_itself), 0);
-    done();
-    EXPECT_EQ(ran, std::vector<long>{1});
+TEST_F(Tasks, SlowWorkRunsAsideAndCompletesOnTheLoopWhenThereIsRoom) {
+    std::atomic<bool> aside = false;
     ::testing::internal::CaptureStderr();
-    EXPECT_EQ(utask_set(number(2), record), -1);
-    EXPECT_NE(::testing::internal::GetCapturedStderr(), "");
+    std::size_t posted = 0;
+    while (queue_->post(record(1)))
+        posted++;
+    ::testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(queue_->run_aside(make_task([&] { aside = std::this_thread::get_id() != loop_thread_; }),
+                                  make_task(record(2))));
+    while (!aside)
+        std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // into its wait for room
+    run_until(posted + 1);
+    EXPECT_EQ(ran_.back(), 2);
 }
 
-std::set<int> open_descriptors() {
-    std::set<int> fds;
-    for (int fd = 0; fd < 256; fd++)
-        if (fcntl(fd, F_GETFD) >= 0)
-            fds.insert(fd);
-    return fds;
-}
-
-TEST(UtaskLife, OpensTwoPrivateDescriptorsAndClosesThem) {
-    const std::set<int> before = open_descriptors();
-    uloop_init();
-    std::size_t with_loop = open_descriptors().size();
-    utask_init();
-    EXPECT_EQ(open_descriptors().size(), with_loop + 2);
-    for (int fd : open_descriptors()) {
-        if (!before.contains(fd)) {
-            EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
-        }
-    }
-    utask_done();
-    EXPECT_EQ(open_descriptors(), before);
-}
-
-// Exhausts a resource in a child process and expects that end of it.
-void with_no(int resource, rlim_t limit, void (*act)()) {
-    const rlimit none{limit, limit};
-    setrlimit(resource, &none);
-    act();
-}
-
-TEST(UtaskLife, FailuresAreFinalOrReported) {
-    EXPECT_EXIT(with_no(RLIMIT_NOFILE, 3, utask_init), ::testing::ExitedWithCode(1),
-                "\\[ERROR\\] open pipe failed\n");
-    const auto start_thread = [] {
-        const utask_fn never = [](void *) { _exit(3); };
-        _exit(utask_asyn_set(nullptr, never, never) == -1 ? 0 : 2);
+TEST_F(Tasks, AThreadMayEndAfterTheQueue) {
+    std::atomic<bool> go = false;
+    const auto done = std::make_shared<std::atomic<int>>();
+    const auto wait = [&go] {
+        while (!go)
+            std::this_thread::yield();
     };
+    EXPECT_TRUE(queue_->run_aside(make_task(wait), make_task([done] { ++*done; })));
+    queue_.reset();
+    go = true;
+    while (done.use_count() > 1)
+        std::this_thread::yield();
+    EXPECT_EQ(*done, 0);  // released, not run
+}
+
+TEST(TaskFailures, AreFinalOrReported) {
+    const auto without = [](int resource, rlim_t limit) {
+        uloop_init();
+        const rlimit least{limit, limit};
+        setrlimit(resource, &least);
+        task_queue queue;
+        const auto never = [] { _exit(3); };
+        _exit(queue.run_aside(make_task(never), make_task(never)) ? 2 : 0);
+    };
+    EXPECT_EXIT(without(RLIMIT_NOFILE, 3), ::testing::ExitedWithCode(1), "\\[ERROR\\] open pipe failed\n");
     if (getuid() != 0 || setuid(65534) == 0) {
         // One more thread than the user may have.
-        EXPECT_EXIT(with_no(RLIMIT_NPROC, 0, start_thread), ::testing::ExitedWithCode(0),
+        EXPECT_EXIT(without(RLIMIT_NPROC, 0), ::testing::ExitedWithCode(0),
                     "\\[ERROR\\] create pthread failed\n");
     }
+}
+
+struct clockwork {
+    timer ticks{bind<&clockwork::tick>(*this)};
+    int ticked = 0;
+    void tick() { ticked++; }
+};
+
+TEST(Timers, FireOnceForEachTimeAndNeverAfterTheirEnd) {
+    uloop_init();
+    clockwork one;
+    auto gone = std::make_unique<clockwork>();
+    EXPECT_EQ(one.ticks.remaining(), -1);
+    one.ticks.arm(0);
+    one.ticks.arm(100000);  // and not when it was armed for before
+    gone->ticks.arm(0);
+    gone.reset();
+    uloop_run_timeout(5);
+    EXPECT_EQ(one.ticked, 0);
+    EXPECT_TRUE(one.ticks.is_armed() && one.ticks.remaining() > 90000);
+    one.ticks.arm(1);
+    for (int i = 0; i < 100 && one.ticked == 0; i++)
+        uloop_run_timeout(5);
+    one.ticks.cancel();
+    EXPECT_EQ(one.ticked, 1);
+    EXPECT_FALSE(one.ticks.is_armed());
+    uloop_done();
 }
 
 }  // namespace
