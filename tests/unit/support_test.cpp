@@ -1,5 +1,6 @@
-// Texts, JSON, digits and MACs, random values, files, time, and the middleware's version.
+// Texts, JSON, digits and MACs, random values, files, time, the middleware's version, and options.
 
+#include <getopt.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -10,7 +11,9 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <vector>
 
+#include "agent/options.h"
 #include "base/clock.h"
 #include "base/files.h"
 #include "base/hex.h"
@@ -221,6 +224,30 @@ TEST_F(Files, TheMiddlewaresVersionIsBuiltFromVendorArchitectureAndAppd) {
         EXPECT_EQ(platform::middleware_version(c.vendor), "TUL1.0_QZ_" + c.version);
     }
     setenv("PATH", path.c_str(), 1);
+}
+
+TEST_F(Files, TheTestModePinsTheGatewayOverWhatOptionsSay) {
+    std::string words[] = {"arvokclt",         "-d", "-g",    "10.0.0.1",  "-b",
+                           "bss.example:8088", "-p", "17999", "--gw-addr", "10.0.0.2"};
+    std::vector<char *> arguments;
+    for (std::string &word : words)
+        arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    optind = 0;  // starts the option parser anew
+    options chosen = parse_options(static_cast<int>(std::size(words)), arguments.data());
+    apply_test_mode(chosen, path_);
+    EXPECT_TRUE(chosen.debug && chosen.gateway_given);
+    EXPECT_EQ(chosen.gateway_address, "10.0.0.2");  // the last
+    ASSERT_TRUE(chosen.bss);
+    EXPECT_EQ(chosen.bss->host + " " + chosen.bss->port, "bss.example 8088");
+    EXPECT_EQ(chosen.local_port, "17999");
+    for (const char *marker : {"192.168.8.1\n", "192.168.8.1"}) {
+        write_file(path_, marker);
+        options pinned;
+        apply_test_mode(pinned, path_);
+        EXPECT_EQ(pinned.gateway_address, "192.168.8.1");
+        EXPECT_TRUE(pinned.debug && pinned.gateway_given);
+    }
 }
 
 }  // namespace
