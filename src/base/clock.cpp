@@ -26,6 +26,7 @@ std::string time_digits(std::time_t t) {
 
 bool keeps_utc(std::time_t t) {
     std::tm local{}, utc{};
+    tzset();
     localtime_r(&t, &local);
     gmtime_r(&t, &utc);
     const bool same = local.tm_hour == utc.tm_hour;

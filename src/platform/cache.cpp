@@ -22,6 +22,16 @@ bool refresh(bool &current, Record &record, typename Record::pointer (*get)()) {
 
 }  // namespace
 
+cache::~cache() {
+    device_.reset();
+    wan_.reset();
+    for (const std::size_t of : {first, second}) {
+        radios_[of].reset();
+        access_points_[of] = {};
+    }
+    diagnostics_.reset();
+}
+
 bool cache::refresh_device() {
     if (device_current_)
         return true;

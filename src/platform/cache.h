@@ -24,6 +24,12 @@ inline constexpr band bands[] = {{"2.4G", QZCAP_RADIO_2G, QZCAP_AP_2G}, {"5G", Q
 
 class cache {
   public:
+    cache() = default;
+    /// Releases the records in the order in which the platform is used to get them back.
+    ~cache();
+    cache(const cache &) = delete;
+    cache &operator=(const cache &) = delete;
+
     /// Each makes a record current. False when it could not be had.
     bool refresh_device();
     bool refresh_wan();
