@@ -1,5 +1,7 @@
 #include "platform/cache.h"
 
+#include <cstring>
+
 #include "base/hex.h"
 #include "base/log.h"
 
@@ -37,8 +39,8 @@ bool cache::refresh_device() {
         return true;
     if (!refresh(device_current_, device_, qzcap_get_devinfo))
         return false;
-    if (device_->mac)
-        replace_text(device_->mac, normalised_mac(device_->mac));
+    if (device_->mac)  // in its place: it never gets longer
+        std::strcpy(device_->mac, normalised_mac(device_->mac).c_str());
     is_router_ = view_of(device_->mode) == "router";
     dual_band_ = view_of(device_->support_5g) == "yes";
     return true;
