@@ -11,11 +11,12 @@ extern "C" {
 
 int uloop_timeout_set(uloop_timeout *timer, int ms) {
     static const auto next = reinterpret_cast<int (*)(uloop_timeout *, int)>(dlsym(RTLD_NEXT, __func__));
+    const int result = next(timer, ms);  // which may cancel it first
     if (ms >= 1000) {
         around.armed[timer] = ms;
         around.ever_armed.push_back(ms);
     }
-    return next(timer, ms);
+    return result;
 }
 
 int uloop_timeout_cancel(uloop_timeout *timer) {
