@@ -19,7 +19,7 @@
 
 namespace arvok::cloud {
 
-/// What a name resolves to; a name that is not there fails. The look-up takes `seconds` on the uptime clock.
+/// What a name resolves to; a name that is not there fails. The look-up takes `seconds`.
 struct name_answer {
     std::vector<std::string> addresses;
     long seconds = 0;
@@ -32,10 +32,6 @@ struct surroundings {
     std::string abi, token, id;       ///< the stored server and identity; empty: none
     std::vector<std::string> stored;  ///< each "bss|abi|further abi,...|token|id"
     std::string vendor, serial, user;
-    std::string installed_url;  ///< what was asked to be installed
-    qzcap_install_handler_t installed;
-    void *installation;       ///< what that is to be called with
-    std::string run_failure;  ///< why apps do not start; empty: they do
 };
 extern surroundings machine;
 extern std::mutex look_up;  ///< held: look-ups wait
@@ -77,13 +73,13 @@ class Cloud : public ::testing::Test {
 
     // --- the device: a new client in each stage, whose last message has been received ---
 
-    client &make_client(options given = {}) {
+    client &make_client() {
         end_client();
         queue_.emplace();
         cache_.emplace();
         cache_->refresh_device();
         return client_.emplace(
-            *queue_, *cache_, [] { return std::time_t{0}; }, given, connections{});
+            *queue_, *cache_, [] { return std::time_t{0}; }, options{}, connections{});
     }
     void end_client() {
         client_.reset();

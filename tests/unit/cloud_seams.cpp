@@ -19,7 +19,6 @@ std::mutex look_up;
 namespace {
 
 std::atomic<std::int64_t> ahead_ms;
-std::atomic<long> uptime_ahead;
 
 std::mutex log_lock;
 std::string log_so_far;
@@ -33,7 +32,6 @@ constexpr long clock_call = SYS_clock_gettime;
 char *copy(const std::string &text) {
     return text.empty() ? nullptr : qzcap_strdup(text.c_str());
 }
-
 template <typename Record>
 Record *make() {
     return static_cast<Record *>(qzcap_calloc(1, sizeof(Record)));
@@ -104,7 +102,7 @@ extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept {
 
 extern "C" int sysinfo(struct sysinfo *info) noexcept {
     const long result = syscall(SYS_sysinfo, info);
-    info->uptime += uptime_ahead;
+    info->uptime += static_cast<long>(ahead_ms / 1000);
     return static_cast<int>(result);
 }
 
@@ -120,7 +118,7 @@ extern "C" int getaddrinfo(const char *host, const char *port, const addrinfo *h
             return EAI_NONAME;
         answer = known->second;
     }
-    uptime_ahead += answer.seconds;
+    advance(answer.seconds * 1000);
     const std::size_t count = answer.addresses.size();
     auto *found = new found_address[count]{};
     for (std::size_t i = 0; i < count; i++) {
@@ -174,16 +172,4 @@ int qzcap_set_serverinfo(const qzcap_serverinfo *record, char **) {
         text += std::string(i ? "," : "") + record->abi_list[i];
     machine.stored.push_back(text + "|" + record->devtoken + "|" + record->devid);
     return 0;
-}
-
-int qzcap_install_app(ubus_context *, const char *url, qzcap_install_handler_t done, void *priv) {
-    machine.installed_url = url;
-    machine.installation = priv;
-    machine.installed = done;
-    return 0;
-}
-
-int qzcap_run_app(ubus_context *, const char *, char **errtext) {
-    *errtext = copy(machine.run_failure);
-    return machine.run_failure.empty() ? 0 : 1;
 }
