@@ -13,9 +13,9 @@ constexpr int acknowledgement_ms = 30000;
 constexpr int heartbeat_ms = 100000;
 
 /// How many bytes may wait to be sent before the platform's further requests wait, too.
-constexpr std::size_t unsent_max = 256 * 1024;
+constexpr std::size_t unsent_max = std::size_t{256} * 1024;
 
-constexpr frame_format format{
+constexpr frame_format frames{
     .header_size = frame_header_size,
     .body_length = body_length,
     .short_header = "[ERROR] (cloud) read header failed, %d\n",
@@ -35,7 +35,7 @@ connection::connection(task_queue &queue, const platform::cache &cache, const ha
       cache_(cache),
       handlers_(who),
       keys_{rsa_public_key(platform_public_key), std::nullopt, std::nullopt},
-      reader_(format, bind<&connection::receive>(*this)),
+      reader_(frames, bind<&connection::receive>(*this)),
       stream_({bind<&connection::readable>(*this), bind<&connection::broken>(*this)}, unsent_max),
       heartbeat_(who.heartbeat_due),
       acknowledgement_(bind<&connection::unanswered>(*this)) {}

@@ -87,7 +87,7 @@ class Cloud : public ::testing::Test {
         cache_.reset();
     }
     void bootstrap() {
-        machine.names["bss.example"] = {{"100.64.0.9"}};
+        machine.names["bss.example"] = {{"100.64.0.9", "100.64.0.8"}};
         make_client().start();
         accept_one();
         EXPECT_TRUE(receive().starts_with(R"({"RPCMethod":"Boot")"));
