@@ -86,6 +86,8 @@ format:
 # Looks at the sources as a build would, without precompiled headers, which are of the build's own compiler.
 lint:
 	@tools/setup.sh desk lint
+	@$(build) TARGETS=arvokclt
+	@tools/check_rooms $(BUILD)/lib/libagent.a
 	@$(call configure,$(LINTED),-DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON)
 	@echo $(TIDIED) | xargs -n 4 -P $(JOBS) clang-tidy -p $(LINTED) --quiet 2>&1 | { grep -v ' generated\.$$' || true; }
 

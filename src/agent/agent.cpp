@@ -11,7 +11,6 @@ namespace {
 constexpr int exit_no_bus = 255;
 constexpr int exit_no_port = 255;
 constexpr int retry_device_s = 5;
-constexpr char element_owner[] = "arvokclt";
 
 }  // namespace
 
@@ -61,7 +60,7 @@ bool agent::gateway_sync_is_on() {
 void agent::build() {
     events_.emplace(modules_);
     const bool sync = gateway_sync_is_on();
-    qzcap_delete_vsie_beacontx_by_name(element_owner, nullptr);
+    qzcap_delete_vsie_beacontx_by_name(gateway::beacon_owner, nullptr);
 
     tasks_.emplace();
     modules_.gateway.emplace(*tasks_, cache_, where_.clock,

@@ -25,6 +25,8 @@ void app_messages::handle(blob_attr *message, bus_message &reply) {
         return add_outcome(reply, "invalid msg, CmdType", "-2");
     reply.text("CmdType", *command);
     reply.text("SequenceId", root["SequenceId"].text().value_or(""));
+    if (!modules_)
+        return add_outcome(reply, "not running", "-1");
     if (*command == "GET_STATUS")
         return get_status(reply);
     if (modules_.access->run(*command, root.root(), reply))

@@ -1,6 +1,5 @@
 #pragma once
-/// The agent's four modules, as those see them who hear something that concerns several: all are there as
-/// long as the loop runs.
+/// The agent's four modules, as those see them who hear something that concerns several.
 
 #include <optional>
 
@@ -12,6 +11,9 @@
 namespace arvok {
 
 struct modules {
+    /// All are there: as long as the loop runs, but not at the start and at the end.
+    explicit operator bool() const { return access && local && gateway && cloud; }
+
     std::optional<access::module> access;
     std::optional<local::server> local;
     std::optional<gateway::client> gateway;

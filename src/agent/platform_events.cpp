@@ -46,7 +46,8 @@ int platform_events::take(std::string_view method, blob_attr *message) {
     const std::string text = json_of(message).value_or("");
     log_printf("[DEBUG] %s: method %s, json: %s\n", Name, method.data(), text.c_str());
     const json::document event = json::parse(text);
-    (this->*Act)({method, text, event.root()});
+    if (modules_)
+        (this->*Act)({method, text, event.root()});
     return 0;
 }
 

@@ -1,13 +1,11 @@
 #include "gateway/connection.h"
 
-#include <unistd.h>
-
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "base/clock.h"
+#include "base/files.h"
 #include "base/log.h"
 #include "base/network.h"
 #include "gateway/frame.h"
@@ -22,6 +20,7 @@ namespace {
 constexpr char default_gateway[] = "192.168.1.1";
 constexpr char link_port[] = "32768";
 constexpr char foreign_client[] = "/usr/bin/kestrau_clt";
+constexpr std::size_t enable_text_max = 7;
 
 constexpr int reconnect_ms = 10000;
 constexpr int reconnect_no_device_ms = 30000;
@@ -39,14 +38,13 @@ constexpr std::size_t unsent_max = 256 * 1024;
 
 // Where another client may own the link, a setting says whether this one runs.
 bool is_enabled() {
-    if (access(foreign_client, F_OK) != 0)
+    if (!file_exists(foreign_client))
         return true;
-    const handle<std::FILE, &::pclose> output(popen("uci get network.globals.arvok_enable", "re"));
+    const std::optional<std::string> output =
+        command_output("uci get network.globals.arvok_enable", enable_text_max);
     if (!output)
         return false;
-    char line[8] = "";
-    const char *first = std::fgets(line, sizeof line, output.get());
-    const int enable = first ? std::atoi(first) : 0;
+    const int enable = std::atoi(output->c_str());
     log_printf("[DEBUG] arvok_enable uci: %d\n", enable);
     return enable != 0;
 }
