@@ -1,9 +1,8 @@
 // Commands of other apps, and the rule files that some of them keep.
 
-#include "arvok/app_messages.h"
-#include "context.h"
-#include "extcc/rules.h"
-#include "machine.h"
+#include <algorithm>
+
+#include "access/access.h"
 #include "targets.h"
 
 namespace arvok::fuzz {
@@ -13,22 +12,20 @@ constexpr std::int64_t next_check_max_ms = 86401 * 1000LL;
 
 class App : public Stage {
   public:
-    App() { extcc_run(); }
+    App() : Stage({}) {}
 
   protected:
-    void message(std::string_view line) override { post(blob_of_json(line)); }
-    void raw(std::string_view bytes) override { post(blob_of_bytes(bytes)); }
+    void message(std::string_view line) override { command(blob_of_json(line)); }
+    void raw(std::string_view bytes) override { command(blob_of_bytes(bytes)); }
 
     void check() override {
-        uloop_timeout &timer = g_ctx.extcc.lanhost_timer;
-        require(timer.pending && uloop_timeout_remaining(&timer) <= next_check_max_ms,
+        const auto &armed = armed_timers();
+        require(std::any_of(armed.begin(), armed.end(),
+                            [this](const armed_timer &one) {
+                                return one.timer == schedule_timer() &&
+                                       one.due_ms - machine.uptime * 1000LL <= next_check_max_ms;
+                            }),
                 "looks at the schedules too late");
-    }
-
-  private:
-    static void post(blob_ptr command) {
-        ubus_request_data request{};
-        arvok_postmsg(qzcap_get_ubus_context(), nullptr, &request, "postmsg", command.get());
     }
 };
 
@@ -40,16 +37,15 @@ void app(Input input) {
 
 void rules(Input input) {
     const std::string_view script = input.until('\f');
-    for (const char *name : {schedule_file, parent_file, guest_index_file})
+    for (const char *name : {"extcc-lht.cfg", "extcc-lhpc.cfg", "extcc-gst-idx.cfg"})
         put_file(name, input.until('\f'));
-    put_file(guest_timer_file, input.rest());
+    put_file("extcc-gst-tmr.cfg", input.rest());
     App stage;
-    stage.play({reinterpret_cast<const std::uint8_t *>(script.data()), script.size()});
-    static constexpr std::string_view all_of_it =
-        "!0\n!1\n!2\n{\"CmdType\":\"EXTCC_DUMP\"}\n{\"CmdType\":\"GET_LANHOST_TIMER\"}\n"
-        "{\"CmdType\":\"GET_LANHOST_INFO\"}\n{\"CmdType\":\"GET_GUEST_WIFI\"}\n";
-    stage.play({reinterpret_cast<const std::uint8_t *>(all_of_it.data()), all_of_it.size()});
-    load_rules();
+    stage.play(Input(script));
+    stage.play(
+        Input("!0\n!1\n!2\n{\"CmdType\":\"EXTCC_DUMP\"}\n{\"CmdType\":\"GET_LANHOST_TIMER\"}\n"
+              "{\"CmdType\":\"GET_LANHOST_INFO\"}\n{\"CmdType\":\"GET_GUEST_WIFI\"}\n"));
+    access::module(clock_of_machine, file_folder());  // reads what there is now
 }
 
 }  // namespace arvok::fuzz

@@ -8,17 +8,21 @@
 #include <netinet/in.h>
 #include <openssl/bn.h>
 #include <openssl/pem.h>
+#include <openssl/rand.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/sysinfo.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "common/clock.h"
-#include "common/identity.h"
+extern "C" {
+#include <libubox/usock.h>
+#include <libubox/ustream.h>
+}
 
 namespace arvok::fuzz {
 
@@ -58,10 +62,10 @@ int connect(int (&ends)[2]) {
     return ends[0];
 }
 
-int open_connection(const char *port) {
+int open_connection(side of) {
     int ends[2];
     const int fd = connect(ends);
-    machine.far_ends.push_back({ends[1], port});
+    machine.far_ends.push_back({ends[1], of});
     return fd;
 }
 
@@ -91,23 +95,25 @@ void machine_init() {
     }
     folder += '/';
     std::atexit(remove_folder);
-    wall_clock = [] { return machine.now; };
     setenv("TZ", "UTC", 1);
     machine_reset();
 }
 
 void machine_reset() {
+    for (const held_thread &held : machine.threads)
+        held.run(held.argument);
     for (const far_end &end : machine.far_ends)
         close(end.fd);
-    machine.far_ends.clear();
     if (machine.dirty)
         remove_files();
-    machine.dirty = false;
+    machine = {};
     machine.now = 1795248000;
     machine.uptime = 86400;
-    machine.exit_to = nullptr;
-    seed = 1;
-    std::srand(seed);
+}
+
+const std::vector<armed_timer> &armed_timers() {
+    std::erase_if(machine.timers, [](const armed_timer &armed) { return !armed.timer->pending; });
+    return machine.timers;
 }
 
 void advance(long seconds) {
@@ -128,9 +134,9 @@ void put_file(const std::string &name, std::string_view content) {
     std::fclose(file);
 }
 
-int newest_far_end(std::string_view port) {
+int newest_far_end(side of) {
     for (auto end = machine.far_ends.rbegin(); end != machine.far_ends.rend(); ++end)
-        if (end->port == port)
+        if (end->of == of)
             return end->fd;
     return -1;
 }
@@ -146,6 +152,9 @@ std::FILE *__real_fopen(const char *path, const char *mode);
 [[noreturn]] void __real_exit(int status);
 int __real_access(const char *path, int mode);
 int __real_socket(int domain, int type, int protocol);
+int __real_uloop_timeout_set(uloop_timeout *timer, int ms);
+int __real_uloop_timeout_cancel(uloop_timeout *timer);
+int __real_ustream_pending_data(ustream *stream, bool write);
 EVP_PKEY *__real_PEM_read_bio_PUBKEY(BIO *text, EVP_PKEY **key, pem_password_cb *ask, void *priv);
 
 std::FILE *__wrap_fopen(const char *path, const char *mode) {
@@ -160,12 +169,14 @@ std::FILE *__wrap_fopen(const char *path, const char *mode) {
 }
 
 int __wrap_access(const char *path, int mode) {
+    if (machine.link_forbidden && std::strncmp(path, "/usr/", 5) == 0)
+        return 0;  // the client that owns the link instead
     return __real_access(redirected(path).c_str(), mode);
 }
 
 std::FILE *__wrap_popen(const char *command, const char *) {
-    static char version[] = "appd version: 2.1.7 (build 41)\n", enabled[] = "1\n";
-    char *output = std::strstr(command, "uci") ? enabled : version;
+    static char version[] = "appd version: 2.1.7 (build 41)\n", on[] = "1\n", off[] = "0\n";
+    char *output = !std::strstr(command, "uci") ? version : machine.link_forbidden ? off : on;
     return fmemopen(output, std::strlen(output), "r");
 }
 
@@ -185,12 +196,18 @@ int __wrap_sysinfo(struct sysinfo *info) {
     return 0;
 }
 
-int __wrap_usock(int, const char *host, const char *port) {
-    return host && *host ? open_connection(port) : -1;
+int __wrap_usock(int type, const char *host, const char *) {
+    if (!host || !*host)
+        return -1;
+    if (type & USOCK_SERVER)
+        return open_connection(side::listener);
+    return open_connection(type & USOCK_IPV4ONLY ? side::cloud : side::gateway);
 }
 
-int __wrap_accept4(int, sockaddr *, socklen_t *, int) {
-    return open_connection("client");
+int __wrap_accept4(int listener, sockaddr *, socklen_t *, int) {
+    char knock;
+    recv(listener, &knock, sizeof knock, 0);
+    return open_connection(side::client);
 }
 
 int __wrap_socket(int domain, int type, int protocol) {
@@ -207,14 +224,17 @@ int __wrap_socket(int domain, int type, int protocol) {
         1};
     if (send(ends[1], &answer, sizeof answer, MSG_NOSIGNAL) < 0)
         std::abort();
-    machine.far_ends.push_back({ends[1], "kernel"});
+    machine.far_ends.push_back({ends[1], side::kernel});
     return fd;
 }
 
 // The worker's work is done at once; nobody can see the difference but for the order.
-int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *, void *(*run)(void *), void *arg) {
+int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *, void *(*run)(void *), void *argument) {
     *thread = pthread_self();
-    run(arg);
+    if (machine.threads_held)
+        machine.threads.push_back({run, argument});
+    else
+        run(argument);
     return 0;
 }
 
@@ -263,5 +283,33 @@ EVP_PKEY *__wrap_PEM_read_bio_PUBKEY(BIO *text, EVP_PKEY **, pem_password_cb *, 
 
 int __wrap_BN_priv_rand(BIGNUM *number, int bits, int, int) {
     return BN_hex2bn(&number, "6D1F95C3B2A70E4B") != 0 && BN_set_bit(number, bits - 1);
+}
+
+// What is random is known, so that the peers know the keys that are made of it. No delay becomes 0 by it.
+int __wrap_RAND_bytes(unsigned char *bytes, int size) {
+    std::memset(bytes, 0x2a, static_cast<std::size_t>(size));
+    return 1;
+}
+
+int __wrap_uloop_timeout_set(uloop_timeout *timer, int ms) {
+    uloop_timeout_cancel(timer);
+    const std::int64_t due_ms = std::int64_t{machine.uptime} * 1000 + ms;
+    const auto later =
+        std::upper_bound(machine.timers.begin(), machine.timers.end(), due_ms,
+                         [](std::int64_t due, const armed_timer &other) { return due < other.due_ms; });
+    machine.timers.insert(later, {timer, due_ms});
+    machine.armed_last = timer;
+    return __real_uloop_timeout_set(timer, ms);
+}
+
+int __wrap_uloop_timeout_cancel(uloop_timeout *timer) {
+    std::erase_if(machine.timers, [timer](const armed_timer &armed) { return armed.timer == timer; });
+    return __real_uloop_timeout_cancel(timer);
+}
+
+// What waits to be sent weighs more than it is, so that an input soon gets to where further requests wait,
+// too.
+int __wrap_ustream_pending_data(ustream *stream, bool write) {
+    return __real_ustream_pending_data(stream, write) * (write ? 64 : 1);
 }
 }

@@ -1,15 +1,17 @@
 // The command line, the test-mode marker file, and the stored servers.
 
-#include "arvok/options.h"
+#include "agent/options.h"
 
 #include <getopt.h>
 
-#include <cstring>
-
-#include "context.h"
-#include "machine.h"
 #include "platform.h"
 #include "targets.h"
+
+// Of the sanitizer, where there is one.
+extern "C" {
+__attribute__((weak)) void __lsan_disable();
+__attribute__((weak)) void __lsan_enable();
+}
 
 namespace arvok::fuzz {
 namespace {
@@ -17,67 +19,52 @@ namespace {
 constexpr char marker_file[] = "arvokclt_test_mode";
 
 std::vector<std::string> lines(std::string_view text) {
-    Input input(reinterpret_cast<const std::uint8_t *>(text.data()), text.size());
     std::vector<std::string> all;
-    while (!input.empty())
+    for (Input input(text); !input.empty();)
         all.emplace_back(input.until('\n'));
     return all;
 }
 
-// The usage text and the version end the process; here they only end the reading.
-void parse(std::vector<std::string> arguments) {
+// The usage text and the version end the process; here they only end the reading, and what was read is lost.
+arvok::options parse(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), "arvokclt");
     std::vector<char *> argv;
     for (std::string &argument : arguments)
         argv.push_back(argument.data());
     argv.push_back(nullptr);
+    arvok::options chosen;
     optind = 0;  // begins anew
     std::jmp_buf end;
     machine.exit_to = &end;
+    if (__lsan_disable)
+        __lsan_disable();
     if (setjmp(end) == 0)
-        parse_options(static_cast<int>(arguments.size()), argv.data());
+        chosen = parse_options(static_cast<int>(argv.size() - 1), argv.data());
+    if (__lsan_enable)
+        __lsan_enable();
     machine.exit_to = nullptr;
+    return chosen;
 }
-
-template <std::size_t N>
-bool ends(const char (&text)[N]) {
-    return std::memchr(text, '\0', N) != nullptr;
-}
-
-class Settings : public Stage {
-  public:
-    // Where the settings lead: to the cloud, to both addresses that the gateway may have, and in words.
-    void follow() {
-        cc_run();
-        ls_run();
-        for (int attempt = 0; attempt < 2; attempt++) {
-            arvok_disconnect();
-            ec_run();
-            turn();
-        }
-        char server[128] = "", status[128] = "";
-        get_cloud_status(server, sizeof server, status, sizeof status);
-        set_server_info();
-    }
-
-  protected:
-    void message(std::string_view) override {}
-    void raw(std::string_view) override {}
-};
 
 }  // namespace
 
+// Where the settings lead: to both addresses that the gateway may have, and into and out of the cloud.
 void options(Input input) {
-    parse(lines(input.until('\f')));
+    arvok::options chosen = parse(lines(input.until('\f')));
     const std::string_view marker = input.until('\f');
     if (!marker.empty())
         put_file(marker_file, marker);
-    apply_test_mode();
-    require(ends(g_ctx.gw_addr) && ends(g_ctx.local_port) && ends(g_ctx.bss_server.host) &&
-                ends(g_ctx.bss_server.port),
-            "keeps a text that does not end");
+    apply_test_mode(chosen, test_mode_marker);
     platform.servers = lines(input.rest());
-    Settings().follow();
+    GatewayPeer gateway_peer;
+    CloudPeer cloud_peer;
+    Stage stage({&gateway_peer, &cloud_peer}, std::move(chosen));
+    climb_to(4, stage, cloud_peer);
+    for (const char *line : {R"({"Ack":"Activate","Result":0,"DevID":"id","DevToken":"token"})",
+                             R"({"Ack":"Connect","Result":-2})",
+                             R"({"Ack":"Boot","Result":0,"BizPlat":[{"ServerAddr":"a.b","ServerPort":1}]})"})
+        stage.say(cloud_peer, line);
+    stage.play(Input("-\n!0\n!1\n!2"));
 }
 
 }  // namespace arvok::fuzz

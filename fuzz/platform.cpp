@@ -1,16 +1,15 @@
 #include "platform.h"
 
+#include <cjson/cJSON.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 
-#include "common/files.h"
-#include "common/json.h"
-
-extern "C" {
-#include <libubox/blobmsg_json.h>
-}
+#include "base/bus_message.h"
+#include "base/files.h"
+#include "base/handle.h"
 
 namespace arvok::fuzz {
 
@@ -25,35 +24,21 @@ std::map<std::string, records, std::less<>> device;  // by name, or name and ban
 std::string long_text;
 
 void add_record(const std::string &name, const cJSON *record) {
-    blob_buf buf{};
-    blob_buf_init(&buf, 0);
-    if (!blobmsg_add_json_from_string(&buf, text_ptr(cJSON_PrintUnformatted(record)).get()))
+    bus_message message;
+    if (!message.add_json(malloc_text(cJSON_PrintUnformatted(record)).get()))
         std::abort();
-    device[name].emplace_back(blob_memdup(buf.head));
-    blob_buf_free(&buf);
+    device[name].emplace_back(blob_memdup(message.get()));
 }
 
 // The names of a list's members are a field of its records.
-void add_list(const std::string &name, const cJSON *list, const char *key) {
+void add_list(const std::string &name, const cJSON *list, std::string_view key) {
     device[name];
     for (cJSON *record = list->child; record; record = record->next) {
-        if (key && std::strcmp(key, "index") == 0)
-            cJSON_AddNumberToObject(record, key, std::atoi(record->string));
-        else if (key && std::strcmp(key, "id") == 0)
-            cJSON_AddNumberToObject(record, key, std::atoi(record->string));
-        else if (key)
-            cJSON_AddStringToObject(record, key, record->string);
+        if (key == "index" || key == "id")
+            cJSON_AddNumberToObject(record, key.data(), std::atoi(record->string));
+        else if (!key.empty())
+            cJSON_AddStringToObject(record, key.data(), record->string);
         add_record(name, record);
-    }
-}
-
-void add_bands(const cJSON *state, const char *name, const char *key, bool lists) {
-    for (const cJSON *band = json_member(state, name)->child; band; band = band->next) {
-        const std::string full = std::string(name) + band->string;
-        if (lists)
-            add_list(full, band, key);
-        else
-            add_record(full, band);
     }
 }
 
@@ -124,24 +109,26 @@ const records &of_device(const char *name, const char *band) {
 
 void platform_init() {
     long_text.assign(300, 'A');
-    std::vector<char> text(1 << 20);
-    const int length = _read_file(ARVOK_HOME_JSON, text.data(), text.size() - 1);
-    const json_ptr state = json_parse(length > 0 ? text.data() : nullptr);
+    const handle<cJSON, &cJSON_Delete> state(
+        cJSON_Parse(read_file(ARVOK_HOME_JSON, 1 << 20).value_or("").c_str()));
     if (!state) {
         std::fprintf(stderr, "%s cannot be read\n", ARVOK_HOME_JSON);
         std::exit(1);
     }
+    const auto at = [&state](const char *name) { return cJSON_GetObjectItem(state.get(), name); };
     for (const char *name : {"devinfo", "diagnostics", "netstatinfo", "terminalnum", "serverinfo", "waninfo",
                              "wifi_switch", "roaming", "mesh", "mesh_roaming", "backhaulbss"})
-        add_record(name, json_member(state.get(), name));
-    add_list("laninfo", json_member(state.get(), "laninfo"), "mac");
-    add_list("wifi_timer", json_member(state.get(), "wifi_timer"), "id");
-    add_list("neighbourinfo", json_member(state.get(), "neighbourinfo"), nullptr);
-    add_list("app", json_member(state.get(), "app"), "name");
-    add_bands(state.get(), "wifiinfo", nullptr, false);
-    add_bands(state.get(), "wifi_ap", "index", true);
-    add_bands(state.get(), "wifi_apstat", nullptr, true);
-    add_bands(state.get(), "channel_score", nullptr, true);
+        add_record(name, at(name));
+    add_list("laninfo", at("laninfo"), "mac");
+    add_list("wifi_timer", at("wifi_timer"), "id");
+    add_list("neighbourinfo", at("neighbourinfo"), "");
+    add_list("app", at("app"), "name");
+    for (const std::string band : {"2.4G", "5G"}) {
+        add_record("wifiinfo" + band, cJSON_GetObjectItem(at("wifiinfo"), band.c_str()));
+        add_list("wifi_ap" + band, cJSON_GetObjectItem(at("wifi_ap"), band.c_str()), "index");
+        for (const char *name : {"wifi_apstat", "channel_score"})
+            add_list(name + band, cJSON_GetObjectItem(at(name), band.c_str()), "");
+    }
 }
 
 void platform_reset() {

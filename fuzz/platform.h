@@ -7,14 +7,10 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/qzcap.h"
 #include "record.h"
 
-extern "C" {
-#include <qzcap.h>
-}
-
 namespace arvok::fuzz {
-
 /// An installation that has been started and not ended.
 struct installation {
     qzcap_install_handler_t done;
@@ -23,12 +19,14 @@ struct installation {
 
 struct platform_state {
     /// What becomes of the next calls, a character each: 'f' fails, 'e' gives an empty list, 'n' records
-    /// without texts, 'l' with long ones, 'm' with malicious ones, 'h' with huge numbers, 'r' a router, 's' a
-    /// device with one radio, 'g' a guest network; any other is as usual.
+    /// without texts, 'l' with long ones, 'm' with malicious ones, 'h' with huge numbers, 'r' a router,
+    /// 's' a device with one radio, 'g' a guest network; any other is as usual.
     std::string_view fate;
     std::vector<installation> installations;
     std::vector<ubus_subscriber *> subscribers;
     std::vector<std::string> servers;  ///< stored server settings: bss, token, id, then business servers
+    const qzcap_appmgtcb *app;         ///< the agent as an app
+    unsigned replies;                  ///< to commands of other apps
 };
 extern platform_state platform;
 
@@ -48,8 +46,8 @@ int outcome(char **errtext);
 /// The same for one that hands in a record, which is read to its last byte.
 int outcome(const capi::Record &kind, const void *record, char **errtext);
 
-/// The `n`-th record of a kind as home.json has it under `name`, of a band where there are two; null when its
-/// fate is to fail or there is none.
+/// The `n`-th record of a kind as home.json has it under `name`, of a band where there are two; null when
+/// its fate is to fail or there is none.
 void *fetch_record(const capi::Record &kind, const char *name, const char *band, unsigned n);
 int fetch_list(const capi::Record &kind, const char *name, const char *band, unsigned *count, void ***list);
 

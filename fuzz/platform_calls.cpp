@@ -6,12 +6,9 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "common/json.h"
+#include "base/bus_message.h"
+#include "base/json.h"
 #include "platform.h"
-
-extern "C" {
-#include <libubox/blobmsg_json.h>
-}
 
 using namespace arvok::fuzz;
 namespace capi = arvok::capi;
@@ -52,6 +49,28 @@ int text_outcome(const char *text, char **errtext) {
     return texts_outcome(&text, 1, errtext);
 }
 
+// Most calls are alike: they give a record or a list of them, or take one or a text.
+#define GIVES(call, kind, name)                       \
+    qzcap_##kind *call() {                            \
+        return fetch<qzcap_##kind>(capi::kind, name); \
+    }
+#define LISTS(call, kind)                                        \
+    int call(unsigned *count, qzcap_##kind ***list) {            \
+        return list_of(capi::kind, #kind, nullptr, count, list); \
+    }
+#define TAKES(call, kind)                                  \
+    int call(const qzcap_##kind *record, char **errtext) { \
+        return outcome(capi::kind, record, errtext);       \
+    }
+#define TAKES_TEXT(call)                         \
+    int call(const char *text, char **errtext) { \
+        return text_outcome(text, errtext);      \
+    }
+#define TAKES_APP(call)                                          \
+    int call(ubus_context *, const char *name, char **errtext) { \
+        return text_outcome(name, errtext);                      \
+    }
+
 ubus_context bus{};
 
 // What was logged is not looked at, but it is put together.
@@ -62,6 +81,7 @@ char log_line[65536];
 // --- session, memory and log ---
 
 int qzcap_ubus_start(int) {
+    uloop_init();
     return 0;
 }
 void qzcap_ubus_done() {}
@@ -104,36 +124,31 @@ extern "C" int __wrap_ubus_invoke(ubus_context *, uint32_t, const char *, blob_a
 }
 
 extern "C" int __wrap_ubus_send_reply(ubus_context *, ubus_request_data *, blob_attr *reply) {
-    const arvok::text_ptr text(blobmsg_format_json_with_cb(reply, true, nullptr, nullptr, -1));
-    if (!text || !arvok::json_parse(text.get()))
+    if (!arvok::json::parse(arvok::json_of(reply).value_or("")))
         std::abort();  // no reader of the answer could read it
+    platform.replies++;
     return 0;
 }
 
 // --- apps ---
 
-void *qzcap_register_appmgtcb(void *, const qzcap_appmgtcb *) {
-    return nullptr;
+void *qzcap_register_appmgtcb(void *, const qzcap_appmgtcb *callbacks) {
+    platform.app = callbacks;
+    return &platform;
 }
-void qzcap_unregister_appmgtcb(void *) {}
+void qzcap_unregister_appmgtcb(void *) {
+    platform.app = nullptr;
+}
 int qzcap_install_app(ubus_context *, const char *url, qzcap_install_handler_t done, void *priv) {
     if (text_outcome(url, nullptr) != 0)
         return -1;
     platform.installations.push_back({done, priv});
     return 0;
 }
-int qzcap_uninstall_app(ubus_context *, const char *name, char **errtext) {
-    return text_outcome(name, errtext);
-}
-int qzcap_run_app(ubus_context *, const char *name, char **errtext) {
-    return text_outcome(name, errtext);
-}
-int qzcap_stop_app(ubus_context *, const char *name, char **errtext) {
-    return text_outcome(name, errtext);
-}
-int qzcap_restore_app(ubus_context *, const char *name, char **errtext) {
-    return text_outcome(name, errtext);
-}
+TAKES_APP(qzcap_uninstall_app)
+TAKES_APP(qzcap_run_app)
+TAKES_APP(qzcap_stop_app)
+TAKES_APP(qzcap_restore_app)
 int qzcap_get_applist(ubus_context *, unsigned *count, qzcap_app ***list) {
     return list_of(capi::app, "app", nullptr, count, list);
 }
@@ -143,30 +158,16 @@ char *qzcap_app_postmsg(ubus_context *, const char *, const char *message, char 
 
 // --- device and WAN ---
 
-qzcap_devinfo *qzcap_get_devinfo() {
-    return fetch<qzcap_devinfo>(capi::devinfo, "devinfo");
-}
-qzcap_diagnostics *qzcap_diagnostics_get() {
-    return fetch<qzcap_diagnostics>(capi::diagnostics, "diagnostics");
-}
-qzcap_netstatinfo *qzcap_diagnostics_netstat() {
-    return fetch<qzcap_netstatinfo>(capi::netstatinfo, "netstatinfo");
-}
-qzcap_terminalnum *qzcap_get_terminalnum() {
-    return fetch<qzcap_terminalnum>(capi::terminalnum, "terminalnum");
-}
+GIVES(qzcap_get_devinfo, devinfo, "devinfo")
+GIVES(qzcap_diagnostics_get, diagnostics, "diagnostics")
+GIVES(qzcap_diagnostics_netstat, netstatinfo, "netstatinfo")
+GIVES(qzcap_get_terminalnum, terminalnum, "terminalnum")
 char *qzcap_get_led_switch() {
     return outcome(nullptr) == 0 ? qzcap_strdup("on") : nullptr;
 }
-int qzcap_set_led_switch(const char *status, char **errtext) {
-    return text_outcome(status, errtext);
-}
-int qzcap_set_iptv(const qzcap_iptv *record, char **errtext) {
-    return outcome(capi::iptv, record, errtext);
-}
-int qzcap_set_workmode(const char *mode, char **errtext) {
-    return text_outcome(mode, errtext);
-}
+TAKES_TEXT(qzcap_set_led_switch)
+TAKES(qzcap_set_iptv, iptv)
+TAKES_TEXT(qzcap_set_workmode)
 int qzcap_reset() {
     return outcome(nullptr);
 }
@@ -177,15 +178,11 @@ int qzcap_upgrade(const char *url, uint32_t, const char *chksum, char **errtext)
     const char *texts[] = {url, chksum};
     return texts_outcome(texts, 2, errtext);
 }
-qzcap_waninfo *qzcap_get_waninfo() {
-    return fetch<qzcap_waninfo>(capi::waninfo, "waninfo");
-}
+GIVES(qzcap_get_waninfo, waninfo, "waninfo")
 
 // --- LAN hosts ---
 
-int qzcap_list_laninfo(unsigned *count, qzcap_laninfo ***list) {
-    return list_of(capi::laninfo, "laninfo", nullptr, count, list);
-}
+LISTS(qzcap_list_laninfo, laninfo)
 int qzcap_set_laninfo(uint32_t, const qzcap_laninfo *record, char **errtext) {
     return outcome(capi::laninfo, record, errtext);
 }
@@ -202,24 +199,16 @@ qzcap_wifiinfo *qzcap_get_wifiinfo(int band) {
 int qzcap_set_wifiinfo_async(int, const qzcap_wifiinfo *record, int) {
     return outcome(capi::wifiinfo, record, nullptr);
 }
-qzcap_wifi_switch *qzcap_get_wifi_switch() {
-    return fetch<qzcap_wifi_switch>(capi::wifi_switch, "wifi_switch");
-}
-int qzcap_wifi_timer_list(unsigned *count, qzcap_wifi_timer ***list) {
-    return list_of(capi::wifi_timer, "wifi_timer", nullptr, count, list);
-}
-int qzcap_wifi_timer_add(const qzcap_wifi_timer *record, char **errtext) {
-    return outcome(capi::wifi_timer, record, errtext);
-}
+GIVES(qzcap_get_wifi_switch, wifi_switch, "wifi_switch")
+LISTS(qzcap_wifi_timer_list, wifi_timer)
+TAKES(qzcap_wifi_timer_add, wifi_timer)
 int qzcap_wifi_timer_set(uint32_t, const qzcap_wifi_timer *record, char **errtext) {
     return outcome(capi::wifi_timer, record, errtext);
 }
 int qzcap_wifi_timer_delete(uint32_t, char **errtext) {
     return outcome(errtext);
 }
-int qzcap_get_neighbourinfo(unsigned *count, qzcap_neighbourinfo ***list) {
-    return list_of(capi::neighbourinfo, "neighbourinfo", nullptr, count, list);
-}
+LISTS(qzcap_get_neighbourinfo, neighbourinfo)
 int qzcap_get_channel_score(int band, unsigned *count, qzcap_channel_score ***list) {
     return list_of(capi::channel_score, "channel_score", band_name(band), count, list);
 }
@@ -256,36 +245,18 @@ qzcap_wifi_apstat *qzcap_wifi_ap_stats(int band, uint32_t) {
 int qzcap_wifi_deassociation(const char *const *macs, unsigned count, char **errtext) {
     return texts_outcome(macs, count, errtext);
 }
-int qzcap_start_rssi_query(const qzcap_rssi_query *record, char **errtext) {
-    return outcome(capi::rssi_query, record, errtext);
-}
-int qzcap_bss_transition(const qzcap_bsstransition *record, char **errtext) {
-    return outcome(capi::bsstransition, record, errtext);
-}
-qzcap_roaming *qzcap_get_roaming() {
-    return fetch<qzcap_roaming>(capi::roaming, "roaming");
-}
-int qzcap_set_roaming(const qzcap_roaming *record, char **errtext) {
-    return outcome(capi::roaming, record, errtext);
-}
-qzcap_mesh *qzcap_get_mesh() {
-    return fetch<qzcap_mesh>(capi::mesh, "mesh");
-}
-qzcap_backhaulbss *qzcap_mesh_backhaulbss() {
-    return fetch<qzcap_backhaulbss>(capi::backhaulbss, "backhaulbss");
-}
+TAKES(qzcap_start_rssi_query, rssi_query)
+TAKES(qzcap_bss_transition, bsstransition)
+GIVES(qzcap_get_roaming, roaming, "roaming")
+TAKES(qzcap_set_roaming, roaming)
+GIVES(qzcap_get_mesh, mesh, "mesh")
+GIVES(qzcap_mesh_backhaulbss, backhaulbss, "backhaulbss")
 char *qzcap_mesh_topo(int) {
     return outcome(nullptr) == 0 ? qzcap_strdup(R"({"agents": [{"almac": "02:5A:10:00:00:42"}]})") : nullptr;
 }
-int qzcap_set_mesh_role(const char *role, char **errtext) {
-    return text_outcome(role, errtext);
-}
-qzcap_roaming *qzcap_get_mesh_roaming() {
-    return fetch<qzcap_roaming>(capi::roaming, "mesh_roaming");
-}
-int qzcap_set_mesh_roaming(const qzcap_roaming *record, char **errtext) {
-    return outcome(capi::roaming, record, errtext);
-}
+TAKES_TEXT(qzcap_set_mesh_role)
+GIVES(qzcap_get_mesh_roaming, roaming, "mesh_roaming")
+TAKES(qzcap_set_mesh_roaming, roaming)
 
 // --- vendor-specific elements ---
 
@@ -295,12 +266,8 @@ int qzcap_add_vsie_beacontx(const qzcap_vsie_beacontx *record, char **errtext) {
 int qzcap_vsie_beacontx_action(int, const char *action, char **errtext) {
     return text_outcome(action, errtext);
 }
-int qzcap_delete_vsie_beacontx_by_name(const char *name, char **errtext) {
-    return text_outcome(name, errtext);
-}
-int qzcap_add_vsie_proberesp(const qzcap_vsie_proberesp *record, char **errtext) {
-    return outcome(capi::vsie_proberesp, record, errtext);
-}
+TAKES_TEXT(qzcap_delete_vsie_beacontx_by_name)
+TAKES(qzcap_add_vsie_proberesp, vsie_proberesp)
 
 // --- cloud servers ---
 
@@ -325,6 +292,4 @@ qzcap_serverinfo *qzcap_get_serverinfo() {
     }
     return record;
 }
-int qzcap_set_serverinfo(const qzcap_serverinfo *record, char **errtext) {
-    return outcome(capi::serverinfo, record, errtext);
-}
+TAKES(qzcap_set_serverinfo, serverinfo)

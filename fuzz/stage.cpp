@@ -5,17 +5,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
-#include "arvok/platform_events.h"
-#include "common/text.h"
-#include "context.h"
-#include "extcc/rules.h"
-#include "machine.h"
 #include "platform.h"
-#include "utask/utask.h"
 
 extern "C" {
 #include <libubox/blobmsg_json.h>
@@ -30,41 +22,27 @@ int free_descriptor() {
     return fd;
 }
 
-}  // namespace
-
-void require(bool holds, const char *what) {
-    if (holds)
-        return;
-    std::fprintf(stderr, "the agent: %s\n", what);
-    std::abort();
+bool is_among(const std::vector<Peer *> &peers, side of) {
+    return std::any_of(peers.begin(), peers.end(), [of](const Peer *peer) { return peer->of() == of; });
 }
 
-std::string_view Input::until_end() {
-    const std::string_view all = rest_;
-    rest_ = {};
-    return all;
-}
-
-std::string_view Input::until(char separator) {
-    const std::size_t end = rest_.find(separator);
-    if (end == std::string_view::npos)
-        return until_end();
-    const std::string_view part = rest_.substr(0, end);
-    rest_.remove_prefix(end + 1);
-    return part;
-}
-
+// A decimal number at the beginning of a text, 0 for none, at most `max`.
 long number_at(std::string_view text, long max) {
     return std::clamp(std::strtol(std::string(text).c_str(), nullptr, 10), 0L, max);
 }
 
+}  // namespace
+
+std::string_view Input::until(char separator) {
+    const std::size_t end = rest_.find(separator);
+    const std::string_view part = rest_.substr(0, end);
+    rest_.remove_prefix(std::min(part.size() + 1, rest_.size()));
+    return part;
+}
+
 blob_ptr blob_of_json(std::string_view json) {
-    blob_buf buf{};
-    blob_buf_init(&buf, 0);
-    const bool valid = blobmsg_add_json_from_string(&buf, std::string(json).c_str());
-    blob_ptr message(valid ? blob_memdup(buf.head) : nullptr);
-    blob_buf_free(&buf);
-    return message;
+    bus_message message;
+    return blob_ptr(message.add_json(std::string(json)) ? blob_memdup(message.get()) : nullptr);
 }
 
 blob_ptr blob_of_bytes(std::string_view bytes) {
@@ -75,40 +53,24 @@ blob_ptr blob_of_bytes(std::string_view bytes) {
     return message;
 }
 
-Stage::Stage(std::string_view port) : descriptor_(free_descriptor()), port_(port) {
-    rule_folder = file_folder().c_str();
-    _strlcpy(g_ctx.version, "1.0.7", sizeof g_ctx.version);
-    _strlcpy(g_ctx.arch, "ipq5018x", sizeof g_ctx.arch);
-    update_dev_info();
-    ec->sync_on = 1;
-    g_ctx.wifi_switch_on = 1;
-    uloop_init();
-    utask_init();
-    subscribe_platform_events();
-    ec_init();
-    cc_init();
-    ls_init();
-    extcc_init();
-    ec->stream.unsent_max = cc->stream.unsent_max = unsent_max;
+Stage::Stage(std::vector<Peer *> peers, arvok::options chosen)
+    : descriptor_(free_descriptor()),
+      peers_(std::move(peers)),
+      agent_(std::move(chosen), {clock_of_machine, file_folder()}) {
+    machine.link_forbidden = !is_among(peers_, side::gateway);
+    machine.threads_held = !is_among(peers_, side::cloud);
+    require(agent_.begin() == agent::beginning::begun, "does not begin");
+    schedule_timer_ = machine.armed_last;
+    turn();
 }
 
 Stage::~Stage() {
     platform.fate = {};
     while (!platform.installations.empty())
         finish_installation(nullptr);
-    cc_done();
-    ec_done();
-    ls_done();
-    extcc_done();
-    utask_done();
-    unsubscribe_platform_events();
-    require(platform.subscribers.empty(), "leaves a subscription behind");
-    // What main leaves to the end of the process: connections closed in their own read callback.
-    stream_release(ec->stream);
-    stream_release(cc->stream);
-    release_device_info();
-    blob_buf_free(&g_ctx.blob_buf);
-    g_ctx = {};
+    agent_.end();
+    require(platform.subscribers.empty() && !platform.app, "leaves a subscription behind");
+    require(armed_timers().empty(), "leaves a timer armed");
     platform_reset();
     machine_reset();
     require(free_descriptor() == descriptor_, "leaves a descriptor open");
@@ -131,6 +93,9 @@ void Stage::play(Input input) {
         turn();
         check();
     }
+    const unsigned before = platform.replies;
+    command(blob_of_json(R"({"CmdType":"GET_STATUS"})"));
+    require(platform.replies == before + 1, "does not tell its status");
 }
 
 bool Stage::act(std::string_view line, Input &input) {
@@ -143,24 +108,32 @@ bool Stage::act(std::string_view line, Input &input) {
             advance(number_at(argument, 100000000));
             return true;
         case '!':
-            fire(number_at(argument, 100));
+            if (const auto &armed = armed_timers(); !armed.empty()) {
+                uloop_timeout *const timer =
+                    armed[static_cast<std::size_t>(number_at(argument, 100)) % armed.size()].timer;
+                uloop_timeout_cancel(timer);
+                timer->cb(timer);
+            }
             return true;
         case '%':
             taking_ = !taking_;
-            at_once_ = false;
+            for (Peer *peer : peers_)
+                peer->at_once = false;
             return true;
         case '-':
-            shutdown(newest_far_end(port_), SHUT_RDWR);
+            if (!peers_.empty())
+                shutdown(peers_.front()->descriptor(), SHUT_RDWR);
             return true;
         case '?':
-            notified_ = true;
             notify_from(argument);
+            notified_ = true;
             return true;
         case '$':
             finish_installation(blob_of_json(argument).get());
             return true;
         case '@':
-            at_once_ = false;
+            for (Peer *peer : peers_)
+                peer->at_once = false;
             raw(input.rest());
             return true;
         default:
@@ -168,49 +141,43 @@ bool Stage::act(std::string_view line, Input &input) {
     }
 }
 
+// A cloud behind a WAN that is down is waited for without a timer.
+void Stage::check() {
+    const auto &armed = armed_timers();
+    const bool waits = std::any_of(armed.begin(), armed.end(),
+                                   [this](const armed_timer &one) { return one.timer != schedule_timer_; });
+    for (const Peer *peer : peers_)
+        require(waits || peer->may_be_waited_for() || (notified_ && peer->of() == side::cloud),
+                "waits for ever");
+}
+
+void Stage::command(const blob_ptr &message) {
+    ubus_request_data request{};
+    platform.app->postmsg(qzcap_get_ubus_context(), nullptr, &request, "postmsg", message.get());
+}
+
 void Stage::notify_from(std::string_view line) {
-    Input words(reinterpret_cast<const std::uint8_t *>(line.data()), line.size());
+    Input words(line);
     const std::string_view which = words.until(' ');
     const std::string method(words.until(' '));
     const blob_ptr message = blob_of_json(words.rest());
     notify(static_cast<unsigned>(number_at(which, 1000)), method.c_str(), message.get());
 }
 
-void Stage::fire(long which) {
-    uloop_timeout *const timers[] = {
-        &ec->reconnect_timer,      &ec->ack_timer,           &ec->keepalive_timer,
-        &ec->keepalive_ack_timer,  &cc->reconnect_timer,     &cc->change_timer,
-        &cc->heartbeat_timer,      &cc->ack_timer,           &g_ctx.extcc.lanhost_timer,
-        &g_ctx.extcc.parent_timer, &g_ctx.extcc.guest_timer,
-    };
-    std::vector<uloop_timeout *> armed;
-    std::copy_if(std::begin(timers), std::end(timers), std::back_inserter(armed),
-                 [](const uloop_timeout *timer) { return timer->pending; });
-    if (armed.empty())
-        return;
-    uloop_timeout *timer = armed[static_cast<std::size_t>(which) % armed.size()];
-    uloop_timeout_cancel(timer);
-    timer->cb(timer);
-}
-
-void Stage::send(std::string_view bytes) {
+void Stage::send(const Peer &peer, std::string_view bytes) {
     while (!bytes.empty()) {
-        const ssize_t sent = ::send(newest_far_end(port_), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        const ssize_t sent = ::send(peer.descriptor(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
         if (sent <= 0)
-            return;  // there is none, or the agent does not read
+            return;  // there is no connection, or the agent does not read
         bytes.remove_prefix(static_cast<std::size_t>(sent));
         turn();
     }
 }
 
-void Stage::send_in_pieces(std::string_view bytes) {
-    const std::size_t piece = byte_at(bytes, 0);
-    bytes.remove_prefix(std::min<std::size_t>(1, bytes.size()));
-    while (piece > 0 && bytes.size() > piece) {
-        send(bytes.substr(0, piece));
-        bytes.remove_prefix(piece);
-    }
-    send(bytes);
+void Stage::raw(std::string_view bytes) {
+    const std::size_t piece = byte_at(bytes, 0) ? byte_at(bytes, 0) : bytes.size();
+    for (std::size_t at = 1; at < bytes.size(); at += piece)
+        send(*peers_.front(), bytes.substr(at, piece));
 }
 
 void Stage::turn() {
@@ -218,22 +185,46 @@ void Stage::turn() {
         // Descriptors, then tasks that they have posted, then what was put off to the next turn.
         for (int round = 0; round < 3; round++)
             uloop_run_timeout(0);
-    } while (taking_ && take_answers());
+    } while (take_answers());
 }
 
-// False when there were none.
+// False when there were none. The peer of the script may have stopped taking.
 bool Stage::take_answers() {
-    const int fd = newest_far_end(port_);
-    if (fd != taken_from_)
-        inbox_.clear();
-    taken_from_ = fd;
-    const std::size_t before = inbox_.size();
-    char buf[16384];
-    for (ssize_t got; (got = recv(fd, buf, sizeof buf, 0)) > 0;)
-        inbox_.append(buf, static_cast<std::size_t>(got));
-    const bool any = inbox_.size() > before;
-    inbox_.erase(0, received(inbox_));
+    bool any = false;
+    for (std::size_t i = taking_ ? 0 : 1; i < peers_.size(); i++)
+        any |= peers_[i]->take_answers();
     return any;
+}
+
+// --- connections that are under way ---
+
+void register_device(Stage &stage, GatewayPeer &gateway) {
+    for (const char *line :
+         {R"({"type":"keyngack","keymode":"dh"})", R"({"type":"dh","data":{"dh_key":"BQ=="}})",
+          R"({"type":"cfg","sequence":1,"mac":"",)"
+          R"("set":{"eventsub":["online","offline","vsie","rolechange"]}})"})
+        stage.say(gateway, line);
+}
+
+void store_servers(int wanted, bool known) {
+    known |= wanted >= 4;
+    platform.servers = {"100.64.0.1:8088", known ? "a token" : "", known ? "device 1" : ""};
+    if (wanted > 1)
+        platform.servers.emplace_back("100.64.0.2:8088");
+}
+
+void climb_to(int wanted, Stage &stage, CloudPeer &cloud) {
+    constexpr struct {
+        int from;
+        const char *line;
+    } steps[] = {
+        {3, R"({"Ack":"GetChallengeCode","Result":0,"ChallengeCode":"XtGq3KRlwxhWgQ6e46k6jumtceRTLBuz"})"},
+        {5, R"({"Ack":"Connect","Result":0,"SKey":"0123456789abcdef"})"},
+        {5, R"({"Ack":"Heartbeat","Result":0})"},
+    };
+    for (const auto &step : steps)
+        if (wanted >= step.from)
+            stage.say(cloud, step.line);
 }
 
 }  // namespace arvok::fuzz

@@ -7,7 +7,7 @@
 ///
 ///     ~FATES         what becomes of the next calls of the platform (platform.h)
 ///     +SECONDS       time passes
-///     !N             the N-th of the timers that are armed runs out, counted round
+///     !N             the N-th of the timers that are armed runs out, the soonest is 0, counted round
 ///     *N             the next line is played N more times, at most 20
 ///     %              the peer stops taking what the agent sends, or takes it again
 ///     -              the peer closes the connection
@@ -21,100 +21,86 @@
 #include <string_view>
 #include <vector>
 
-#include "common/handle.h"
-
-extern "C" {
-#include <libubox/blob.h>
-#include <libubox/uloop.h>
-}
+#include "agent/agent.h"
+#include "base/handle.h"
+#include "peers.h"
 
 namespace arvok::fuzz {
 
 using blob_ptr = handle<blob_attr, &::free>;
 
-/// What may wait to be sent before further requests wait, too: little, so that an input gets there soon.
-constexpr int unsent_max = 4096;
-
-/// Ends the process when the agent has done what it must not do.
-void require(bool holds, const char *what);
-
 class Input {
   public:
     Input(const std::uint8_t *bytes, std::size_t size) : rest_(reinterpret_cast<const char *>(bytes), size) {}
+    explicit Input(std::string_view text) : rest_(text) {}
 
     /// What stands before the next `separator`, which is dropped; all that is left when there is none.
     std::string_view until(char separator);
     bool empty() const { return rest_.empty(); }
     /// Everything that is left.
-    std::string_view rest() { return until_end(); }
+    std::string_view rest() { return std::exchange(rest_, {}); }
 
   private:
-    std::string_view until_end();
     std::string_view rest_;
 };
-
-/// One byte of a text, 0 beyond its end.
-inline unsigned char byte_at(std::string_view text, std::size_t i) {
-    return i < text.size() ? static_cast<unsigned char>(text[i]) : 0;
-}
-
-/// A decimal number at the beginning of a text, 0 for none, at most `max`.
-long number_at(std::string_view text, long max);
 
 /// A message of the bus: from JSON (null when it is none), or of exactly these bytes.
 blob_ptr blob_of_json(std::string_view json);
 blob_ptr blob_of_bytes(std::string_view bytes);
 
-/// The agent from the start of its modules to its end, as main has it, but without a connection. What the
-/// options have left in g_ctx counts.
+/// The agent from its beginning to its end.
 class Stage {
   public:
-    /// The peer on the connections with that port is this one; the others are silent.
-    explicit Stage(std::string_view port = {});
+    /// These are on the other side of its connections; without a gateway the link is switched off, and
+    /// without a cloud its name is being looked up for ever. The script speaks for the first.
+    explicit Stage(std::vector<Peer *> peers, arvok::options chosen = {});
     virtual ~Stage();
     Stage(const Stage &) = delete;
     Stage &operator=(const Stage &) = delete;
 
+    /// Plays a script; in the end the agent must tell its status.
     void play(Input input);
+    /// One message of a peer.
+    void say(Peer &peer, std::string_view line) { send(peer, peer.message(line)); }
+    /// One command of another app.
+    static void command(const blob_ptr &message);
 
   protected:
     /// One line of the script that is no act.
-    virtual void message(std::string_view line) = 0;
-    /// What stands behind '@'.
-    virtual void raw(std::string_view bytes) = 0;
+    virtual void message(std::string_view line) { say(*peers_.front(), line); }
+    /// What stands behind '@': goes out in pieces of as many bytes as the first says, in one piece for 0.
+    virtual void raw(std::string_view bytes);
+    /// Called after every line: the agent must not be stuck.
+    virtual void check();
 
-    /// Sends bytes to the agent through our newest connection, if there is one, and lets it work.
-    void send(std::string_view bytes);
-    /// The same in pieces of as many bytes as the first says, in one piece for 0.
-    void send_in_pieces(std::string_view bytes);
+    /// Sends bytes to the agent, if there is a connection, and lets it work.
+    void send(const Peer &peer, std::string_view bytes);
     /// Lets the agent work until it has nothing more to do at this moment.
     void turn();
-
     /// One notification, "N METHOD JSON".
     static void notify_from(std::string_view line);
 
-    /// Called after every line: the agent must not be stuck.
-    virtual void check() {}
-
-    /// Bytes that the agent has sent; what is not complete stays at the beginning of the next ones. Returns
-    /// how many have been dealt with.
-    virtual std::size_t received(std::string_view) { return 0; }
-
-    /// Answers arrive in the state in which they were sent, so that their keys are known. No longer after raw
-    /// bytes, which may hold several messages, and after answers that were left waiting.
-    bool at_once_ = true;
-    bool notified_ = false;  ///< the platform has notified something
+    /// The timer at which the schedules are looked at again: the last that the agent's beginning arms.
+    const uloop_timeout *schedule_timer() const { return schedule_timer_; }
 
   private:
     bool act(std::string_view line, Input &input);
     bool take_answers();
-    void fire(long which);
 
     const int descriptor_;  ///< the next one that is free
-    const std::string port_;
+    const std::vector<Peer *> peers_;
+    agent agent_;
+    const uloop_timeout *schedule_timer_;
     bool taking_ = true;
-    int taken_from_ = -1;
-    std::string inbox_;
+    bool notified_ = false;  ///< the platform has notified something
 };
+
+/// Takes the agent over the key agreement; it is told to report all events.
+void register_device(Stage &stage, GatewayPeer &gateway);
+/// Before the stage begins: stored servers with which the connection gets to the cloud's stage `wanted`, 1 to
+/// 5, with an identity for those that need one and when the device is `known`.
+void store_servers(int wanted, bool known);
+/// Takes the agent from there to that stage.
+void climb_to(int wanted, Stage &stage, CloudPeer &cloud);
 
 }  // namespace arvok::fuzz

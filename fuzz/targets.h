@@ -9,13 +9,15 @@ namespace arvok::fuzz {
 /// script; a message is framed, and encrypted when the link is; one that begins with '=' is framed in clear.
 void gateway(Input input);
 
-/// The platform's notifications, on a registered link and with a connected cloud: a script in which every
-/// line is one, "N METHOD JSON", and '@' one of raw bytes: subscriber, method, message.
+/// The platform's notifications, on a registered link and with a connected cloud, of which each has
+/// subscribed to an object: a script in which every line is one, "N METHOD JSON", and '@' one of raw bytes:
+/// subscriber, method, message.
 void events(Input input);
 
-/// The cloud connection. First line: the cc_status in which it begins, and anything behind that for a device
-/// with an identity. Then a script; a message is encrypted
-/// as the status asks for; with '=' it goes in clear base64, with '#' it is the frame's body as it stands.
+/// The cloud connection. First line: the stage in which it begins (1 Boot, 2 GetChallengeCode, 3 Activate, 4
+/// Connect, 5 connected), and anything behind that for a device with an identity, as it has from 4 on. Then a
+/// script; a message is encrypted as the stage asks for; with '=' it goes in clear base64, with '#' it is the
+/// frame's body as it stands.
 void cloud(Input input);
 
 /// Control files and messages to apps, parts separated by form feeds: plugin identifier, version, message,
@@ -36,6 +38,10 @@ void rules(Input input);
 /// Parts separated by form feeds: the arguments, one a line, the test-mode marker file, and the stored server
 /// settings, one a line.
 void options(Input input);
+
+/// A request of the cloud about an app.
+std::string app_request(const char *method, std::string_view app, std::string_view version,
+                        std::string_view parameter);
 
 struct Target {
     const char *name;
