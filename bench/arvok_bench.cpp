@@ -7,121 +7,128 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <optional>
 #include <string>
+#include <vector>
 
-#include "arvok_client/frame.h"
-#include "common/json.h"
-#include "common/text.h"
-#include "context.h"
-#include "extcc/rules.h"
-#include "extcc/schedule.h"
-#include "utask/utask.h"
+#include "access/schedule.h"
+#include "access/schedules.h"
+#include "base/crypto.h"
+#include "base/json.h"
+#include "base/task_queue.h"
+#include "base/text.h"
+#include "gateway/frame.h"
 
 extern "C" {
 #include <libubox/blobmsg.h>
-#include <libubox/uloop.h>
 #include <libubus.h>
 }
 
-namespace arvok {
+namespace arvok::bench {
 namespace {
 
-const auto *key = reinterpret_cast<const unsigned char *>("0123456789abcdef");
+// A message of nearly `size` characters: an array of small objects, as status answers are.
+std::string message(std::int64_t size) {
+    constexpr int around = 64, each = 48;  // bytes
+    json::array list;
+    for (std::int64_t at = around; at + each <= size; at += each)
+        list.add(json::object().text("mac", "02AABBCCDD01").text("band", "5G").digits("rssi", -51).take());
+    json::object whole;
+    whole.text("type", "status").number("sequence", 7).text("mac", "021122334455").add("list", list.take());
+    return whole.take().take();
+}
 
-// A message of `size` characters: an array of small objects, as status answers are.
-std::string message(std::size_t size) {
-    const std::string item = R"({"mac":"02AABBCCDD01","band":"5G","rssi":"-51"},)";
-    std::string text = R"({"type":"status","sequence":7,"mac":"021122334455","list":[)";
-    while (text.size() + item.size() + 8 < size)
-        text += item;
-    if (text.back() == ',')
-        text.pop_back();
-    text += R"(],"p":")";
-    text.append(size - std::min(size, text.size() + 2), 'x');
-    return text + "\"}";
+std::optional<aes> link_cipher(bool encrypted) {
+    if (!encrypted)
+        return std::nullopt;
+    return aes(aes_mode::cbc, aes_key_of("0123456789abcdef"));
+}
+
+std::string frame(const std::string &text, std::optional<aes> &cipher) {
+    return gateway::frame_of(cipher ? cipher->encrypt(text).value() : text);
+}
+
+void frame_encoding(benchmark::State &state) {
+    std::optional<aes> cipher = link_cipher(state.range(1));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(frame(message(state.range(0)), cipher));
+    state.SetBytesProcessed(state.iterations() * state.range(0));
+}
+
+void frame_decoding(benchmark::State &state) {
+    std::optional<aes> cipher = link_cipher(state.range(1));
+    const std::string received = frame(message(state.range(0)), cipher);
+    const std::size_t header = gateway::link_frames.header_size;
+    for (auto _ : state) {
+        std::string body = received.substr(header, *gateway::link_frames.body_length(received));
+        if (cipher)
+            body = cipher->decrypt(body).value();
+        benchmark::DoNotOptimize(json::parse(body));
+    }
+    state.SetBytesProcessed(state.iterations() * state.range(0));
 }
 
 std::string host_mac(std::int64_t number) {
-    char mac[16];
-    std::snprintf(mac, sizeof mac, "02C0FF%06X", static_cast<unsigned>(number));
-    return mac;
+    return format("02C0FF%06X", static_cast<unsigned>(number));
+}
+
+std::string time_of_day(std::int64_t hour, std::int64_t minute) {
+    return format("%02d:%02d", static_cast<int>(hour % 24), static_cast<int>(minute % 60));
 }
 
 // What the agent does at a boundary, but for the platform's part: decides for each host with rules, finds the
 // rules of each host on the LAN, and looks for the next boundary. The log goes nowhere.
 void schedule_evaluation(benchmark::State &state) {
     const std::int64_t rules = state.range(0), hosts = state.range(1);
-    clear_rules();
+    const int log = dup(STDERR_FILENO), nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    dup2(nowhere, STDERR_FILENO);
+    access::schedules times("/no folder, no file/");
+    access::schedules::addition addition(times);
     std::vector<std::string> macs;
     for (std::int64_t i = 0; i < hosts; i++)
         macs.push_back(host_mac(i));
-    for (std::int64_t i = 0; i < rules; i++) {
-        char start[8], end[8];
-        std::snprintf(start, sizeof start, "%02d:%02d", static_cast<int>(i * 7 % 24),
-                      static_cast<int>(i * 11 % 60));
-        std::snprintf(end, sizeof end, "%02d:%02d", static_cast<int>(i * 13 % 24),
-                      static_cast<int>(i * 17 % 60));
-        _add_mac_to_list(host_mac(i % (2 * hosts)).c_str(), start, end, 1, static_cast<int>(i % 8));
-    }
-    const rule_instant at = rule_instant_at(1795262066, true);
-    const int log = dup(STDERR_FILENO), nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    dup2(nowhere, STDERR_FILENO);
+    for (std::int64_t i = 0; i < rules; i++)
+        addition.add(host_mac(i % (2 * hosts)),
+                     {.enable = 1,
+                      .mode = static_cast<std::uint8_t>(i % 8),
+                      .start = time_of_day(i * 7, i * 11),
+                      .end = time_of_day(i * 13, i * 17)},
+                     "", "");
+    const access::rule_instant at = access::rule_instant_at(1795262066, true);
     for (auto _ : state) {
-        for (timer_host &host : g_ctx.extcc.timer_hosts)
-            host.action = _now_in_range(host, at) ? access_scheduled : access_unrestricted;
+        for (access::host_schedule &host : times.hosts())
+            host.action = is_in_range(host, at) ? access::scheduled : access::unrestricted;
         for (const std::string &mac : macs)
-            benchmark::DoNotOptimize(_find_timer_host(mac.c_str()));
-        benchmark::DoNotOptimize(_get_next_action(g_ctx.extcc.timer_hosts, at));
+            benchmark::DoNotOptimize(times.find(mac));
+        benchmark::DoNotOptimize(seconds_to_next_check(times.hosts(), at));
     }
     dup2(log, STDERR_FILENO);
     close(log);
     close(nowhere);
-    clear_rules();
     state.counters["each"] = benchmark::Counter(static_cast<double>((rules + hosts) * state.iterations()),
                                                 benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
-void frame_encoding(benchmark::State &state) {
-    const json_ptr root = json_parse(message(static_cast<std::size_t>(state.range(0))).c_str());
-    const bool encrypted = state.range(1) != 0;
-    for (auto _ : state) {
-        const text_ptr text = json_print(root.get());
-        benchmark::DoNotOptimize(frame_encode(text.get(), _strlen(text.get()), encrypted ? key : nullptr));
-    }
-    state.SetBytesProcessed(state.iterations() * state.range(0));
-}
-
-void frame_decoding(benchmark::State &state) {
-    const std::string text = message(static_cast<std::size_t>(state.range(0)));
-    const unsigned char *used_key = state.range(1) != 0 ? key : nullptr;
-    std::vector<char> frame = frame_encode(text.c_str(), static_cast<int>(text.size()), used_key);
-    frame.push_back('\0');
-    for (auto _ : state) {
-        const int len = frame_body_length(frame.data());
-        const text_ptr plain = frame_body_text(frame.data() + frame_header_size, len, used_key);
-        benchmark::DoNotOptimize(json_parse(plain.get()));
-    }
-    state.SetBytesProcessed(state.iterations() * state.range(0));
-}
-
-// From utask_set to the function's run, with the loop's turn in between; per task.
+// From a task's posting to its run, with the loop's turn in between; per task.
 void task_hand_off(benchmark::State &state) {
-    static long left;
     uloop_init();
-    utask_init();
-    for (auto _ : state) {
-        left = state.range(0);
-        for (long i = 0; i < state.range(0); i++)
-            utask_set(nullptr, [](void *) {
-                if (--left == 0)
-                    uloop_end();
-            });
-        uloop_run_timeout(-1);
+    {
+        task_queue tasks;
+        std::int64_t left;
+        for (auto _ : state) {
+            left = state.range(0);
+            for (std::int64_t i = 0; i < state.range(0); i++)
+                tasks.post([&left] {
+                    if (--left == 0)
+                        uloop_end();
+                });
+            uloop_run_timeout(-1);
+        }
     }
-    utask_done();
+    uloop_done();
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
@@ -221,6 +228,6 @@ BENCHMARK(task_hand_off)->ArgName("tasks")->Arg(1)->Arg(100);
 BENCHMARK(bus_call)->ArgName("size")->Arg(16)->Arg(4096)->UseRealTime();
 
 }  // namespace
-}  // namespace arvok
+}  // namespace arvok::bench
 
 BENCHMARK_MAIN();

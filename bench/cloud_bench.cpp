@@ -23,10 +23,9 @@
 #include <vector>
 
 #include "cloud_peer.h"
-#include "common/json.h"
 #include "home.h"
 
-namespace arvok {
+namespace arvok::bench {
 namespace {
 
 constexpr int starts = 40;
@@ -85,8 +84,7 @@ void start_program(benchmark::State &state) {
 void status(benchmark::State &state, bench_platform &cloud, const std::string &text) {
     cloud.need_agent();
     const std::string request = cloud.wrapped(text);
-    const json_ptr answer = cloud.decode(cloud.round_trip(request), platform::cipher::aes);
-    if (_get_json_int(answer.get(), "Result", -1) != 0)
+    if (cloud.decode(cloud.round_trip(request), platform::cipher::aes)["Result"].integer() != 0)
         return state.SkipWithError("request failed");
     for (auto _ : state)
         benchmark::DoNotOptimize(cloud.round_trip(request));
@@ -129,8 +127,8 @@ constexpr char notes[] =
     "business server. Each round trip is a SetPluginParams request with a status request in it.\n\n";
 
 }  // namespace
-}  // namespace arvok
+}  // namespace arvok::bench
 
 int main(int argc, char **argv) {
-    return arvok::measure_in_home(argc, argv, arvok::measure, arvok::notes);
+    return arvok::bench::measure_in_home(argc, argv, arvok::bench::measure, arvok::bench::notes);
 }

@@ -5,14 +5,13 @@
 #include <chrono>
 #include <optional>
 #include <string>
-#include <vector>
 
-#include "common/json.h"
+#include "base/json.h"
 #include "development_key.h"
 #include "home.h"
 #include "lab/cloud/crypto.h"
 
-namespace arvok {
+namespace arvok::bench {
 
 extern const char bootstrap_server[];  // for the agent's -b, which makes it forget its identity
 
@@ -34,12 +33,12 @@ class platform {
     bool connected() const { return link_.has_value(); }
 
     /// One round trip; heartbeats that come in between are answered. Returns the answer's frame.
-    std::vector<char> round_trip(const std::string &request);
+    std::string round_trip(const std::string &request);
     /// Answers the heartbeats that have come; everything else is passed over.
     void serve();
 
-    std::string encode(const cJSON *message, cipher how) const;
-    json_ptr decode(const std::vector<char> &frame, cipher how) const;
+    std::string encode(const json::value &message, cipher how) const;
+    json::document decode(const std::string &frame, cipher how) const;
     /// A message of the gateway link as the platform sends it.
     std::string wrapped(const std::string &text) const;
 
@@ -48,7 +47,7 @@ class platform {
     void challenge();
     template <typename Fill>
     void exchange(connection &link, const char *method, cipher how, Fill fill);
-    bool answer_heartbeat(const std::vector<char> &frame);
+    bool answer_heartbeat(const std::string &frame);
 
     const lab::PlatformKey key_ = lab::PlatformKey::read(lab::development_key).value();
     listener bootstrap_{"100.64.0.1", "8088"};
@@ -59,4 +58,4 @@ class platform {
     seconds own_time_{};
 };
 
-}  // namespace arvok
+}  // namespace arvok::bench

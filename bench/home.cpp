@@ -1,5 +1,6 @@
 #include "home.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -23,15 +24,16 @@
 #include <string_view>
 #include <utility>
 
-#include "common/stream.h"
+#include "base/handle.h"
+#include "base/loop.h"
+#include "base/stream.h"
 
 extern "C" {
-#include <libubox/uloop.h>
 #include <libubox/usock.h>
 #include <libubus.h>
 }
 
-namespace arvok {
+namespace arvok::bench {
 namespace {
 
 constexpr char agent_address[] = "192.168.1.2";
@@ -39,34 +41,18 @@ constexpr char echo_port[] = "32769";
 constexpr char echo_option[] = "--echo";
 constexpr char called_object[] = "qzcapd.system";
 constexpr char called_method[] = "terminalnum";
+constexpr std::size_t unsent_max = 256 * 1024;
 constexpr int patience_s = 30;  // with whoever has to connect or to answer
 
 [[noreturn]] void fail_with_errno(const char *what) {
     fail(std::string(what) + ": " + std::strerror(errno));
 }
 
-bool is_ready(int fd) {
-    pollfd ready{fd, POLLIN, 0};
-    return poll(&ready, 1, 0) > 0;
+// Whether there is something to read, or to accept, within so many milliseconds.
+bool waits(const descriptor &fd, int ms) {
+    pollfd ready{fd.get(), POLLIN, 0};
+    return poll(&ready, 1, ms) > 0;
 }
-
-// --- the bare echo: reads a frame, answers with as many bytes as it has been told to ---
-
-struct echo_server {
-    tcp_stream stream;
-    uloop_fd listener;
-    int request_len = 0;  // of whole frames; 0 until the lengths are known
-    std::uint32_t calls = 0;
-    ubus_context *bus = nullptr;
-    std::uint32_t called_object = 0;
-    std::vector<char> answer;
-};
-echo_server echo;
-
-// The first message of a connection.
-struct echo_order {
-    std::uint32_t request_size, answer_size, calls;
-};
 
 int call_platform(ubus_context *bus, std::uint32_t object, const char *method) {
     static struct blob_buf buf;
@@ -75,51 +61,69 @@ int call_platform(ubus_context *bus, std::uint32_t object, const char *method) {
         bus, object, method, buf.head, [](ubus_request *, int, blob_attr *) {}, nullptr, 1000);
 }
 
-void echo_read(tcp_stream &stream, int avail) {
-    if (echo.request_len == 0) {
-        echo_order order;
-        if (avail < static_cast<int>(sizeof order))
-            return;
-        stream_read(stream, &order, sizeof order);
-        echo.request_len = static_cast<int>(order.request_size);
-        echo.answer.assign(order.answer_size, 'x');
-        echo.calls = order.calls;
-        avail -= static_cast<int>(sizeof order);
-    }
-    for (; avail >= echo.request_len; avail -= echo.request_len) {
-        std::vector<char> request(static_cast<std::size_t>(echo.request_len));
-        stream_read(stream, request.data(), echo.request_len);
-        for (std::uint32_t i = 0; i < echo.calls; i++)
-            if (call_platform(echo.bus, echo.called_object, called_method) != 0)
-                return stream_close(stream);
-        stream_write(stream, echo.answer.data(), static_cast<int>(echo.answer.size()));
-    }
+using bus_handle = handle<ubus_context, &ubus_free>;
+
+bus_handle open_bus(const char *object, std::uint32_t &id) {
+    bus_handle bus(ubus_connect(std::getenv("UBUS_SOCKET")));
+    if (!bus || ubus_lookup_id(bus.get(), object, &id) != 0)
+        fail("no bus, or not the platform's");
+    return bus;
 }
 
-void echo_closed(tcp_stream &stream) {
-    stream_close(stream);
-    echo.request_len = 0;
-}
+// The first message of a connection to the bare echo.
+struct echo_order {
+    std::uint32_t request_size, answer_size, calls;
+};
+
+// The bare echo: reads a frame, answers with as many bytes as it has been told to.
+class echo_server {
+  public:
+    void serve() {
+        if (!listener_)
+            fail_with_errno("echo");
+        watch_.start(listener_.get());
+        uloop_run();
+    }
+
+  private:
+    void arrived() {
+        if (const int fd = accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK); fd >= 0)
+            stream_.open(fd);
+    }
+    void readable(std::size_t available) {
+        if (request_.empty()) {
+            if (available < sizeof order_)
+                return;
+            available -= stream_.read(reinterpret_cast<char *>(&order_), sizeof order_);
+            request_.resize(order_.request_size);
+            answer_.assign(order_.answer_size, 'x');
+        }
+        for (; available >= request_.size(); available -= request_.size()) {
+            stream_.read(request_.data(), request_.size());
+            for (std::uint32_t i = 0; i < order_.calls; i++)
+                if (call_platform(bus_.get(), called_, called_method) != 0)
+                    return closed();
+            stream_.write(answer_);
+        }
+    }
+    void closed() {
+        stream_.close();
+        request_.clear();
+    }
+
+    std::uint32_t called_ = 0;
+    const bus_handle bus_ = open_bus(called_object, called_);
+    const descriptor listener_{usock(USOCK_TCP | USOCK_SERVER | USOCK_NUMERIC, agent_address, echo_port)};
+    readable_watch watch_{bind<&echo_server::arrived>(*this)};
+    stream stream_{{.read = bind<&echo_server::readable>(*this), .broken = bind<&echo_server::closed>(*this)},
+                   unsent_max};
+    echo_order order_{};
+    std::string request_, answer_;  // of whole frames; empty until the sizes are known
+};
 
 int serve_echo() {
     uloop_init();
-    echo.bus = ubus_connect(std::getenv("UBUS_SOCKET"));
-    if (!echo.bus || ubus_lookup_id(echo.bus, called_object, &echo.called_object) != 0)
-        fail("no bus, or not the platform's");
-    stream_init(echo.stream, echo_read, echo_closed);
-    echo.listener.fd = usock(USOCK_TCP | USOCK_SERVER | USOCK_NUMERIC, agent_address, echo_port);
-    if (echo.listener.fd < 0)
-        fail_with_errno("echo");
-    echo.listener.cb = [](uloop_fd *listener, unsigned int) {
-        const int fd = accept(listener->fd, nullptr, nullptr);
-        if (fd >= 0)
-            stream_open(echo.stream, fd);
-    };
-    uloop_fd_add(&echo.listener, ULOOP_READ);
-    uloop_run();
-    stream_close(echo.stream);
-    close(echo.listener.fd);
-    ubus_free(echo.bus);
+    echo_server().serve();
     uloop_done();
     return 0;
 }
@@ -260,85 +264,67 @@ void program::join() {
 
 // --- connections ---
 
-connection::connection(int fd) : fd_(fd) {
-    if (fd < 0)
+connection::connection(descriptor fd) : fd_(std::move(fd)) {
+    if (!fd_)
         fail_with_errno("connection");
     const timeval limit{patience_s, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-}
-
-connection::connection(connection &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-
-connection &connection::operator=(connection &&other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-}
-
-connection::~connection() {
-    if (fd_ >= 0)
-        close(fd_);
+    setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
 }
 
 bool connection::readable() const {
     const int on = 1;
-    setsockopt(fd_, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
-    return is_ready(fd_);
+    setsockopt(fd_.get(), IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+    return waits(fd_, 0);
 }
 
-void connection::read(void *buf, std::size_t len) {
-    for (auto *at = static_cast<char *>(buf); len > 0;) {
-        const ssize_t got = ::read(fd_, at, len);
+void connection::read(char *to, std::size_t size) {
+    while (size > 0) {
+        const ssize_t got = ::read(fd_.get(), to, size);
         if (got == 0)
             errno = ECONNRESET;
         if (got <= 0)
             fail_with_errno("connection");
-        at += got;
-        len -= static_cast<std::size_t>(got);
+        to += got;
+        size -= static_cast<std::size_t>(got);
     }
 }
 
-void connection::write(const void *buf, std::size_t len) {
-    if (::write(fd_, buf, len) != static_cast<ssize_t>(len))
+void connection::write(std::string_view bytes) {
+    if (::write(fd_.get(), bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
         fail_with_errno("connection");
 }
 
-std::vector<char> connection::read_frame(int header_size, int (*body_length)(const void *header)) {
-    std::vector<char> frame(static_cast<std::size_t>(header_size));
-    read(frame.data(), frame.size());
-    const auto len = static_cast<std::size_t>(body_length(frame.data()));
-    frame.resize(frame.size() + len);
-    read(frame.data() + header_size, len);
+std::string connection::read_frame(std::size_t header_size) {
+    std::string frame(header_size, '\0');
+    read(frame.data(), header_size);
+    std::uint32_t length;
+    std::memcpy(&length, frame.data() + header_size - sizeof length, sizeof length);
+    frame.resize(header_size + ntohl(length));
+    read(frame.data() + header_size, frame.size() - header_size);
     return frame;
 }
 
 connection connect_to_agent(const char *port) {
-    for (int tries = 0; tries < 1000; tries++, usleep(1000)) {
-        const int fd = usock(USOCK_TCP | USOCK_NUMERIC, agent_address, port);
-        if (fd >= 0)
-            return connection(fd);
-    }
+    for (int tries = 0; tries < 1000; tries++, usleep(1000))
+        if (descriptor fd(usock(USOCK_TCP | USOCK_NUMERIC, agent_address, port)); fd)
+            return connection(std::move(fd));
     fail_with_errno("connection");
 }
 
 listener::listener(const char *address, const char *port)
     : fd_(usock(USOCK_TCP | USOCK_SERVER | USOCK_NUMERIC, address, port)) {
-    if (fd_ < 0)
+    if (!fd_)
         fail_with_errno("listen");
 }
 
-listener::~listener() {
-    close(fd_);
-}
-
 connection listener::accept() {
-    pollfd ready{fd_, POLLIN, 0};
-    if (poll(&ready, 1, patience_s * 1000) == 0)
+    if (!waits(fd_, patience_s * 1000))
         fail("nobody connects, see bench.log");
-    return connection(::accept(fd_, nullptr, nullptr));
+    return connection(descriptor(::accept(fd_.get(), nullptr, nullptr)));
 }
 
 bool listener::pending() const {
-    return is_ready(fd_);
+    return waits(fd_, 0);
 }
 
 // --- requests ---
@@ -366,24 +352,21 @@ void bare_echo(benchmark::State &state, std::size_t request_size, std::size_t an
     connection link = connect_to_agent(echo_port);
     const echo_order order{static_cast<std::uint32_t>(request_size), static_cast<std::uint32_t>(answer_size),
                            calls};
-    link.write(&order, sizeof order);
-    const std::vector<char> request(request_size, 'x');
-    std::vector<char> answer(answer_size);
+    link.write({reinterpret_cast<const char *>(&order), sizeof order});
+    const std::string request(request_size, 'x');
+    std::string answer(answer_size, '\0');
     for (auto _ : state) {
-        link.write(request.data(), request.size());
+        link.write(request);
         link.read(answer.data(), answer.size());
     }
 }
 
 void bus_call(benchmark::State &state, const char *object, const char *method) {
-    ubus_context *ctx = ubus_connect(std::getenv("UBUS_SOCKET"));
     std::uint32_t id = 0;
-    if (!ctx || ubus_lookup_id(ctx, object, &id) != 0)
-        fail("no bus, or not the platform's");
+    const bus_handle bus = open_bus(object, id);
     for (auto _ : state)
-        if (call_platform(ctx, id, method) != 0)
+        if (call_platform(bus.get(), id, method) != 0)
             state.SkipWithError("call failed");
-    ubus_free(ctx);
 }
 
 void run_benchmarks() {
@@ -413,4 +396,4 @@ int measure_in_home(int argc, char **argv, const std::function<void()> &measure,
     return 0;
 }
 
-}  // namespace arvok
+}  // namespace arvok::bench

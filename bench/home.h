@@ -9,10 +9,13 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
-namespace arvok {
+#include "base/descriptor.h"
+
+namespace arvok::bench {
 
 [[noreturn]] void fail(const std::string &what);
 
@@ -37,20 +40,17 @@ class program {
 /// A TCP connection that it owns.
 class connection {
   public:
-    explicit connection(int fd);
-    connection(connection &&other) noexcept;
-    connection &operator=(connection &&other) noexcept;
-    ~connection();
+    explicit connection(descriptor fd);
     /// Whether there is something to read, or the end. Acknowledges at once what has come, so that the other
     /// side sends what it holds back until then.
     bool readable() const;
-    void read(void *buf, std::size_t len);
-    void write(const void *buf, std::size_t len);
-    /// A whole frame, whose header tells the length of its body.
-    std::vector<char> read_frame(int header_size, int (*body_length)(const void *header));
+    void read(char *to, std::size_t size);
+    void write(std::string_view bytes);
+    /// A whole frame, whose header ends with the length of its body: four bytes, big-endian.
+    std::string read_frame(std::size_t header_size);
 
   private:
-    int fd_;
+    descriptor fd_;
 };
 
 /// A connection to a port of the agent's host, where somebody is about to listen.
@@ -60,15 +60,12 @@ connection connect_to_agent(const char *port);
 class listener {
   public:
     listener(const char *address, const char *port);
-    listener(const listener &) = delete;
-    listener &operator=(const listener &) = delete;
-    ~listener();
     connection accept();
     /// Whether a connection waits to be accepted.
     bool pending() const;
 
   private:
-    int fd_;
+    descriptor fd_;
 };
 
 /// A status request: its name in the output, its JSON text, and how many platform calls the answer takes.
@@ -101,4 +98,4 @@ void run_benchmarks();
 /// server behind bare_echo running; `notes` go before what is said about all round trips.
 int measure_in_home(int argc, char **argv, const std::function<void()> &measure, const char *notes);
 
-}  // namespace arvok
+}  // namespace arvok::bench

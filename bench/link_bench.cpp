@@ -17,12 +17,11 @@
 #include <functional>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "home.h"
 #include "link_peer.h"
 
-namespace arvok {
+namespace arvok::bench {
 namespace {
 
 constexpr int starts = 40;
@@ -49,14 +48,14 @@ gateway &need(current_link &current) {
 
 void status(benchmark::State &state, current_link &current, const std::string &text) {
     gateway &link = need(current);
-    const std::vector<char> request = link.encode(text);
+    const std::string request = link.encode(text);
     for (auto _ : state)
         benchmark::DoNotOptimize(link.round_trip(request));
 }
 
 void echo(benchmark::State &state, current_link &current, const status_request &asked) {
     gateway &link = need(current);
-    const std::vector<char> request = link.encode(asked.text);
+    const std::string request = link.encode(asked.text);
     bare_echo(state, request.size(), link.round_trip(request).size(), asked.calls);
 }
 
@@ -86,8 +85,8 @@ void measure() {
 }
 
 }  // namespace
-}  // namespace arvok
+}  // namespace arvok::bench
 
 int main(int argc, char **argv) {
-    return arvok::measure_in_home(argc, argv, arvok::measure, "");
+    return arvok::bench::measure_in_home(argc, argv, arvok::bench::measure, "");
 }

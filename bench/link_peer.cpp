@@ -1,14 +1,13 @@
 #include "link_peer.h"
 
-#include <utility>
+#include "gateway/frame.h"
+#include "lab/gateway/crypto.h"
 
-#include "arvok_client/frame.h"
-#include "common/text.h"
-
-namespace arvok {
+namespace arvok::bench {
 namespace {
 
 constexpr char link_port[] = "32768";
+const std::size_t header_size = arvok::gateway::link_frames.header_size;
 constexpr std::size_t keepalive_max = 100;  // no other message's frame is as short as that
 
 }  // namespace
@@ -30,61 +29,61 @@ bool gateway::take_registration() {
 }
 
 void gateway::register_agent() {
-    key_.reset();
+    cipher_.reset();
     receive();  // keyngreq
     send(R"({"type":"keyngack","sequence":0,"mac":"0200000000FE","keymode":"dh"})");
-    const json_ptr dh = receive();
-    const cJSON *data = json_member(dh.get(), "data");
-    dh_key key;
-    key.p = _get_json_str(data, "dh_p");
-    key.g = _get_json_str(data, "dh_g");
-    key.client_pub = _get_json_str(data, "dh_key");
-    gen_server_dh_aes_key(key);
-    send(R"({"type":"dh","sequence":1,"mac":"0200000000FE","data":{"dh_key":")" +
-         std::string(key.server_pub.get()) + R"("}})");
-    key_ = std::move(key.aes_key);
+    const json::document dh = receive();
+    const auto value = [data = dh["data"]](const char *name) {
+        return data[name].text().value_or("").data();
+    };
+    std::string error;
+    const auto answer = lab::answer_dh(value("dh_p"), value("dh_g"), value("dh_key"), error);
+    if (!answer)
+        fail("dh: " + error);
+    send(R"({"type":"dh","sequence":1,"mac":"0200000000FE","data":{"dh_key":")" + answer->public_value +
+         R"("}})");
+    cipher_.emplace(aes_mode::cbc, answer->key);
     receive();  // dev_reg, whose acknowledgement would set off reports
 }
 
-std::vector<char> gateway::encode(const std::string &text) const {
-    return frame_encode(text.c_str(), static_cast<int>(text.size()), key_.get());
+std::string gateway::encode(const std::string &text) {
+    return arvok::gateway::frame_of(cipher_ ? cipher_->encrypt(text).value() : text);
 }
 
-std::vector<char> gateway::round_trip(const std::vector<char> &request) {
+std::string gateway::round_trip(const std::string &request) {
     write(request);
     return next_frame();
 }
 
-std::vector<char> gateway::next_frame() {
+std::string gateway::next_frame() {
     for (;;) {
-        std::vector<char> frame = read_frame();
+        std::string frame = read_frame();
         if (frame.size() > keepalive_max || !answer_keepalive(frame))
             return frame;
     }
 }
 
-json_ptr gateway::decode(std::vector<char> frame) const {
-    frame.push_back('\0');
-    const int len = static_cast<int>(frame.size()) - frame_header_size - 1;
-    return json_parse(frame_body_text(frame.data() + frame_header_size, len, key_.get()).get());
+json::document gateway::decode(const std::string &frame) {
+    const std::string body = frame.substr(header_size);
+    return json::parse(cipher_ ? cipher_->decrypt(body).value_or("") : body);
 }
 
 void gateway::serve() {
     while (link_ && link_->readable())
-        if (const std::vector<char> frame = read_frame(); frame.size() <= keepalive_max)
+        if (const std::string frame = read_frame(); frame.size() <= keepalive_max)
             answer_keepalive(frame);
 }
 
-std::vector<char> gateway::read_frame() {
-    return link_->read_frame(frame_header_size, frame_body_length);
+std::string gateway::read_frame() {
+    return link_->read_frame(header_size);
 }
 
-bool gateway::answer_keepalive(const std::vector<char> &frame) {
-    const json_ptr message = decode(frame);
-    if (_strcmp(json_text(message.get(), "type"), "keepalive") != 0)
+bool gateway::answer_keepalive(const std::string &frame) {
+    const json::document message = decode(frame);
+    if (message["type"].text() != "keepalive")
         return false;
-    send(R"({"type":"ack","sequence":)" + std::to_string(_get_json_int(message.get(), "sequence", -1)) + "}");
+    send(R"({"type":"ack","sequence":)" + message["sequence"].print() + "}");
     return true;
 }
 
-}  // namespace arvok
+}  // namespace arvok::bench

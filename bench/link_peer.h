@@ -4,13 +4,12 @@
 
 #include <optional>
 #include <string>
-#include <vector>
 
-#include "common/crypto.h"
-#include "common/json.h"
+#include "base/crypto.h"
+#include "base/json.h"
 #include "home.h"
 
-namespace arvok {
+namespace arvok::bench {
 
 extern const char gateway_address[];
 
@@ -26,26 +25,26 @@ class gateway {
     void hang_up() { link_.reset(); }
 
     /// Frames of messages to the agent.
-    std::vector<char> encode(const std::string &text) const;
-    void write(const std::vector<char> &frames) { link_->write(frames.data(), frames.size()); }
+    std::string encode(const std::string &text);
+    void write(const std::string &frames) { link_->write(frames); }
     /// One round trip; keepalives that come in between are answered. Returns the answer's frame.
-    std::vector<char> round_trip(const std::vector<char> &request);
+    std::string round_trip(const std::string &request);
     /// The agent's next message that is no keepalive; those are answered.
-    std::vector<char> next_frame();
-    json_ptr decode(std::vector<char> frame) const;
+    std::string next_frame();
+    json::document decode(const std::string &frame);
     /// Takes what has come: keepalives are answered, everything else is passed over.
     void serve();
 
   private:
     void register_agent();
-    std::vector<char> read_frame();
+    std::string read_frame();
     void send(const std::string &text) { write(encode(text)); }
-    json_ptr receive() { return decode(read_frame()); }
-    bool answer_keepalive(const std::vector<char> &frame);
+    json::document receive() { return decode(read_frame()); }
+    bool answer_keepalive(const std::string &frame);
 
     listener listener_;
     std::optional<connection> link_;
-    bytes_ptr key_;
+    std::optional<aes> cipher_;
 };
 
-}  // namespace arvok
+}  // namespace arvok::bench

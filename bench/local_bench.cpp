@@ -11,39 +11,31 @@
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
 
-#include <cstring>
+#include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "common/crypto.h"
+#include "base/crypto.h"
 #include "home.h"
 
-namespace arvok {
+namespace arvok::bench {
 namespace {
 
 constexpr char local_port[] = "17998";
 constexpr std::size_t crowd_size = 1000;
-constexpr int header_size = sizeof(std::uint32_t);
-
-int body_length(const void *header) {
-    std::uint32_t length;
-    std::memcpy(&length, header, sizeof length);
-    return static_cast<int>(ntohl(length));
-}
+constexpr std::size_t header_size = sizeof(std::uint32_t);
 
 std::string question() {
-    const std::string command = R"({"CmdType":"GET_SN_INFO","SequenceId":"1"})";
-    text_ptr base64;
-    _do_b64_code(command.data(), static_cast<int>(command.size()), base64, true);
-    const std::string body =
-        R"({"RPCMethod":"Post1","ID":1,"Parameter":")" + std::string(base64.get()) + "\"}";
+    const std::string command = base64_encode(R"({"CmdType":"GET_SN_INFO","SequenceId":"1"})");
+    const std::string body = R"({"RPCMethod":"Post1","ID":1,"Parameter":")" + command + "\"}";
     const std::uint32_t length = htonl(static_cast<std::uint32_t>(body.size()));
     return std::string(reinterpret_cast<const char *>(&length), header_size) + body;
 }
 
-std::vector<char> round_trip(connection &client, const std::string &request) {
-    client.write(request.data(), request.size());
-    return client.read_frame(header_size, body_length);
+std::string round_trip(connection &client, const std::string &request) {
+    client.write(request);
+    return client.read_frame(header_size);
 }
 
 void local(benchmark::State &state, std::size_t others) {
@@ -51,7 +43,7 @@ void local(benchmark::State &state, std::size_t others) {
     std::vector<connection> crowd;
     while (crowd.size() < others) {
         crowd.push_back(connect_to_agent(local_port));
-        crowd.back().write(request.data(), header_size + 1);
+        crowd.back().write(std::string_view(request).substr(0, header_size + 1));
     }
     connection client = connect_to_agent(local_port);
     round_trip(client, request);
@@ -88,8 +80,8 @@ constexpr char notes[] =
     "and two log lines.\n\n";
 
 }  // namespace
-}  // namespace arvok
+}  // namespace arvok::bench
 
 int main(int argc, char **argv) {
-    return arvok::measure_in_home(argc, argv, arvok::measure, arvok::notes);
+    return arvok::bench::measure_in_home(argc, argv, arvok::bench::measure, arvok::bench::notes);
 }

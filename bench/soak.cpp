@@ -26,18 +26,18 @@
 #include <string>
 #include <vector>
 
+#include "base/bus_message.h"
+#include "base/handle.h"
 #include "cloud_peer.h"
-#include "common/json.h"
 #include "home.h"
 #include "lab/clock/timers.h"
 #include "link_peer.h"
 
 extern "C" {
-#include <libubox/blobmsg_json.h>
 #include <libubus.h>
 }
 
-namespace arvok {
+namespace arvok::bench {
 namespace {
 
 using steady = std::chrono::steady_clock;
@@ -123,31 +123,23 @@ long count_descriptors(pid_t pid) {
 class platform_bus {
   public:
     platform_bus() : ctx_(ubus_connect(std::getenv("UBUS_SOCKET"))) {
-        if (!ctx_ || ubus_lookup_id(ctx_, "qzcapd.emulator", &emulator_) != 0)
+        if (!ctx_ || ubus_lookup_id(ctx_.get(), "qzcapd.emulator", &emulator_) != 0)
             fail("no bus, or not the platform's");
-    }
-    platform_bus(const platform_bus &) = delete;
-    platform_bus &operator=(const platform_bus &) = delete;
-    ~platform_bus() {
-        blob_buf_free(&buf_);
-        ubus_free(ctx_);
     }
 
     void notify(int object, const std::string &method, const std::string &message) {
-        blob_buf_init(&buf_, 0);
-        blobmsg_add_json_from_string(&buf_, ("{\"object\":" + std::to_string(object) + ",\"method\":\"" +
-                                             method + "\",\"message\":" + message + "}")
-                                                .c_str());
-        if (ubus_invoke(
-                ctx_, emulator_, "notify", buf_.head, [](ubus_request *, int, blob_attr *) {}, nullptr,
-                5000) != 0)
+        bus_message call;
+        call.number("object", object);
+        call.text("method", method);
+        call.add_json("{\"message\":" + message + "}");
+        const auto answered = [](ubus_request *, int, blob_attr *) {};
+        if (ubus_invoke(ctx_.get(), emulator_, "notify", call.get(), answered, nullptr, 5000) != 0)
             fail("the platform does not notify");
     }
 
   private:
-    ubus_context *ctx_;
+    handle<ubus_context, &ubus_free> ctx_;
     std::uint32_t emulator_ = 0;
-    blob_buf buf_{};
 };
 
 // --- the soak ---
@@ -224,13 +216,13 @@ class soak {
         while (sent < pipeline)
             send_next();
         for (int i = 0; i < request_batch - 1; i++) {
-            const std::vector<char> answer = link_.next_frame();
-            if (i == 0 && _get_json_int(link_.decode(answer).get(), "errcode", 0) != all_items_errcode)
+            const std::string answer = link_.next_frame();
+            if (i == 0 && link_.decode(answer)["errcode"].integer() != all_items_errcode)
                 fail("a status request was answered with something else");
             send_next();
         }
-        const std::vector<char> answer = cloud_.round_trip(cloud_.wrapped(status_requests[0].text));
-        if (_get_json_int(cloud_.decode(answer, platform::cipher::aes).get(), "Result", -1) != 0)
+        const std::string answer = cloud_.round_trip(cloud_.wrapped(status_requests[0].text));
+        if (cloud_.decode(answer, platform::cipher::aes)["Result"].integer() != 0)
             fail("a request of the cloud failed");
     }
 
@@ -260,11 +252,7 @@ class soak {
         }
         const std::string mark = "seen " + std::to_string(told_++);
         bus_.notify(6, "mark", "{\"status\":\"" + mark + "\"}");
-        for (;;) {
-            const json_ptr report = link_.decode(link_.next_frame());
-            const cJSON *status = json_member(report.get(), "status");
-            if (const char *seen = json_text(status, "status"); seen && mark == seen)
-                break;
+        while (link_.decode(link_.next_frame())["status"]["status"].text() != mark) {
         }
         cloud_.serve();
     }
@@ -371,17 +359,13 @@ class soak {
 };
 
 }  // namespace
-}  // namespace arvok
-
-// The peers' cryptography is the agent's, and so is its log: one key agreement in 256 yields a shorter key,
-// which it says and which both sides take in their stride.
-extern "C" void qzcap_printf(const char *, ...) {}
+}  // namespace arvok::bench
 
 int main(int argc, char **argv) {
     signal(SIGPIPE, SIG_IGN);
     if (argc != 4)
-        arvok::fail("usage: soak REQUESTS NOTIFICATIONS RECONNECTIONS");
+        arvok::bench::fail("usage: soak REQUESTS NOTIFICATIONS RECONNECTIONS");
     if (!std::getenv("LAB_DIR") || !std::getenv("ARVOK_LIB"))
-        arvok::fail("a home is needed, and ARVOK_LIB: see make soak");
-    return arvok::soak().run(std::atol(argv[1]), std::atol(argv[2]), std::atol(argv[3])) ? 0 : 1;
+        arvok::bench::fail("a home is needed, and ARVOK_LIB: see make soak");
+    return arvok::bench::soak().run(std::atol(argv[1]), std::atol(argv[2]), std::atol(argv[3])) ? 0 : 1;
 }
