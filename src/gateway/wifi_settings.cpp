@@ -38,7 +38,7 @@ json::value radio_item(const band &of, const qzcap_wifiinfo &radio) {
         .take();
 }
 
-json::value interface_items(const platform::access_point_list &interfaces) {
+json::value interface_items(std::span<qzcap_wifi_ap *const> interfaces) {
     json::array array;
     for (const qzcap_wifi_ap *interface : interfaces) {
         json::object item;

@@ -104,11 +104,12 @@ const qzcap_wifiinfo *cache::radio(const band &of) const {
     return dual_band_ ? radios_[second].get() : nullptr;
 }
 
-const access_point_list &cache::access_points(const band &of) const {
-    static const access_point_list none;
-    if (of.radio == QZCAP_RADIO_2G)
-        return access_points_[first];
-    return dual_band_ ? access_points_[second] : none;
+std::span<qzcap_wifi_ap *const> cache::access_points(const band &of) const {
+    const bool is_first = of.radio == QZCAP_RADIO_2G;
+    if (!is_first && !dual_band_)
+        return {};
+    const access_point_list &list = access_points_[is_first ? first : second];
+    return {list.begin(), list.size()};
 }
 
 const qzcap_wifi_ap *cache::access_point_of(const qzcap_laninfo &host) const {

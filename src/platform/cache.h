@@ -59,7 +59,7 @@ class cache {
     std::span<const band> device_bands() const { return {bands, dual_band_ ? std::size(bands) : 1u}; }
     /// Null when it is not there or the device lacks the band.
     const qzcap_wifiinfo *radio(const band &of) const;
-    const access_point_list &access_points(const band &of) const;
+    std::span<qzcap_wifi_ap *const> access_points(const band &of) const;
     /// The interface of a wireless host: that of its band whose index is the host's port; null for a wired
     /// host and when there is none. The 5 GHz interfaces serve hosts of exactly that band, the others all
     /// others.
