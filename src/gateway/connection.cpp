@@ -44,7 +44,7 @@ bool is_enabled() {
         command_output("uci get network.globals.arvok_enable", enable_text_max);
     if (!output)
         return false;
-    const int enable = std::atoi(output->c_str());
+    const int enable = std::atoi(output->substr(0, output->find('\n')).c_str());
     log_printf("[DEBUG] arvok_enable uci: %d\n", enable);
     return enable != 0;
 }

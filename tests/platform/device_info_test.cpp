@@ -31,7 +31,7 @@ class Cache : public Desk {
         return testing::internal::GetCapturedStderr();
     }
     std::string_view ssid(std::size_t band, std::size_t at) const {
-        return view_of(cache_.access_points(bands[band])[at].ssid);
+        return view_of(cache_.access_points(bands[band])[at]->ssid);
     }
 
     cache cache_;
