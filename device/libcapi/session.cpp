@@ -18,7 +18,6 @@ using namespace arvok::capi;
 /// The one session of this process.
 struct Session {
     ubus_context *ctx = nullptr;
-    blob_buf buf{};
     std::vector<ubus_subscriber *> subscribers;  // registered, owned by their callers
 };
 
@@ -49,7 +48,6 @@ void qzcap_ubus_done() {
         ubus_unregister_subscriber(session.ctx, subscriber);
     }
     ubus_free(session.ctx);
-    blob_buf_free(&session.buf);
     forget_objects();
     uloop_done();
     session = Session{};
@@ -102,10 +100,6 @@ int qzcap_ubus_unsubscribe(ubus_subscriber *subscriber, uint32_t id) {
     const int status = ubus_unsubscribe(session.ctx, subscriber, id);
     ubus_unregister_subscriber(session.ctx, subscriber);
     return status == 0 ? 0 : -1;
-}
-
-blob_buf *qzcap_get_blob_buf() {
-    return &session.buf;
 }
 
 void qzcap_data_cb(ubus_request *req, int, blob_attr *msg) {

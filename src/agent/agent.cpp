@@ -26,6 +26,9 @@ int agent::run() {
         return exit_no_bus;
     if (began == beginning::begun)
         loop();
+    if (!signals_)
+        signals_.emplace();
+    signals_->keep();  // the end is under way already
     end();
     return 0;
 }
@@ -87,7 +90,6 @@ void agent::loop() {
     timer running(bind<&agent::release_signals>(*this));
     running.arm(0);
     uloop_run_timeout(-1);
-    signals_.emplace();  // until the process has ended
 }
 
 void agent::end() {

@@ -2,6 +2,7 @@
 
 #include "base/json.h"
 #include "base/text.h"
+#include "platform/middleware.h"
 
 namespace arvok {
 namespace {

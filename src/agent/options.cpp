@@ -16,6 +16,7 @@ namespace {
 constexpr char revision[] = "677";
 constexpr std::size_t marker_max = 32;
 constexpr std::size_t gateway_address_max = 31;
+constexpr std::size_t local_port_max = 7;
 
 constexpr int exit_usage = 255;
 
@@ -87,7 +88,7 @@ options parse_options(int argc, char **argv) {
                 chosen.bss = bss_server(optarg);
                 break;
             case 'p':
-                chosen.local_port = valid(is_port, optarg);
+                chosen.local_port = cut(valid(is_port, optarg), local_port_max);
                 break;
             default:
                 usage();

@@ -35,7 +35,8 @@ std::optional<std::string> read_file(const std::string &path, std::size_t size) 
 
 bool write_file(const std::string &path, std::string_view content) {
     const file_handle file(std::fopen(path.c_str(), "we"));
-    return file && std::fwrite(content.data(), 1, content.size(), file.get()) == content.size();
+    return file && std::fwrite(content.data(), 1, content.size(), file.get()) == content.size() &&
+           std::fflush(file.get()) == 0;
 }
 
 std::string control_value(const std::string &path, std::string_view key) {

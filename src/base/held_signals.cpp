@@ -1,5 +1,6 @@
 #include "base/held_signals.h"
 
+#include <cerrno>
 #include <ctime>
 
 namespace arvok {
@@ -12,12 +13,17 @@ held_signals::held_signals() {
 }
 
 held_signals::~held_signals() {
-    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    if (!kept_)
+        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
 }
 
 bool held_signals::wait(int seconds) const {
     const timespec limit{.tv_sec = seconds, .tv_nsec = 0};
-    return sigtimedwait(&held_, nullptr, &limit) > 0;
+    int number;
+    do
+        number = sigtimedwait(&held_, nullptr, &limit);
+    while (number < 0 && errno == EINTR);
+    return number > 0;
 }
 
 }  // namespace arvok

@@ -5,8 +5,8 @@
 
 namespace arvok {
 
-/// While it lives the two signals wait: none is lost between the start of the process and the turn of the
-/// loop in which it ends, whose handling of them takes over from there.
+/// While it lives the two signals wait: none is lost before the turn of the loop in which it ends, whose
+/// handling of them takes over from there.
 class held_signals {
   public:
     held_signals();
@@ -16,9 +16,12 @@ class held_signals {
 
     /// Waits for one of them. False when none has come within `seconds`.
     bool wait(int seconds) const;
+    /// Holds them back until the process has ended.
+    void keep() { kept_ = true; }
 
   private:
     sigset_t held_, before_;
+    bool kept_ = false;
 };
 
 }  // namespace arvok

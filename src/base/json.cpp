@@ -121,7 +121,9 @@ value copy(view of) {
     return value(of.print());
 }
 
-object::object(view begun) : text_(begun.is_object() ? begun.print() : "{}") {
+object::object(view begun) : text_(begun.is_object() ? begun.print() : "") {
+    if (text_.empty())
+        text_ = "{}";
     text_.pop_back();
 }
 

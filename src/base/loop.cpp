@@ -11,9 +11,9 @@ readable_watch::readable_watch(callback<void()> readable) : readable_(readable),
     watch_.cb = [](uloop_fd *watch, unsigned int) { owner_of<readable_watch>(watch).readable_(); };
 }
 
-void readable_watch::start(int fd) {
+bool readable_watch::start(int fd) {
     watch_.fd = fd;
-    uloop_fd_add(&watch_, ULOOP_READ);
+    return uloop_fd_add(&watch_, ULOOP_READ) == 0;
 }
 
 void readable_watch::stop() {

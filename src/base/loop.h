@@ -37,7 +37,8 @@ class readable_watch {
     readable_watch(const readable_watch &) = delete;
     readable_watch &operator=(const readable_watch &) = delete;
 
-    void start(int fd);
+    /// False when the loop cannot watch it.
+    bool start(int fd);
     void stop();
 
   private:

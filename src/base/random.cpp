@@ -4,6 +4,9 @@
 #include <uuid/uuid.h>
 
 #include <cstdint>
+#include <cstdlib>
+
+#include "base/log.h"
 
 namespace arvok {
 namespace {
@@ -11,7 +14,10 @@ namespace {
 // Below `limit`, which is small: what the remainder favours cannot be measured.
 std::uint64_t random_below(std::uint64_t limit) {
     std::uint64_t value = 0;
-    RAND_bytes(reinterpret_cast<unsigned char *>(&value), sizeof value);
+    if (RAND_bytes(reinterpret_cast<unsigned char *>(&value), sizeof value) != 1) {
+        log_printf("[ERROR] no random numbers\n");
+        std::exit(1);  // a key that everybody can guess would be worse
+    }
     return value % limit;
 }
 

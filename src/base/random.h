@@ -1,5 +1,5 @@
 #pragma once
-/// Random values, from the system's generator.
+/// Random values, from the crypto library's generator; without any the process ends with status 1.
 
 #include <cstddef>
 #include <string>

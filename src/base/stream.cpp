@@ -32,9 +32,7 @@ void stream::open(int fd) {
         take_down();
     static_cast<ustream_fd &>(library_) = {};
     ustream &s = library_.stream;
-    s.notify_read = [](ustream *at, int available) {
-        stream_of(at).readable(static_cast<std::size_t>(available));
-    };
+    s.notify_read = [](ustream *at, int) { stream_of(at).readable(); };
     s.notify_write = [](ustream *at, int) { stream_of(at).drained(); };
     s.notify_state = [](ustream *at) {
         stream &broken = stream_of(at);
@@ -73,10 +71,10 @@ void stream::take_down() {
     held_ = false;
 }
 
-void stream::readable(std::size_t available) {
+void stream::readable() {
     if (closing_)
         return;
-    announce(available);
+    announce();
     // The library reads on for as long as there is something, which a peer can make long, also bit by bit.
     if (taken_ > turn_max) {
         taken_ = 0;
@@ -84,9 +82,11 @@ void stream::readable(std::size_t available) {
     }
 }
 
-void stream::announce(std::size_t available) {
+// What there is in all: of what the library tells, releases differ in whether it is that or only the newest
+// part.
+void stream::announce() {
     in_read_ = true;
-    handlers_.read(available);
+    handlers_.read(static_cast<std::size_t>(ustream_pending_data(&library_.stream, false)));
     in_read_ = false;
 }
 
@@ -118,7 +118,7 @@ void stream::next_turn() {
     ustream_set_read_blocked(&library_.stream, false);
     // What is buffered is not announced again.
     if (std::exchange(held_, false))
-        announce(static_cast<std::size_t>(ustream_pending_data(&library_.stream, false)));
+        announce();
 }
 
 std::size_t stream::read(char *to, std::size_t size) {

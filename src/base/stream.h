@@ -59,10 +59,10 @@ class stream {
     void write(std::string_view bytes);
 
   private:
-    void readable(std::size_t available);
+    void readable();
     void drained();
     void next_turn();
-    void announce(std::size_t available);
+    void announce();
     void pause();
     void take_down();
     std::size_t unsent();

@@ -50,13 +50,12 @@ struct task_queue::writer {
 
 task_queue::task_queue() : writer_(std::make_shared<writer>()), watch_(bind<&task_queue::run_posted>(*this)) {
     int ends[2];
-    if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
+    if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0 || !watch_.start(ends[0])) {
         log_printf("[ERROR] open pipe failed\n");
         std::exit(1);
     }
     reader_.reset(ends[0]);
     writer_->end.reset(ends[1]);
-    watch_.start(reader_.get());
 }
 
 task_queue::~task_queue() {

@@ -7,6 +7,7 @@
 #include "base/product.h"
 #include "base/text.h"
 #include "cloud/reply.h"
+#include "platform/middleware.h"
 
 namespace arvok::cloud {
 namespace {

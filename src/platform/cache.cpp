@@ -27,9 +27,9 @@ bool refresh(bool &current, Record &record, typename Record::pointer (*get)()) {
 cache::~cache() {
     device_.reset();
     wan_.reset();
-    for (const std::size_t of : {first, second}) {
-        radios_[of].reset();
-        access_points_[of] = {};
+    for (std::size_t at = 0; at < device_bands().size(); at++) {
+        radios_[at].reset();
+        access_points_[at] = {};
     }
     diagnostics_.reset();
 }

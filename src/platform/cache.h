@@ -3,7 +3,8 @@
 ///
 /// A record is fetched only when what there is has expired; everything expires with every gateway message, so
 /// all answers to one message see the same records, and none is older than one message. A failed fetch keeps
-/// what there was and leaves it expired.
+/// what there was and leaves it expired; where several records are refreshed together, all of them stand or
+/// fall.
 
 #include <cstdint>
 #include <span>
@@ -50,7 +51,7 @@ class cache {
     /// Null until it could be had.
     const qzcap_waninfo *wan() const { return wan_.get(); }
 
-    /// The device's own MAC, 12 upper-case digits; empty before there is a record.
+    /// The device's own MAC, 12 upper-case digits where it is one; empty before there is a record.
     std::string_view own_mac() const { return view_of(device_ ? device_->mac : nullptr); }
     /// The vendor's name; empty before there is a record.
     std::string_view vendor() const { return view_of(device_ ? device_->vendor : nullptr); }
@@ -75,9 +76,5 @@ class cache {
     bool is_router_ = false;
     bool dual_band_ = false;
 };
-
-/// The version text "TUL1.0_QZ_<vendor>_<architecture>_<application version>" in upper case, from the
-/// vendor's name up to its first space and from the platform's version command.
-std::string middleware_version(std::string_view vendor);
 
 }  // namespace arvok::platform

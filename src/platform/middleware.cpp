@@ -1,8 +1,8 @@
-// The version of the platform's own software, as the device reports it.
+#include "platform/middleware.h"
 
 #include "base/files.h"
 #include "base/product.h"
-#include "platform/cache.h"
+#include "base/text.h"
 
 namespace arvok::platform {
 namespace {

@@ -53,8 +53,6 @@ uint32_t qzcap_get_objid_by_name(const char *name);
 int qzcap_ubus_subscribe(struct ubus_subscriber *subscriber, uint32_t id);
 /// Ends the subscription to `id` and unregisters the subscriber, also when `id` is not subscribed or is gone.
 int qzcap_ubus_unsubscribe(struct ubus_subscriber *subscriber, uint32_t id);
-/// The library's shared message buffer; valid until the next call that is given or uses it.
-struct blob_buf *qzcap_get_blob_buf(void);
 /// A ubus_data_handler_t that stores the answer as compact JSON text in *(char **)req->priv, which starts as
 /// null; the caller releases it with qzcap_free.
 void qzcap_data_cb(struct ubus_request *req, int type, struct blob_attr *msg);

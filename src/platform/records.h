@@ -38,7 +38,8 @@ class record_list {
     record_list(unsigned int count, Record **records) : count_(count), records_(records) {}
     record_list(record_list &&other) noexcept { swap(other); }
     record_list &operator=(record_list &&other) noexcept {
-        swap(other);
+        record_list taken(std::move(other));
+        swap(taken);  // what was here goes at once
         return *this;
     }
     ~record_list() {
@@ -51,7 +52,6 @@ class record_list {
     Record *const *begin() const { return records_; }
     Record *const *end() const { return records_ + count_; }
     std::size_t size() const { return count_; }
-    bool empty() const { return count_ == 0; }
     Record &operator[](std::size_t at) const { return *records_[at]; }
 
   private:

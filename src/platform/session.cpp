@@ -14,7 +14,8 @@ session::session() {
 }
 
 session::~session() {
-    qzcap_ubus_done();
+    if (open_)
+        qzcap_ubus_done();
 }
 
 std::uint32_t object_id(const std::string &name) {
@@ -34,7 +35,8 @@ subscription::subscription(handler notified) : notified_(notified), subscriber_(
 }
 
 subscription::~subscription() {
-    stop(0);
+    if (started_)
+        stop(0);
 }
 
 bool subscription::start(std::uint32_t object) {
@@ -43,8 +45,6 @@ bool subscription::start(std::uint32_t object) {
 }
 
 bool subscription::stop(std::uint32_t object) {
-    if (!started_)
-        return true;
     started_ = false;
     return qzcap_ubus_unsubscribe(&subscriber_, object) >= 0;
 }
@@ -61,7 +61,8 @@ app_registration::app_registration(handler answer) : answer_(answer), callbacks_
                             blob_attr *message) {
         bus_message reply;
         registered->answer_(message, reply);
-        ubus_send_reply(bus, request, reply.get());
+        if (request)  // else nobody waits for it
+            ubus_send_reply(bus, request, reply.get());
         return 0;
     };
     registered = this;

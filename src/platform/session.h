@@ -21,7 +21,6 @@ class session {
 
     /// Whether there is a bus. Without one the process cannot go on.
     bool is_open() const { return open_; }
-    ubus_context *bus() const { return qzcap_get_ubus_context(); }
 
   private:
     bool open_;
@@ -34,7 +33,8 @@ std::uint32_t object_id(qzcap_object number);
 /// Hears the notifications of one object, until its end.
 class subscription {
   public:
-    /// `message` is null when a notification has none. Answers whoever waits for one: 0, or -1 for a failure.
+    /// `method` is terminated by a zero; `message` is null when a notification has none. Answers whoever
+    /// waits for one: 0, or -1 for a failure.
     using handler = callback<int(std::string_view method, blob_attr *message)>;
 
     explicit subscription(handler notified);
@@ -45,7 +45,7 @@ class subscription {
     /// False when the object cannot be subscribed to.
     bool start(std::uint32_t object);
     /// Ends it at the object, which has another id when it was published anew meanwhile. Returns whether the
-    /// platform knew of it; harmless on one that is not started.
+    /// platform knew of it.
     bool stop(std::uint32_t object);
 
   private:

@@ -57,22 +57,23 @@ TEST_F(BusSession, SubscriptionsEndWhateverTheyAreEndedWith) {
 }
 
 TEST_F(BusSession, AnswersComeAsTextAndAsBlob) {
-    blob_buf *buf = qzcap_get_blob_buf();
-    blob_buf_init(buf, 0);
+    blob_buf buf{};
+    blob_buf_init(&buf, 0);
     const std::uint32_t wifi = qzcap_get_objid_by_name("qzcapd.wifi");
     char *reply = nullptr;
-    ASSERT_EQ(ubus_invoke(qzcap_get_ubus_context(), wifi, "get", buf->head, qzcap_data_cb, &reply, 2000), 0);
+    ASSERT_EQ(ubus_invoke(qzcap_get_ubus_context(), wifi, "get", buf.head, qzcap_data_cb, &reply, 2000), 0);
     EXPECT_STREQ(text_ptr(reply).get(),
                  R"({"result":0,"record":{"wifiswitch":"on","wpsswitch":"off","arvoksync":"on"}})");
     blob_attr *answer = nullptr;
     ASSERT_EQ(
-        ubus_invoke(qzcap_get_ubus_context(), wifi, "get", buf->head, qzcap_data_blob_cb, &answer, 2000), 0);
+        ubus_invoke(qzcap_get_ubus_context(), wifi, "get", buf.head, qzcap_data_blob_cb, &answer, 2000), 0);
     char *rendered = nullptr;
     ubus_request carrier{};
     carrier.priv = &rendered;
     qzcap_data_cb(&carrier, 0, answer);
     EXPECT_THAT(text_ptr(rendered).get(), testing::StartsWith(R"({"result":0,)"));
     qzcap_free(answer);
+    blob_buf_free(&buf);
 }
 
 TEST(ParseResult, TellsSuccessFromFailure) {

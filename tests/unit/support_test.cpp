@@ -20,7 +20,7 @@
 #include "base/json.h"
 #include "base/random.h"
 #include "base/text.h"
-#include "platform/cache.h"
+#include "platform/middleware.h"
 
 namespace arvok {
 namespace {
