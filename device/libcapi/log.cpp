@@ -16,7 +16,7 @@ namespace {
 std::atomic<bool> at_line_start{true};
 
 std::string formatted(const char *format, std::va_list args) {
-    char small[1024];
+    char small[17 * 1024];  // the longest message of any protocol and what is said around it
     std::va_list again;
     va_copy(again, args);
     const int length = std::vsnprintf(small, sizeof(small), format, args);
