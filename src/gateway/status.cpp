@@ -22,7 +22,7 @@ json::value get_access_list(request &r) {
 }
 
 struct item_row {
-    const char *name;
+    std::string_view name;
     json::value (*get)(request &);
 };
 
