@@ -1,5 +1,6 @@
 #include "record.h"
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 #include <string>
@@ -220,17 +221,23 @@ void *take_record(const Record &kind, blob_attr *table) {
         return nullptr;
     }
     std::uint64_t seen = 0;  // a repeated member must not leak the first one
+    const auto begin = kind.fields.begin(), end = kind.fields.end();
+    auto next = begin;  // the members mostly come in the order of the fields
     const bool good = for_each(table, true, [&](blob_attr *attr) {
-        std::uint64_t bit = 1;
-        for (const Field &field : kind.fields) {
-            if (std::strcmp(field.name, blobmsg_name(attr)) == 0) {
-                const bool first = (seen & bit) == 0;
-                seen |= bit;
-                return first && take_field(field, attr, record);
+        const char *name = blobmsg_name(attr);
+        const auto named = [name](const Field &field) { return std::strcmp(field.name, name) == 0; };
+        auto field = std::find_if(next, end, named);
+        if (field == end) {
+            field = std::find_if(begin, next, named);
+            if (field == next) {
+                return true;
             }
-            bit <<= 1;
         }
-        return true;
+        const std::uint64_t bit = std::uint64_t{1} << (field - begin);
+        const bool first = (seen & bit) == 0;
+        seen |= bit;
+        next = field + 1;
+        return first && take_field(*field, attr, record);
     });
     if (!good) {
         free_record(kind, record);
