@@ -9,6 +9,7 @@ namespace arvok::json {
 namespace {
 
 constexpr double exact_max = 9007199254740992;  // 2^53
+constexpr std::size_t usual_size = 128;         // of an object: it need not grow from the beginning
 
 void append_quoted(std::string &out, std::string_view characters) {
     out += '"';
@@ -125,6 +126,11 @@ object::object(view begun) : text_(begun.is_object() ? begun.print() : "") {
     if (text_.empty())
         text_ = "{}";
     text_.pop_back();
+}
+
+void object::begin() {
+    text_.reserve(usual_size);
+    text_ += '{';
 }
 
 void object::begin_member(std::string_view name) {

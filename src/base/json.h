@@ -115,7 +115,7 @@ value copy(view of);
 /// An object, member by member in the order of the calls, which is the order on the wire.
 class object {
   public:
-    object() : text_("{") {}
+    object() { begin(); }
     /// Goes on behind the last member of an object that came in.
     explicit object(view begun);
 
@@ -133,6 +133,7 @@ class object {
     value take();
 
   private:
+    void begin();
     void begin_member(std::string_view name);
     std::string text_;
 };
