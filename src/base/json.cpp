@@ -133,11 +133,8 @@ void object::begin() {
     text_ += '{';
 }
 
-void object::begin_member(std::string_view name) {
-    if (text_.size() > 1)
-        text_ += ',';
-    append_quoted(text_, name);
-    text_ += ':';
+void object::begin_member(const char *literal) {
+    text_.append(text_.size() > 1 ? ",\"" : "\"").append(literal).append("\":");
 }
 
 object &object::text(const char *name, std::string_view characters) {
@@ -165,12 +162,19 @@ object &object::digits(const char *name, std::int64_t n) {
 }
 
 object &object::add(const char *name, const value &v) {
-    return add(std::string_view(name), v);
+    if (v) {
+        begin_member(name);
+        text_ += v.text();
+    }
+    return *this;
 }
 
 object &object::add(std::string_view name, const value &v) {
     if (v) {
-        begin_member(name);
+        if (text_.size() > 1)
+            text_ += ',';
+        append_quoted(text_, name);
+        text_ += ':';
         text_ += v.text();
     }
     return *this;

@@ -112,7 +112,8 @@ value number(double n);
 /// A value that came in, as it is; none for nothing.
 value copy(view of);
 
-/// An object, member by member in the order of the calls, which is the order on the wire.
+/// An object, member by member in the order of the calls, which is the order on the wire. Names are literals
+/// without anything to escape.
 class object {
   public:
     object() { begin(); }
@@ -134,7 +135,7 @@ class object {
 
   private:
     void begin();
-    void begin_member(std::string_view name);
+    void begin_member(const char *literal);
     std::string text_;
 };
 
