@@ -1,6 +1,5 @@
 #include "machine.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
@@ -18,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 extern "C" {
 #include <libubox/usock.h>
@@ -40,6 +40,11 @@ struct route_answer {
     unsigned char gateway[4];
     rtattr interface_attr;
     std::uint32_t interface;
+};
+
+struct found_address {
+    addrinfo entry;
+    sockaddr_in address;
 };
 
 bool is_ours(const char *path) {
@@ -70,18 +75,8 @@ int open_connection(side of) {
 }
 
 void remove_files() {
-    DIR *listing = opendir(folder.c_str());
-    if (!listing)
-        return;
-    while (const dirent *entry = readdir(listing))
-        if (entry->d_name[0] != '.')
-            unlink((folder + entry->d_name).c_str());
-    closedir(listing);
-}
-
-void remove_folder() {
-    remove_files();
-    rmdir(folder.c_str());
+    for (const auto &entry : std::filesystem::directory_iterator(folder))
+        std::filesystem::remove(entry.path());
 }
 
 }  // namespace
@@ -94,7 +89,7 @@ void machine_init() {
         std::exit(1);
     }
     folder += '/';
-    std::atexit(remove_folder);
+    std::atexit([] { std::filesystem::remove_all(folder); });
     setenv("TZ", "UTC", 1);
     machine_reset();
 }
@@ -244,29 +239,24 @@ int __wrap_pthread_detach(pthread_t) {
 
 // Names with an 'x' do not resolve, those with a 'z' take too long; the others have four addresses, one of
 // them private.
-int __wrap_getaddrinfo(const char *host, const char *, const addrinfo *, addrinfo **found) {
+int __wrap_getaddrinfo(const char *host, const char *, const addrinfo *, addrinfo **list) {
     if (std::strchr(host, 'x'))
         return EAI_NONAME;
     if (std::strchr(host, 'z'))
         machine.uptime += 15;
-    *found = nullptr;
-    for (const std::uint32_t address : {0x64400002U, 0xc0a80105U, 0x64400003U, 0x64400004U}) {
-        auto *entry = static_cast<addrinfo *>(std::calloc(1, sizeof(addrinfo) + sizeof(sockaddr_in)));
-        auto *socket_address = reinterpret_cast<sockaddr_in *>(entry + 1);
-        socket_address->sin_addr.s_addr = htonl(address);
-        entry->ai_addr = reinterpret_cast<sockaddr *>(socket_address);
-        entry->ai_next = *found;
-        *found = entry;
+    constexpr std::uint32_t addresses[] = {0x64400004, 0x64400003, 0xc0a80105, 0x64400002};
+    auto *entries = new found_address[std::size(addresses)]{};
+    for (std::size_t i = 0; i < std::size(addresses); i++) {
+        entries[i].address.sin_addr.s_addr = htonl(addresses[i]);
+        entries[i].entry.ai_addr = reinterpret_cast<sockaddr *>(&entries[i].address);
+        entries[i].entry.ai_next = i + 1 < std::size(addresses) ? &entries[i + 1].entry : nullptr;
     }
+    *list = &entries->entry;
     return 0;
 }
 
 void __wrap_freeaddrinfo(addrinfo *list) {
-    while (list) {
-        addrinfo *next = list->ai_next;
-        std::free(list);
-        list = next;
-    }
+    delete[] reinterpret_cast<found_address *>(list);
 }
 
 // A safe prime takes milliseconds to find, and the same one does for every exchange.

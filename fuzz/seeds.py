@@ -88,7 +88,9 @@ COMMANDS = [
 ]
 OPTIONS = ["-d", "-g\n192.168.1.1", "--gw-addr=10.0.0.1\n--debug", "-b\nbss.arvok.example:8088", "-b\n100.64.0.1:8088\n-p\n8000",
            "--bss-server\nbss:0", "-p\n65536", "-h", "--version", "-L\nx\n-e", "-g", "stray\n-d"]
-STATUS_OF = {"Boot": 1, "GetChallengeCode": 2, "Activate": 3, "Connect": 4}
+# Every exchange of a fuzzed agent has the same prime and private value (machine.cpp).
+GROUP = {"dh_p": "/WWSd+tQK8djBHm/gUNepw==", "dh_g": "Ag=="}
+STAGE_OF = {"Boot": 1, "GetChallengeCode": 2, "Activate": 3, "Connect": 4}
 
 
 def call(path, method, message):
@@ -204,7 +206,12 @@ def received(log, who, key=shape):
 
 def make(seeds, log):
     messages = list(received(log, "arvok"))
-    opening = [text for message, text in messages if message["type"] in ("keyngack", "dh")]
+    opening = []
+    for message, _ in messages:
+        if message["type"] in ("keyngack", "dh"):
+            if "data" in message:
+                message["data"].update(GROUP)
+            opening.append(compact(message).decode())
     acknowledged = [text for message, text in messages if message["type"] == "ack"][:1]
     seeds.write("gateway", "opening", "0", *opening, *acknowledged, "!0", "+5", "!0")
     framed = b"".join(struct.pack(">I", 0x3F721FB5) + frame(text.encode()) for text in opening)
@@ -219,8 +226,8 @@ def make(seeds, log):
     seeds.write("gateway", "refused", "1", "~.f.f", *requests[:3], "~nnn", *requests[:3], "~rl", *requests[:3],
                 "~hm", *requests[:3])
     kept_alive = json.loads(acknowledged[0])
-    kept_alive["sequence"] = 1  # the keepalive that the first timer sends; the log leaves them out
-    seeds.write("gateway", "kept-alive", "1", "!0", compact(kept_alive), "!0", "+20", "!1")
+    kept_alive["sequence"] = 3  # the keepalive that the first timer sends; the log leaves them out
+    seeds.write("gateway", "kept-alive", "1", "!0", compact(kept_alive), "!0", "+20", "!0")
     seeds.write("gateway", "untaken", "1", "%", "*9", max((t for m, t in messages if m["type"] == "get_status"), key=len))
 
     acks = {message["Ack"]: text for message, text in received(log, "cloud") if "Ack" in message}
@@ -231,7 +238,7 @@ def make(seeds, log):
     seeds.write("cloud", "unknown", "4", acks["Connect"].replace('"Result":0', '"Result":-2'), "!0")
     for message, text in received(log, "cloud"):
         name = message.get("Ack") or message["RPCMethod"]
-        seeds.write("cloud", name, str(STATUS_OF.get(message.get("Ack"), 5)), text, "!0")
+        seeds.write("cloud", name, str(STAGE_OF.get(message.get("Ack"), 5)), text, "!0")
         if name == "Install":
             outcome = {"result": 0, "failreason": "", "name": "radio", "version": "2.0"}
             seeds.write("cloud", "installed", "5", text, "$" + json.dumps(outcome), text, "$")
