@@ -275,6 +275,13 @@ int __wrap_BN_priv_rand(BIGNUM *number, int bits, int, int) {
     return BN_hex2bn(&number, "6D1F95C3B2A70E4B") != 0 && BN_set_bit(number, bits - 1);
 }
 
+// As nobody here has the other key, only the high bits change, which text does not have.
+int __wrap_EVP_PKEY_encrypt(EVP_PKEY_CTX *, unsigned char *out, std::size_t *, const unsigned char *in,
+                            std::size_t size) {
+    std::transform(in, in + size, out, [](unsigned char byte) { return byte ^ high_bit; });
+    return 1;
+}
+
 // What is random is known, so that the peers know the keys that are made of it. No delay becomes 0 by it.
 int __wrap_RAND_bytes(unsigned char *bytes, int size) {
     std::memset(bytes, 0x2a, static_cast<std::size_t>(size));

@@ -17,6 +17,9 @@ extern "C" {
 
 namespace arvok::fuzz {
 
+/// What encryption with the cloud platform's RSA key does to each byte.
+constexpr unsigned char high_bit = 0x80;
+
 /// Who is on the other side of a connection of the agent's. A byte sent to the listener knocks at the local
 /// server's door, where a client then stands.
 enum class side { gateway, cloud, listener, client, kernel };

@@ -16,7 +16,6 @@ namespace {
 constexpr std::size_t length_size = 4;
 constexpr std::size_t length_max = 1U << 30;
 constexpr std::string_view cloud_body_end = "\r\n";
-constexpr std::size_t rsa_block_size = 256;
 
 bool is_message(const std::optional<std::string> &text) {
     return text && json::parse(*text).root().is_object();
@@ -119,16 +118,20 @@ std::string CloudPeer::encrypted(std::string_view text) const {
 
 void CloudPeer::answered(const std::string &body) {
     require(body.ends_with(cloud_body_end), "sends a body without its end");
-    const std::string data = base64_decode(body).value_or("");
-    cipher_ = is_message(data) ? cipher::none : cipher::client_key;
+    std::string data = base64_decode(body).value_or("");
+    cipher_ = cipher::none;
+    if (is_message(data))
+        return;
+    cipher_ = cipher::server_key;
     for (const aes_key &key : {offered_, key_})
-        if (cipher_ == cipher::client_key && is_message(aes(aes_mode::ecb, key).decrypt(data))) {
+        if (is_message(aes(aes_mode::ecb, key).decrypt(data))) {
             key_ = key;
-            cipher_ = cipher::server_key;
+            return;
         }
-    // What only the platform can decrypt is taken as it is.
-    require(!at_once || cipher_ != cipher::client_key || (!data.empty() && data.size() % rsa_block_size == 0),
-            "sends what is not JSON");
+    cipher_ = cipher::client_key;
+    for (char &byte : data)
+        byte = static_cast<char>(byte ^ high_bit);
+    require(!at_once || is_message(data), "sends what is not JSON");
 }
 
 // --- a client on the LAN ---

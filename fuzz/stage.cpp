@@ -84,13 +84,12 @@ void Stage::play(Input input) {
             repeat = number_at(line.substr(1), 20);
             continue;
         }
-        if (!act(line, input))
-            do {
+        if (act(line, input))
+            turn();
+        else
+            for (; repeat >= 0; repeat--)
                 message(line);
-                turn();
-            } while (repeat-- > 0);
         repeat = 0;
-        turn();
         check();
     }
     const unsigned before = platform.replies;
@@ -125,8 +124,8 @@ bool Stage::act(std::string_view line, Input &input) {
                 shutdown(peers_.front()->descriptor(), SHUT_RDWR);
             return true;
         case '?':
-            notify_from(argument);
             notified_ = true;
+            notify_from(argument);
             return true;
         case '$':
             finish_installation(blob_of_json(argument).get());
@@ -154,6 +153,7 @@ void Stage::check() {
 void Stage::command(const blob_ptr &message) {
     ubus_request_data request{};
     platform.app->postmsg(qzcap_get_ubus_context(), nullptr, &request, "postmsg", message.get());
+    turn();
 }
 
 void Stage::notify_from(std::string_view line) {
@@ -162,6 +162,7 @@ void Stage::notify_from(std::string_view line) {
     const std::string method(words.until(' '));
     const blob_ptr message = blob_of_json(words.rest());
     notify(static_cast<unsigned>(number_at(which, 1000)), method.c_str(), message.get());
+    turn();
 }
 
 void Stage::send(const Peer &peer, std::string_view bytes) {

@@ -63,7 +63,7 @@ class Stage {
     /// One message of a peer.
     void say(Peer &peer, std::string_view line) { send(peer, peer.message(line)); }
     /// One command of another app.
-    static void command(const blob_ptr &message);
+    void command(const blob_ptr &message);
 
   protected:
     /// One line of the script that is no act.
@@ -78,7 +78,7 @@ class Stage {
     /// Lets the agent work until it has nothing more to do at this moment.
     void turn();
     /// One notification, "N METHOD JSON".
-    static void notify_from(std::string_view line);
+    void notify_from(std::string_view line);
 
     /// The timer at which the schedules are looked at again: the last that the agent's beginning arms.
     const uloop_timeout *schedule_timer() const { return schedule_timer_; }
