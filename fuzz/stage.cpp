@@ -182,11 +182,11 @@ void Stage::raw(std::string_view bytes) {
 }
 
 void Stage::turn() {
-    do {
-        // Descriptors, then tasks that they have posted, then what was put off to the next turn.
-        for (int round = 0; round < 3; round++)
+    // Descriptors, then tasks that they have posted, then what was put off to the next turn; and what the
+    // agent could not send before.
+    for (int rounds = 3; rounds > 0; rounds = take_answers())
+        for (int round = 0; round < rounds; round++)
             uloop_run_timeout(0);
-    } while (take_answers());
 }
 
 // False when there were none. The peer of the script may have stopped taking.
