@@ -177,7 +177,7 @@ int fetch_list(const capi::Record &kind, const char *name, const char *band, uns
     if (fate == 'f')
         return -1;
     const records &all = of_device(name, band);
-    *count = fate == 'e' ? 0 : static_cast<unsigned>(all.size());
+    *count = fate == 'e' || platform.lists_empty ? 0 : static_cast<unsigned>(all.size());
     *list = static_cast<void **>(qzcap_calloc(*count + 1, sizeof(void *)));
     for (unsigned i = 0; i < *count; i++)
         (*list)[i] = make_record(kind, all[i], fate);

@@ -22,6 +22,7 @@ struct platform_state {
     /// without texts, 'l' with long ones, 'm' with malicious ones, 'h' with huge numbers, 'r' a router,
     /// 's' a device with one radio, 'g' a guest network; any other is as usual.
     std::string_view fate;
+    bool lists_empty;  ///< whatever their fate is: what nobody looks at is not made
     std::vector<installation> installations;
     std::vector<ubus_subscriber *> subscribers;
     std::vector<std::string> servers;  ///< stored server settings: bss, token, id, then business servers

@@ -59,7 +59,9 @@ Stage::Stage(std::vector<Peer *> peers, arvok::options chosen)
       agent_(std::move(chosen), {clock_of_machine, file_folder()}) {
     machine.link_forbidden = !is_among(peers_, side::gateway);
     machine.threads_held = !is_among(peers_, side::cloud);
+    platform.lists_empty = true;
     require(agent_.begin() == agent::beginning::begun, "does not begin");
+    platform.lists_empty = false;
     schedule_timer_ = machine.armed_last;
     turn();
 }
