@@ -81,13 +81,13 @@ void proberesp(request &r, json::view element) {
                                         .length = static_cast<std::uint32_t>(bytes->size())};
     platform::reason why;
     if (qzcap_add_vsie_proberesp(&response, why) < 0)
-        r.fail_platform("qzcap_add_vsie_proberesp", why);
+        r.fail(platform_failed, "qzcap_add_vsie_proberesp failed: %s", why.c_str());
 }
 
 void channelscan(request &r, json::view) {
     platform::reason why;
     if (qzcap_wifi_channelscan(why) < 0)
-        r.fail_platform("qzcap_wifi_channelscan", why);
+        r.fail(platform_failed, "qzcap_wifi_channelscan failed: %s", why.c_str());
 }
 
 struct command_row {
@@ -121,9 +121,9 @@ void beacons::send(request &r, json::view element) {
     platform::reason why;
     const std::int32_t index = qzcap_add_vsie_beacontx(&beacon, why);
     if (index < 0)
-        return r.fail_platform("qzcap_add_vsie_beacontx", why);
+        return r.fail(platform_failed, "qzcap_add_vsie_beacontx failed: %s", why.c_str());
     if (qzcap_vsie_beacontx_action(index, "start", why) < 0)
-        return r.fail_platform("qzcap_vsie_beacontx_action", why);
+        return r.fail(platform_failed, "qzcap_vsie_beacontx_action failed: %s", why.c_str());
     sent_.push_front({index, std::string(cut(id, beacon_id_max))});
 }
 
@@ -139,7 +139,7 @@ void beacons::stop(request &r, json::view element) {
     sent_.erase(found);
     platform::reason why;
     if (qzcap_vsie_beacontx_action(index, "stop", why) < 0)
-        r.fail_platform("qzcap_vsie_beacontx_action", why);
+        r.fail(platform_failed, "qzcap_vsie_beacontx_action failed: %s", why.c_str());
 }
 
 bool handle_control(request &r) {

@@ -49,15 +49,15 @@ using roaming_record = handle<qzcap_roaming, &qzcap_free_roaming>;
 struct roaming_row {
     const char *name;
     qzcap_roaming *(*get)();
-    const char *get_name;
+    const char *get_failure;
     int (*set)(const qzcap_roaming *record, char **errtext);
-    const char *set_name;
+    const char *set_failure;
 };
 
-constexpr roaming_row own_roaming{"roaming_set", qzcap_get_roaming, "qzcap_get_roaming", qzcap_set_roaming,
-                                  "qzcap_set_roaming"};
-constexpr roaming_row mesh_roaming{"map_roaming_set", qzcap_get_mesh_roaming, "qzcap_get_mesh_roaming",
-                                   qzcap_set_mesh_roaming, "qzcap_set_mesh_roaming"};
+constexpr roaming_row own_roaming{"roaming_set", qzcap_get_roaming, "qzcap_get_roaming failed",
+                                  qzcap_set_roaming, "qzcap_set_roaming failed"};
+constexpr roaming_row mesh_roaming{"map_roaming_set", qzcap_get_mesh_roaming, "qzcap_get_mesh_roaming failed",
+                                   qzcap_set_mesh_roaming, "qzcap_set_mesh_roaming failed"};
 
 // What is left out stays as it is.
 struct roaming_request {
@@ -96,11 +96,11 @@ void set_thresholds(request &r, const roaming_row &row, json::view value) {
         return;
     const roaming_record record(row.get());
     if (!record)
-        return r.fail(platform_failed, "%s failed", row.get_name);
+        return r.fail(platform_failed, "%s", row.get_failure);
     given.lay_over(*record);
     platform::reason why;
     if (row.set(record.get(), why) < 0)
-        r.fail_platform(row.set_name, why);
+        r.fail(platform_failed, "%s: %s", row.set_failure, why.c_str());
 }
 
 // --- access list ---
@@ -162,7 +162,7 @@ void set_upgrade(request &r, json::view value) {
     const software image(members);
     platform::reason why;
     if (members.ok() && qzcap_upgrade(image.url.data(), image.size, image.chksum.data(), why) < 0)
-        r.fail_platform("qzcap_upgrade", why);
+        r.fail(platform_failed, "qzcap_upgrade failed: %s", why.c_str());
 }
 
 // The app manager checks a package by itself: it takes neither the size nor the checksum.
@@ -197,7 +197,7 @@ void set_blacklist(request &r, json::view value) {
         return;
     platform::reason why;
     if (qzcap_set_blacklist(enable.data(), macs.data(), static_cast<unsigned>(macs.size()), why) < 0)
-        r.fail_platform("qzcap_set_blacklist", why);
+        r.fail(platform_failed, "qzcap_set_blacklist failed: %s", why.c_str());
 }
 
 void set_map_role(request &r, json::view value) {
@@ -206,7 +206,7 @@ void set_map_role(request &r, json::view value) {
         return r.fail(invalid_parameter, "invalid setMapRole");
     platform::reason why;
     if (qzcap_set_mesh_role(role->data(), why) < 0)
-        r.fail_platform("qzcap_set_mesh_role", why);
+        r.fail(platform_failed, "qzcap_set_mesh_role failed: %s", why.c_str());
 }
 
 void set_iptv(request &r, json::view value) {
@@ -225,7 +225,7 @@ void set_iptv(request &r, json::view value) {
         .enable = platform::lent(enable), .vlan = static_cast<std::uint32_t>(vlan), .ports = ports.data()};
     platform::reason why;
     if (qzcap_set_iptv(&record, why) < 0)
-        r.fail_platform("qzcap_set_iptv", why);
+        r.fail(platform_failed, "qzcap_set_iptv failed: %s", why.c_str());
 }
 
 }  // namespace arvok::gateway

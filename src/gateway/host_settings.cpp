@@ -83,7 +83,7 @@ void set_hosts(request &r, const host_row &row, json::view value) {
         read_host(r, row, element, host);
         platform::reason why;
         if (qzcap_set_laninfo(host->index, host, why) < 0)
-            return r.fail_platform("qzcap_set_laninfo", why);
+            return r.fail(platform_failed, "qzcap_set_laninfo failed: %s", why.c_str());
     }
 }
 

@@ -22,10 +22,6 @@ void request::fail(error_code code, const char *format, ...) {
     va_end(args);
 }
 
-void request::fail_platform(const char *call, const platform::reason &why) {
-    fail(platform_failed, "%s failed: %s", call, why.c_str());
-}
-
 json::value request::error_item(error_code code, const char *format, ...) {
     std::va_list args;
     va_start(args, format);

@@ -60,8 +60,6 @@ class request {
 
     /// Records and logs an error; its text is cut at error_text_max bytes.
     void fail(error_code code, const char *format, ...) __attribute__((format(printf, 3, 4)));
-    /// Records that a platform call failed, with the reason that it gave.
-    void fail_platform(const char *call, const platform::reason &why);
     /// Records an error and returns the object {"errmsg": text} that stands for a failed item.
     json::value error_item(error_code code, const char *format, ...) __attribute__((format(printf, 3, 4)));
 

@@ -99,7 +99,7 @@ void start_rssi_query(request &r, json::view data) {
                                  .duration = static_cast<std::uint32_t>(duration) * 1000};
     platform::reason why;
     if (qzcap_start_rssi_query(&query, why) < 0)
-        r.fail_platform("qzcap_start_rssi_query", why);
+        r.fail(platform_failed, "qzcap_start_rssi_query failed: %s", why.c_str());
 }
 
 // The station is free not to go: it is not disconnected.
@@ -117,7 +117,7 @@ void move_station(request &r, json::view data) {
                                          .timeout = 0};
     platform::reason why;
     if (qzcap_bss_transition(&transition, why) < 0)
-        r.fail_platform("qzcap_bss_transition", why);
+        r.fail(platform_failed, "qzcap_bss_transition failed: %s", why.c_str());
 }
 
 // What the three requests that are only acknowledged have in common.
@@ -139,7 +139,7 @@ void deassociate(request &r, json::view element) {
         return;
     platform::reason why;
     if (qzcap_wifi_deassociation(macs.data(), static_cast<unsigned>(macs.size()), why) < 0)
-        r.fail_platform("qzcap_wifi_deassociation", why);
+        r.fail(platform_failed, "qzcap_wifi_deassociation failed: %s", why.c_str());
 }
 
 bool handle_deassociation(request &r) {

@@ -33,14 +33,16 @@ struct switch_row {
     char *qzcap_wifi_switch::*state;
     const char *bus_key;
     bool skip_unchanged;
-    const char *failure;  // what failed, in the error's text
+    const char *failure;  // the error's text, before the reason
     bool is_sync;
 };
 
-constexpr switch_row wifi_switch{&qzcap_wifi_switch::wifiswitch, "wifiswitch", true, "set_wifi_switch",
+constexpr switch_row wifi_switch{&qzcap_wifi_switch::wifiswitch, "wifiswitch", true, "set_wifi_switch failed",
                                  false};
-constexpr switch_row wps_switch{&qzcap_wifi_switch::wpsswitch, "wpsswitch", false, "set_wps_switch", false};
-constexpr switch_row sync_switch{&qzcap_wifi_switch::arvoksync, "arvoksync", true, "set_arvoksync", true};
+constexpr switch_row wps_switch{&qzcap_wifi_switch::wpsswitch, "wpsswitch", false, "set_wps_switch failed",
+                                false};
+constexpr switch_row sync_switch{&qzcap_wifi_switch::arvoksync, "arvoksync", true, "set_arvoksync failed",
+                                 true};
 
 // What the sync switch says is what the link goes by.
 void note_state(request &r, const switch_row &row, std::string_view state) {
@@ -87,7 +89,7 @@ void set_switch(request &r, const switch_row &row, json::view value) {
     if (!word)
         return;
     if (const std::optional<std::string> why = refused(row.bus_key, *word))
-        return r.fail(platform_failed, "%s failed: %s", row.failure, why->c_str());
+        return r.fail(platform_failed, "%s: %s", row.failure, why->c_str());
     note_state(r, row, *word);
 }
 
@@ -136,7 +138,7 @@ void set_wifitimer(request &r, json::view value) {
         const qzcap_wifi_timer record = timer_record(element);
         if (i == timers->size()) {
             if (qzcap_wifi_timer_add(&record, why) < 0)
-                return r.fail_platform("qzcap_wifi_timer_add", why);
+                return r.fail(platform_failed, "qzcap_wifi_timer_add failed: %s", why.c_str());
             continue;
         }
         const std::uint32_t id = (*timers)[i++].id;
@@ -160,7 +162,7 @@ void set_ledswitch(request &r, json::view value) {
     const std::optional<std::string_view> word = switch_word(r, *status);
     platform::reason why;
     if (word && qzcap_set_led_switch(word->data(), why) < 0)
-        r.fail_platform("qzcap_set_led_switch", why);
+        r.fail(platform_failed, "qzcap_set_led_switch failed: %s", why.c_str());
 }
 
 json::value get_wifiswitch(request &r) {

@@ -103,18 +103,21 @@ class wifi_setting {
     }
 
   private:
+    // Records which platform call failed; false, as the caller's result.
+    bool failed(const char *text) {
+        request_.fail(platform_failed, "%s", text);
+        return false;
+    }
+
     bool fetch() {
-        if (!cache_.refresh_radios() || !cache_.refresh_device()) {
-            request_.fail(platform_failed, "update_wifi_info failed");
-            return false;
-        }
+        if (!cache_.refresh_radios() || !cache_.refresh_device())
+            return failed("update_wifi_info failed");
         for (const band &of : cache_.device_bands()) {
             platform::access_point_record &interface = main_interfaces_[&of - platform::bands];
             interface.reset(qzcap_wifi_ap_get(of.access_point, main_interface));
-            if (!interface) {
-                request_.fail(platform_failed, "qzcap_wifi_ap_get %s failed", of.word);
-                return false;
-            }
+            if (!interface)
+                return failed(of.access_point == QZCAP_AP_2G ? "qzcap_wifi_ap_get 2.4G failed"
+                                                             : "qzcap_wifi_ap_get 5G failed");
         }
         return true;
     }
@@ -238,10 +241,8 @@ class wifi_setting {
         record.txpower = chosen(given.txpower, current.txpower);
         record.bandwidth = *bandwidth;
         record.wifimode = chosen(given.wifimode, current.wifimode);
-        if (qzcap_set_wifiinfo_async(of.radio, &record, 0) >= 0)
-            return true;
-        request_.fail(platform_failed, "qzcap_set_wifiinfo_async failed");
-        return false;
+        return qzcap_set_wifiinfo_async(of.radio, &record, 0) >= 0 ||
+               failed("qzcap_set_wifiinfo_async failed");
     }
 
     bool apply_interfaces(json::view item, const band &of) {
@@ -255,10 +256,8 @@ class wifi_setting {
             for (const interface_member &member : interface_members)
                 if (const given_text given = element[member.key].text(); differs(given, current.*member.text))
                     platform::replace_text(current.*member.text, *given);
-            if (qzcap_wifi_ap_set_async(of.access_point, main_interface, &current, 0, nullptr) < 0) {
-                request_.fail(platform_failed, "qzcap_wifi_ap_set_async failed");
-                return false;
-            }
+            if (qzcap_wifi_ap_set_async(of.access_point, main_interface, &current, 0, nullptr) < 0)
+                return failed("qzcap_wifi_ap_set_async failed");
         }
         return true;
     }
