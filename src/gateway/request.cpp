@@ -27,7 +27,7 @@ json::value request::error_item(error_code code, const char *format, ...) {
     va_start(args, format);
     record(code, format, args);
     va_end(args);
-    return json::object().text("errmsg", std::string_view(errmsg_)).take();
+    return json::object().text("errmsg", errmsg_).take();
 }
 
 bool request::has_envelope() const {
@@ -53,7 +53,7 @@ json::object request::reply_of(std::string_view type) const {
 }
 
 void request::acknowledge() {
-    reply = reply_of("ack").number("errcode", errcode_).text("errmsg", std::string_view(errmsg_)).take();
+    reply = reply_of("ack").number("errcode", errcode_).text("errmsg", errmsg_).take();
 }
 
 }  // namespace arvok::gateway

@@ -70,7 +70,8 @@ json::array heard_stations(request &r) {
         return stations;
     }
     // In an envelope, what is no station's MAC is the sender's own.
-    if (given == r.root && !r.from_cloud && !is_wireless(platform::find_host(*hosts, filter.macs.front())))
+    if (given == r.root && !r.from_cloud && !filter.all &&
+        !is_wireless(platform::find_host(*hosts, filter.macs.front())))
         filter.all = true;
     for (const qzcap_laninfo *host : *hosts)
         if (host->active && is_wireless(host) && filter.passes(*host))
@@ -152,7 +153,7 @@ bool handle_getrssiinfo(request &r) {
     json::array stations = heard_stations(r);
     r.reply = r.reply_of("rssiinfo")
                   .number("errcode", r.errcode())
-                  .text("errmsg", std::string_view(r.errmsg()))
+                  .text("errmsg", r.errmsg())
                   .add("data", stations.take())
                   .take();
     return true;

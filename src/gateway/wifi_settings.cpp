@@ -3,6 +3,8 @@
 // A device in bridge mode applies a request only when it differs from what is set; the first difference found
 // decides for the whole request. A router applies every request and afterwards becomes a bridge.
 
+#include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <iterator>
 
@@ -70,8 +72,9 @@ struct radio_request {
           wifimode(radio["wifimode"].text()),
           bandwidth(radio["bandwidth"].text()),
           channel(radio["channel"].integer()) {
-        if (const given_text digits = radio["channel"].text())
-            channel = std::atoi(digits->data());
+        if (const given_text text = radio["channel"].text())
+            channel =
+                static_cast<int>(std::clamp<long>(std::strtol(text->data(), nullptr, 10), INT_MIN, INT_MAX));
     }
 
     given_text enable, txpower, wifimode, bandwidth;
@@ -103,21 +106,21 @@ class wifi_setting {
     }
 
   private:
-    // Records which platform call failed; false, as the caller's result.
-    bool failed(const char *text) {
-        request_.fail(platform_failed, "%s", text);
+    // False, which is then the caller's result.
+    bool fail(error_code code, const char *text) {
+        request_.fail(code, "%s", text);
         return false;
     }
 
     bool fetch() {
         if (!cache_.refresh_radios() || !cache_.refresh_device())
-            return failed("update_wifi_info failed");
+            return fail(platform_failed, "update_wifi_info failed");
         for (const band &of : cache_.device_bands()) {
             platform::access_point_record &interface = main_interfaces_[&of - platform::bands];
             interface.reset(qzcap_wifi_ap_get(of.access_point, main_interface));
             if (!interface)
-                return failed(of.access_point == QZCAP_AP_2G ? "qzcap_wifi_ap_get 2.4G failed"
-                                                             : "qzcap_wifi_ap_get 5G failed");
+                return fail(platform_failed, of.access_point == QZCAP_AP_2G ? "qzcap_wifi_ap_get 2.4G failed"
+                                                                            : "qzcap_wifi_ap_get 5G failed");
         }
         return true;
     }
@@ -154,10 +157,7 @@ class wifi_setting {
 
     // Only the main interface can be set.
     bool names_main_interface(json::view element) {
-        if (element["apidx"].number() == 0.0)
-            return true;
-        request_.fail(invalid_parameter, "invalid apidx");
-        return false;
+        return element["apidx"].number() == 0.0 || fail(invalid_parameter, "invalid apidx");
     }
 
     // --- comparing: behind a difference nothing is looked at, not even whether it is valid ---
@@ -242,7 +242,7 @@ class wifi_setting {
         record.bandwidth = *bandwidth;
         record.wifimode = chosen(given.wifimode, current.wifimode);
         return qzcap_set_wifiinfo_async(of.radio, &record, 0) >= 0 ||
-               failed("qzcap_set_wifiinfo_async failed");
+               fail(platform_failed, "qzcap_set_wifiinfo_async failed");
     }
 
     bool apply_interfaces(json::view item, const band &of) {
@@ -257,7 +257,7 @@ class wifi_setting {
                 if (const given_text given = element[member.key].text(); differs(given, current.*member.text))
                     platform::replace_text(current.*member.text, *given);
             if (qzcap_wifi_ap_set_async(of.access_point, main_interface, &current, 0, nullptr) < 0)
-                return failed("qzcap_wifi_ap_set_async failed");
+                return fail(platform_failed, "qzcap_wifi_ap_set_async failed");
         }
         return true;
     }
