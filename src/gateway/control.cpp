@@ -125,6 +125,8 @@ void beacons::send(request &r, json::view element) {
     if (qzcap_vsie_beacontx_action(index, "start", why) < 0)
         return r.fail(platform_failed, "qzcap_vsie_beacontx_action failed: %s", why.c_str());
     sent_.push_front({index, std::string(cut(id, beacon_id_max))});
+    if (sent_.size() > sent_max)
+        sent_.pop_back();
 }
 
 void beacons::stop(request &r, json::view element) {

@@ -11,8 +11,13 @@
 namespace arvok::gateway {
 
 /// The beacon elements that the gateway had us send.
+///
+/// An element whose lifetime is over stays known, so that a gateway that never stops one must not fill the
+/// memory: beyond sent_max the oldest is forgotten. It can no longer be stopped, and ends with its lifetime.
 class beacons {
   public:
+    static constexpr std::size_t sent_max = 256;
+
     /// "sendvsie": sends an element for a while.
     void send(request &r, json::view element);
     /// "stopvsie": ends one before its time.
