@@ -66,8 +66,7 @@ void agent::build() {
     qzcap_delete_vsie_beacontx_by_name(gateway::beacon_owner, nullptr);
 
     tasks_.emplace();
-    modules_.gateway.emplace(*tasks_, cache_, where_.clock,
-                             gateway::options{options_.gateway_address, options_.gateway_given},
+    modules_.gateway.emplace(*tasks_, cache_, where_.clock, gateway::options{options_.gateway_address},
                              bind<&agent::pass_notification>(*this));
     modules_.gateway->set_sync(sync);
     modules_.cloud.emplace(

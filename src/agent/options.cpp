@@ -81,7 +81,6 @@ options parse_options(int argc, char **argv) {
                 chosen.debug = true;
                 break;
             case 'g':
-                chosen.gateway_given = true;
                 chosen.gateway_address = valid(is_ipv4_address, optarg);
                 break;
             case 'b':
@@ -101,7 +100,8 @@ void apply_test_mode(options &chosen, const std::string &marker) {
     if (!file_exists(marker))
         return;
     chosen.debug = true;
-    chosen.gateway_given = true;
+    if (!chosen.gateway_address)
+        chosen.gateway_address.emplace();
     std::string address = read_file(marker, marker_max).value_or("");
     if (address.empty())
         return;

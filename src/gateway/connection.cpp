@@ -71,7 +71,7 @@ connection::connection(task_queue &tasks, platform::cache &cache, options where,
 // The address of this attempt: the user's, or in turn the default and the one found. Nothing when there is
 // none, with the next attempt armed.
 std::optional<std::string> connection::next_address() {
-    if (where_.address_given)
+    if (where_.address)
         return where_.address;
     default_tried_ = !default_tried_;
     if (default_tried_)

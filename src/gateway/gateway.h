@@ -14,6 +14,7 @@
 /// Everything runs on the loop thread.
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -30,8 +31,7 @@ namespace arvok::gateway {
 inline constexpr char beacon_owner[] = "arvokclt";
 
 struct options {
-    std::string address;  ///< the gateway's, where it is given
-    bool address_given;   ///< else it is found at each connection
+    std::optional<std::string> address;  ///< the gateway's; none: it is found at each connection
 };
 
 class client {

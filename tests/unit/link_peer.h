@@ -62,7 +62,7 @@ class Link : public ::testing::Test {
         ASSERT_EQ(::bind(listener_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
         ASSERT_EQ(listen(listener_.get(), 4), 0);
         ASSERT_TRUE(cache_.refresh_device());
-        build({"127.0.0.1", true});
+        build({"127.0.0.1"});
     }
 
     static void remember(const char *format, ...) {

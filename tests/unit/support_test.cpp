@@ -236,18 +236,22 @@ TEST_F(Files, TheTestModePinsTheGatewayOverWhatOptionsSay) {
     optind = 0;  // starts the option parser anew
     options chosen = parse_options(static_cast<int>(std::size(words)), arguments.data());
     apply_test_mode(chosen, path_);
-    EXPECT_TRUE(chosen.debug && chosen.gateway_given);
+    EXPECT_TRUE(chosen.debug);
     EXPECT_EQ(chosen.gateway_address, "10.0.0.2");  // the last
     ASSERT_TRUE(chosen.bss);
     EXPECT_EQ(chosen.bss->host + " " + chosen.bss->port, "bss.example 8088");
     EXPECT_EQ(chosen.local_port, "17999");
-    for (const char *marker : {"192.168.8.1\n", "192.168.8.1"}) {
+    const std::pair<const char *, const char *> markers[] = {
+        {"192.168.8.1\n", "192.168.8.1"}, {"192.168.8.1", "192.168.8.1"}, {"\n", ""}, {"", ""}};
+    for (const auto &[marker, address] : markers) {
         write_file(path_, marker);
         options pinned;
         apply_test_mode(pinned, path_);
-        EXPECT_EQ(pinned.gateway_address, "192.168.8.1");
-        EXPECT_TRUE(pinned.debug && pinned.gateway_given);
+        EXPECT_EQ(pinned.gateway_address, address);
+        EXPECT_TRUE(pinned.debug);
     }
+    apply_test_mode(chosen, path_);
+    EXPECT_EQ(chosen.gateway_address, "10.0.0.2");  // there is none over it
 }
 
 }  // namespace

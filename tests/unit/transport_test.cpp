@@ -125,12 +125,12 @@ TEST_F(Link, ConnectionsThatFailAreTriedAgain) {
     agent_->start();
     EXPECT_FALSE(is_armed(10000));  // one attempt at a time
 
-    build({"192.168.8.1\r", true});  // as a marker file may have it
+    build({"192.168.8.1\r"});  // as a marker file may have it
     agent_->start();
     EXPECT_TRUE(has_logged("[ERROR] (arvok) create socket failed: "));
     EXPECT_TRUE(is_armed(10000));
 
-    build({"", false});
+    build({});
     around.device_known = false;
     agent_->start();
     EXPECT_TRUE(has_logged("[INFO] (arvok) connect \"192.168.1.1:32768\" (1)\n"));
