@@ -3,6 +3,9 @@
 ///
 /// A handler fills `reply` and answers whether it consumed the message; one that did not says why in the log.
 
+#include <optional>
+#include <string_view>
+
 #include "gateway/request.h"
 
 namespace arvok::gateway {
@@ -22,7 +25,7 @@ bool handle_startstabsstransitionrequest(request &);
 void deassociate(request &, json::view element);
 
 /// Adds this device's part in the mesh, for "mapInfo" and the mesh report: "mapRole", "mapAlmac" and, for a
-/// controller, "backhaulBSS". Null, or the text that says which platform call failed, with nothing added.
-const char *add_map_info(json::object &);
+/// controller, "backhaulBSS". When a platform call fails, nothing is added; the text says which.
+std::optional<std::string_view> add_map_info(json::object &);
 
 }  // namespace arvok::gateway

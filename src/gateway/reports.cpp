@@ -123,8 +123,8 @@ void reports::map_report() {
     if (!state_.linked)
         return;
     message report = link_.begin("map_report");
-    if (const char *failed = add_map_info(report.body)) {
-        log_printf("[ERROR] %s\n", failed);
+    if (const auto failure = add_map_info(report.body)) {
+        log_printf("[ERROR] %s\n", failure->data());
         return;
     }
     link_.post(std::move(report));

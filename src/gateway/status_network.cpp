@@ -215,7 +215,7 @@ json::value get_channel_quality(request &r) {
     return array.take();
 }
 
-const char *add_map_info(json::object &object) {
+std::optional<std::string_view> add_map_info(json::object &object) {
     const platform::mesh_record mesh(qzcap_get_mesh());
     if (!mesh)
         return "qzcap_get_mesh failed";
@@ -231,13 +231,13 @@ const char *add_map_info(json::object &object) {
                                       .text("auth", backhaul->auth)
                                       .text("encrypt", backhaul->encrypt)
                                       .take());
-    return nullptr;
+    return std::nullopt;
 }
 
 json::value get_map_info(request &r) {
     json::object object;
-    if (const char *failed = add_map_info(object))
-        return r.error_item(platform_failed, "%s", failed);
+    if (const auto failure = add_map_info(object))
+        return r.error_item(platform_failed, "%s", failure->data());
     return object.take();
 }
 
