@@ -19,8 +19,7 @@ struct options {
 options parse_options(int argc, char **argv);
 
 /// Where the file `marker` is, debugging is on and the gateway is the one that its first line names, over any
-/// option. A file that is empty leaves the option's; without one the address is empty, which
-/// reaches none.
+/// option. An empty file leaves the option's address; without one the address is empty, which reaches none.
 void apply_test_mode(options &chosen, const std::string &marker);
 
 inline constexpr char test_mode_marker[] = "/tmp/arvokclt_test_mode";

@@ -3,6 +3,7 @@
 #include "base/bus_message.h"
 #include "base/log.h"
 #include "base/text.h"
+#include "gateway/reports.h"
 
 namespace arvok {
 namespace {
@@ -53,8 +54,8 @@ int platform_events::take(std::string_view method, blob_attr *message) {
 
 void platform_events::host(const notification &heard) {
     if (heard.method == "devicestatus") {
-        modules_.gateway->lan_event(heard.event);
-        modules_.gateway->lan_report();
+        modules_.gateway->reporting().lan_event(heard.event);
+        modules_.gateway->reporting().lan_report();
     } else if (heard.method == "newdevice") {
         modules_.access->host_appeared();
     }
@@ -67,7 +68,7 @@ void platform_events::wan(const notification &heard) {
         if (contains(heard.text, R"("status":"up")"))
             modules_.cloud->wan_up();
     if (heard.event)
-        modules_.gateway->wan_report(heard.event);
+        modules_.gateway->reporting().wan_report(heard.event);
 }
 
 void platform_events::wifi(const notification &heard) {
@@ -80,20 +81,20 @@ void platform_events::wifi(const notification &heard) {
 
 void platform_events::roaming(const notification &heard) {
     if (heard.event && heard.method == "aprssi")
-        modules_.gateway->rssi_report(heard.event);
+        modules_.gateway->reporting().rssi_report(heard.event);
     else if (heard.event)
-        modules_.gateway->roaming_report(heard.event);
+        modules_.gateway->reporting().roaming_report(heard.event);
 }
 
 void platform_events::mesh(const notification &heard) {
-    modules_.gateway->map_report();
+    modules_.gateway->reporting().map_report();
     if (const auto mode = heard.event["mode"].text())
-        modules_.gateway->map_event(*mode);
+        modules_.gateway->reporting().map_event(*mode);
 }
 
 void platform_events::element(const notification &heard) {
     if (heard.event)
-        modules_.gateway->vsie_event(heard.event);
+        modules_.gateway->reporting().vsie_event(heard.event);
 }
 
 }  // namespace arvok

@@ -10,8 +10,9 @@ namespace arvok::gateway {
 
 class dispatcher {
   public:
-    dispatcher(const request_services &services, connection &link, negotiation &keys, reports &told)
-        : services_(services), link_(link), negotiation_(keys), reports_(told) {}
+    dispatcher(const request_services &services, connection &link, negotiation &negotiating,
+               reports &reporting)
+        : services_(services), link_(link), negotiation_(negotiating), reports_(reporting) {}
 
     /// Runs a message of the gateway, sends its reply and carries out the device actions that it asked for.
     void take(json::view message);

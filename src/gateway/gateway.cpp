@@ -12,20 +12,21 @@ namespace arvok::gateway {
 struct client::modules {
     modules(task_queue &tasks, platform::cache &cache, wall_clock now, options where,
             callback<void(const std::string &)> notify_cloud)
-        : link(tasks, cache, std::move(where), state,
-               {.opened = bind<&negotiation::begin>(keys), .received = bind<&dispatcher::take>(messages)}),
-          keys(link, cache, state),
-          told(link, cache, state, now),
-          bridge(link, state, notify_cloud),
-          messages({cache, state, elements, bridge}, link, keys, told) {}
+        : link_(tasks, cache, std::move(where), state_,
+                {.opened = bind<&negotiation::begin>(negotiation_),
+                 .received = bind<&dispatcher::take>(dispatcher_)}),
+          negotiation_(link_, cache, state_),
+          reports_(link_, cache, state_, now),
+          bus_bridge_(link_, state_, notify_cloud),
+          dispatcher_({cache, state_, beacons_, bus_bridge_}, link_, negotiation_, reports_) {}
 
-    link_state state;
-    connection link;
-    negotiation keys;
-    reports told;
-    beacons elements;
-    bus_bridge bridge;
-    dispatcher messages;
+    link_state state_;
+    connection link_;
+    negotiation negotiation_;
+    reports reports_;
+    beacons beacons_;
+    bus_bridge bus_bridge_;
+    dispatcher dispatcher_;
 };
 
 client::client(task_queue &tasks, platform::cache &cache, wall_clock now, options where,
@@ -33,68 +34,40 @@ client::client(task_queue &tasks, platform::cache &cache, wall_clock now, option
     : modules_(std::make_unique<modules>(tasks, cache, now, std::move(where), notify_cloud)) {}
 
 client::~client() {
-    modules_->link.disconnect();
+    modules_->link_.disconnect();
 }
 
 void client::set_sync(bool on) {
-    modules_->state.sync_on = on;
+    modules_->state_.sync_on = on;
 }
 
 void client::sync_turned_on() {
     set_sync(true);
-    modules_->link.start_over();
+    modules_->link_.start_over();
 }
 
 void client::start() {
-    modules_->link.connect();
+    modules_->link_.connect();
 }
 
 bool client::is_linked() const {
-    return modules_->state.linked;
+    return modules_->state_.linked;
 }
 
 json::value client::handle_cloud_message(json::view message) {
-    return modules_->messages.take_from_cloud(message);
+    return modules_->dispatcher_.take_from_cloud(message);
 }
 
 void client::forget_actions() {
-    modules_->messages.forget_actions();
+    modules_->dispatcher_.forget_actions();
 }
 
 void client::run_actions() {
-    modules_->messages.run_actions();
+    modules_->dispatcher_.run_actions();
 }
 
-void client::lan_event(json::view event) {
-    modules_->told.lan_event(event);
-}
-
-void client::lan_report() {
-    modules_->told.lan_report();
-}
-
-void client::wan_report(json::view event) {
-    modules_->told.wan_report(event);
-}
-
-void client::roaming_report(json::view event) {
-    modules_->told.roaming_report(event);
-}
-
-void client::rssi_report(json::view event) {
-    modules_->told.rssi_report(event);
-}
-
-void client::map_event(std::string_view mode) {
-    modules_->told.map_event(mode);
-}
-
-void client::map_report() {
-    modules_->told.map_report();
-}
-
-void client::vsie_event(json::view event) {
-    modules_->told.vsie_event(event);
+reports &client::reporting() {
+    return modules_->reports_;
 }
 
 }  // namespace arvok::gateway

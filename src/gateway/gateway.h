@@ -16,7 +16,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "base/callback.h"
 #include "base/clock.h"
@@ -33,6 +32,8 @@ inline constexpr char beacon_owner[] = "arvokclt";
 struct options {
     std::optional<std::string> address;  ///< the gateway's; none: it is found at each connection
 };
+
+class reports;
 
 class client {
   public:
@@ -62,16 +63,8 @@ class client {
     /// Resets or restarts the device when the last message asked for that.
     void run_actions();
 
-    // --- what the platform notified (reports.h) ---
-
-    void lan_event(json::view event);
-    void lan_report();
-    void wan_report(json::view event);
-    void roaming_report(json::view event);
-    void rssi_report(json::view event);
-    void map_event(std::string_view mode);
-    void map_report();
-    void vsie_event(json::view event);
+    /// For what the platform notified (reports.h).
+    reports &reporting();
 
   private:
     struct modules;
