@@ -198,7 +198,7 @@ void bus_bridge::pass_on(const subscription &from, std::string_view method, blob
         return;
     const std::optional<std::string> text = json_of(message);
     const json::document data = text ? json::parse(*text) : json::document();
-    gateway::message notification = link_.begin("ubus_notify");
+    gateway::message notification = link_.new_message("ubus_notify");
     notification.body.text("object", from.object).text("method", method).add("data", json::copy(data.root()));
     if (from.from_cloud)
         notify_cloud_(notification.body.take().text());

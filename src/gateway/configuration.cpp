@@ -31,7 +31,7 @@ void set_eventsub(request &r, json::view value) {
             return r.fail(invalid_parameter, "invalid event \"%s\"", name.value_or("").data());
         subscribed |= row->bit;
     }
-    r.on.link.events = subscribed;
+    r.services.link.events = subscribed;
 }
 
 void set_whitelist(request &r, json::view) {
@@ -102,7 +102,7 @@ bool handle_cfg(request &r) {
     }
     if (set["mode"].text() == "set")
         r.allow_bridge = false;
-    if (!r.on.link.sync_on && r.allow_bridge && !r.from_cloud)
+    if (!r.services.link.sync_on && r.allow_bridge && !r.from_cloud)
         r.fail(sync_off, "arvoksync is off");
     else
         run_settings(r, set);

@@ -52,12 +52,12 @@ bool is_enabled() {
 }  // namespace
 
 connection::connection(task_queue &tasks, platform::cache &cache, options where, link_state &state,
-                       const listeners &told)
+                       const listeners &informed)
     : tasks_(tasks),
       cache_(cache),
       where_(std::move(where)),
       state_(state),
-      told_(told),
+      listeners_(informed),
       stream_({.read = bind<&connection::readable>(*this), .broken = bind<&connection::broken>(*this)},
               unsent_max),
       frames_(link_frames, bind<&connection::receive>(*this)),
@@ -113,7 +113,7 @@ void connection::connect() {
     frames_.reset();
     sequence_ = 0;
     keepalive_sequence_ = -1;
-    told_.opened();
+    listeners_.opened();
 }
 
 void connection::disconnect() {
@@ -169,7 +169,7 @@ void connection::receive(std::string &body) {
         return fail();
     }
     std::string().swap(body);  // its memory serves the answer
-    told_.received(document.root());
+    listeners_.received(document.root());
 }
 
 void connection::broken() {
@@ -205,7 +205,7 @@ void connection::negotiation_began() {
 
 // --- sending ---
 
-message connection::begin(std::string_view type, int ack_timeout_ms) {
+message connection::new_message(std::string_view type, int ack_timeout_ms) {
     message begun{.ack_timeout_ms = ack_timeout_ms};
     begun.body.text("type", type).number("sequence", sequence_++).text("mac", cache_.own_mac());
     return begun;
@@ -251,7 +251,7 @@ void connection::keep_alive() {
 
 void connection::send_keepalive() {
     keepalive_sequence_ = sequence_;
-    message keepalive = begin("keepalive");
+    message keepalive = new_message("keepalive");
     keepalive.quiet = true;
     send(std::move(keepalive));
     keepalive_ack_.arm(keepalive_ack_ms);

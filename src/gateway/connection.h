@@ -31,7 +31,7 @@ class connection {
     };
 
     connection(task_queue &tasks, platform::cache &cache, options where, link_state &state,
-               const listeners &told);
+               const listeners &informed);
 
     /// Tries to connect, and arms the next attempt when that cannot even be tried.
     void connect();
@@ -41,7 +41,7 @@ class connection {
     void start_over();
 
     /// A message with its envelope: "type", "sequence" (a number that it uses up) and "mac".
-    message begin(std::string_view type, int ack_timeout_ms = 0);
+    message new_message(std::string_view type, int ack_timeout_ms = 0);
     /// Sends a message; without a connection it goes nowhere.
     void send(message what);
     void send(const json::value &body);
@@ -82,7 +82,7 @@ class connection {
     platform::cache &cache_;
     const options where_;
     link_state &state_;
-    const listeners told_;
+    const listeners listeners_;
     stream stream_;
     frame_reader frames_;
     std::optional<aes> cipher_;

@@ -59,11 +59,11 @@ std::optional<payload> payload_of(request_members &members, std::string_view dat
 }
 
 void sendvsie(request &r, json::view element) {
-    r.on.elements.send(r, element);
+    r.services.beacons.send(r, element);
 }
 
 void stopvsie(request &r, json::view element) {
-    r.on.elements.stop(r, element);
+    r.services.beacons.stop(r, element);
 }
 
 void proberesp(request &r, json::view element) {

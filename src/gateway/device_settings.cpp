@@ -216,9 +216,9 @@ void set_iptv(request &r, json::view value) {
     const json::view list = members.array("ports");
     if (!members.ok())
         return;
-    if (!r.on.cache.refresh_device())
+    if (!r.services.cache.refresh_device())
         return r.fail(platform_failed, "qzcap_get_devinfo failed");
-    std::vector<std::uint32_t> ports = read_ports(members, list, r.on.cache.device().lanports);
+    std::vector<std::uint32_t> ports = read_ports(members, list, r.services.cache.device().lanports);
     if (!members.ok())
         return;
     const qzcap_iptv record{

@@ -10,11 +10,11 @@ namespace arvok::gateway {
 namespace {
 
 bool handle_ubus_call(request &r) {
-    return r.on.bridge.handle_call(r);
+    return r.services.bridge.handle_call(r);
 }
 
 bool handle_ubus_subscribe(request &r) {
-    return r.on.bridge.handle_subscribe(r);
+    return r.services.bridge.handle_subscribe(r);
 }
 
 struct request_row {

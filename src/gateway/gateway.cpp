@@ -13,7 +13,7 @@ struct client::modules {
     modules(task_queue &tasks, platform::cache &cache, wall_clock now, options where,
             callback<void(const std::string &)> notify_cloud)
         : link_(tasks, cache, std::move(where), state_,
-                {.opened = bind<&negotiation::begin>(negotiation_),
+                {.opened = bind<&negotiation::request_key>(negotiation_),
                  .received = bind<&dispatcher::take>(dispatcher_)}),
           negotiation_(link_, cache, state_),
           reports_(link_, cache, state_, now),

@@ -19,9 +19,9 @@ bool echoes(json::view echo, const std::string &sent) {
 
 }  // namespace
 
-void negotiation::begin() {
+void negotiation::request_key() {
     exchange_.clear();
-    message request = link_.begin("keyngreq", keyngreq_ack_ms);
+    message request = link_.new_message("keyngreq", keyngreq_ack_ms);
     request.body.text("version", protocol_version)
         .add("keymodelist", json::array().add(json::object().text("keymode", "dh").take()).take());
     link_.send(std::move(request));
@@ -37,7 +37,7 @@ bool negotiation::handle_keyngack(json::view answer) {
         log_printf("[ERROR] unsupported keymode\n");
         return false;
     }
-    message offer = link_.begin("dh", dh_ack_ms);
+    message offer = link_.new_message("dh", dh_ack_ms);
     link_.forget_key();
     exchange_.begin();
     json::object data;
@@ -89,7 +89,7 @@ bool negotiation::handle_dh(json::view answer) {
     if (const std::optional<aes_key> key = exchange_.agree(*peer_public))
         link_.use_key(*key);
     cache_.refresh_device();  // the gateway is told what the device is now, not what it was at the start
-    message registration = link_.begin("dev_reg", dev_reg_ack_ms);
+    message registration = link_.new_message("dev_reg", dev_reg_ack_ms);
     const std::string_view lan_source = view_of(cache_.device().lan_source);
     registration.body.text("link_mac", gateway_mac(cache_.is_router(), lan_source))
         .add("data", registration_data());

@@ -20,7 +20,7 @@ class negotiation {
         : link_(link), cache_(cache), state_(state) {}
 
     /// Sends the key request that opens every connection.
-    void begin();
+    void request_key();
 
     // Handlers of the gateway's answers: whether they consumed the message.
     bool handle_keyngack(json::view answer);

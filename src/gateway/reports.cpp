@@ -37,7 +37,7 @@ std::string encode_vsie(json::view bytes) {
 // --- reports ---
 
 void reports::send_wan_report(json::object status) {
-    message report = link_.begin("wan_report");
+    message report = link_.new_message("wan_report");
     cache_.refresh_wan();
     const qzcap_waninfo *wan = cache_.wan();
     json::array servers;
@@ -67,7 +67,7 @@ void reports::wan_report(json::view event) {
 void reports::lan_report() {
     if (!state_.linked)
         return;
-    message report = link_.begin("dev_report");
+    message report = link_.new_message("dev_report");
     const std::optional<platform::host_list> hosts = list_hosts();
     if (!hosts) {
         log_printf("[ERROR] qzcap_list_laninfo failed");
@@ -91,7 +91,7 @@ void reports::lan_report() {
 void reports::roaming_report(json::view event) {
     if (!state_.linked)
         return;
-    message report = link_.begin("cfg");  // it travels under this type
+    message report = link_.new_message("cfg");  // it travels under this type
     const json::view stations = event["roamingreport"];
     if (!stations.is_array())
         return;
@@ -111,7 +111,7 @@ void reports::roaming_report(json::view event) {
 void reports::rssi_report(json::view event) {
     if (!state_.linked || !event["mac"].is_text() || !event["rssi"].is_number())
         return;
-    message report = link_.begin("aprssi");
+    message report = link_.new_message("aprssi");
     json::object data;
     copy_member(data, "mac", event, "mac");
     copy_member(data, "rssi", event, "rssi");
@@ -122,7 +122,7 @@ void reports::rssi_report(json::view event) {
 void reports::map_report() {
     if (!state_.linked)
         return;
-    message report = link_.begin("map_report");
+    message report = link_.new_message("map_report");
     if (const auto failure = add_map_info(report.body)) {
         log_printf("[ERROR] %s\n", failure->data());
         return;
@@ -133,7 +133,7 @@ void reports::map_report() {
 // --- events ---
 
 void reports::send_event(const json::value &item) {
-    message event = link_.begin("event");
+    message event = link_.new_message("event");
     event.body.add("data", json::array().add(item).take());
     link_.send(std::move(event));
 }

@@ -48,7 +48,7 @@ json::object request::reply_of(std::string_view type) const {
     json::object reply_object;
     reply_object.text("type", type)
         .number("sequence", root["sequence"].number().value_or(0))
-        .text("mac", on.cache.own_mac());
+        .text("mac", services.cache.own_mac());
     return reply_object;
 }
 

@@ -40,19 +40,19 @@ class bus_bridge;
 struct request_services {
     platform::cache &cache;
     link_state &link;
-    beacons &elements;
+    gateway::beacons &beacons;
     bus_bridge &bridge;
 };
 
 class request {
   public:
-    request(json::view message, bool through_cloud, const request_services &services)
-        : root(message), from_cloud(through_cloud), allow_bridge(!through_cloud), on(services) {}
+    request(json::view message, bool through_cloud, const request_services &given)
+        : root(message), from_cloud(through_cloud), allow_bridge(!through_cloud), services(given) {}
 
     const json::view root;
     const bool from_cloud;  ///< no envelope checks, nothing sent on the link
     bool allow_bridge;      ///< a switch to bridge mode may follow
-    const request_services &on;
+    const request_services &services;
     std::uint32_t actions = 0;  ///< action_bit of what is to be done when the reply has been sent
     json::value reply;          ///< to be sent; none: nothing
 

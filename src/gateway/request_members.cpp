@@ -73,7 +73,7 @@ std::uint32_t request_members::size(const char *name) {
 
 const platform::band &request_members::band(const char *name) {
     const std::optional<std::string_view> word = next(name).text();
-    for (const platform::band &band : request_.on.cache.device_bands())
+    for (const platform::band &band : request_.services.cache.device_bands())
         if (word == band.word)
             return band;
     refuse(name);

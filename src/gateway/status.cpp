@@ -14,7 +14,7 @@ json::value get_online_time(request &) {
 }
 
 json::value get_arvokstat(request &r) {
-    return json::object().text("connectedGateway", r.on.link.linked ? "yes" : "no").take();
+    return json::object().text("connectedGateway", r.services.link.linked ? "yes" : "no").take();
 }
 
 json::value get_access_list(request &r) {

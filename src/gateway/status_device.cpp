@@ -13,23 +13,23 @@ json::value text_value(const char *text) {
 // What `value` makes of a record that is made current first, or the error item.
 template <typename Value>
 json::value of_device(request &r, Value value) {
-    if (!r.on.cache.refresh_device())
+    if (!r.services.cache.refresh_device())
         return r.error_item(platform_failed, "qzcap_get_devinfo failed");
-    return value(r.on.cache.device());
+    return value(r.services.cache.device());
 }
 
 template <typename Value>
 json::value of_diagnostics(request &r, Value value) {
-    if (!r.on.cache.refresh_diagnostics())
+    if (!r.services.cache.refresh_diagnostics())
         return r.error_item(platform_failed, "qzcap_diagnostics_get failed");
-    return value(r.on.cache.diagnostics());
+    return value(r.services.cache.diagnostics());
 }
 
 template <typename Value>
 json::value of_wan(request &r, Value value) {
-    if (!r.on.cache.refresh_wan())
+    if (!r.services.cache.refresh_wan())
         return r.error_item(platform_failed, "qzcap_get_waninfo failed");
-    return value(*r.on.cache.wan());
+    return value(*r.services.cache.wan());
 }
 
 constexpr std::size_t percent_text_max = 7;  // what does not fit is cut, also for the gateway

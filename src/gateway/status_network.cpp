@@ -33,11 +33,11 @@ constexpr field<qzcap_wifi_apstat> traffic_fields[] = {
 // One member for each band that has a radio record.
 template <typename Add>
 json::value by_band(request &r, Add add) {
-    if (!r.on.cache.refresh_radios())
+    if (!r.services.cache.refresh_radios())
         return r.error_item(platform_failed, "update_wifi_info failed");
     json::object object;
-    for (const platform::band &band : r.on.cache.device_bands())
-        if (const qzcap_wifiinfo *radio = r.on.cache.radio(band))
+    for (const platform::band &band : r.services.cache.device_bands())
+        if (const qzcap_wifiinfo *radio = r.services.cache.radio(band))
             add(object, band.word, *radio);
     return object.take();
 }
@@ -137,11 +137,11 @@ json::value get_load(request &r) {
 }
 
 json::value get_wlanstats(request &r) {
-    if (!r.on.cache.refresh_access_points())
+    if (!r.services.cache.refresh_access_points())
         return r.error_item(platform_failed, "update_ap_info failed");
     json::array array;
-    for (const platform::band &band : r.on.cache.device_bands())
-        for (const qzcap_wifi_ap *access_point : r.on.cache.access_points(band)) {
+    for (const platform::band &band : r.services.cache.device_bands())
+        for (const qzcap_wifi_ap *access_point : r.services.cache.access_points(band)) {
             const traffic_record traffic(qzcap_wifi_ap_stats(band.access_point, access_point->index));
             if (!traffic)
                 return r.error_item(platform_failed, "qzcap_wifi_ap_stats failed");
@@ -156,13 +156,13 @@ json::value get_wlanstats(request &r) {
 }
 
 json::value get_capability(request &r) {
-    if (!r.on.cache.refresh_device())
+    if (!r.services.cache.refresh_device())
         return r.error_item(platform_failed, "qzcap_get_devinfo failed");
-    if (!r.on.cache.refresh_radios())
+    if (!r.services.cache.refresh_radios())
         return r.error_item(platform_failed, "update_wifi_info failed");
     json::array wifi, vsie;
-    for (const platform::band &band : r.on.cache.device_bands()) {
-        const qzcap_wifiinfo *radio = r.on.cache.radio(band);
+    for (const platform::band &band : r.services.cache.device_bands()) {
+        const qzcap_wifiinfo *radio = r.services.cache.radio(band);
         if (!radio)
             continue;
         wifi.add(json::object()
@@ -174,7 +174,7 @@ json::value get_capability(request &r) {
         vsie.add(json::object().text("band", band.word).number("maxCnt", 3).number("maxLen", 255).take());
     }
     return json::object()
-        .number("supportMesh", r.on.cache.device().supportMesh)
+        .number("supportMesh", r.services.cache.device().supportMesh)
         .add("WiFi", wifi.take())
         .add("vsie", vsie.take())
         .take();
@@ -184,12 +184,12 @@ json::value get_real_devinfo(request &r) {
     const auto hosts = platform::fetch_list<platform::host_list>(qzcap_list_laninfo);
     if (!hosts)
         return r.error_item(platform_failed, "qzcap_list_laninfo failed");
-    if (!r.on.cache.refresh_access_points())
+    if (!r.services.cache.refresh_access_points())
         return r.error_item(platform_failed, "update_ap_info failed");
     json::array array;
     for (const qzcap_laninfo *host : *hosts)
         if (host->active)
-            array.add(host_item(*host, r.on.cache.access_point_of(*host)));
+            array.add(host_item(*host, r.services.cache.access_point_of(*host)));
     return array.take();
 }
 

@@ -65,7 +65,7 @@ json::array heard_stations(request &r) {
         r.fail(platform_failed, "qzcap_list_laninfo failed");
         return stations;
     }
-    if (!r.on.cache.refresh_radios()) {
+    if (!r.services.cache.refresh_radios()) {
         r.fail(platform_failed, "update_wifi_info failed");
         return stations;
     }
@@ -79,7 +79,7 @@ json::array heard_stations(request &r) {
                              .text("mac", host->mac)
                              .text("band", host->band)
                              .number("rssi", host->rssi)
-                             .number("channel", channel_of(r.on.cache, view_of(host->band)))
+                             .number("channel", channel_of(r.services.cache, view_of(host->band)))
                              .take());
     return stations;
 }
@@ -92,12 +92,13 @@ void start_rssi_query(request &r, json::view data) {
     const std::int32_t duration = members.number("duration", 1, query_max);
     if (!members.ok())
         return;
-    if (!r.on.cache.refresh_radios())
+    if (!r.services.cache.refresh_radios())
         return r.fail(platform_failed, "update_wifi_info failed");
-    const qzcap_rssi_query query{.mac = platform::lent(mac),
-                                 .band = platform::lent(band.word),
-                                 .channel = static_cast<std::uint32_t>(channel_of(r.on.cache, band.word)),
-                                 .duration = static_cast<std::uint32_t>(duration) * 1000};
+    const qzcap_rssi_query query{
+        .mac = platform::lent(mac),
+        .band = platform::lent(band.word),
+        .channel = static_cast<std::uint32_t>(channel_of(r.services.cache, band.word)),
+        .duration = static_cast<std::uint32_t>(duration) * 1000};
     platform::reason why;
     if (qzcap_start_rssi_query(&query, why) < 0)
         r.fail(platform_failed, "qzcap_start_rssi_query failed: %s", why.c_str());

@@ -47,7 +47,7 @@ constexpr switch_row sync_switch{&qzcap_wifi_switch::arvoksync, "arvoksync", tru
 // What the sync switch says is what the link goes by.
 void note_state(request &r, const switch_row &row, std::string_view state) {
     if (row.is_sync)
-        r.on.link.sync_on = state == "on";
+        r.services.link.sync_on = state == "on";
 }
 
 json::value get_switch(request &r, const switch_row &row) {

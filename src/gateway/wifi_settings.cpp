@@ -90,7 +90,7 @@ enum class check { same, differs, failed };  // a request compared with what is 
 
 class wifi_setting {
   public:
-    wifi_setting(request &in, json::view value) : request_(in), cache_(in.on.cache), value_(value) {}
+    wifi_setting(request &in, json::view value) : request_(in), cache_(in.services.cache), value_(value) {}
 
     void run() {
         if (!fetch())
@@ -275,16 +275,16 @@ class wifi_setting {
 }  // namespace
 
 json::value get_wifi(request &r) {
-    if (!r.on.cache.refresh_radios())
+    if (!r.services.cache.refresh_radios())
         return r.error_item(platform_failed, "update_wifi_info failed");
-    if (!r.on.cache.refresh_access_points())
+    if (!r.services.cache.refresh_access_points())
         return r.error_item(platform_failed, "update_ap_info failed");
     json::array array;
-    for (const band &of : r.on.cache.device_bands())
-        if (const qzcap_wifiinfo *radio = r.on.cache.radio(of))
+    for (const band &of : r.services.cache.device_bands())
+        if (const qzcap_wifiinfo *radio = r.services.cache.radio(of))
             array.add(json::object()
                           .add("radio", radio_item(of, *radio))
-                          .add("ap", interface_items(r.on.cache.access_points(of)))
+                          .add("ap", interface_items(r.services.cache.access_points(of)))
                           .take());
     return array.take();
 }
