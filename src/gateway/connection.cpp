@@ -126,6 +126,7 @@ void connection::disconnect() {
         stream_.close();
     }
     forget_key();
+    listeners_.closed();
 }
 
 void connection::fail() {

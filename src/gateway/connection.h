@@ -28,6 +28,7 @@ class connection {
     struct listeners {
         callback<void()> opened;  ///< a connection is under way: what is sent now is its first message
         callback<void(json::view)> received;
+        callback<void()> closed;  ///< disconnected: nothing of the negotiation counts any more
     };
 
     connection(task_queue &tasks, platform::cache &cache, options where, link_state &state,

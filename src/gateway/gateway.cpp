@@ -14,7 +14,8 @@ struct client::modules {
             callback<void(const std::string &)> notify_cloud)
         : link_(tasks, cache, std::move(where), state_,
                 {.opened = bind<&negotiation::request_key>(negotiation_),
-                 .received = bind<&dispatcher::take>(dispatcher_)}),
+                 .received = bind<&dispatcher::take>(dispatcher_),
+                 .closed = bind<&negotiation::forget>(negotiation_)}),
           negotiation_(link_, cache, state_),
           reports_(link_, cache, state_, now),
           bus_bridge_(link_, state_, notify_cloud),

@@ -20,7 +20,6 @@ bool echoes(json::view echo, const std::string &sent) {
 }  // namespace
 
 void negotiation::request_key() {
-    exchange_.clear();
     message request = link_.new_message("keyngreq", keyngreq_ack_ms);
     request.body.text("version", protocol_version)
         .add("keymodelist", json::array().add(json::object().text("keymode", "dh").take()).take());

@@ -21,6 +21,8 @@ class negotiation {
 
     /// Sends the key request that opens every connection.
     void request_key();
+    /// Forgets the exchange with its private value.
+    void forget() { exchange_.clear(); }
 
     // Handlers of the gateway's answers: whether they consumed the message.
     bool handle_keyngack(json::view answer);
