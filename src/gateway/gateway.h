@@ -56,7 +56,8 @@ class client {
 
     // --- requests through the cloud ---
 
-    /// Runs one message. Its reply; none when it was not handled. The device actions that it asks for wait.
+    /// Runs one message. Its reply; none when it was not handled, and for "qlink". The device actions that it
+    /// asks for wait.
     json::value handle_cloud_message(json::view message);
     /// Those of an earlier message must not run again.
     void forget_actions();

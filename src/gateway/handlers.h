@@ -1,5 +1,5 @@
 #pragma once
-/// The handlers of the message types that read and change settings, and of those about stations.
+/// The handlers of the messages about settings, status and stations, and what they share with others.
 ///
 /// A handler fills `reply` and answers whether it consumed the message; one that did not says why in the log.
 

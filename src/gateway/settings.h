@@ -1,6 +1,7 @@
 #pragma once
-/// The settings of a "cfg" message. Each takes the value of its member in "set", checks it before it changes
-/// anything, and says what went wrong by the error that it records.
+/// The settings of a "cfg" message. Each takes the value of its member in "set" and says what went wrong by
+/// the error that it records. It checks the whole value before it changes anything, but for set_wifi and
+/// set_wifitimer: what they applied before the element that is wrong or refused stays.
 
 #include "gateway/request.h"
 
