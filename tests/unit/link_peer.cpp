@@ -38,6 +38,14 @@ qzcap_devinfo *qzcap_get_devinfo() {
     return device;
 }
 
+std::int32_t qzcap_add_vsie_beacontx(const qzcap_vsie_beacontx *, char **) {
+    return 0;
+}
+
+int qzcap_vsie_beacontx_action(std::int32_t, const char *, char **) {
+    return 0;
+}
+
 std::uint32_t qzcap_get_objid_by_name(const char *name) {
     around.looked_up += std::string(name) + " ";
     if (around.ends_at_lookup)

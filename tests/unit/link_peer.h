@@ -109,12 +109,15 @@ class Link : public ::testing::Test {
             std::memcpy(&n, inbox_.data() + 4, sizeof n);
             return ntohl(n);
         };
+        const auto complete = [&] { return inbox_.size() >= 8 && inbox_.size() >= 8 + size(); };
         pump([&] {
             char bytes[65536];
             const ssize_t got = recv(peer_.get(), bytes, sizeof bytes, 0);
             inbox_.append(bytes, got > 0 ? static_cast<std::size_t>(got) : 0);
-            return inbox_.size() >= 8 && inbox_.size() >= 8 + size();
+            return complete();
         });
+        if (!complete())
+            return {};
         EXPECT_TRUE(inbox_.starts_with(be32(0x3f721fb5)));
         const std::string body = inbox_.substr(8, size());
         inbox_.erase(0, 8 + body.size());

@@ -127,7 +127,7 @@ TEST_F(Link, ConnectionsThatFailAreTriedAgain) {
 
     build({"192.168.8.1\r"});  // as a marker file may have it
     agent_->start();
-    EXPECT_TRUE(has_logged("[ERROR] (arvok) create socket failed: "));
+    EXPECT_TRUE(has_logged("[ERROR] (arvok) create socket failed: Invalid argument\n"));
     EXPECT_TRUE(is_armed(10000));
 
     build({});
