@@ -23,7 +23,7 @@ CTEST  = ctest --output-on-failure --no-tests=error -j 6
 CODE   = git ls-files '*.cpp' '*.c' '*.h'
 TIDIED = $(shell git ls-files 'src/*.cpp' 'lab/*.cpp')
 # The tests of what runs on threads, or hands over to one.
-THREAD_TESTS = utask_test cloud_test
+THREAD_TESTS = task_queue_test cloud_test
 
 .PHONY: all run test check-plain check-sanitized sanitized check-thread arm check-format format lint bench soak fuzz mutants clean
 

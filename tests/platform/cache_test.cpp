@@ -1,10 +1,28 @@
 // The agent's device information cache over the emulated platform: what it fetches, when, and what a failure
 // leaves.
 
+#include <dlfcn.h>
+
 #include "desk.h"
 #include "platform/cache.h"
 
 namespace arvok::test {
+
+static std::string passed;  // the calls that went through here
+
+#define PASS_ON(result, name, parameters, what, ...)                                         \
+    extern "C" result name parameters {                                                      \
+        (passed += ' ') += what;                                                             \
+        return reinterpret_cast<result(*) parameters>(dlsym(RTLD_NEXT, #name))(__VA_ARGS__); \
+    }
+PASS_ON(int, qzcap_wifi_ap_list, (int band, unsigned int *count, qzcap_wifi_ap ***list), std::to_string(band),
+        band, count, list)
+PASS_ON(void, qzcap_free_wifi_aps, (unsigned int count, qzcap_wifi_ap **list), list[0]->ssid, count, list)
+PASS_ON(void, qzcap_free_wifiinfo, (qzcap_wifiinfo * radio), std::to_string(radio->current_channel), radio)
+PASS_ON(void, qzcap_free_devinfo, (qzcap_devinfo * device), "device", device)
+PASS_ON(void, qzcap_free_waninfo, (qzcap_waninfo * wan), "wan", wan)
+PASS_ON(void, qzcap_free_diagnostics, (qzcap_diagnostics * numbers), "diagnostics", numbers)
+
 namespace {
 
 using platform::bands;
@@ -34,7 +52,8 @@ class Cache : public Desk {
         return view_of(cache_.access_points(bands[band])[at]->ssid);
     }
 
-    cache cache_;
+    std::unique_ptr<cache> own_ = std::make_unique<cache>();
+    cache &cache_ = *own_;
 };
 
 TEST_F(Cache, FetchesWhatHasExpired) {
@@ -63,6 +82,12 @@ TEST_F(Cache, FetchesWhatHasExpired) {
     EXPECT_EQ(cache_.radio(bands[1])->current_channel, 36);
     EXPECT_EQ(ssid(0, 0), "Home");
     EXPECT_EQ(ssid(1, 1), "Home-5G-2");
+    // What there was goes before the next is fetched, and in this order in the end.
+    passed.clear();
+    EXPECT_TRUE(cache_.refresh_access_points());
+    EXPECT_EQ(std::exchange(passed, ""), " 10 Home 11 Home-5G");
+    own_.reset();
+    EXPECT_EQ(passed, " device wan 6 Home 36 Home-5G diagnostics");
 }
 
 TEST_F(Cache, TheDeviceRecordDecidesModeAndBands) {
@@ -75,9 +100,10 @@ TEST_F(Cache, TheDeviceRecordDecidesModeAndBands) {
                    {"Router", "YES", false, 1},
                    {"router", "no", true, 1}};
     for (const auto &d : devices) {
-        patch(R"({"devinfo":{"mode":")" + d.mode + R"(","support_5g":")" + d.support_5g + "\"}}");
+        patch(R"({"devinfo":{"mac":null,"mode":")" + d.mode + R"(","support_5g":")" + d.support_5g + "\"}}");
         cache_.expire();
         ASSERT_TRUE(cache_.refresh_device());
+        EXPECT_EQ(cache_.own_mac(), "");
         EXPECT_EQ(cache_.is_router(), d.is_router) << d.mode;
         EXPECT_EQ(cache_.device_bands().size(), d.count) << d.support_5g;
     }
