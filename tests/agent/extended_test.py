@@ -4,6 +4,7 @@ import json
 import os
 import re
 import subprocess
+import time
 import unittest
 
 from desk import LinkedCase, call, wait_until
@@ -257,6 +258,23 @@ class Hosts(ExtendedCase):
         self.check(command, {"Info": []}, SUCCESS)
         self.assertEqual(self.file(PARENT), TABLET + "|2|0|9|8\n")
         self.check(ask, {}, told())
+
+    def test_new_hosts_get_their_restrictions(self):
+        self.hold_timers()
+        self.restart()
+        self.ask("SET_LANHOST_INTERNET", Info=[{"MAC": NOBODY, "InternetAccess": "0"}])
+        self.ask("SET_LANHOST_BANDWIDTH", Info=[{"MAC": NOBODY, "MaxUSBandwidth": "7", "MaxDSBandwidth": "9"}])
+        self.timers.ahead(1)
+        began = time.monotonic()
+        self.patch({"laninfo": {NOBODY: {"internetaccess": 2, "uplimit": 0, "downlimit": 0}}})
+        self.wait_for_host(NOBODY, internetaccess=0, uplimit=7, downlimit=9)
+        self.assertTrue(0.19 < time.monotonic() - began < 2)
+        self.patch({"laninfo": {NOBODY: {"internetaccess": 2}}})
+        for method, access in (("devicestatus", 2), ("newdevice", 0)):
+            self.notify(5, method, {"mac": NOBODY, "active": 0})
+            self.agent.expect("method %s, json" % method)
+            self.timers.ahead(1)
+            self.assertEqual(self.host(NOBODY, "internetaccess"), access)
 
     def test_nowhere_to_keep_the_rules(self):
         rules = lambda: [[rule["mac"] for rule in self.dump()[kind]] for kind in ("TimeRules", "ParentRules")]
