@@ -227,8 +227,8 @@ TEST_F(Files, TheMiddlewaresVersionIsBuiltFromVendorArchitectureAndAppd) {
 }
 
 TEST_F(Files, TheTestModePinsTheGatewayOverWhatOptionsSay) {
-    std::string words[] = {"arvokclt",         "-d", "-g",    "10.0.0.1",  "-b",
-                           "bss.example:8088", "-p", "17999", "--gw-addr", "10.0.0.2"};
+    std::string words[] = {"arvokclt",         "-d", "-g",          "10.0.0.1",  "-b",
+                           "bss.example:8088", "-p", "00000017999", "--gw-addr", "10.0.0.2"};
     std::vector<char *> arguments;
     for (std::string &word : words)
         arguments.push_back(word.data());
@@ -240,18 +240,22 @@ TEST_F(Files, TheTestModePinsTheGatewayOverWhatOptionsSay) {
     EXPECT_EQ(chosen.gateway_address, "10.0.0.2");  // the last
     ASSERT_TRUE(chosen.bss);
     EXPECT_EQ(chosen.bss->host + " " + chosen.bss->port, "bss.example 8088");
-    EXPECT_EQ(chosen.local_port, "17999");
-    const std::pair<const char *, const char *> markers[] = {
-        {"192.168.8.1\n", "192.168.8.1"}, {"192.168.8.1", "192.168.8.1"}, {"\n", ""}, {"", ""}};
+    EXPECT_EQ(chosen.local_port, "0000001");  // its first seven
+    const std::string whole = "192.168.8.1", longest(31, 'x'), option = "10.0.0.2";
+    const std::pair<std::string, std::string> markers[] = {
+        {whole, whole}, {whole + "\n", whole}, {whole + "\r\n", whole + "\r"}, {longest + "x", longest},
+        {"\n", ""},     {"", option}};
     for (const auto &[marker, address] : markers) {
         write_file(path_, marker);
         options pinned;
+        pinned.gateway_address = option;
         apply_test_mode(pinned, path_);
         EXPECT_EQ(pinned.gateway_address, address);
         EXPECT_TRUE(pinned.debug);
     }
-    apply_test_mode(chosen, path_);
-    EXPECT_EQ(chosen.gateway_address, "10.0.0.2");  // there is none over it
+    options without;
+    apply_test_mode(without, path_);
+    EXPECT_EQ(without.gateway_address, "");
 }
 
 }  // namespace
