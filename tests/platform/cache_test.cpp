@@ -2,6 +2,7 @@
 // leaves.
 
 #include <dlfcn.h>
+#include <functional>
 
 #include "desk.h"
 #include "platform/cache.h"
@@ -45,7 +46,7 @@ class Cache : public Desk {
     std::string refresh(std::initializer_list<bool (cache::*)()> which, bool expected) {
         testing::internal::CaptureStderr();
         for (const auto each : which)
-            EXPECT_EQ((cache_.*each)(), expected);
+            EXPECT_EQ(std::invoke(each, cache_), expected);
         return testing::internal::GetCapturedStderr();
     }
     std::string_view ssid(std::size_t band, std::size_t at) const {
@@ -71,10 +72,10 @@ TEST_F(Cache, FetchesWhatHasExpired) {
     calls();
     for (const auto &r : records) {
         for (const bool current : {false, true, false}) {
-            EXPECT_TRUE((cache_.*r.refresh)());
+            EXPECT_TRUE(std::invoke(r.refresh, cache_));
             EXPECT_EQ(calls(), current && r.expire ? "" : r.fetches);
             if (current && r.expire)
-                (cache_.*r.expire)();
+                std::invoke(r.expire, cache_);
         }
     }
     EXPECT_EQ(cache_.own_mac(), "025A10000001");  // normalised as it came
