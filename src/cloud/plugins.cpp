@@ -1,5 +1,6 @@
 #include "cloud/plugins.h"
 
+#include <iterator>
 #include <memory>
 #include <optional>
 
@@ -26,6 +27,7 @@ constexpr int (*actions[])(ubus_context *, const char *, char **) = {
     qzcap_run_app,
     qzcap_restore_app,
 };
+static_assert(std::size(actions) == static_cast<unsigned>(app_action::restore) + 1);
 
 // Does it with the app that the request names.
 outcome carry_out(json::view request, app_action action, std::string_view vendor) {
@@ -62,10 +64,15 @@ void compare(json::view told, std::string_view app_name, std::string_view versio
 
 // One that the platform library has under way; its callback owns it.
 struct plugins::installation {
-    plugins *owner;
+    plugins *owner;  // null when that has gone
     std::string plugin_id, app_name, version, upgrade_id;
     bool run;  // afterwards
 };
+
+plugins::~plugins() {
+    for (installation *one : under_way_)
+        one->owner = nullptr;
+}
 
 void plugins::install(json::view request) {
     outcome came;
@@ -87,21 +94,29 @@ void plugins::install(json::view request) {
         if (qzcap_install_app(qzcap_get_ubus_context(), from.c_str(), installed, ordered.get()) < 0) {
             came.fail("qzcap_install_app failed");
         } else {
-            static_cast<void>(ordered.release());  // installed's from here on
+            under_way_.push_back(ordered.release());  // installed's from here on
             came.result = 0;
         }
     }
     link_.write(reply_to(request, came));
 }
 
-// A message that is missing is the platform's end, or ours: nothing is touched then.
+// Without a message the platform library never got an answer, or its session ends: nobody is told then.
 void plugins::installed(ubus_request *request, blob_attr *message) {
     const std::unique_ptr<installation> ended(request ? static_cast<installation *>(request->priv) : nullptr);
     log_printf("[INFO] plugin_install_cb (%d): \n", __LINE__);
-    if (!ended || !message) {
+    if (ended && ended->owner)
+        std::erase(ended->owner->under_way_, ended.get());
+    if (!request || !message) {
         log_printf("[WARNING] plugin_install_cb: req or msg is null\n");
         return;
     }
+    if (!ended) {
+        log_printf("[WARNING] plugin_install_cb: plugin_info is null\n");
+        return;
+    }
+    if (!ended->owner)
+        return;
     const std::string text = json_of(message).value_or("");
     log_printf("[DEBUG] plugin_install_cb: %s\n", text.c_str());
     if (const json::document told = json::parse(text)) {

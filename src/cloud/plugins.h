@@ -2,6 +2,7 @@
 /// The platform's requests about the device's apps, and what it is told of them.
 
 #include <string>
+#include <vector>
 
 #include "base/clock.h"
 #include "base/json.h"
@@ -19,8 +20,13 @@ class plugins {
   public:
     plugins(connection &link, const platform::cache &cache, wall_clock clock)
         : link_(link), cache_(cache), clock_(clock) {}
+    /// Installations under way go on; nobody is told of their ends any more, and no app is run.
+    ~plugins();
+    plugins(const plugins &) = delete;
+    plugins &operator=(const plugins &) = delete;
 
-    /// Starts an installation. The platform hears of its end by an "InstallNotification".
+    /// Starts an installation. The platform hears of its end by an "InstallNotification", unless the device's
+    /// platform library never tells how it ended.
     void install(json::view request);
     void act(json::view request, app_action action);
     void list(json::view request);
@@ -38,6 +44,7 @@ class plugins {
     connection &link_;
     const platform::cache &cache_;
     wall_clock clock_;
+    std::vector<installation *> under_way_;
 };
 
 }  // namespace arvok::cloud

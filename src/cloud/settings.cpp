@@ -22,7 +22,7 @@ void read_servers(settings &to, const qzcap_serverinfo &stored) {
     std::size_t count = 0;
     if (stored.abi)
         to.business[count++] = parse_server(stored.abi);
-    for (std::uint32_t i = 0; i < stored.abi_count && count < business_max; i++)
+    for (std::uint32_t i = 0; stored.abi_list && i < stored.abi_count && count < business_max; i++)
         to.business[count++] = parse_server(view_of(stored.abi_list[i]));
 }
 
