@@ -45,7 +45,7 @@ void rules(Input input) {
     stage.play(
         Input("!0\n!1\n!2\n{\"CmdType\":\"EXTCC_DUMP\"}\n{\"CmdType\":\"GET_LANHOST_TIMER\"}\n"
               "{\"CmdType\":\"GET_LANHOST_INFO\"}\n{\"CmdType\":\"GET_GUEST_WIFI\"}\n"));
-    access::module(clock_of_machine, file_folder());  // reads what there is now
+    access::rules(clock_of_machine, file_folder());  // reads what there is now
 }
 
 }  // namespace arvok::fuzz

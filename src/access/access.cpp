@@ -6,37 +6,40 @@ namespace arvok::access {
 namespace {
 
 template <auto Part, auto Method>
-void call(module &on, json::view message, bus_message &reply) {
+void call(rules &on, json::view message, bus_message &reply) {
     (on.*Part.*Method)(message, reply);
 }
 
 }  // namespace
 
-struct module::command_row {
+struct rules::command_row {
     const char *name;
-    void (*handler)(module &on, json::view message, bus_message &reply);
+    void (*handler)(rules &on, json::view message, bus_message &reply);
 };
 
-constexpr module::command_row module::commands[] = {
-    {"GET_LANHOST_INFO", call<&module::hosts_, &host_commands::get_hosts>},
-    {"SET_LANHOST_TIMER", call<&module::hosts_, &host_commands::set_schedule>},
-    {"GET_LANHOST_TIMER", call<&module::hosts_, &host_commands::get_schedule>},
-    {"SET_LANHOST_INTERNET", call<&module::hosts_, &host_commands::set_internet>},
-    {"GET_LANHOST_INTERNET", call<&module::hosts_, &host_commands::get_internet>},
-    {"SET_LANHOST_BANDWIDTH", call<&module::hosts_, &host_commands::set_bandwidth>},
-    {"GET_LANHOST_BANDWIDTH", call<&module::hosts_, &host_commands::get_bandwidth>},
-    {"SET_GUEST_WIFI", call<&module::guest_, &guest_network::set>},
-    {"GET_GUEST_WIFI", call<&module::guest_, &guest_network::get>},
-    {"DELETE_GUEST_WIFI", call<&module::guest_, &guest_network::remove>},
-    {"SET_GUEST_WIFI_CLOSE_TIMER", call<&module::guest_, &guest_network::set_closing>},
-    {"EXTCC_DUMP", call<&module::hosts_, &host_commands::dump>},
+constexpr rules::command_row rules::commands[] = {
+    {"GET_LANHOST_INFO", call<&rules::hosts_, &host_commands::get_hosts>},
+    {"SET_LANHOST_TIMER", call<&rules::hosts_, &host_commands::set_schedule>},
+    {"GET_LANHOST_TIMER", call<&rules::hosts_, &host_commands::get_schedule>},
+    {"SET_LANHOST_INTERNET", call<&rules::hosts_, &host_commands::set_internet>},
+    {"GET_LANHOST_INTERNET", call<&rules::hosts_, &host_commands::get_internet>},
+    {"SET_LANHOST_BANDWIDTH", call<&rules::hosts_, &host_commands::set_bandwidth>},
+    {"GET_LANHOST_BANDWIDTH", call<&rules::hosts_, &host_commands::get_bandwidth>},
+    {"SET_GUEST_WIFI", call<&rules::guest_, &guest_network::set>},
+    {"GET_GUEST_WIFI", call<&rules::guest_, &guest_network::get>},
+    {"DELETE_GUEST_WIFI", call<&rules::guest_, &guest_network::remove>},
+    {"SET_GUEST_WIFI_CLOSE_TIMER", call<&rules::guest_, &guest_network::set_closing>},
+    {"EXTCC_DUMP", call<&rules::hosts_, &host_commands::dump>},
 };
 
-module::module(wall_clock clock, const std::string &folder) :schedules_(folder), restrictions_(folder),
-    scheduler_(schedules_, restrictions_, clock), guest_(folder, clock),
-    hosts_(schedules_, restrictions_, scheduler_, guest_, clock) {}
+rules::rules(wall_clock clock, const std::string &folder)
+    : schedules_(folder),
+      restrictions_(folder),
+      scheduler_(schedules_, restrictions_, clock),
+      guest_(folder, clock),
+      hosts_(schedules_, restrictions_, scheduler_, guest_, clock) {}
 
-bool module::run(std::string_view command, json::view message, bus_message &reply) {
+bool rules::run(std::string_view command, json::view message, bus_message &reply) {
     const command_row *row = find_row(commands, command);
     if (row)
         row->handler(*this, message, reply);

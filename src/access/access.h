@@ -8,7 +8,9 @@
 /// scheduler.h        applies both to the platform
 /// guest_network.h    the guest network, its files and commands
 /// guest_interface.h  its interface on the platform
-/// host_commands.h    the commands about LAN hosts
+/// host_commands.h    the commands about LAN hosts (lan_hosts.cpp: what is told of each)
+/// texts.h            the texts of commands and files
+/// outcome.h          how a command ended, in its reply
 ///
 /// Everything runs on the loop thread. Times of day are China Standard Time, whatever the device's time zone.
 
@@ -26,10 +28,10 @@
 
 namespace arvok::access {
 
-class module {
+class rules {
   public:
     /// Loads the rules from their files in `folder`, which ends with a slash.
-    module(wall_clock clock, const std::string &folder);
+    rules(wall_clock clock, const std::string &folder);
 
     /// Applies the schedules for the first time, which arms the timer for the next.
     void start() { scheduler_.apply_schedules(); }

@@ -14,7 +14,7 @@ struct modules {
     /// All are there: as long as the loop runs, but not at the start and at the end.
     explicit operator bool() const { return access && local && gateway && cloud; }
 
-    std::optional<access::module> access;
+    std::optional<access::rules> access;
     std::optional<local::server> local;
     std::optional<gateway::client> gateway;
     std::optional<cloud::client> cloud;
