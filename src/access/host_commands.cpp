@@ -232,18 +232,24 @@ void add_restriction(bus_message &reply, const restriction &entry) {
     add_exec(reply, entry);
 }
 
+void add_schedules(bus_message &reply, const schedules &all) {
+    const bus_message::array list(reply, "TimeRules");
+    for (const host_schedule &host : all.hosts())
+        add_schedule(reply, host);
+}
+
+void add_restrictions(bus_message &reply, const restrictions &all) {
+    const bus_message::array list(reply, "ParentRules");
+    for (const restriction &entry : all.entries())
+        add_restriction(reply, entry);
+}
+
 }  // namespace
 
 void host_commands::dump(json::view, bus_message &reply) {
     add_times(reply);
-    {
-        const bus_message::array times(reply, "TimeRules");
-        for (const host_schedule &host : schedules_.hosts())
-            add_schedule(reply, host);
-    }
-    const bus_message::array limits(reply, "ParentRules");
-    for (const restriction &entry : restrictions_.entries())
-        add_restriction(reply, entry);
+    add_schedules(reply, schedules_);
+    add_restrictions(reply, restrictions_);
 }
 
 }  // namespace arvok::access

@@ -48,20 +48,19 @@ restriction &restrictions::add(std::string_view mac) {
     return entry;
 }
 
-const restriction *restrictions::find(std::string_view mac) const {
-    const auto found = newest_.find(upper_case(mac));
+restriction *restrictions::find(std::string_view mac) const {
+    const auto found = newest_.find(upper_case(kept_mac(mac)));
     return found == newest_.end() ? nullptr : found->second;
 }
 
 bool restrictions::blocks(std::string_view mac) const {
-    const restriction *entry = find(kept_mac(mac));
+    const restriction *entry = find(mac);
     return entry && entry->kinds & restricts_internet && entry->internet != unrestricted;
 }
 
 restriction &restrictions::entry_with(restriction_kind kind, std::string_view mac) {
-    const std::string_view kept = kept_mac(mac);
-    const auto found = newest_.find(upper_case(kept));
-    restriction &entry = found == newest_.end() ? add(kept) : *found->second;
+    restriction *known = find(mac);
+    restriction &entry = known ? *known : add(kept_mac(mac));
     entry.kinds |= kind;
     return entry;
 }

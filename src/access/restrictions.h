@@ -34,9 +34,7 @@ class restrictions {
     std::list<restriction> &entries() { return entries_; }
     const std::list<restriction> &entries() const { return entries_; }
 
-    /// The newest entry of a MAC, ignoring case; null for none. Constant time.
-    const restriction *find(std::string_view mac) const;
-    /// Whether the host of that MAC has an entry that blocks it.
+    /// Whether the newest entry of the host of that MAC blocks it. Constant time.
     bool blocks(std::string_view mac) const;
 
     /// The host's entry with that kind set; it is made when there is none.
@@ -47,6 +45,8 @@ class restrictions {
     void save() const;
 
   private:
+    /// The newest entry of a MAC, ignoring case; null for none.
+    restriction *find(std::string_view mac) const;
     restriction &add(std::string_view mac);
     void load();
 
