@@ -14,9 +14,13 @@ namespace arvok::access {
 
 class host_commands {
   public:
-    host_commands(schedules &times, restrictions &limits, scheduler &applier, guest_network &guest,
-                  wall_clock clock)
-        : schedules_(times), restrictions_(limits), scheduler_(applier), guest_(guest), clock_(clock) {}
+    host_commands(schedules &schedules, restrictions &restrictions, scheduler &scheduler,
+                  guest_network &guest, wall_clock clock)
+        : schedules_(schedules),
+          restrictions_(restrictions),
+          scheduler_(scheduler),
+          guest_(guest),
+          clock_(clock) {}
 
     // Each adds its fields to the reply.
     void get_hosts(json::view message, bus_message &reply);

@@ -39,9 +39,9 @@ bool apply(const restriction &entry, qzcap_laninfo &host) {
 
 }  // namespace
 
-scheduler::scheduler(schedules &times, restrictions &limits, wall_clock clock)
-    : schedules_(times),
-      restrictions_(limits),
+scheduler::scheduler(schedules &schedules, restrictions &restrictions, wall_clock clock)
+    : schedules_(schedules),
+      restrictions_(restrictions),
       clock_(clock),
       schedule_timer_(bind<&scheduler::apply_schedules>(*this)),
       restriction_timer_(bind<&scheduler::apply_restrictions>(*this)) {}

@@ -14,7 +14,7 @@ namespace arvok::access {
 
 class scheduler {
   public:
-    scheduler(schedules &times, restrictions &limits, wall_clock clock);
+    scheduler(schedules &schedules, restrictions &restrictions, wall_clock clock);
 
     /// Applies the schedules, and arms the timer for the next boundary; a clock that is not set yet is looked
     /// at again in a minute.

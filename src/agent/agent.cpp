@@ -71,8 +71,8 @@ void agent::build() {
     modules_.gateway->set_sync(sync);
     modules_.cloud.emplace(
         *tasks_, cache_, where_.clock, cloud::options{options_.bss, options_.debug},
-        cloud::connections{bind<&agent::run_link_message>(*this), bind<&agent::forget_link_actions>(*this),
-                           bind<&agent::run_link_actions>(*this), bind<&agent::run_app_command>(*this)});
+        cloud::agent_services{bind<&agent::run_link_message>(*this), bind<&agent::forget_link_actions>(*this),
+                              bind<&agent::run_link_actions>(*this), bind<&agent::run_app_command>(*this)});
     modules_.local.emplace(cache_, options_.local_port);
     modules_.access.emplace(where_.clock, where_.rule_folder);
 }

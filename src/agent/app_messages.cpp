@@ -9,11 +9,6 @@ namespace {
 
 constexpr std::size_t status_words_max = 127;
 
-void add_outcome(bus_message &reply, std::string_view reason, std::string_view status) {
-    reply.text("FailReason", reason);
-    reply.text("Status", status);
-}
-
 }  // namespace
 
 void app_messages::handle(blob_attr *message, bus_message &reply) {
@@ -46,7 +41,7 @@ void app_messages::get_status(bus_message &reply) {
     const bus_message::table timers(reply, "timer");
     reply.number("connect", modules_.cloud->reconnect_remaining());
     reply.number("heartbeat", modules_.cloud->heartbeat_remaining());
-    reply.number("ack", modules_.cloud->ack_remaining());
+    reply.number("ack", modules_.cloud->acknowledgement_remaining());
 }
 
 std::optional<std::string> app_messages::handle_json(const std::string &command) {

@@ -40,6 +40,11 @@ bool bus_message::add_json(const std::string &object) {
     return blobmsg_add_json_from_string(&buffer_, object.c_str());
 }
 
+void add_outcome(bus_message &reply, std::string_view reason, std::string_view status) {
+    reply.text("FailReason", reason);
+    reply.text("Status", status);
+}
+
 bus_message::nest::nest(bus_message &message, const char *name, bool array)
     : buffer_(message.buffer_), cookie_(blobmsg_open_nested(&buffer_, name, array)) {}
 

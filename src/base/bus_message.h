@@ -41,6 +41,9 @@ class bus_message {
     blob_buf buffer_{};
 };
 
+/// How a command ended, in its reply: "FailReason" and then "Status".
+void add_outcome(bus_message &reply, std::string_view reason, std::string_view status);
+
 /// A table or an array inside a message: what is added while it lives goes into it. Nested ones end in the
 /// reverse order; a member of an array has no name.
 class bus_message::nest {

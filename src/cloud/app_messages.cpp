@@ -15,60 +15,60 @@ bool is_app_command(const std::string &text) {
     return contains(text, "CmdType") && contains(text, "SequenceId");
 }
 
-std::optional<std::string> post_to_app(const std::string &name, const std::string &text, outcome &came) {
+std::optional<std::string> post_to_app(const std::string &name, const std::string &text, outcome &result) {
     log_printf("[INFO] (%s) <- %s (%d)\n", name.c_str(), text.c_str(), static_cast<int>(text.size()));
     platform::reason why;
     const platform::owned_text answer(
         qzcap_app_postmsg(qzcap_get_ubus_context(), name.c_str(), text.c_str(), why));
     if (answer)
         return answer.get();
-    came.fail(format("qzcap_app_postmsg failed: %s", why.c_str()));
+    result.fail(format("qzcap_app_postmsg failed: %s", why.c_str()));
     return std::nullopt;
 }
 
 }  // namespace
 
 void app_messages::deliver(json::view request) {
-    outcome came;
+    outcome result;
     agent_.forget_link_actions();
-    const json::value answer = answer_to(request, came);
-    link_.write(reply_to(request, came, "return_Parameter", answer));
+    const json::value answer = answer_to(request, result);
+    link_.write(reply_to(request, result, "return_Parameter", answer));
     agent_.run_link_actions();
 }
 
 // The answer in base64; none when there is none, and the outcome says why.
-json::value app_messages::answer_to(json::view request, outcome &came) const {
+json::value app_messages::answer_to(json::view request, outcome &result) const {
     const auto id = request["Plugin_Name"].text(), version = request["Version"].text(),
                parameter = request["Parameter"].text();
     if (!id || !version || !parameter) {
-        came.fail("json format invalid");
+        result.fail("json format invalid");
         return {};
     }
-    const auto app_name = find_plugin(*id, *version, view_of(cache_.device().vendor), came);
+    const auto app_name = find_plugin(*id, *version, cache_.vendor(), result);
     if (!app_name)
         return {};
     const std::optional<std::string> decoded = base64_decode(*parameter);
     if (!decoded) {
-        came.fail("Parameter base64 encode failed");
+        result.fail("Parameter base64 encode failed");
         return {};
     }
-    const auto answer = hand_over(*app_name, std::string(until_zero(*decoded)), came);
+    const auto answer = hand_over(*app_name, std::string(until_zero(*decoded)), result);
     if (!answer)
         return {};
-    came.result = 0;
+    result.code = 0;
     return json::text(base64_encode(*answer));
 }
 
 std::optional<std::string> app_messages::hand_over(const std::string &app_name, const std::string &text,
-                                                   outcome &came) const {
+                                                   outcome &result) const {
     const bool to_self = app_name == self_app_name;
     if (to_self && !is_app_command(text))
         return run_link_message(text);
     if (!json::parse(text)) {
-        came.fail("Parameter is not json format");
+        result.fail("Parameter is not json format");
         return std::nullopt;
     }
-    return to_self ? run_app_command(text, came) : post_to_app(app_name, text, came);
+    return to_self ? run_app_command(text, result) : post_to_app(app_name, text, result);
 }
 
 std::string app_messages::run_link_message(const std::string &text) const {
@@ -85,11 +85,11 @@ std::string app_messages::run_link_message(const std::string &text) const {
     return reply.take();
 }
 
-std::optional<std::string> app_messages::run_app_command(const std::string &text, outcome &came) const {
+std::optional<std::string> app_messages::run_app_command(const std::string &text, outcome &result) const {
     log_printf("[INFO] (extcc) <- %s (%d)\n", text.c_str(), static_cast<int>(text.size()));
     auto answer = agent_.app_command(text);
     if (!answer)
-        came.fail("load param failed");
+        result.fail("load param failed");
     return answer;
 }
 

@@ -14,7 +14,7 @@
 namespace arvok::cloud {
 
 /// What of the agent is not the cloud's.
-struct connections {
+struct agent_services {
     /// Carries out a message of the gateway link, which may be nothing. Its reply; none when it was not
     /// handled.
     callback<json::value(json::view message)> link_message;
@@ -28,22 +28,22 @@ struct connections {
 
 class app_messages {
   public:
-    app_messages(connection &link, const platform::cache &cache, const connections &agent)
+    app_messages(connection &link, const platform::cache &cache, const agent_services &agent)
         : link_(link), cache_(cache), agent_(agent) {}
 
     /// Handles one such request.
     void deliver(json::view request);
 
   private:
-    json::value answer_to(json::view request, outcome &came) const;
+    json::value answer_to(json::view request, outcome &result) const;
     std::optional<std::string> hand_over(const std::string &app_name, const std::string &text,
-                                         outcome &came) const;
+                                         outcome &result) const;
     std::string run_link_message(const std::string &text) const;
-    std::optional<std::string> run_app_command(const std::string &text, outcome &came) const;
+    std::optional<std::string> run_app_command(const std::string &text, outcome &result) const;
 
     connection &link_;
     const platform::cache &cache_;
-    const connections agent_;
+    const agent_services agent_;
 };
 
 }  // namespace arvok::cloud

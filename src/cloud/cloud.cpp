@@ -6,7 +6,7 @@
 namespace arvok::cloud {
 
 client::client(task_queue &queue, platform::cache &cache, wall_clock clock, const options &given,
-               const connections &agent)
+               const agent_services &agent)
     : settings_(load_settings(given.bss)),
       connection_(queue, cache,
                   {bind<&client::receive>(*this), bind<&enrolment::send_heartbeat>(enrolment_),

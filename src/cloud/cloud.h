@@ -37,7 +37,7 @@ class client {
     /// Loads servers and identity. The cache must have its device record. Between the client's end and the
     /// queue's the loop must not turn.
     client(task_queue &queue, platform::cache &cache, wall_clock clock, const options &given,
-           const connections &agent);
+           const agent_services &agent);
     /// Disconnects.
     ~client() { connection_.disconnect(); }
 
@@ -63,7 +63,7 @@ class client {
     /// Milliseconds until a timer fires, -1: not armed.
     int reconnect_remaining() { return connector_.remaining(); }
     int heartbeat_remaining() { return connection_.heartbeat_remaining(); }
-    int ack_remaining() { return connection_.acknowledgement_remaining(); }
+    int acknowledgement_remaining() { return connection_.acknowledgement_remaining(); }
 
   private:
     void receive(json::view message);

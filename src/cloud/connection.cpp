@@ -30,14 +30,14 @@ bool is_logged(const std::string &text) {
 
 }  // namespace
 
-connection::connection(task_queue &queue, const platform::cache &cache, const handlers &who)
+connection::connection(task_queue &queue, const platform::cache &cache, const handlers &callbacks)
     : queue_(queue),
       cache_(cache),
-      handlers_(who),
+      handlers_(callbacks),
       keys_{rsa_public_key(platform_public_key), std::nullopt, std::nullopt},
       reader_(frames, bind<&connection::receive>(*this)),
       stream_({bind<&connection::readable>(*this), bind<&connection::broken>(*this)}, unsent_max),
-      heartbeat_(who.heartbeat_due),
+      heartbeat_(callbacks.heartbeat_due),
       acknowledgement_(bind<&connection::unanswered>(*this)) {}
 
 void connection::open(int fd) {

@@ -31,7 +31,7 @@ class connection {
         callback<void(failure)> failed;
     };
 
-    connection(task_queue &queue, const platform::cache &cache, const handlers &who);
+    connection(task_queue &queue, const platform::cache &cache, const handlers &callbacks);
 
     /// Takes a connecting socket over. The connection before must have been closed.
     void open(int fd);

@@ -25,16 +25,16 @@ constexpr int change_ms = 1000;
 
 }  // namespace
 
-connector::connector(task_queue &queue, connection &link, settings &servers, bool debug,
+connector::connector(task_queue &queue, connection &link, settings &settings, bool debug,
                      callback<void()> opened)
     : queue_(queue),
       link_(link),
-      settings_(servers),
+      settings_(settings),
       debug_(debug),
       opened_(opened),
       reconnection_(bind<&connector::run>(*this)),
       change_(bind<&connector::change>(*this)),
-      next_(servers.has_business() ? target::business : target::bootstrap) {
+      next_(settings.has_business() ? target::business : target::bootstrap) {
     link_.enter(next_ == target::business ? stage::challenge : stage::bootstrap);
 }
 

@@ -22,7 +22,7 @@ class connector {
   public:
     /// `opened` is told of each new connection, so that the exchange on it can begin. `debug` makes delays
     /// short. Begins with the business servers where there are some.
-    connector(task_queue &queue, connection &link, settings &servers, bool debug, callback<void()> opened);
+    connector(task_queue &queue, connection &link, settings &settings, bool debug, callback<void()> opened);
 
     /// Looks for the next address and connects; a look-up under way is left to end. A connection that is up
     /// must have been closed.
@@ -70,7 +70,9 @@ class connector {
     timer reconnection_;
     timer change_;  ///< leaves for another bootstrap server
     target next_;
-    resolution known_;  ///< as the last look-up left it; the one under way has a copy
+    /// As the last look-up left it. The one under way has a copy, which replaces this: nothing changes here
+    /// meanwhile, for no look-up is under way while a connection is open.
+    resolution known_;
     bool resolving_ = false;
     std::size_t server_index_ = 0;  ///< business server in use
     int retries_ = 0;               ///< failures in a row at the current server

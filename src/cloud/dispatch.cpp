@@ -75,9 +75,9 @@ void run_request(const recipients &to, json::view request) {
     }
     if (const request_row *row = find_row(requests, *method))
         return row->handler(to, request);
-    outcome came;
-    came.fail("UNRECOGNIZE_REQUEST");
-    to.link.write(reply_to(request, came));
+    outcome result;
+    result.fail("UNRECOGNIZE_REQUEST");
+    to.link.write(reply_to(request, result));
 }
 
 }  // namespace

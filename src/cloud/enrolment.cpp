@@ -47,12 +47,12 @@ bool store_business_server(json::view named, server &place) {
 
 }  // namespace
 
-enrolment::enrolment(connection &link, connector &connecting, settings &servers, platform::cache &cache)
+enrolment::enrolment(connection &link, connector &connector, settings &settings, platform::cache &cache)
     : link_(link),
-      connector_(connecting),
-      settings_(servers),
+      connector_(connector),
+      settings_(settings),
       cache_(cache),
-      reason_(servers.has_business() ? boot_answered : boot_start) {}
+      reason_(settings.has_business() ? boot_reason::answered : boot_reason::start) {}
 
 // --- messages ---
 
@@ -76,7 +76,7 @@ void enrolment::send_boot() {
     message.text("CKey", link_.new_client_key());
     add_device(message)
         .text("DevType", device_type)
-        .text("bootstrap", std::to_string(reason_))
+        .text("bootstrap", std::to_string(static_cast<int>(reason_)))
         .text("QZEI", cache_.device().QZEI);
     link_.ask(message.take());
 }
@@ -94,7 +94,7 @@ void enrolment::send_activate(std::string_view challenge) {
         .text("ChallengeCode", challenge)
         .text("IPAddr", link_.local_address())
         .text("CloudClientVer", product_version)
-        .text("MiddleWareVer", platform::middleware_version(view_of(device.vendor)))
+        .text("MiddleWareVer", platform::middleware_version(cache_.vendor()))
         .text("MiddleWareBakVer", "")
         .text("LOID", "")
         .text("PlatformID", platform_id)
@@ -117,7 +117,7 @@ void enrolment::send_connect(std::string_view challenge) {
         .text("IPAddr", link_.local_address())
         .text("UPPER_MAC", gateway_mac(cache_.is_router(), view_of(device.lan_source)))
         .text("CloudClientVer", product_version)
-        .text("MiddleWareVer", platform::middleware_version(view_of(device.vendor)))
+        .text("MiddleWareVer", platform::middleware_version(cache_.vendor()))
         .text("MiddleWareBakVer", "")
         .text("LOID", "")
         .text("PlatformID", platform_id)
@@ -175,13 +175,13 @@ bool enrolment::boot_acknowledged(json::view message) {
     settings_.store();
     connector_.choose(target::business);
     leave_bootstrap(changed);
-    reason_ = boot_answered;
+    reason_ = boot_reason::answered;
     return true;
 }
 
 // Where the bootstrap server's answer leads. A list that was asked for is taken even when it is the old one.
 void enrolment::leave_bootstrap(bool changed) {
-    if (!changed && reason_ != boot_requested) {
+    if (!changed && reason_ != boot_reason::requested) {
         log_printf("[INFO] abi server is not updated\n");
         connector_.note("TCP连接断开");
         connector_.wait_long(target::business);
@@ -263,7 +263,7 @@ bool enrolment::heartbeat_acknowledged(json::view message) {
 // --- back to a bootstrap server ---
 
 void enrolment::request_connect_bootstrap(json::view request) {
-    outcome came;
+    outcome result;
     const server named =
         make_server(request["Server"].text().value_or(""), request["Port"].text().value_or(""));
     const bool given = !named.host.empty() || !named.port.empty();
@@ -271,10 +271,10 @@ void enrolment::request_connect_bootstrap(json::view request) {
         if (given)
             settings_.bootstrap = named;
         connector_.change_bootstrap();
-        reason_ = boot_requested;
-        came.result = 0;
+        reason_ = boot_reason::requested;
+        result.code = 0;
     }
-    link_.write(reply_to(request, came));
+    link_.write(reply_to(request, result));
 }
 
 }  // namespace arvok::cloud

@@ -18,11 +18,11 @@
 namespace arvok::cloud {
 
 /// Why the device asks the bootstrap server: the digit goes into the Boot message.
-enum boot_reason { boot_answered = 0, boot_start = 1, boot_requested = 2 };
+enum class boot_reason { answered = 0, start = 1, requested = 2 };
 
 class enrolment {
   public:
-    enrolment(connection &link, connector &connecting, settings &servers, platform::cache &cache);
+    enrolment(connection &link, connector &connector, settings &settings, platform::cache &cache);
 
     /// Opens the exchange that the stage asks for, on a new connection.
     void begin();

@@ -32,21 +32,29 @@ bool is_self(std::string_view plugin_name, std::string_view vendor) {
     return name && (*name == self_plugin_name || *name == self_app_name);
 }
 
+// What is found of an app; the platform is told the number.
+enum class finding {
+    installed = 0,
+    mismatch = -1,       // the identifier is not the installed app's
+    other_version = -6,  // installed in another version
+    not_installed = -14,
+};
+
 // Whether the app of that identifier is installed in that version.
-plugin_result check_installed(std::string_view id, std::string_view version, std::string_view name) {
+finding check_installed(std::string_view id, std::string_view version, std::string_view name) {
     const std::string package = read_control(name, "Package"), installed = read_control(name, "Version");
     if (package.empty())
-        return plugin_not_installed;
+        return finding::not_installed;
     if (const std::string expected = make_id(package); id != expected) {
         log_printf("[ERROR] plugin id mismatch, [%s]:[%s]\n", std::string(id).c_str(), expected.c_str());
-        return plugin_mismatch;
+        return finding::mismatch;
     }
     if (version != installed) {
         log_printf("[ERROR] plugin version mismatch, [%s]:[%s]\n", std::string(version).c_str(),
                    installed.c_str());
-        return plugin_other_version;
+        return finding::other_version;
     }
-    return plugin_found;
+    return finding::installed;
 }
 
 }  // namespace
@@ -84,18 +92,18 @@ std::optional<std::string> app_of_plugin(std::string_view id, std::string_view v
 }
 
 std::optional<std::string> find_plugin(std::string_view id, std::string_view version, std::string_view vendor,
-                                       outcome &came) {
+                                       outcome &result) {
     if (is_self(id, vendor))
         return self_app_name;
     std::optional<std::string> name = app_of_plugin(id, vendor);
     if (!name) {
-        came.fail("invalid plugin name");
+        result.fail("invalid plugin name");
         return std::nullopt;
     }
-    came.result = check_installed(id, version, *name);
-    if (came.result != plugin_found)
+    if (const finding found = check_installed(id, version, *name); found != finding::installed) {
+        result.code = static_cast<int>(found);
         return std::nullopt;
-    came.result = -1;  // until the request itself has succeeded
+    }
     return name;
 }
 

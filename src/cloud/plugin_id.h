@@ -15,14 +15,6 @@ namespace arvok::cloud {
 constexpr char self_plugin_name[] = "ArvokAP";
 constexpr char self_app_name[] = "arvokclt";
 
-/// Results that the platform is told as they are.
-enum plugin_result {
-    plugin_found = 0,
-    plugin_mismatch = -1,       ///< not an identifier of this device, or not the installed app's
-    plugin_other_version = -6,  ///< installed in another version
-    plugin_not_installed = -14,
-};
-
 /// The app's name of an identifier of this device, 1 to 31 characters; nothing after the log line that says
 /// why not.
 std::optional<std::string> app_of_plugin(std::string_view id, std::string_view vendor);
@@ -30,7 +22,7 @@ std::optional<std::string> app_of_plugin(std::string_view id, std::string_view v
 /// The installed app that a request names, in the version that it names. The agent itself is there in every
 /// version. Nothing when it is not there: the outcome then says why.
 std::optional<std::string> find_plugin(std::string_view id, std::string_view version, std::string_view vendor,
-                                       outcome &came);
+                                       outcome &result);
 
 /// The identifier of an installed app.
 std::string plugin_of_app(std::string_view app_name, std::string_view vendor);

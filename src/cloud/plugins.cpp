@@ -31,22 +31,22 @@ static_assert(std::size(actions) == static_cast<unsigned>(app_action::restore) +
 
 // Does it with the app that the request names.
 outcome carry_out(json::view request, app_action action, std::string_view vendor) {
-    outcome came;
+    outcome result;
     const auto id = request["Plugin_Name"].text(), version = request["Version"].text();
     if (!id || !version) {
-        came.fail("json format invalid");
-        return came;
+        result.fail("json format invalid");
+        return result;
     }
-    const std::optional<std::string> name = find_plugin(*id, *version, vendor, came);
+    const std::optional<std::string> name = find_plugin(*id, *version, vendor, result);
     if (!name)
-        return came;
+        return result;
     const auto number = static_cast<unsigned>(action);
     platform::reason why;
     if (actions[number](qzcap_get_ubus_context(), name->c_str(), why) == 0)
-        came.result = 0;
+        result.code = 0;
     else
-        came.fail(format("qzacp app action %u failed: %s", number, why.c_str()));
-    return came;
+        result.fail(format("qzacp app action %u failed: %s", number, why.c_str()));
+    return result;
 }
 
 // What was installed should be what was ordered; it is not undone when it is not.
@@ -75,7 +75,7 @@ plugins::~plugins() {
 }
 
 void plugins::install(json::view request) {
-    outcome came;
+    outcome result;
     const auto id = request["Plugin_Name"].text(), version = request["Version"].text(),
                url = request["Download_url"].text(), upgrade_id = request["upgrade_ID"].text(),
                run = request["NeedRun"].text();
@@ -83,22 +83,22 @@ void plugins::install(json::view request) {
                           request["OS"].is_text();
     std::optional<std::string> app_name;
     if (!is_whole) {
-        came.fail("json format invalid");
-    } else if (app_name = app_of_plugin(*id, view_of(cache_.device().vendor)); !app_name) {
-        came.fail("invalid Plugin_Name");
+        result.fail("json format invalid");
+    } else if (app_name = app_of_plugin(*id, cache_.vendor()); !app_name) {
+        result.fail("invalid Plugin_Name");
     } else {
         auto ordered = std::make_unique<installation>(installation{
             this, std::string(*id), std::move(*app_name), std::string(cut(*version, short_text_max)),
             std::string(cut(*upgrade_id, short_text_max)), *run == "1"});
         const std::string from(cut(*url, url_max));
         if (qzcap_install_app(qzcap_get_ubus_context(), from.c_str(), installed, ordered.get()) < 0) {
-            came.fail("qzcap_install_app failed");
+            result.fail("qzcap_install_app failed");
         } else {
             under_way_.push_back(ordered.release());  // installed's from here on
-            came.result = 0;
+            result.code = 0;
         }
     }
-    link_.write(reply_to(request, came));
+    link_.write(reply_to(request, result));
 }
 
 // Without a message the platform library never got an answer, or its session ends: nobody is told then.
@@ -160,26 +160,25 @@ void plugins::notify(const std::string &message) {
 }
 
 void plugins::act(json::view request, app_action action) {
-    link_.write(reply_to(request, carry_out(request, action, view_of(cache_.device().vendor))));
+    link_.write(reply_to(request, carry_out(request, action, cache_.vendor())));
 }
 
 void plugins::list(json::view request) {
-    outcome came;
+    outcome result;
     const auto apps = platform::fetch_list<app_list>(qzcap_get_applist, qzcap_get_ubus_context());
     if (!apps) {
-        came.fail("qzcap_get_applist failed");
-        return link_.write(reply_to(request, came));
+        result.fail("qzcap_get_applist failed");
+        return link_.write(reply_to(request, result));
     }
     json::array listed;
     for (const qzcap_app *app : *apps)
-        listed.add(
-            json::object()
-                .text("Plugin_Name", plugin_of_app(view_of(app->name), view_of(cache_.device().vendor)))
-                .text("Version", app->version)
-                .number("Run", view_of(app->state) == "running")
-                .take());
-    came.result = 0;
-    link_.write(reply_to(request, came, "Plugin", listed.take()));
+        listed.add(json::object()
+                       .text("Plugin_Name", plugin_of_app(view_of(app->name), cache_.vendor()))
+                       .text("Version", app->version)
+                       .number("Run", view_of(app->state) == "running")
+                       .take());
+    result.code = 0;
+    link_.write(reply_to(request, result, "Plugin", listed.take()));
 }
 
 }  // namespace arvok::cloud

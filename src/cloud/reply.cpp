@@ -15,13 +15,13 @@ void outcome::fail(std::string_view why) {
     log_printf("[ERROR] %s\n", reason.c_str());
 }
 
-json::value reply_to(json::view request, const outcome &came, const char *key, const json::value &item) {
+json::value reply_to(json::view request, const outcome &result, const char *key, const json::value &item) {
     json::object reply;
     reply.text("Ack", request["RPCMethod"].text().value_or(""))
         .text("ID", request["ID"].text().value_or(""))
-        .number("Result", came.result);
-    if (came.result != 0 && !came.reason.empty())
-        reply.text("FailReason", came.reason);
+        .number("Result", result.code);
+    if (result.code != 0 && !result.reason.empty())
+        reply.text("FailReason", result.reason);
     return reply.add(key, item).take();
 }
 

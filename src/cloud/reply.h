@@ -10,7 +10,7 @@ namespace arvok::cloud {
 
 /// What has come of a request. It has failed until it is known to have succeeded.
 struct outcome {
-    int result = -1;     ///< 0, or why not
+    int code = -1;       ///< 0, or why not
     std::string reason;  ///< in words
 
     /// Sets the reason, cut at 255 bytes, and logs it.
@@ -18,7 +18,7 @@ struct outcome {
 };
 
 /// The reply with the result, the reason of a failure, and what else there is to tell: `item` under `key`.
-json::value reply_to(json::view request, const outcome &came, const char *key = "",
+json::value reply_to(json::view request, const outcome &result, const char *key = "",
                      const json::value &item = {});
 
 }  // namespace arvok::cloud

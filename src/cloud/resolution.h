@@ -3,7 +3,6 @@
 /// therefore runs on a thread of its own, on a value that nobody else touches meanwhile. Addresses of private
 /// and documentation networks are passed over.
 
-#include <array>
 #include <cstddef>
 #include <vector>
 
@@ -11,10 +10,8 @@
 
 namespace arvok::cloud {
 
-constexpr std::size_t business_max = 5;   ///< business servers
-constexpr std::size_t addresses_max = 5;  ///< resolved addresses of one kind
-
-using business_servers = std::array<server, business_max>;  ///< a place may be empty
+/// Resolved addresses of one kind.
+constexpr std::size_t addresses_max = 5;
 
 /// What to connect to next.
 enum class target {

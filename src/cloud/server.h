@@ -1,6 +1,7 @@
 #pragma once
 /// A server of the cloud platform.
 
+#include <array>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -14,12 +15,17 @@ struct server {
     std::string host;  ///< name or IPv4 address
     std::string port;  ///< decimal
 
+    /// There is none here.
     bool empty() const { return host.empty(); }
     /// "host:port"
     std::string text() const { return host + ":" + port; }
 
     bool operator==(const server &) const = default;
 };
+
+/// The business servers that the platform names; a place may be empty.
+constexpr std::size_t business_max = 5;
+using business_servers = std::array<server, business_max>;
 
 /// Whether the host is a domain name or an IPv4 address and the port is a port.
 bool is_valid(const server &named);

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "cloud/resolution.h"
+#include "cloud/server.h"
 
 namespace arvok::cloud {
 
@@ -16,6 +16,7 @@ struct settings {
     std::string device_id;      ///< the device's identity
     std::string device_token;   ///< and its proof
 
+    /// A business server is known.
     bool has_business() const;
     /// The platform has given the device an identity.
     bool is_activated() const { return !device_id.empty() && !device_token.empty(); }

@@ -79,7 +79,7 @@ class Cloud : public ::testing::Test {
         cache_.emplace();
         cache_->refresh_device();
         return client_.emplace(
-            *queue_, *cache_, [] { return std::time_t{0}; }, options{}, connections{});
+            *queue_, *cache_, [] { return std::time_t{0}; }, options{}, agent_services{});
     }
     void end_client() {
         client_.reset();
@@ -123,7 +123,7 @@ class Cloud : public ::testing::Test {
         key_ = server_key;
         EXPECT_EQ(receive(), heartbeat);
         send(ack("Heartbeat", R"("Result":0)"));
-        pump([&] { return client_->ack_remaining() < 0; });
+        pump([&] { return client_->acknowledgement_remaining() < 0; });
     }
 
     // --- the platform ---
@@ -229,7 +229,7 @@ class Cloud : public ::testing::Test {
         char byte;
         pump([&] { return recv(peer_, &byte, 1, 0) == 0; });
         expect_armed(client_->reconnect_remaining(), ms);
-        EXPECT_EQ(client_->ack_remaining(), -1);
+        EXPECT_EQ(client_->acknowledgement_remaining(), -1);
         EXPECT_EQ(client_->heartbeat_remaining(), -1);
     }
     // Lets the time until the next connection pass.

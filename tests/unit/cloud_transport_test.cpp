@@ -71,7 +71,7 @@ TEST_F(Cloud, AMissingAcknowledgementEndsTheConnection) {
         machine = {};
         reach();
         EXPECT_EQ(client_->status_words(), words);
-        expect_armed(client_->ack_remaining(), 30000);
+        expect_armed(client_->acknowledgement_remaining(), 30000);
         log();
         advance(30000);
         expect_log("[ERROR] (cloud) wait Ack timeout\n[INFO] (cloud) retry count 1 cycle 1\n");
@@ -97,15 +97,15 @@ TEST_F(Cloud, HeartbeatsFollowSilenceAndStayOutOfTheLog) {
     client_->send_notification("told");  // nor does this, which does not put it off
     EXPECT_TRUE(contains(receive(), R"("Plugin_Name":"ArvokAP","Version":"1.0.7","Message":"dG9sZA=="})"));
     expect_armed(client_->heartbeat_remaining(), 40000);
-    EXPECT_EQ(client_->ack_remaining(), -1);
+    EXPECT_EQ(client_->acknowledgement_remaining(), -1);
 
     log();
     advance(40000);
     EXPECT_EQ(receive(), heartbeat);
     EXPECT_EQ(client_->heartbeat_remaining(), -1);
-    expect_armed(client_->ack_remaining(), 30000);
+    expect_armed(client_->acknowledgement_remaining(), 30000);
     send(ack("Heartbeat", R"("Result":0)"));
-    pump([&] { return client_->ack_remaining() < 0; });
+    pump([&] { return client_->acknowledgement_remaining() < 0; });
     expect_armed(client_->heartbeat_remaining(), 100000);
     EXPECT_EQ(log(), "");
 
@@ -120,7 +120,7 @@ TEST_F(Cloud, HeartbeatsFollowSilenceAndStayOutOfTheLog) {
     for (const char *name : {"Heartbeat", "InstallNotification"})
         send(ack(name, R"("Result":0)"));
     expect_log("[INFO] (cloud) <- {\"Ack\":\"InstallNotification\",\"Result\":0} (");
-    EXPECT_GE(client_->ack_remaining(), 0);
+    EXPECT_GE(client_->acknowledgement_remaining(), 0);
 }
 
 // A platform that sends requests and does not take the answers is not read from any more.
