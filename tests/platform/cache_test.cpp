@@ -2,6 +2,7 @@
 // leaves.
 
 #include <dlfcn.h>
+
 #include <functional>
 
 #include "desk.h"
