@@ -26,7 +26,7 @@ constexpr int apply_delay_ms = 100;
 constexpr unsigned long minutes_max = 1440;
 constexpr char no_closing[] = "-1111";
 
-// The format of the closing time's file.
+// A minute as the closing time's file has it.
 std::string minute_text(std::time_t t) {
     const std::tm tm = china_time(t);
     return format("%d-%02d-%02d %02d:%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour,

@@ -19,7 +19,7 @@ class guest_network {
     /// The files are in `folder`, which ends with a slash.
     guest_network(const std::string &folder, wall_clock clock);
 
-    // Commands: each adds its fields to the reply.
+    /// Commands: each adds its fields to the reply.
     void set(json::view message, bus_message &reply);
     void get(json::view message, bus_message &reply);
     void remove(json::view message, bus_message &reply);

@@ -1,6 +1,6 @@
 #pragma once
-/// The commands that set and tell the rules of LAN hosts: access schedules, blocking, rate limits, and the
-/// dump of all of them.
+/// The commands about LAN hosts: which there are, the rules that are set for them (access schedules,
+/// blocking, rate limits), and the dump of all rules.
 
 #include "access/guest_network.h"
 #include "access/restrictions.h"
@@ -22,7 +22,7 @@ class host_commands {
           guest_(guest),
           clock_(clock) {}
 
-    // Each adds its fields to the reply.
+    /// Commands: each adds its fields to the reply.
     void get_hosts(json::view message, bus_message &reply);
     void set_schedule(json::view message, bus_message &reply);
     void get_schedule(json::view message, bus_message &reply);

@@ -6,8 +6,9 @@
 /// frame          what a message looks like on the wire, and how it is encrypted in each stage
 /// connector      when and to which server the device connects (resolution: its address)
 /// enrolment      Boot, GetChallengeCode, Activate, Connect, Heartbeat
-/// settings       servers and identity across restarts
+/// settings       servers and identity across restarts (server: what one is)
 /// dispatch       the platform's messages by name
+/// reply          how its requests are answered
 /// plugins        its requests about the device's apps (plugin_id: what it calls them)
 /// app_messages   its messages to an app
 
@@ -44,23 +45,21 @@ class client {
     /// Connects for the first time.
     void start() { connector_.run(); }
 
-    // The platform is behind the WAN.
-
-    /// Connects unless there is a connection.
+    /// The WAN, which the platform is behind, has come up: connects unless there is a connection.
     void wan_up();
-    /// Disconnects; true when there was a connection.
+    /// It has gone down: disconnects; true when there was a connection.
     bool wan_down();
 
     /// Tells the platform something on the agent's behalf, on the loop's next turn.
     void send_notification(const std::string &message) { plugins_.notify(message); }
 
-    // For GET_STATUS.
+    // --- for GET_STATUS ---
 
     /// The server in use as "host:port".
     std::string server_text() const { return connector_.used().text(); }
     /// The connection's state in words, for people.
     std::string status_words();
-    /// Milliseconds until a timer fires, -1: not armed.
+    /// Milliseconds until each timer fires, -1: not armed.
     int reconnect_remaining() { return connector_.remaining(); }
     int heartbeat_remaining() { return connection_.heartbeat_remaining(); }
     int acknowledgement_remaining() { return connection_.acknowledgement_remaining(); }

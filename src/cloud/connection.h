@@ -31,6 +31,7 @@ class connection {
         callback<void(failure)> failed;
     };
 
+    /// All but `callbacks` is borrowed.
     connection(task_queue &queue, const platform::cache &cache, const handlers &callbacks);
 
     /// Takes a connecting socket over. The connection before must have been closed.
@@ -38,11 +39,14 @@ class connection {
     /// Closes the connection and forgets its keys. A lost business connection begins again with the challenge
     /// code.
     void disconnect();
+    /// There is a socket, be it that it still connects.
     bool is_open() const { return stream_.is_open(); }
     /// Its local IPv4 address, or "".
     std::string local_address() const;
 
+    /// Where it stands, also between connections.
     stage at() const { return stage_; }
+    /// From here on frames are encrypted as this stage asks for.
     void enter(stage next) { stage_ = next; }
     /// Makes the key for the answer to the next message, to be sent with it.
     std::string new_client_key();

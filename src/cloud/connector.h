@@ -45,10 +45,13 @@ class connector {
     /// Remembers what people are told about the last failure.
     void note(std::string trouble) { trouble_ = std::move(trouble); }
 
+    /// That remark, in words for people.
     const std::string &trouble() const { return trouble_; }
     /// The server in use, by its name.
     const server &used() const;
+    /// A look-up is under way.
     bool is_resolving() const { return resolving_; }
+    /// The next connection has its time.
     bool is_waiting() const { return reconnection_.is_armed(); }
     /// Milliseconds until the next connection, -1: none is awaited.
     int remaining() { return reconnection_.remaining(); }

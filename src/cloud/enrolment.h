@@ -22,13 +22,15 @@ enum class boot_reason { answered = 0, start = 1, requested = 2 };
 
 class enrolment {
   public:
+    /// All are borrowed. Whether business servers are known already is the reason of the first Boot.
     enrolment(connection &link, connector &connector, settings &settings, platform::cache &cache);
 
     /// Opens the exchange that the stage asks for, on a new connection.
     void begin();
+    /// Its acknowledgement must come.
     void send_heartbeat();
 
-    // Handlers of the acknowledgements; false: what came is not valid.
+    /// Handlers of the acknowledgements; false: what came is not valid.
     bool boot_acknowledged(json::view message);
     bool challenge_acknowledged(json::view message);
     bool activate_acknowledged(json::view message);

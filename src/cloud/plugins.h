@@ -28,7 +28,9 @@ class plugins {
     /// Starts an installation. The platform hears of its end by an "InstallNotification", unless the device's
     /// platform library never tells how it ended.
     void install(json::view request);
+    /// Does that with the installed app that the request names.
     void act(json::view request, app_action action);
+    /// Tells which apps are installed, and whether they run.
     void list(json::view request);
 
     /// Tells the platform something on the agent's behalf.

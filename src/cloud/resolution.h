@@ -27,12 +27,12 @@ struct address {
 };
 
 struct resolution {
-    // What to look for.
+    // --- what to look for ---
     target next = target::current;
     server bootstrap;
     business_servers business;
 
-    // What was found; it stays for the next time.
+    // --- what was found; it stays for the next time ---
     bool found = false;            ///< there is an address to connect to
     server current;                ///< the one that was chosen
     std::size_t server_index = 0;  ///< the business server that it belongs to

@@ -16,7 +16,7 @@ struct settings {
     std::string device_id;      ///< the device's identity
     std::string device_token;   ///< and its proof
 
-    /// A business server is known.
+    /// The bootstrap server has named a business server.
     bool has_business() const;
     /// The platform has given the device an identity.
     bool is_activated() const { return !device_id.empty() && !device_token.empty(); }
