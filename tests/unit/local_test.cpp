@@ -16,7 +16,6 @@
 #include <functional>
 #include <optional>
 #include <set>
-#include <vector>
 
 #include "base/crypto.h"
 #include "base/log.h"
@@ -75,12 +74,12 @@ class Local : public ::testing::Test {
         uloop_done();
     }
 
-    // Turns the loop until `done`, or fails after a few seconds.
-    static void pump(const std::function<bool()> &done) {
+    // Turns the loop, each time for that long, until `done`, or fails after a few seconds.
+    static void pump(const std::function<bool()> &done, int turn_ms = 1) {
         for (int turns = 0; turns < 3000; turns++) {
             if (done())
                 return;
-            uloop_run_timeout(1);
+            uloop_run_timeout(turn_ms);
         }
         FAIL() << "did not happen; log so far:\n" << logged.substr(0, 2000);
     }
@@ -92,10 +91,7 @@ class Local : public ::testing::Test {
     int connect() {
         logged.clear();
         const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(17998);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const sockaddr_in address{AF_INET, htons(17998), {htonl(INADDR_LOOPBACK)}, {}};
         EXPECT_EQ(::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
         const int on = 1;
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -287,8 +283,7 @@ TEST_F(Local, ClientsGoWithTheirConnectionsAndWithTheServer) {
     connect();
     const int faulty = peer_;
     send_bytes(be32(0) + "x");
-    while (!contains(logged, "invalid msg header"))
-        uloop_run_timeout(0);
+    pump([] { return contains(logged, "invalid msg header"); }, 0);
 
     logged.clear();
     server_.reset();
