@@ -87,7 +87,7 @@ format:
 lint:
 	@tools/setup.sh desk lint
 	@$(build) TARGETS=arvokclt
-	@tools/check_rooms $(BUILD)/lib/libagent.a
+	@tools/check_layers $(BUILD)/lib/libagent.a
 	@$(call configure,$(LINTED),-DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON)
 	@echo $(TIDIED) | xargs -n 4 -P $(JOBS) clang-tidy -p $(LINTED) --quiet 2>&1 | { grep -v ' generated\.$$' || true; }
 
