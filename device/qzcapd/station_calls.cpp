@@ -87,7 +87,7 @@ Notification roaming_report(const World &world, const cJSON *station) {
     return {roaming_object, "roamingreport", std::move(message)};
 }
 
-/// A station is heard out for a while; then the roaming object tells how it was heard.
+/// A station is measured for a while; then the roaming object tells how it was heard.
 Reply hear_out(World &world, const cJSON *args) {
     const cJSON *query = get(args, "record");
     const char *mac = get_text(query, "mac");

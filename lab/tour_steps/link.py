@@ -24,6 +24,7 @@ def agent_connects(tour):
     """The agent connects to the gateway"""
     address = f"{os.environ['GATEWAY_ADDR']}:32768"
     tour.screen.line("      " + tour.log_line(f'connect "{address}"'))
+    tour.screen.note("(1): this is the built-in address; (0) would be one that was found, or given with -g")
     tour.link.from_ap("keyngreq")
     peer = call("lab.gateway", "peer")
     require(peer["address"].startswith(os.environ["AP_ADDR"] + ":"), f"the connection comes from {peer['address']}")
@@ -213,8 +214,8 @@ def device_is_set_up(tour):
              {"enable": "yes", "rssi_2g": -72, "rssi_5g": -68, "interval": 15}),
             ("mesh_roaming", device["mesh_roaming"]["interval"], 20),
             ("blacklist", device["blacklist"], {"enable": "yes", "macs": ["02C0FFEE00FF"]}),
-            ("host", [host[key] for key in ("hostname", "internetaccess", "uplimit", "downlimit")],
-             ["kitchen", 1, 512, 4096]),
+            ("host", {key: host[key] for key in ("hostname", "internetaccess", "uplimit", "downlimit")},
+             {"hostname": "kitchen", "internetaccess": 1, "uplimit": 512, "downlimit": 4096}),
             ("role", device["mesh"]["role"], "auto"),
             ("iptv", device["iptv"], {"enable": "yes", "vlan": 85, "ports": [port]})):
         require(now == wanted, f"the device has {what} {now} instead of {wanted}")
@@ -222,7 +223,7 @@ def device_is_set_up(tour):
 
 
 def software_is_ordered(tour):
-    """The gateway orders firmware, a package of the agent itself that is not there, and a command of old"""
+    """The gateway orders firmware, a package of the agent itself that is not there, and `save`, which does nothing"""
     software = {"downurl": "http://192.168.1.1/ax30-2.4.2.bin", "fileSize": "7340032", "chksum": "5d41402a"}
     package = {"downurl": "http://100.64.0.9/none.ipk", "fileSize": 40960, "chksum": "0"}
     acknowledged(tour, {"type": "cfg", "set": {"upgrade": software, "upgrade_client": package,
@@ -236,7 +237,7 @@ def software_is_ordered(tour):
 
 
 def stations_are_steered(tour):
-    """The gateway hears how stations are received, has one heard out, moves it and sends it away"""
+    """The gateway hears how stations are received, has one measured, moves it and sends it away"""
     sent, answer = exchange(tour, {"type": "getrssiinfo"})
     tour.screen.message(sent)
     tour.screen.message(answer)

@@ -21,14 +21,14 @@ def exchange(tour, message):
 
     text = json.dumps(message, separators=(",", ":")).encode()
     with socket.create_connection((os.environ["AP_ADDR"], PORT), tour.link.deadline) as client:
-        show("tx", 4 + len(text), message)
+        show("tx", len(text), message)
         client.sendall(struct.pack(">I", len(text)) + text)
         with client.makefile("rb") as stream:
             header = stream.read(4)
             require(len(header) == 4, "the agent closed the connection")
             body = stream.read(struct.unpack(">I", header)[0])
     reply = json.loads(body)
-    show("rx", 4 + len(body), reply)
+    show("rx", len(body), reply)
     return reply
 
 
