@@ -13,8 +13,8 @@ int hex_value(char digit);
 char hex_digit(int value);
 
 /// A MAC as 12 upper-case hex digits, of a text of 12 digits or of 17 characters with '-' or ':' between the
-/// pairs. Of any other text what was done until that showed: pairs joined, and upper-cased up to the first
-/// character that is no digit.
+/// pairs. A text of another shape comes back as it is; one of this shape with a wrong character comes back
+/// joined, and upper-cased up to that character.
 std::string normalised_mac(std::string_view text);
 
 /// Whether a text is a MAC in one of those spellings.

@@ -29,7 +29,7 @@ class timer {
     owned<uloop_timeout, timer> timeout_;
 };
 
-/// Tells when a descriptor that belongs to somebody else is readable.
+/// Tells, as long as it is so, that a descriptor that belongs to somebody else is readable.
 class readable_watch {
   public:
     explicit readable_watch(callback<void()> readable);
@@ -37,8 +37,10 @@ class readable_watch {
     readable_watch(const readable_watch &) = delete;
     readable_watch &operator=(const readable_watch &) = delete;
 
-    /// False when the loop cannot watch it.
+    /// The descriptor stays the caller's, who keeps it open until stop(); it is made non-blocking. False when
+    /// the loop cannot watch it. Starting anew replaces the watch; before one of another descriptor, stop().
     bool start(int fd);
+    /// Nothing is told any more, also of what has come already. It may be started anew.
     void stop();
 
   private:

@@ -23,6 +23,12 @@ struct message {
     int ack_timeout_ms = 0;  ///< until an acknowledgement must have come; 0: none awaited
 };
 
+/// The one connection. It keeps trying: after a failure the next attempt is 10 seconds later. A connection
+/// that the gateway ends less than 30 seconds after the negotiation began is a short one; after three in a
+/// row the next attempt waits four hours.
+///
+/// `tasks`, `cache`, `state` and whoever is informed are borrowed. All must be there while it is connected;
+/// tasks that it has posted must not run after its end.
 class connection {
   public:
     struct listeners {
@@ -54,7 +60,7 @@ class connection {
 
     // --- what the negotiation and the dispatcher know ---
 
-    /// From here on a connection that breaks counts as a short one or as a long one.
+    /// From here on a connection that breaks counts as a short one or as a long one, as the class tells.
     void negotiation_began();
     /// Bodies are encrypted from here on, until the key is forgotten.
     void use_key(const aes_key &key) { cipher_.emplace(aes_mode::cbc, key); }

@@ -12,6 +12,7 @@ namespace arvok::gateway {
 struct client::modules {
     modules(task_queue &tasks, platform::cache &cache, wall_clock now, options where,
             callback<void(const std::string &)> notify_cloud)
+        // Bound here, called only after connect(): what is bound is made after the link.
         : link_(tasks, cache, std::move(where), state_,
                 {.opened = bind<&negotiation::request_key>(negotiation_),
                  .received = bind<&dispatcher::take>(dispatcher_),
@@ -34,6 +35,7 @@ client::client(task_queue &tasks, platform::cache &cache, wall_clock now, option
                callback<void(const std::string &)> notify_cloud)
     : modules_(std::make_unique<modules>(tasks, cache, now, std::move(where), notify_cloud)) {}
 
+// While the modules are there that the connection tells of its end; after its own end it would find none.
 client::~client() {
     modules_->link_.disconnect();
 }

@@ -1,15 +1,19 @@
 #pragma once
 /// The gateway link: one TCP connection, as a client, to the home gateway, and the JSON messages on it.
 ///
-/// connection   the socket, sending and receiving, keepalives, when it is tried again
-/// frame        what a message looks like on the wire
-/// negotiation  key agreement and registration
-/// dispatch     message types and what follows their handlers
-/// request      one message while it is handled
-/// handlers     settings, status and stations: what most requests are about
-/// control      commands of the gateway to the device
-/// bus_bridge   the platform's bus for the gateway
-/// reports      what the device tells on its own
+/// connection     the socket, sending and receiving, keepalives, when it is tried again
+/// frame          what a message looks like on the wire
+/// negotiation    key agreement and registration
+/// dispatch       message types and what follows their handlers
+/// request        one message while it is handled (request_members: what it says)
+/// handlers       what follows, as the dispatcher calls it:
+/// configuration  "cfg": its table of settings (settings.h: what the rows do)
+/// status         "get_status": its table of items (status_items.h: what the rows do)
+/// steering       stations: how they are heard, and where they should go
+/// control        commands of the gateway to the device
+/// bus_bridge     the platform's bus for the gateway
+/// reports        what the device tells on its own
+/// first_seen     when each LAN host was first seen, for the reports
 ///
 /// Everything runs on the loop thread.
 

@@ -8,9 +8,9 @@
 namespace arvok::platform {
 namespace {
 
-constexpr std::size_t first = 0, second = 1;  // of the bands
+constexpr std::size_t first = 0, second = 1;  // band indices
 
-// Keeps what there was when the platform does not tell.
+// Keeps what there was when the fetch fails.
 template <typename Record>
 bool refresh(bool &current, Record &record, typename Record::pointer (*get)()) {
     if (current)

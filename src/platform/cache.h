@@ -2,9 +2,9 @@
 /// The device information cache: the last record of each kind that the platform handed out.
 ///
 /// A record is fetched only when what there is has expired; everything expires with every gateway message, so
-/// all answers to one message see the same records, and none is older than one message. A failed fetch keeps
-/// what there was and leaves it expired; where several records are refreshed together, all of them stand or
-/// fall.
+/// all answers to one message see the same records, and none is older than one message. Access points alone
+/// are fetched by every refresh. A failed fetch keeps what there was and leaves it expired; of radios and
+/// access points, which are fetched for all bands together, a failing second band drops the first.
 
 #include <cstdint>
 #include <span>
@@ -35,9 +35,9 @@ class cache {
     bool refresh_device();
     bool refresh_wan();
     bool refresh_diagnostics();
-    /// The radios of all bands together: when the second fails, the first is gone, too.
+    /// All bands together: when the second fails, the first is gone, too.
     bool refresh_radios();
-    /// Always fetches; all bands together, as above.
+    /// The same, and always fetched.
     bool refresh_access_points();
 
     /// What is current now is fetched again by the next refresh.

@@ -21,9 +21,9 @@ enum qzcap_band {
 
 /// One radio.
 struct qzcap_wifiinfo {
-    char *enable;  ///< "yes" or "no"
-    int32_t channel;
-    int32_t current_channel;
+    char *enable;             ///< "yes" or "no"
+    int32_t channel;          ///< as set; 0: automatic
+    int32_t current_channel;  ///< in use
     char *txpower;
     char *load;
     uint32_t bandwidth;  ///< code: 0 "20", 1 "40", 2 automatic, 3 "80", 4 "160", 5 "80+80"
@@ -101,7 +101,7 @@ struct qzcap_wifi_ap {
     char *ssid;
     char *enable;  ///< "yes" or "no"
     char *bssid;
-    uint32_t inuse;  ///< 0: free for a new network
+    uint32_t inuse;  ///< 0: free for a new network; 1 once enabled
     uint32_t guest;  ///< 1: guest network
 };
 
@@ -135,7 +135,7 @@ void qzcap_free_wifi_apstat(struct qzcap_wifi_apstat *record);
 
 /* ---- stations ---- */
 
-/// Asks the radios to hear out a station.
+/// Asks the radios to measure how they hear a station.
 struct qzcap_rssi_query {
     char *mac;
     char *band;  ///< "2.4G" or "5G"
