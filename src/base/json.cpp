@@ -1,7 +1,6 @@
 #include "base/json.h"
 
 #include <charconv>
-#include <cmath>
 
 #include "base/text.h"
 
@@ -61,10 +60,15 @@ void append_digits(std::string &out, std::int64_t n) {
     out.append(digits, end);
 }
 
+// Exactly so, without a call into the mathematical library.
+bool is_whole(double n) {
+    return n >= -exact_max && n <= exact_max && static_cast<double>(static_cast<std::int64_t>(n)) == n;
+}
+
 // Whole numbers are written here: the JSON library writes those beyond int with 15 digits when that comes
 // close, and all of them by way of printing, reading back and comparing a floating-point number.
 void append_number(std::string &out, double n) {
-    if (std::fabs(n) > exact_max || std::trunc(n) != n) {
+    if (!is_whole(n)) {
         const handle<cJSON, &cJSON_Delete> node(cJSON_CreateNumber(n));
         out += print_node(node.get());
         return;

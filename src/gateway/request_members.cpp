@@ -1,7 +1,6 @@
 #include "gateway/request_members.h"
 
 #include <charconv>
-#include <cmath>
 #include <optional>
 
 namespace arvok::gateway {
@@ -9,7 +8,9 @@ namespace {
 
 std::optional<double> whole_number_in(json::view item, double min, double max) {
     const std::optional<double> n = item.number();
-    return n && *n >= min && *n <= max && std::trunc(*n) == *n ? n : std::nullopt;
+    return n && *n >= min && *n <= max && static_cast<double>(static_cast<std::int64_t>(*n)) == *n
+               ? n
+               : std::nullopt;
 }
 
 // 0 for what is no decimal number, or too large.

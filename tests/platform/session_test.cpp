@@ -65,8 +65,8 @@ TEST_F(BusSession, AnswersComeAsTextAndAsBlob) {
     EXPECT_STREQ(text_ptr(reply).get(),
                  R"({"result":0,"record":{"wifiswitch":"on","wpsswitch":"off","arvoksync":"on"}})");
     blob_attr *answer = nullptr;
-    ASSERT_EQ(
-        ubus_invoke(qzcap_get_ubus_context(), wifi, "get", buf.head, qzcap_data_blob_cb, &answer, 2000), 0);
+    ASSERT_EQ(ubus_invoke(qzcap_get_ubus_context(), wifi, "get", buf.head, qzcap_data_blob_cb, &answer, 2000),
+              0);
     char *rendered = nullptr;
     ubus_request carrier{};
     carrier.priv = &rendered;
