@@ -114,6 +114,14 @@ class Life(AgentCase):
                     state(agent)
                     self.assertEqual(agent.stop(number), 0)
 
+    def test_ends_in_order_while_the_device_is_waited_for(self):
+        for number in (signal.SIGTERM, signal.SIGINT):
+            self.fail_call("qzcap_get_devinfo")
+            agent = self.start()
+            agent.expect("[ERROR] update_dev_info failed\n")
+            agent.process.send_signal(number)
+            self.assertEqual(agent.process.wait(2), 0)
+
     def test_connection_in_the_making(self):
         # Nobody answers for this address: the connection stays in the making.
         subprocess.run(["lab-ap", "ip", "neigh", "replace", "192.168.1.77", "lladdr", "02:00:00:00:00:77", "dev",
