@@ -38,13 +38,13 @@ all:
 
 # The agent on its desk device in an emulated home, step by step.
 run:
-	@$(build) TARGETS=desk
+	+@$(build) TARGETS=desk
 	@ARVOK_BIN=$(abspath $(BUILD))/bin lab/home -- lab/tour
 
 # Formatting, static analysis, every test and the tour, then tests and tour again under the sanitizers, and the tests of
 # threads under theirs. Most tests wait for timers of the agent, so what computes runs beside them.
 test: check-format
-	@$(build) TARGETS=all
+	+@$(build) TARGETS=all
 	@$(MAKE) --no-print-directory -j 2 -O check-plain sanitized check-thread
 	@$(MAKE) --no-print-directory -j 2 -O check-sanitized lint
 
@@ -57,12 +57,12 @@ check-sanitized:
 	ARVOK_BIN=$(abspath $(SANITIZED))/bin lab/home -- lab/tour </dev/null
 
 sanitized:
-	@$(build) BUILD=$(SANITIZED) BUILD_TYPE=Debug CMAKE_ARGS=-DARVOK_SANITIZE=ON TARGETS=all
+	+@$(build) BUILD=$(SANITIZED) BUILD_TYPE=Debug CMAKE_ARGS=-DARVOK_SANITIZE=ON TARGETS=all
 
 # Reports go to standard output, because the tests keep the standard error output to themselves. Older runtimes refuse
 # some of the random memory layouts, so where it can be had, there is a fixed one.
 check-thread:
-	@$(build) BUILD=$(THREADED) BUILD_TYPE=Debug CMAKE_ARGS=-DARVOK_SANITIZE=thread \
+	+@$(build) BUILD=$(THREADED) BUILD_TYPE=Debug CMAKE_ARGS=-DARVOK_SANITIZE=thread \
 		TARGETS='$(THREAD_TESTS)'
 	TSAN_OPTIONS=log_path=stdout $$(setarch -R true 2>/dev/null && echo setarch -R) $(CTEST) --test-dir $(THREADED) -R '^($(subst $() ,|,$(THREAD_TESTS)))$$'
 
@@ -70,7 +70,7 @@ check-thread:
 arm:
 	@tools/setup.sh g++-arm-linux-gnueabihf qemu-user
 	@tools/sysroot.sh armhf $(abspath $(ARM))/sysroot
-	@$(build) BUILD=$(ARM) CMAKE_ARGS=-DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/armhf.cmake TARGETS=all
+	+@$(build) BUILD=$(ARM) CMAKE_ARGS=-DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/armhf.cmake TARGETS=all
 	$(CTEST) -j 3 --test-dir $(ARM)
 	ARVOK_BIN=$(abspath $(ARM))/emulated/bin lab/home -- lab/tour </dev/null
 
@@ -86,20 +86,20 @@ format:
 # Looks at the sources as a build would, without precompiled headers, which are of the build's own compiler.
 lint:
 	@tools/setup.sh desk lint
-	@$(build) TARGETS=arvokclt
+	+@$(build) TARGETS=arvokclt
 	@tools/check_layers $(BUILD)/lib/libagent.a
 	@$(call configure,$(LINTED),-DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON)
 	@echo $(TIDIED) | xargs -n 4 -P $(JOBS) clang-tidy -p $(LINTED) --quiet 2>&1 | { grep -v ' generated\.$$' || true; }
 
 # The instructions are counted with callgrind.
 bench:
-	@$(build) TARGETS='desk benchmarks' PACKAGES=valgrind
+	+@$(build) TARGETS='desk benchmarks' PACKAGES=valgrind
 	@ARVOK_BIN=$(abspath $(BUILD))/bin $(BUILD)/bin/arvok-bench
 	@ARVOK_BIN=$(abspath $(BUILD))/bin bench/report
 
 # Every fuzzer for SECONDS, or the one of TARGET.
 fuzz:
-	@$(build) BUILD=$(FUZZED) PACKAGES='clang libclang-rt-14-dev' TARGETS=fuzzers TESTS= \
+	+@$(build) BUILD=$(FUZZED) PACKAGES='clang libclang-rt-14-dev' TARGETS=fuzzers TESTS= \
 		CMAKE_ARGS='-DARVOK_SANITIZE=fuzzer -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++'
 	@fuzz/run $(abspath $(FUZZED)) $(or $(SECONDS),60) $(TARGET)
 
@@ -109,7 +109,7 @@ REQUESTS      ?= 1000000
 NOTIFICATIONS ?= 100000
 RECONNECTIONS ?= 10000
 soak:
-	@$(build) TARGETS='desk arvok-soak'
+	+@$(build) TARGETS='desk arvok-soak'
 	@ARVOK_BIN=$(abspath $(BUILD))/bin ARVOK_LIB=$(abspath $(BUILD))/lib lab/home --peers none --no-agent -- \
 		arvok-soak $(REQUESTS) $(NOTIFICATIONS) $(RECONNECTIONS)
 
