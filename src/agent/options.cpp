@@ -62,7 +62,7 @@ std::string valid(bool (*is_valid)(std::string_view), const char *text) {
 }
 
 cloud::server bss_server(const char *text) {
-    const cloud::server named = cloud::parse_server(text);
+    cloud::server named = cloud::parse_server(text);
     if (!cloud::is_valid(named))
         usage();
     return named;

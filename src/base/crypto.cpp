@@ -97,7 +97,7 @@ std::optional<std::string> aes::run(EVP_CIPHER_CTX *keyed, std::string_view in, 
         log_printf("[ERROR] %s %s failed: EVP_CipherFinal_ex, tmplen %d\n", name_of(mode_), word, final);
         return std::nullopt;
     }
-    out.resize(static_cast<std::size_t>(updated + final));
+    out.resize(static_cast<std::size_t>(updated) + static_cast<std::size_t>(final));
     return out;
 }
 

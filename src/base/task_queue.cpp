@@ -16,7 +16,16 @@ namespace {
 constexpr int full_pipe_ms = 10;  // a thread's wait for room
 
 // Below the pipe's atomic size: tasks of several threads never mix.
-using queued_task = task *;
+struct queued_task {
+    task *work;
+};
+
+// The next task in the pipe; null when it is empty.
+std::unique_ptr<task> next_task(int pipe) {
+    queued_task next;
+    const bool whole = read(pipe, &next, sizeof next) == static_cast<ssize_t>(sizeof next);
+    return std::unique_ptr<task>(whole ? next.work : nullptr);
+}
 
 }  // namespace
 
@@ -28,12 +37,12 @@ struct task_queue::writer {
         const std::lock_guard<std::mutex> guard(lock);
         if (!end)
             return outcome::closed;
-        const queued_task pointer = work.get();
+        const queued_task next{work.get()};
         ssize_t written;
         do
-            written = ::write(end.get(), &pointer, sizeof pointer);
+            written = ::write(end.get(), &next, sizeof next);
         while (written < 0 && errno == EINTR);
-        if (written != static_cast<ssize_t>(sizeof pointer))
+        if (written != static_cast<ssize_t>(sizeof next))
             return errno == EAGAIN ? outcome::full : outcome::closed;
         static_cast<void>(work.release());  // the reader's from here on
         return outcome::queued;
@@ -60,16 +69,14 @@ task_queue::task_queue() : writer_(std::make_shared<writer>()), watch_(bind<&tas
 
 task_queue::~task_queue() {
     writer_->close();
-    queued_task queued;
-    while (read(reader_.get(), &queued, sizeof queued) == static_cast<ssize_t>(sizeof queued))
-        delete queued;
+    while (next_task(reader_.get())) {
+    }
 }
 
 // One wake-up runs every task there is; whatever else read() says ends the pass.
 void task_queue::run_posted() {
-    queued_task queued;
-    while (read(reader_.get(), &queued, sizeof queued) == static_cast<ssize_t>(sizeof queued))
-        std::unique_ptr<task>(queued)->run();
+    while (const std::unique_ptr<task> next = next_task(reader_.get()))
+        next->run();
 }
 
 bool task_queue::post(std::unique_ptr<task> work) {

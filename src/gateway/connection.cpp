@@ -34,7 +34,7 @@ constexpr long short_connection_s = 30;
 constexpr int short_connections_max = 3;
 
 /// How many bytes may wait to be sent before further requests wait, too.
-constexpr std::size_t unsent_max = 256 * 1024;
+constexpr std::size_t unsent_max = std::size_t{256} * 1024;
 
 // Where another client may own the link, a setting says whether this one runs.
 bool is_enabled() {

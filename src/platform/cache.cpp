@@ -39,8 +39,10 @@ bool cache::refresh_device() {
         return true;
     if (!refresh(device_current_, device_, qzcap_get_devinfo))
         return false;
-    if (device_->mac)  // in its place: it never gets longer
-        std::strcpy(device_->mac, normalised_mac(device_->mac).c_str());
+    if (device_->mac) {  // written over the old text: the normalised one is never longer
+        const std::string mac = normalised_mac(device_->mac);
+        std::memcpy(device_->mac, mac.c_str(), mac.size() + 1);
+    }
     is_router_ = view_of(device_->mode) == "router";
     dual_band_ = view_of(device_->support_5g) == "yes";
     return true;
