@@ -70,6 +70,8 @@ TEST(Schedule, HoldsAndChangesAtEveryBoundary) {
         {{rule(0, "22:00", "06:00")}, cst(monday, 0, 0), true, 6 * hour},
         {{rule(0, "22:00", "06:00")}, cst(monday, 6, 0), false, 1},
         {{rule(0, "22:00", "06:00")}, cst(monday, 22, 0), true, 1},
+        {{rule(1, "22:00", "06:00")}, cst(monday, 22, 0), true, 1},
+        {{rule(1, "22:00", "06:00")}, cst(monday + 1, 6, 0), false, 1},
         {{rule(5, "21:00", "02:00")}, cst(saturday, 2, 0, 1), false, 22 * hour},
         {{rule(7, "08:00", "24:00")}, cst(sunday, 7, 0), false, hour},
         // digits that are missing, and minutes that carry into the hour
