@@ -6,8 +6,8 @@
 ///   -> dev_reg             <- ack        encrypted, as is everything from here on
 ///
 /// Each message has its deadline. Those of "dh" and "dev_reg" are armed inside a handler, and the dispatcher
-/// takes them back as soon as that handler returns; a gateway that falls silent there is found out by the
-/// keepalives.
+/// takes them back as soon as that handler returns: a gateway that falls silent behind "dev_reg" is found out
+/// by the keepalives, one that does so behind "dh" only when it hangs up.
 
 #include "base/key_exchange.h"
 #include "gateway/connection.h"
