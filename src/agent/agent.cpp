@@ -1,7 +1,5 @@
 #include "agent/agent.h"
 
-#include <cstdlib>
-
 #include "base/log.h"
 #include "base/loop.h"
 
@@ -30,7 +28,7 @@ int agent::run() {
         signals_.emplace();
     signals_->keep();  // the end is under way already
     end();
-    return 0;
+    return began == beginning::no_port ? exit_no_port : 0;
 }
 
 agent::beginning agent::begin() {
@@ -41,8 +39,7 @@ agent::beginning agent::begin() {
     if (!wait_for_device())
         return beginning::interrupted;
     build();
-    start();
-    return beginning::begun;
+    return start() ? beginning::begun : beginning::no_port;
 }
 
 // False when the process is to end meanwhile.
@@ -77,12 +74,14 @@ void agent::build() {
     modules_.access.emplace(where_.clock, where_.rule_folder);
 }
 
-void agent::start() {
+// False without the local port: nobody would be told what the agent is, so it does not run without.
+bool agent::start() {
     modules_.gateway->start();
     modules_.cloud->start();
     if (!modules_.local->start())
-        std::exit(exit_no_port);
+        return false;
     modules_.access->start();
+    return true;
 }
 
 void agent::loop() {

@@ -34,9 +34,8 @@ class agent {
 
     // --- the parts of run(), for who turns the loop himself ---
 
-    enum class beginning { begun, no_bus, interrupted };
-    /// Opens the session, waits for the device, and builds and starts the modules. Ends the process on the
-    /// spot when its local port is not to be had.
+    enum class beginning { begun, no_bus, interrupted, no_port };
+    /// Opens the session, waits for the device, and builds and starts the modules.
     beginning begin();
     /// Takes down whatever there is.
     void end();
@@ -45,7 +44,7 @@ class agent {
     bool wait_for_device();
     bool gateway_sync_is_on();
     void build();
-    void start();
+    bool start();
     void loop();
 
     // --- what the modules need of one another ---
