@@ -26,6 +26,11 @@ bool is_among(const std::vector<Peer *> &peers, side of) {
     return std::any_of(peers.begin(), peers.end(), [of](const Peer *peer) { return peer->of() == of; });
 }
 
+void fire(uloop_timeout *timer) {
+    uloop_timeout_cancel(timer);
+    timer->cb(timer);
+}
+
 // A decimal number at the beginning of a text, 0 for none, at most `max`.
 long number_at(std::string_view text, long max) {
     return std::clamp(std::strtol(std::string(text).c_str(), nullptr, 10), 0L, max);
@@ -56,11 +61,12 @@ blob_ptr blob_of_bytes(std::string_view bytes) {
 Stage::Stage(std::vector<Peer *> peers, arvok::options chosen)
     : descriptor_(free_descriptor()),
       peers_(std::move(peers)),
-      agent_(std::move(chosen), {clock_of_machine, file_folder()}) {
+      agent_(signals_, std::move(chosen), {clock_of_machine, file_folder()}) {
     machine.link_forbidden = !is_among(peers_, side::gateway);
     machine.threads_held = !is_among(peers_, side::cloud);
     platform.lists_empty = true;
-    require(agent_.begin() == agent::beginning::begun, "does not begin");
+    require(agent_.begin(), "does not begin");
+    fire(armed_timers().front().timer);
     platform.lists_empty = false;
     schedule_timer_ = machine.armed_last;
     turn();
@@ -109,12 +115,8 @@ bool Stage::act(std::string_view line, Input &input) {
             advance(number_at(argument, 100000000));
             return true;
         case '!':
-            if (const auto &armed = armed_timers(); !armed.empty()) {
-                uloop_timeout *const timer =
-                    armed[static_cast<std::size_t>(number_at(argument, 100)) % armed.size()].timer;
-                uloop_timeout_cancel(timer);
-                timer->cb(timer);
-            }
+            if (const auto &armed = armed_timers(); !armed.empty())
+                fire(armed[static_cast<std::size_t>(number_at(argument, 100)) % armed.size()].timer);
             return true;
         case '%':
             taking_ = !taking_;

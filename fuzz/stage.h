@@ -89,6 +89,7 @@ class Stage {
 
     const int descriptor_;  ///< the next one that is free
     const std::vector<Peer *> peers_;
+    held_signals signals_;
     agent agent_;
     const uloop_timeout *schedule_timer_;
     bool taking_ = true;

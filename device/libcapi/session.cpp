@@ -35,6 +35,8 @@ int qzcap_ubus_start(int) {
         uloop_done();
         return -1;
     }
+    // As the library would, but also after a hang-up, when it would not. An app may have its own way.
+    session.ctx->connection_lost = [](ubus_context *) { uloop_end(); };
     ubus_add_uloop(session.ctx);
     return 0;
 }

@@ -1,55 +1,55 @@
 #include "agent/agent.h"
 
 #include "base/log.h"
-#include "base/loop.h"
 
 namespace arvok {
 namespace {
 
 constexpr int exit_no_bus = 255;
 constexpr int exit_no_port = 255;
-constexpr int retry_device_s = 5;
+constexpr int retry_device_ms = 5000;
 
 }  // namespace
 
-agent::agent(options chosen, surroundings where)
-    : options_(std::move(chosen)),
+agent::agent(held_signals &signals, options chosen, surroundings where)
+    : signals_(signals),
+      options_(std::move(chosen)),
       where_(std::move(where)),
-      signals_(std::in_place),
+      bring_up_(bind<&agent::bring_up>(*this)),
       app_messages_(modules_, cache_, options_) {}
 
 int agent::run() {
-    const beginning began = begin();
-    if (began == beginning::no_bus)
+    if (!begin())
         return exit_no_bus;
-    if (began == beginning::begun)
-        loop();
-    if (!signals_)
-        signals_.emplace();
-    signals_->keep();  // the end is under way already
+    uloop_run_timeout(-1);
+    signals_.hold();  // the end is under way already
     end();
-    return began == beginning::no_port ? exit_no_port : 0;
+    return exit_status_;
 }
 
-agent::beginning agent::begin() {
+bool agent::begin() {
     session_.emplace();
     if (!session_->is_open())
-        return beginning::no_bus;
-    app_.emplace(bind<&agent::answer_app>(*this));
-    if (!wait_for_device())
-        return beginning::interrupted;
-    build();
-    return start() ? beginning::begun : beginning::no_port;
+        return false;
+    bring_up_.arm(0);
+    return true;
 }
 
-// False when the process is to end meanwhile.
-bool agent::wait_for_device() {
-    while (!cache_.refresh_device()) {
+// Each step may take its time: a signal or the end of the bus meanwhile leaves out what is left.
+void agent::bring_up() {
+    signals_.release();
+    if (uloop_cancelling())
+        return;
+    if (!app_)
+        app_.emplace(bind<&agent::answer_app>(*this));
+    if (!cache_.refresh_device()) {
         log_printf("[ERROR] update_dev_info failed\n");
-        if (signals_->wait(retry_device_s))
-            return false;
+        return bring_up_.arm(retry_device_ms);
     }
-    return true;
+    if (!uloop_cancelling())
+        build();
+    if (!uloop_cancelling())
+        start();
 }
 
 bool agent::gateway_sync_is_on() {
@@ -74,20 +74,15 @@ void agent::build() {
     modules_.access.emplace(where_.clock, where_.rule_folder);
 }
 
-// False without the local port: nobody would be told what the agent is, so it does not run without.
-bool agent::start() {
+// Without its local port the agent does not run: nobody would be told what it is.
+void agent::start() {
     modules_.gateway->start();
     modules_.cloud->start();
-    if (!modules_.local->start())
-        return false;
+    if (!modules_.local->start()) {
+        exit_status_ = exit_no_port;
+        return uloop_end();
+    }
     modules_.access->start();
-    return true;
-}
-
-void agent::loop() {
-    timer running(bind<&agent::release_signals>(*this));
-    running.arm(0);
-    uloop_run_timeout(-1);
 }
 
 void agent::end() {

@@ -11,6 +11,7 @@
 #include "agent/platform_events.h"
 #include "base/clock.h"
 #include "base/held_signals.h"
+#include "base/loop.h"
 #include "base/task_queue.h"
 #include "platform/cache.h"
 #include "platform/session.h"
@@ -25,7 +26,8 @@ struct surroundings {
 
 class agent {
   public:
-    explicit agent(options chosen, surroundings where = {});
+    /// `signals` is borrowed and held: they end the loop as soon as it runs.
+    agent(held_signals &signals, options chosen, surroundings where = {});
     agent(const agent &) = delete;
     agent &operator=(const agent &) = delete;
 
@@ -34,18 +36,17 @@ class agent {
 
     // --- the parts of run(), for who turns the loop himself ---
 
-    enum class beginning { begun, no_bus, interrupted, no_port };
-    /// Opens the session, waits for the device, and builds and starts the modules.
-    beginning begin();
+    /// Opens the session. The rest of the start is the loop's: until the device can describe itself it is
+    /// asked again and again, then the modules are built and started. False without a bus.
+    bool begin();
     /// Takes down whatever there is.
     void end();
 
   private:
-    bool wait_for_device();
+    void bring_up();
     bool gateway_sync_is_on();
     void build();
-    bool start();
-    void loop();
+    void start();
 
     // --- what the modules need of one another ---
     void pass_notification(const std::string &message) { modules_.cloud->send_notification(message); }
@@ -59,11 +60,11 @@ class agent {
     }
     void answer_app(blob_attr *message, bus_message &reply) { app_messages_.handle(message, reply); }
 
-    void release_signals() { signals_.reset(); }
-
+    held_signals &signals_;
     options options_;
     surroundings where_;
-    std::optional<held_signals> signals_;
+    int exit_status_ = 0;
+    timer bring_up_;
     platform::cache cache_;
     modules modules_;
     app_messages app_messages_;

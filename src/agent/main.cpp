@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "agent/agent.h"
+#include "base/held_signals.h"
 #include "base/log.h"
 
 // Out of memory there is nothing left but to say so and to be started again.
@@ -40,8 +41,9 @@ void keep_standard_descriptors() {
 }  // namespace
 
 int main(int argc, char **argv) {
+    arvok::held_signals signals;
     keep_standard_descriptors();
     arvok::options chosen = arvok::parse_options(argc, argv);
     arvok::apply_test_mode(chosen, arvok::test_mode_marker);
-    return arvok::agent(std::move(chosen)).run();
+    return arvok::agent(signals, std::move(chosen)).run();
 }

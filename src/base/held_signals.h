@@ -5,23 +5,20 @@
 
 namespace arvok {
 
-/// While it lives the two signals wait: none is lost before the turn of the loop in which it ends, whose
-/// handling of them takes over from there.
+/// Holds the two signals back from its beginning on; one that comes meanwhile is not lost.
 class held_signals {
   public:
     held_signals();
-    ~held_signals();
     held_signals(const held_signals &) = delete;
     held_signals &operator=(const held_signals &) = delete;
 
-    /// Waits for one of them. False when none has come within `seconds`.
-    bool wait(int seconds) const;
-    /// Holds them back until the process has ended.
-    void keep() { kept_ = true; }
+    /// From now on they do what the process had arranged, also those that have come already.
+    void release();
+    /// Holds them back again.
+    void hold();
 
   private:
     sigset_t held_, before_;
-    bool kept_ = false;
 };
 
 }  // namespace arvok

@@ -4,6 +4,7 @@
 
 extern "C" {
 #include <libubox/list.h>
+#include <libubox/uloop.h>
 }
 
 namespace arvok::platform {
@@ -11,6 +12,14 @@ namespace arvok::platform {
 session::session() {
     log_printf = qzcap_printf;
     open_ = qzcap_ubus_start(0) == 0;
+    // What the library does of its own accord ends the loop only while the descriptor is still watched, which
+    // after a hang-up it is not. The agent cannot do without the bus, and its supervisor starts it again.
+    if (open_)
+        qzcap_get_ubus_context()->connection_lost = [](ubus_context *) {
+            if (!uloop_cancelling())
+                log_printf("[ERROR] ubus connection lost\n");
+            uloop_end();
+        };
 }
 
 session::~session() {

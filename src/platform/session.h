@@ -12,6 +12,7 @@
 namespace arvok::platform {
 
 /// The connection to the bus, as long as it lives. The log goes through the platform from its beginning on.
+/// When the bus goes, the loop ends.
 class session {
   public:
     session();

@@ -122,6 +122,14 @@ class Life(AgentCase):
             agent.process.send_signal(number)
             self.assertEqual(agent.process.wait(2), 0)
 
+    def test_ends_in_order_from_its_first_line_on(self):
+        for delay in range(20):
+            agent = self.start("-g", "192.168.1.1")
+            wait_until(lambda: agent.takes(signal.SIGTERM), "main begins", pause=0)
+            time.sleep(delay / 1000)
+            agent.process.send_signal(signal.SIGTERM)
+            self.assertEqual(agent.process.wait(2), 0, agent.lines())
+
     def test_connection_in_the_making(self):
         # Nobody answers for this address: the connection stays in the making.
         subprocess.run(["lab-ap", "ip", "neigh", "replace", "192.168.1.77", "lladdr", "02:00:00:00:00:77", "dev",
@@ -153,9 +161,10 @@ class Life(AgentCase):
         # The mesh subscriber, of object 15, is handed back with the roaming object's number.
         handed_back = [call for n in (5, 6, 7, 16, 16, 30) for call in ("qzcap_get_objid_by_id %d" % n,
                                                                         "qzcap_ubus_unsubscribe")]
-        begin, end = calls.index("uloop_run_timeout -1"), calls.index("uloop_done")
-        self.assertEqual(calls[:begin], ["qzcap_ubus_start", "qzcap_register_appmgtcb", *subscribed])
-        self.assertEqual([c for c in calls[begin:end] if "subscribe" in c],
+        begin = ["qzcap_ubus_start", "uloop_run_timeout -1", "qzcap_register_appmgtcb", *subscribed]
+        end = calls.index("uloop_done")
+        self.assertEqual(calls[:len(begin)], begin)
+        self.assertEqual([c for c in calls[len(begin):end] if "subscribe" in c],
                          ["qzcap_ubus_subscribe", "qzcap_ubus_unsubscribe"])  # the gateway's
         self.assertEqual(calls[end:], ["uloop_done", *handed_back, "qzcap_unregister_appmgtcb", "qzcap_ubus_done",
                                        "qzcap_free_devinfo", "qzcap_free_waninfo"])

@@ -85,20 +85,38 @@ class OwnDevice(LinkedCase):
         self.linked()
         self.assertTrue(self.notified("afterwards"))
 
+    def lose_bus(self, agent):
+        self.bus.kill()
+        self.bus.wait()
+        self.assertEqual(agent.process.wait(2), 0)
+        self.agents.remove(agent)
+        agent.expect("[ERROR] ubus connection lost\n")
+        self.assertNotIn("[ERROR] ubus connection lost\n", agent.lines()[agent.seen:])
+        self.platform.wait()
+
     def test_bus_that_goes(self):
         """The agent ends in an orderly way, and the one that its supervisor starts takes up the work."""
         self.linked()
-        self.bus.kill()
-        self.bus.wait()
-        self.assertEqual(self.agent.process.wait(20), 0)
-        self.agents.remove(self.agent)
-        self.platform.wait()
+        self.lose_bus(self.agent)
         wait_until(lambda: not self.peer()["connected"], "the connection closed")
         self.start_bus()
         self.start_platform()
         self.linked()
         self.assertTrue(self.notified("again"))
         self.assertEqual(self.status("cputemp"), (0, {"cputemp": 52}))
+
+    def test_bus_that_goes_before_there_is_a_device(self):
+        self.own("qzcapd.emulator", "fail", {"call": "qzcap_get_devinfo", "reason": "", "times": 9})
+        agent = self.start("-g", os.environ["GATEWAY_ADDR"], env=self.env)
+        agent.expect("[ERROR] update_dev_info failed\n")
+        self.lose_bus(agent)
+
+    def test_bus_that_goes_during_a_call(self):
+        self.own("qzcapd.emulator", "fail", {"call": "qzcap_get_devinfo", "reason": "", "times": 9, "mode": "timeout"})
+        agent = self.start("-g", os.environ["GATEWAY_ADDR"], env=self.env)
+        wait_until(lambda: "qzapp.arvokclt" in subprocess.run(["ubus", "list"], env=self.env, capture_output=True,
+                                                              text=True).stdout, "the call")
+        self.lose_bus(agent)
 
 
 class Disk(ExtendedCase):
