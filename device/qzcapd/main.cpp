@@ -28,6 +28,7 @@ int run(json_ptr state, const char *socket, const std::string &root) {
         std::fprintf(stderr, "qzcapd: no bus at %s\n", socket != nullptr ? socket : "the default socket");
         return 1;
     }
+    ctx->connection_lost = [](ubus_context *) { uloop_end(); };  // also after a hang-up
     ubus_add_uloop(ctx.get());
     Device device(ctx.get(), std::move(state), root);
     Emulator emulator(ctx.get(), device);
