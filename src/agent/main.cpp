@@ -3,27 +3,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdlib>
-
 #include "agent/agent.h"
 #include "base/held_signals.h"
-#include "base/log.h"
-
-// Out of memory there is nothing left but to say so and to be started again.
-void *operator new(std::size_t size) {
-    if (void *memory = std::malloc(size))
-        return memory;
-    arvok::log_printf("[ERROR] %s %d alloc failed: %zd\n", "main.cpp", __LINE__, static_cast<ssize_t>(size));
-    std::exit(1);
-}
-
-void operator delete(void *memory) noexcept {
-    std::free(memory);
-}
-
-void operator delete(void *memory, std::size_t) noexcept {
-    std::free(memory);
-}
 
 namespace {
 

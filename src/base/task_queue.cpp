@@ -57,7 +57,9 @@ struct task_queue::writer {
     descriptor end;
 };
 
-task_queue::task_queue() : writer_(std::make_shared<writer>()), watch_(bind<&task_queue::run_posted>(*this)) {
+// Not by make_shared: without run-time types that calls the C++ library, which brings its exceptions along
+// where it is linked in.
+task_queue::task_queue() : writer_(new writer), watch_(bind<&task_queue::run_posted>(*this)) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0 || !watch_.start(ends[0])) {
         log_printf("[ERROR] open pipe failed\n");

@@ -60,6 +60,18 @@ class Packaging(LinkedCase):
         with open(os.path.join(self.stage, "usr/bin/arvokclt"), "rb") as program:
             self.assertNotIn(os.path.join(BUILD, "lib").encode() + b"\0", program.read(), "a path to libraries")
 
+    def test_program_has_the_runtime_in_it_and_shares_nothing(self):
+        def shown(*command):
+            return subprocess.run([*command, os.path.join(self.stage, "usr/bin/arvokclt")], check=True,
+                                  stdout=subprocess.PIPE, text=True).stdout
+
+        needed = re.findall(r"NEEDED.*\[(.*)\.so", shown("readelf", "-d"))
+        self.assertIn("libubox", needed)
+        self.assertFalse({"libstdc++", "libgcc_s"} & set(needed))
+        self.assertNotIn(" __cxa_throw", shown("nm"), "the machinery of exceptions, which is as large as the agent")
+        if "libasan" not in needed:  # which has the program share what it replaces
+            self.assertNotIn(" _Z", shown("nm", "-D", "--defined-only"))
+
     def test_every_setting_becomes_its_option(self):
         always = {"respawn": "[3600][5][0]", "stdout": "[1]", "stderr": "[1]", "reload": "[arvokclt]"}
         for settings, command in (
@@ -93,6 +105,8 @@ class Packaging(LinkedCase):
         self.make("configure", key, host, "EXTRA_OPTIONS=" + " ".join(options))
         with open(os.path.join(self.work, "source/build/src/include/provisioning.h")) as header:
             self.assertIn('"bss.operator.example"', header.read())
+        with open(os.path.join(self.work, "source/build/src/CMakeFiles/arvokclt.dir/link.txt")) as link:
+            self.assertIn(" -static-libstdc++ ", link.read())
 
     def test_agent_runs_from_the_package_and_keeps_only_conffiles(self):
         command = re.findall(r"\[(.*?)\]", self.service(os.path.join(self.stage, "etc/config"))["command"])

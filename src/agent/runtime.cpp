@@ -1,0 +1,74 @@
+// What the C++ library leaves to the program: memory, and the ends that it would reach by an exception. The
+// agent has none of those, and nothing that it could go on with; its supervisor starts it again.
+
+#include <sys/types.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+
+#include "base/log.h"
+
+// Out of memory there is nothing left but to say so and to be started again.
+void *operator new(std::size_t size) {
+    if (void *memory = std::malloc(size))
+        return memory;
+    arvok::log_printf("[ERROR] %s %d alloc failed: %zd\n", "runtime.cpp", __LINE__,
+                      static_cast<ssize_t>(size));
+    std::exit(1);
+}
+
+void operator delete(void *memory) noexcept {
+    std::free(memory);
+}
+
+void operator delete(void *memory, std::size_t) noexcept {
+    std::free(memory);
+}
+
+namespace {
+
+[[noreturn]] void fail(const char *what) {
+    arvok::log_printf("[ERROR] %s\n", what);
+    std::abort();
+}
+
+}  // namespace
+
+// The library's own bring its whole machinery of exceptions along when it is linked in. Weak, so that a
+// release of the library that has one more of them still links.
+#define OWN __attribute__((weak))
+
+namespace std {
+
+OWN void __throw_bad_alloc() {
+    fail("bad_alloc");
+}
+
+OWN void __throw_bad_array_new_length() {
+    fail("bad_array_new_length");
+}
+
+OWN void __throw_logic_error(const char *what) {
+    fail(what);
+}
+
+OWN void __throw_length_error(const char *what) {
+    fail(what);
+}
+
+OWN void __throw_out_of_range_fmt(const char *format, ...) {
+    char what[256];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(what, sizeof what, format, args);
+    va_end(args);
+    fail(what);
+}
+
+OWN void __throw_system_error(int) {
+    fail("system_error");
+}
+
+}  // namespace std
