@@ -1,8 +1,10 @@
 /// The platform capability library: the device's records, settings and actions as C calls.
 ///
-/// Every call is one bounded exchange with the platform daemons over the bus and may be made from the loop
-/// thread only. Three rules hold throughout, and the comments below name only what departs from them:
+/// Every call is one bounded exchange with the platform daemons over the bus, or none. Four rules hold
+/// throughout, and the comments below name only what departs from them:
 ///
+/// - Calls are made from the loop thread only. While one runs, no callback is called: what comes in meanwhile
+///   waits for the loop. What a call is given is lent for the call.
 /// - A record that a call returns belongs to the caller and is released with the `qzcap_free_*` of its kind;
 ///   null means failure. Every release call takes null. Texts inside a record are allocated by the library
 ///   (qzcap_strdup, qzcap_free) and may be replaced in place; a text that the platform does not know is null.
@@ -38,10 +40,12 @@ enum qzcap_object {
     QZCAP_OBJ_VSIE = 30,
 };
 
-/// Connects to the bus ($UBUS_SOCKET, else the bus library's default) and prepares the loop, which ends when
-/// the bus goes away. Returns 0, or non-zero with nothing left behind when the bus is missing. `flags` is 0.
+/// Connects to the bus ($UBUS_SOCKET, else the bus library's default), prepares the loop and adds the bus to
+/// it. What happens when the bus goes away is the context's `connection_lost`, which the caller may set.
+/// Returns 0, or non-zero with nothing left behind when the bus is missing. `flags` is 0.
 int qzcap_ubus_start(int flags);
-/// Ends the session and releases everything it holds; harmless without a session.
+/// Ends the session and releases everything it holds; harmless without a session. The loop and the bus may
+/// have gone before. Installations under way end now: their callers are told from here.
 void qzcap_ubus_done(void);
 /// The session's bus context; null without a session. Stays the library's.
 struct ubus_context *qzcap_get_ubus_context(void);
@@ -49,7 +53,8 @@ struct ubus_context *qzcap_get_ubus_context(void);
 uint32_t qzcap_get_objid_by_id(int number);
 /// The bus id of a bus object by its name; 0 when absent from the bus.
 uint32_t qzcap_get_objid_by_name(const char *name);
-/// Registers the subscriber (its `cb` must be set) and subscribes it to the object `id`.
+/// Registers the subscriber (its `cb` must be set), which is lent until the subscription ends, and subscribes
+/// it to the object `id`.
 int qzcap_ubus_subscribe(struct ubus_subscriber *subscriber, uint32_t id);
 /// Ends the subscription to `id` and unregisters the subscriber, also when `id` is not subscribed or is gone.
 int qzcap_ubus_unsubscribe(struct ubus_subscriber *subscriber, uint32_t id);
@@ -73,7 +78,8 @@ char *qzcap_strdup(const char *text);
 /// Releases memory of qzcap_calloc, qzcap_strdup or malloc; null is allowed.
 void qzcap_free(void *memory);
 /// Writes to the process's log (standard error), unbuffered, each call in one write. A line starts with its
-/// local time; a text without a line feed leaves its line open for the next call.
+/// local time; a text without a line feed leaves its line open for the next call. From any thread, with or
+/// without a session.
 void qzcap_printf(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 /* ---- apps ---- */
@@ -94,7 +100,8 @@ struct qzcap_app {
 };
 
 /// Called once when an installation has ended, with {"result", "failreason", "name", "version"} or a null
-/// message when the platform never answered; `req->priv` is the `priv` given to qzcap_install_app.
+/// message when the platform never answered or the session ends; `req->priv` is the `priv` given to
+/// qzcap_install_app.
 typedef void (*qzcap_install_handler_t)(struct ubus_request *req, struct blob_attr *msg);
 
 /// Publishes this process as an app (bus object "qzapp." and the program's name). `owner` is null or kept for
@@ -102,7 +109,7 @@ typedef void (*qzcap_install_handler_t)(struct ubus_request *req, struct blob_at
 void *qzcap_register_appmgtcb(void *owner, const struct qzcap_appmgtcb *callbacks);
 /// Withdraws the app; null is allowed.
 void qzcap_unregister_appmgtcb(void *handle);
-/// Starts an installation; the result comes later through `done`, from the loop.
+/// Starts an installation; the result comes later through `done`, from the loop. On failure it never comes.
 int qzcap_install_app(struct ubus_context *ctx, const char *url, qzcap_install_handler_t done, void *priv);
 /// Removes an app. This call and the next three give non-zero on failure.
 int qzcap_uninstall_app(struct ubus_context *ctx, const char *name, char **errtext);
