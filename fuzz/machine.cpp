@@ -149,7 +149,8 @@ int __real_access(const char *path, int mode);
 int __real_socket(int domain, int type, int protocol);
 int __real_uloop_timeout_set(uloop_timeout *timer, int ms);
 int __real_uloop_timeout_cancel(uloop_timeout *timer);
-int __real_ustream_pending_data(ustream *stream, bool write);
+// The real library has it in its header, and then nothing of it is wrapped.
+[[gnu::weak]] int __real_ustream_pending_data(ustream *stream, bool write);
 EVP_PKEY *__real_PEM_read_bio_PUBKEY(BIO *text, EVP_PKEY **key, pem_password_cb *ask, void *priv);
 
 std::FILE *__wrap_fopen(const char *path, const char *mode) {

@@ -99,14 +99,20 @@ void qzcap_printf(const char *format, ...) {
 
 // --- the bus itself, for the agent's code ---
 
-extern "C" int __wrap_ubus_invoke(ubus_context *, uint32_t, const char *, blob_attr *message,
-                                  ubus_data_handler_t handle_data, void *priv, int) {
+// What the real library's ubus_invoke, which is in its header, calls.
+extern "C" int __wrap_ubus_invoke_fd(ubus_context *, uint32_t, const char *, blob_attr *message,
+                                     ubus_data_handler_t handle_data, void *priv, int, int) {
     if (outcome(nullptr) != 0)
         return UBUS_STATUS_TIMEOUT;
     ubus_request request{};
     request.priv = priv;
     handle_data(&request, 0, message);  // every object answers with what it was told
     return UBUS_STATUS_OK;
+}
+
+extern "C" int __wrap_ubus_invoke(ubus_context *ctx, uint32_t object, const char *method, blob_attr *message,
+                                  ubus_data_handler_t handle_data, void *priv, int timeout) {
+    return __wrap_ubus_invoke_fd(ctx, object, method, message, handle_data, priv, timeout, -1);
 }
 
 extern "C" int __wrap_ubus_send_reply(ubus_context *, ubus_request_data *, blob_attr *reply) {

@@ -8,12 +8,14 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "protocol.h"
+
 namespace arvok {
 
 namespace {
 
 // Four of the largest messages: more than any client leaves unread that is alive.
-constexpr size_t MAX_OUTPUT = 4 * static_cast<size_t>(UBUS_MAX_MSGLEN);
+constexpr size_t MAX_OUTPUT = 4 * MAX_MESSAGE;
 // A message grows with its bytes, whatever length it claims.
 constexpr size_t READ_STEP = size_t{64} * 1024;
 // Then it is the turn of the others.

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "protocol.h"
+
 namespace arvok {
 
 size_t frame_size(const uint8_t *header) {
@@ -11,7 +13,7 @@ size_t frame_size(const uint8_t *header) {
     std::memcpy(&head, header, sizeof(head));
     std::memcpy(&body, header + sizeof(head), sizeof(body));
     const size_t length = blob_raw_len(&body);
-    if (head.version != 0 || length < sizeof(body) || length > UBUS_MAX_MSGLEN)
+    if (head.version != 0 || length < sizeof(body) || length > MAX_MESSAGE)
         return 0;
     return sizeof(head) + length;
 }
@@ -80,7 +82,7 @@ void FrameBuilder::put_bytes(int id, const std::vector<uint8_t> &content) {
 }
 
 Frame FrameBuilder::finish(uint8_t type, uint16_t seq, uint32_t peer) const {
-    if (!fits_ || blob_raw_len(buffer_.head) > UBUS_MAX_MSGLEN)
+    if (!fits_ || blob_raw_len(buffer_.head) > MAX_MESSAGE)
         return nullptr;
     ubus_msghdr head{};
     head.type = type;

@@ -4,6 +4,8 @@
 #include <iterator>
 #include <optional>
 
+#include "protocol.h"
+
 namespace arvok {
 
 namespace {
@@ -137,7 +139,7 @@ int send_event(const Request &request) {
     if (copied)
         request.bus.send_event(request.client.id, name, content.head);
     blob_buf_free(&content);
-    return copied ? UBUS_STATUS_OK : UBUS_STATUS_NO_MEMORY;
+    return copied ? UBUS_STATUS_OK : STATUS_NO_MEMORY;
 }
 
 int call_event_object(const Request &request, std::string_view method) {

@@ -5,7 +5,7 @@
 
 namespace arvok::qzcapd {
 
-/// One object on the bus. The library's record comes first, so that handlers find the rest.
+/// One object on the bus.
 struct Device::Object {
     ubus_object object{};
     ubus_object_type type{};
@@ -139,7 +139,7 @@ int Device::publish() {
 
 int Device::on_call(ubus_context *, ubus_object *object, ubus_request_data *req, const char *method,
                     blob_attr *msg) {
-    const auto *self = reinterpret_cast<const Object *>(object);
+    const auto *self = container_of(object, Object, object);
     const Row *row = find_row(self->name, method);
     const json_ptr args = from_blob(msg);
     if (row == nullptr) {

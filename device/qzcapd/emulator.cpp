@@ -19,7 +19,7 @@ blobmsg_policy argument(const char *name, enum blobmsg_type type) {
 }  // namespace
 
 struct Emulator::BusObject {
-    ubus_object object{};  // first, so that handlers find the rest
+    ubus_object object{};
     ubus_object_type type{};
     Emulator *emulator = nullptr;
     std::vector<std::vector<blobmsg_policy>> policies;
@@ -41,7 +41,7 @@ Emulator::~Emulator() {
 template <Emulator::Method method>
 int Emulator::on_method(ubus_context *, ubus_object *object, ubus_request_data *req, const char *,
                         blob_attr *msg) {
-    const auto *self = reinterpret_cast<const BusObject *>(object);
+    const auto *self = container_of(object, BusObject, object);
     const json_ptr args = from_blob(msg);
     return args ? (self->emulator->*method)(req, args.get()) : UBUS_STATUS_INVALID_ARGUMENT;
 }

@@ -84,21 +84,19 @@ json_ptr readable(const cJSON *reply) {
 }  // namespace
 
 const ubus_method BusObject::methods[] = {
-    UBUS_METHOD("request", (entry<BusObject, &BusObject::request>), request_options),
-    UBUS_METHOD("send", (entry<BusObject, &BusObject::send>), send_options),
-    UBUS_METHOD("raw", (entry<BusObject, &BusObject::raw>), raw_arguments),
-    UBUS_METHOD("messages", (entry<BusObject, &BusObject::messages>), messages_arguments),
-    UBUS_METHOD_NOARG("peer", (entry<BusObject, &BusObject::peer>)),
-    UBUS_METHOD_NOARG("devices", (entry<BusObject, &BusObject::devices>)),
-    UBUS_METHOD("forget", (entry<BusObject, &BusObject::forget>), forget_arguments),
-    UBUS_METHOD("set", (entry<BusObject, &BusObject::set>), set_arguments),
-    UBUS_METHOD("misbehave", (entry<BusObject, &BusObject::misbehave>), misbehave_arguments),
+    row<BusObject, &BusObject::request>("request", request_options),
+    row<BusObject, &BusObject::send>("send", send_options),
+    row<BusObject, &BusObject::raw>("raw", raw_arguments),
+    row<BusObject, &BusObject::messages>("messages", messages_arguments),
+    row<BusObject, &BusObject::peer>("peer"),
+    row<BusObject, &BusObject::devices>("devices"),
+    row<BusObject, &BusObject::forget>("forget", forget_arguments),
+    row<BusObject, &BusObject::set>("set", set_arguments),
+    row<BusObject, &BusObject::misbehave>("misbehave", misbehave_arguments),
 };
 
-ubus_object_type BusObject::type = UBUS_OBJECT_TYPE("lab.cloud", BusObject::methods);
-
 BusObject::BusObject(ubus_context *bus, Cloud &cloud, Traffic &traffic, Faults &faults)
-    : PeerBus(bus, traffic, "lab.cloud", type, methods), cloud_(cloud), faults_(faults) {
+    : PeerBus(bus, traffic, "lab.cloud", methods), cloud_(cloud), faults_(faults) {
     cloud_.on_reply = [this](int connection, const cJSON *message) { answered(connection, message); };
     cloud_.on_ended = [this](int connection) { ended(connection); };
 }
@@ -126,7 +124,7 @@ int BusObject::request(ubus_request_data *request, const cJSON *arguments) {
     if (!method || !id)
         return invalid("request: a message has an \"RPCMethod\", and its \"ID\" is a text");
     if (!can_wait())
-        return UBUS_STATUS_NO_MEMORY;
+        return UBUS_STATUS_UNKNOWN_ERROR;
     const std::string key = key_of(method, id);
     const std::optional<int> connection = cloud_.request(std::move(message), mac);
     if (!connection)

@@ -43,18 +43,16 @@ json_ptr message_of(const cJSON *arguments) {
 }  // namespace
 
 const ubus_method BusObject::methods[] = {
-    UBUS_METHOD("request", (entry<BusObject, &BusObject::request>), request_options),
-    UBUS_METHOD("send", (entry<BusObject, &BusObject::send>), send_options),
-    UBUS_METHOD("raw", (entry<BusObject, &BusObject::raw>), raw_arguments),
-    UBUS_METHOD("messages", (entry<BusObject, &BusObject::messages>), messages_arguments),
-    UBUS_METHOD_NOARG("peer", (entry<BusObject, &BusObject::peer>)),
-    UBUS_METHOD("misbehave", (entry<BusObject, &BusObject::misbehave>), misbehave_arguments),
+    row<BusObject, &BusObject::request>("request", request_options),
+    row<BusObject, &BusObject::send>("send", send_options),
+    row<BusObject, &BusObject::raw>("raw", raw_arguments),
+    row<BusObject, &BusObject::messages>("messages", messages_arguments),
+    row<BusObject, &BusObject::peer>("peer"),
+    row<BusObject, &BusObject::misbehave>("misbehave", misbehave_arguments),
 };
 
-ubus_object_type BusObject::type = UBUS_OBJECT_TYPE("lab.gateway", BusObject::methods);
-
 BusObject::BusObject(ubus_context *bus, Gateway &gateway, Traffic &traffic, Faults &faults)
-    : PeerBus(bus, traffic, "lab.gateway", type, methods), gateway_(gateway), faults_(faults) {
+    : PeerBus(bus, traffic, "lab.gateway", methods), gateway_(gateway), faults_(faults) {
     gateway_.on_reply = [this](int connection, const cJSON *message) {
         if (const cJSON *sequence = cJSON_GetObjectItemCaseSensitive(message, "sequence");
             cJSON_IsNumber(sequence))
@@ -80,7 +78,7 @@ int BusObject::request(ubus_request_data *request, const cJSON *arguments) {
     if (!message)
         return invalid("request: a message has a \"type\", and its \"sequence\" is a number");
     if (!can_wait())
-        return UBUS_STATUS_NO_MEMORY;
+        return UBUS_STATUS_UNKNOWN_ERROR;
     const std::optional<Sent> sent = gateway_.send(std::move(message), {});
     if (!sent)
         return not_found("request: nobody is connected");

@@ -16,7 +16,6 @@ class BusObject : public PeerBus {
 
   private:
     static const ubus_method methods[];
-    static ubus_object_type type;
 
     int request(ubus_request_data *request, const cJSON *arguments);
     int send(ubus_request_data *request, const cJSON *arguments);

@@ -37,14 +37,13 @@ bool read_bool(const cJSON *arguments, const char *name, bool &value) {
     return !member || cJSON_IsBool(member);
 }
 
-PeerBus::PeerBus(ubus_context *bus, Traffic &traffic, const char *name, ubus_object_type &type,
-                 std::span<const ubus_method> methods)
+PeerBus::PeerBus(ubus_context *bus, Traffic &traffic, const char *name, std::span<const ubus_method> methods)
     : bus_(bus), traffic_(traffic) {
+    type_.name = object_.name = name;
+    type_.methods = object_.methods = methods.data();
+    type_.n_methods = object_.n_methods = static_cast<int>(methods.size());
+    object_.type = &type_;
     object_.owner = this;
-    object_.name = name;
-    object_.type = &type;
-    object_.methods = methods.data();
-    object_.n_methods = static_cast<int>(methods.size());
 }
 
 PeerBus::~PeerBus() {
@@ -112,7 +111,7 @@ int PeerBus::misbehave(const cJSON *arguments, std::span<const blobmsg_policy> k
     if (const std::string wrong = faults.arm(arguments); !wrong.empty())
         return invalid("misbehave: " + wrong);
     traffic_.event(0, "misbehave: " + faults.describe());
-    return update_listening() ? UBUS_STATUS_OK : UBUS_STATUS_SYSTEM_ERROR;
+    return update_listening() ? UBUS_STATUS_OK : UBUS_STATUS_UNKNOWN_ERROR;
 }
 
 int PeerBus::invalid(const std::string &why) {

@@ -39,9 +39,19 @@ class PeerBus {
 
   protected:
     /// All borrowed; `bus` must be on the loop already.
-    PeerBus(ubus_context *bus, Traffic &traffic, const char *name, ubus_object_type &type,
-            std::span<const ubus_method> methods);
+    PeerBus(ubus_context *bus, Traffic &traffic, const char *name, std::span<const ubus_method> methods);
     ~PeerBus();
+
+    /// A row of a table of methods. The library's own macros for it are not C++ in every release.
+    template <typename Peer, auto Method>
+    static constexpr ubus_method row(const char *name, std::span<const blobmsg_policy> arguments = {}) {
+        ubus_method method{};
+        method.name = name;
+        method.handler = entry<Peer, Method>;
+        method.policy = arguments.data();
+        method.n_policy = static_cast<int>(arguments.size());
+        return method;
+    }
 
     /// The C callback that finds its way to a method of `Peer`.
     template <typename Peer, auto Method>
@@ -101,6 +111,7 @@ class PeerBus {
 
     ubus_context *bus_;
     Traffic &traffic_;
+    ubus_object_type type_{};
     Object object_{};
     blob_buf buffer_{};
     std::list<Pending> pending_;

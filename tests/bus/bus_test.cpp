@@ -185,7 +185,7 @@ struct Subscriber : ubus_subscriber {
     explicit Subscriber(const Peer &peer) : ubus_subscriber{} {
         cb = [](ubus_context *, ubus_object *object, ubus_request_data *, const char *method,
                 blob_attr *message) {
-            auto *self = static_cast<Subscriber *>(reinterpret_cast<ubus_subscriber *>(object));
+            auto *self = static_cast<Subscriber *>(container_of(object, ubus_subscriber, obj));
             self->seen.push_back(method + json_of(message));
             return int{UBUS_STATUS_OK};
         };

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <fstream>
 
+#include "programs.h"
 #include "support.h"
 
 namespace arvok {
@@ -46,9 +47,7 @@ TEST_F(Command, CallsPrintEveryAnswerAndFailWithTheStatus) {
     EXPECT_EQ(ubus({"call", "service", "echo", R"({"a":[1]})"}).output, "{\n\t\"a\": [\n\t\t1\n\t]\n}\n");
     EXPECT_EQ(ubus({"-S", "call", "service", "numbers"}).output, "{\"i\":1}\n{\"i\":2}\n{\"i\":3}\n");
 
-    service.custom = [](ubus_request_data *, const std::string &, blob_attr *) {
-        return int{UBUS_STATUS_NO_MEMORY};
-    };
+    service.custom = [](ubus_request_data *, const std::string &, blob_attr *) { return 11; };
     const struct {
         std::vector<std::string> arguments;
         int status;
@@ -146,9 +145,10 @@ TEST_F(Bus, TheDaemonRespectsWhatIsAtItsSocket) {
         return std::make_pair(status, program.errors());
     };
     // One that is served, and a file.
-    EXPECT_THAT(run({UBUSD, "-s", socket}), testing::Pair(1, HasSubstr("in use")));
+    EXPECT_THAT(run({bus_program("ubusd"), "-s", socket}), testing::Pair(1, HasSubstr("in use")));
     std::ofstream(directory + "/file") << "precious";
-    EXPECT_THAT(run({UBUSD, "-s", directory + "/file"}), testing::Pair(1, HasSubstr("not a socket")));
+    EXPECT_THAT(run({bus_program("ubusd"), "-s", directory + "/file"}),
+                testing::Pair(1, HasSubstr("not a socket")));
     EXPECT_EQ(ubus({"list"}).status, 0);
 
     // One that a killed daemon has left behind.

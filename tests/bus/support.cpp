@@ -7,10 +7,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+
+#include "programs.h"
 
 extern "C" {
 #include <libubox/usock.h>
@@ -116,18 +119,26 @@ Service::Service(const Peer &peer, const char *path) : peer_(peer) {
                                          const char *, blob_attr *message) -> int {
         return static_cast<Object *>(object)->service->custom(request, json_of(message), message);
     };
-    static const ubus_method methods[] = {
-        UBUS_METHOD("echo", echo, arguments),
-        UBUS_METHOD_NOARG("numbers", numbers),
-        UBUS_METHOD_NOARG("custom", custom_method),
-    };
-    static ubus_object_type type = UBUS_OBJECT_TYPE("service", methods);
+    // The library's own macros for these are not C++ in every release.
+    static const auto methods = [] {
+        std::array<ubus_method, 3> rows{};
+        rows[0].name = "echo";
+        rows[0].handler = echo;
+        rows[0].policy = arguments;
+        rows[0].n_policy = std::size(arguments);
+        rows[1].name = "numbers";
+        rows[1].handler = numbers;
+        rows[2].name = "custom";
+        rows[2].handler = custom_method;
+        return rows;
+    }();
 
     object_.service = this;
     object_.name = path;
-    object_.type = &type;
-    object_.methods = methods;
-    object_.n_methods = std::size(methods);
+    object_.type = &type_;
+    type_.name = "service";
+    type_.methods = object_.methods = methods.data();
+    type_.n_methods = object_.n_methods = static_cast<int>(methods.size());
     object_.subscribe_cb = [](ubus_context *, ubus_object *object) {
         Service *service = static_cast<Object *>(object)->service;
         if (service->on_subscribers)
@@ -253,7 +264,7 @@ Bus::~Bus() {
 }
 
 void Bus::start_daemon() {
-    daemon = std::make_unique<Program>(std::vector<std::string>{UBUSD, "-s", socket});
+    daemon = std::make_unique<Program>(std::vector<std::string>{bus_program("ubusd"), "-s", socket});
     EXPECT_TRUE(pump_until([this] {
         // It greets from its loop, which has taken the signals by then.
         pollfd probe{.fd = usock(USOCK_UNIX, socket.c_str(), nullptr), .events = POLLIN, .revents = 0};
@@ -273,7 +284,7 @@ int Bus::stop_daemon() {
 }
 
 std::unique_ptr<Program> Bus::start_ubus(std::vector<std::string> arguments) const {
-    arguments.insert(arguments.begin(), {UBUS, "-s", socket});
+    arguments.insert(arguments.begin(), {bus_program("ubus"), "-s", socket});
     return std::make_unique<Program>(arguments);
 }
 

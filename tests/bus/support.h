@@ -77,6 +77,7 @@ class Service {
     struct Object : ubus_object {
         Service *service;
     } object_{};
+    ubus_object_type type_{};
     const Peer &peer_;
 };
 

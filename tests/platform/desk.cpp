@@ -15,8 +15,11 @@
 #include <fstream>
 #include <sstream>
 
+#include "../bus/programs.h"
+
 extern "C" {
 #include <libubox/blobmsg_json.h>
+#include <libubox/list.h>
 #include <libubox/uloop.h>
 }
 
@@ -38,7 +41,7 @@ bool accepts(const std::string &path) {
 }
 
 int hear(ubus_context *, ubus_object *object, ubus_request_data *, const char *method, blob_attr *msg) {
-    auto *listener = reinterpret_cast<Listener *>(object);
+    auto *listener = static_cast<Listener *>(container_of(object, ubus_subscriber, obj));
     const text_ptr text(blobmsg_format_json_with_cb(msg, true, nullptr, nullptr, -1));
     listener->heard.push_back(std::string(method) + " " + (text ? text.get() : "(none)"));
     uloop_end();
@@ -152,8 +155,8 @@ void Process::kill(int signal) const {
     ::kill(pid_, signal);
 }
 
-Listener::Listener() {
-    subscriber.cb = hear;
+Listener::Listener() : ubus_subscriber{} {
+    cb = hear;
 }
 
 void Desk::SetUp() {
@@ -161,7 +164,7 @@ void Desk::SetUp() {
     ASSERT_NE(mkdtemp(pattern.data()), nullptr);
     directory_ = pattern;
     socket_ = directory_ + "/ubus.sock";
-    bus_ = std::make_unique<Process>(std::vector<std::string>{UBUSD, "-s", socket_});
+    bus_ = std::make_unique<Process>(std::vector<std::string>{bus_program("ubusd"), "-s", socket_});
     const auto deadline = Clock::now() + patience;
     while (!accepts(socket_)) {
         ASSERT_LT(Clock::now(), deadline) << "the bus daemon does not come up";

@@ -13,6 +13,10 @@
 #include <string>
 #include <vector>
 
+extern "C" {
+#include <libubus.h>
+}
+
 #include "qzcap.h"
 
 namespace arvok::test {
@@ -58,8 +62,7 @@ class Process {
 };
 
 /// What a subscriber of this process has heard: "METHOD {json}".
-struct Listener {
-    ubus_subscriber subscriber{};  // first, so that its callback finds the rest
+struct Listener : ubus_subscriber {
     std::vector<std::string> heard;
     Listener();
 };

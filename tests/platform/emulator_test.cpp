@@ -13,12 +13,12 @@ class Emulator : public Desk {
     /// What a subscriber of the numbered object hears while `act` runs, up to a marker sent last.
     std::vector<std::string> heard(int object, const std::function<void()> &act) {
         Listener listener;
-        EXPECT_EQ(qzcap_ubus_subscribe(&listener.subscriber, qzcap_get_objid_by_id(object)), 0);
+        EXPECT_EQ(qzcap_ubus_subscribe(&listener, qzcap_get_objid_by_id(object)), 0);
         act();
         emulator("notify", R"({"object":)" + std::to_string(object) + R"(,"method":"marker","message":{}})");
         EXPECT_TRUE(
             run_until([&] { return !listener.heard.empty() && listener.heard.back() == "marker {}"; }));
-        EXPECT_EQ(qzcap_ubus_unsubscribe(&listener.subscriber, qzcap_get_objid_by_id(object)), 0);
+        EXPECT_EQ(qzcap_ubus_unsubscribe(&listener, qzcap_get_objid_by_id(object)), 0);
         listener.heard.pop_back();
         return listener.heard;
     }
@@ -97,7 +97,7 @@ TEST_F(Emulator, NewHostsAreNumbered) {
 
 TEST_F(Emulator, JournalHoldsEveryCallWithItsArguments) {
     Listener listener;
-    ASSERT_EQ(qzcap_ubus_subscribe(&listener.subscriber, qzcap_get_objid_by_name("qzcapd.emulator")), 0);
+    ASSERT_EQ(qzcap_ubus_subscribe(&listener, qzcap_get_objid_by_name("qzcapd.emulator")), 0);
     qzcap_reboot();
     qzcap_wifi_ap ap{};
     ap.ssid = const_cast<char *>("x");
@@ -115,7 +115,7 @@ TEST_F(Emulator, JournalHoldsEveryCallWithItsArguments) {
     EXPECT_TRUE(run_until([&] { return listener.heard.size() >= 3; }));
     EXPECT_THAT(listener.heard,
                 ElementsAre("call " + entries[0], "call " + entries[1], "call " + entries[2]));
-    qzcap_ubus_unsubscribe(&listener.subscriber, qzcap_get_objid_by_name("qzcapd.emulator"));
+    qzcap_ubus_unsubscribe(&listener, qzcap_get_objid_by_name("qzcapd.emulator"));
 }
 
 TEST_F(Emulator, JournalForgetsTheOldest) {

@@ -39,16 +39,16 @@ TEST_F(BusSession, SubscriptionsEndWhateverTheyAreEndedWith) {
     const std::uint32_t roaming = qzcap_get_objid_by_id(QZCAP_OBJ_ROAMING);
     Listener listener;
     ubus_subscriber without_callback{};
-    EXPECT_LT(qzcap_ubus_subscribe(&listener.subscriber, 0), 0);
-    EXPECT_LT(qzcap_ubus_subscribe(&listener.subscriber, 12345), 0);
+    EXPECT_LT(qzcap_ubus_subscribe(&listener, 0), 0);
+    EXPECT_LT(qzcap_ubus_subscribe(&listener, 12345), 0);
     EXPECT_LT(qzcap_ubus_subscribe(&without_callback, mesh), 0);
-    EXPECT_LT(qzcap_ubus_unsubscribe(&listener.subscriber, mesh), 0) << "never subscribed";
+    EXPECT_LT(qzcap_ubus_unsubscribe(&listener, mesh), 0) << "never subscribed";
 
-    ASSERT_EQ(qzcap_ubus_subscribe(&listener.subscriber, mesh), 0);
-    qzcap_ubus_unsubscribe(&listener.subscriber, roaming);  // of another object: ends it all the same
+    ASSERT_EQ(qzcap_ubus_subscribe(&listener, mesh), 0);
+    qzcap_ubus_unsubscribe(&listener, roaming);  // of another object: ends it all the same
     patch(R"({"mesh":{"role":"auto"}})");
     Listener later;
-    ASSERT_EQ(qzcap_ubus_subscribe(&later.subscriber, mesh), 0);
+    ASSERT_EQ(qzcap_ubus_subscribe(&later, mesh), 0);
     patch(R"({"mesh":{"role":"agent"}})");
     EXPECT_TRUE(run_until([&] { return !later.heard.empty(); }));
     EXPECT_THAT(listener.heard, testing::IsEmpty());

@@ -5,6 +5,7 @@
 #include <iterator>
 #include <set>
 
+#include "../protocol.h"
 #include "command.h"
 
 namespace arvok {
@@ -97,7 +98,7 @@ int call_method(Session &session, Arguments arguments) {
     uint32_t id = 0;
 
     if (!add_json(message, arguments, 2))
-        return UBUS_STATUS_PARSE_ERROR;
+        return STATUS_PARSE_ERROR;
     if (const int status = ubus_lookup_id(session.bus, arguments[0], &id); status != UBUS_STATUS_OK)
         return status;
     const auto print = [](ubus_request *request, int, blob_attr *data) {
@@ -106,14 +107,14 @@ int call_method(Session &session, Arguments arguments) {
     };
     const int status =
         ubus_invoke(session.bus, id, arguments[1], message.message(), print, &call, session.timeout_s * 1000);
-    return status == UBUS_STATUS_OK && !call.printed ? UBUS_STATUS_PARSE_ERROR : status;
+    return status == UBUS_STATUS_OK && !call.printed ? STATUS_PARSE_ERROR : status;
 }
 
 int send_event(Session &session, Arguments arguments) {
     MessageBuffer message;
 
     if (!add_json(message, arguments, 1))
-        return UBUS_STATUS_PARSE_ERROR;
+        return STATUS_PARSE_ERROR;
     return ubus_send_event(session.bus, arguments[0], message.message());
 }
 
