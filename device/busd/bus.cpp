@@ -21,6 +21,14 @@ uint32_t new_id(Used used) {
     return id;
 }
 
+bool erase_one(std::vector<uint32_t> &ids, uint32_t id) {
+    const auto found = std::find(ids.begin(), ids.end(), id);
+    if (found == ids.end())
+        return false;
+    ids.erase(found);
+    return true;
+}
+
 }  // namespace
 
 uint32_t Bus::new_client_id() const {
@@ -48,7 +56,7 @@ void Bus::join(Client &client) {
 }
 
 void Bus::leave(Client &client) {
-    const std::set<uint32_t> objects = client.objects;
+    const std::vector<uint32_t> objects(client.objects.rbegin(), client.objects.rend());
 
     clients_.erase(client.id);
     for (uint32_t id : objects)
@@ -103,7 +111,7 @@ Object *Bus::add_object(Client &owner, std::string path, std::shared_ptr<ObjectT
     object->type = std::move(type);
 
     Object *added = object.get();
-    owner.objects.insert(added->id);
+    owner.objects.push_back(added->id);
     objects_[added->id] = std::move(object);
     if (!added->path.empty())
         paths_[added->path] = added;
@@ -121,20 +129,18 @@ void Bus::remove_object(uint32_t id) {
     if (!object->path.empty())
         paths_.erase(object->path);
     if (Client *owner = find_client(object->owner))
-        owner->objects.erase(id);
+        std::erase(owner->objects, id);
 
     for (uint32_t target_id : object->targets)
-        if (Object *target = find_object(target_id)) {
-            std::erase(target->subscribers, id);
-            if (target->subscribers.empty())
-                tell_activity(*target, false);
-        }
+        if (Object *target = find_object(target_id);
+            target && erase_one(target->subscribers, id) && target->subscribers.empty())
+            tell_activity(*target, false);
     for (uint32_t subscriber_id : object->subscribers) {
         Object *subscriber = find_object(subscriber_id);
         Client *client = subscriber ? find_client(subscriber->owner) : nullptr;
         if (!client)
             continue;
-        subscriber->targets.erase(id);
+        std::erase(subscriber->targets, id);
         FrameBuilder builder;
         builder.put(UBUS_ATTR_OBJID, subscriber_id);
         builder.put(UBUS_ATTR_TARGET, id);
@@ -148,17 +154,16 @@ void Bus::remove_object(uint32_t id) {
 }
 
 void Bus::subscribe(Object &subscriber, Object &target) {
-    if (!subscriber.targets.insert(target.id).second)
-        return;
+    subscriber.targets.push_back(target.id);
     target.subscribers.push_back(subscriber.id);
     if (target.subscribers.size() == 1)
         tell_activity(target, true);
 }
 
 bool Bus::unsubscribe(Object &subscriber, Object &target) {
-    if (subscriber.targets.erase(target.id) == 0)
+    if (!erase_one(subscriber.targets, target.id))
         return false;
-    std::erase(target.subscribers, subscriber.id);
+    erase_one(target.subscribers, subscriber.id);
     if (target.subscribers.empty())
         tell_activity(target, false);
     return true;

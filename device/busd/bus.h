@@ -38,8 +38,8 @@ struct Object {
     uint32_t owner = 0;
     std::string path;                   ///< empty for one that only subscribes
     std::shared_ptr<ObjectType> type;   ///< null without a path
-    std::vector<uint32_t> subscribers;  ///< objects, in the order they came
-    std::set<uint32_t> targets;         ///< objects that it subscribes to
+    std::vector<uint32_t> subscribers;  ///< one entry per subscription, in the order they came
+    std::vector<uint32_t> targets;      ///< objects that it subscribes to, one entry per subscription
     std::vector<EventPattern> patterns;
     std::set<std::pair<uint32_t, uint16_t>> calls;  ///< client and seq of calls that it has not ended yet
 };
@@ -74,8 +74,9 @@ class Bus {
     /// Tells subscribers, callers and listeners that the object is gone.
     void remove_object(uint32_t id);
 
+    /// Subscribing again is another subscription: everything is then told twice.
     void subscribe(Object &subscriber, Object &target);
-    /// False when it was not subscribed.
+    /// Ends one subscription; false when there was none.
     bool unsubscribe(Object &subscriber, Object &target);
 
     /// Sends to whoever has a matching pattern, but not back to `sender`.

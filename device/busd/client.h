@@ -3,7 +3,6 @@
 
 #include <deque>
 #include <functional>
-#include <set>
 #include <string>
 
 #include "frame.h"
@@ -39,7 +38,7 @@ class Client {
     const uint32_t id;
     std::string user;  ///< of the process at the other end; its number where it has no name
     std::string group;
-    std::set<uint32_t> objects;  ///< ids of what it has on the bus
+    std::vector<uint32_t> objects;  ///< ids of what it has on the bus, in the order they came
 
   private:
     struct Watch : uloop_fd {

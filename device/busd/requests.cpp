@@ -263,10 +263,11 @@ Outcome subscription(const Request &request) {
     Object *target = request.bus.find_object(blob_get_u32(target_id));
     if (!target)
         return UBUS_STATUS_NOT_FOUND;
-    if (request.message.type == UBUS_MSG_SUBSCRIBE)
-        request.bus.subscribe(*subscriber, *target);
-    else if (!request.bus.unsubscribe(*subscriber, *target))
+    if (request.message.type == UBUS_MSG_UNSUBSCRIBE)
+        return request.bus.unsubscribe(*subscriber, *target) ? UBUS_STATUS_OK : UBUS_STATUS_NOT_FOUND;
+    if (target->owner == request.client.id)
         return UBUS_STATUS_INVALID_ARGUMENT;
+    request.bus.subscribe(*subscriber, *target);
     return UBUS_STATUS_OK;
 }
 
@@ -295,8 +296,9 @@ Outcome notify(const Request &request) {
         return UBUS_STATUS_PERMISSION_DENIED;
     if (!request.no_reply())
         name_subscribers(request, *object);
-    for (uint32_t subscriber_id : object->subscribers)
-        if (Object *subscriber = request.bus.find_object(subscriber_id))
+    // The latest first.
+    for (auto id_of = object->subscribers.rbegin(); id_of != object->subscribers.rend(); ++id_of)
+        if (Object *subscriber = request.bus.find_object(*id_of))
             call_object(request, *subscriber, request.no_reply());
     return NO_ANSWER;
 }

@@ -181,6 +181,7 @@ TEST_F(Bus, AnAbortedRequestIsNotHeardOfAgainAndMayBeFreed) {
 struct Subscriber : ubus_subscriber {
     std::vector<std::string> seen;
     std::vector<uint32_t> removed;
+    std::function<void()> on_removed = [] {};
 
     explicit Subscriber(const Peer &peer) : ubus_subscriber{} {
         cb = [](ubus_context *, ubus_object *object, ubus_request_data *, const char *method,
@@ -190,7 +191,9 @@ struct Subscriber : ubus_subscriber {
             return int{UBUS_STATUS_OK};
         };
         remove_cb = [](ubus_context *, ubus_subscriber *subscriber, uint32_t id) {
-            static_cast<Subscriber *>(subscriber)->removed.push_back(id);
+            auto *self = static_cast<Subscriber *>(subscriber);
+            self->removed.push_back(id);
+            self->on_removed();
         };
         EXPECT_EQ(ubus_register_subscriber(peer.get(), this), UBUS_STATUS_OK);
     }
@@ -207,26 +210,82 @@ TEST_F(Bus, SubscribersAreNotifiedCountedAndToldTheEnd) {
         id = service.object()->id;
         service.on_subscribers = [&](bool active) { activity.push_back(active); };
         EXPECT_EQ(ubus_subscribe(watcher.get(), &one, 4711), UBUS_STATUS_NOT_FOUND);
+        EXPECT_EQ(ubus_unsubscribe(watcher.get(), &one, id), UBUS_STATUS_NOT_FOUND);
+        EXPECT_EQ(ubus_subscribe(watcher.get(), &one, two.obj.id), UBUS_STATUS_INVALID_ARGUMENT) << "own";
+        // One that subscribes twice is told everything twice.
         for (Subscriber *subscriber : {&one, &two, &one})
             EXPECT_EQ(ubus_subscribe(watcher.get(), subscriber, id), UBUS_STATUS_OK);
         ubus_notify(provider.get(), service.object(), "first", message.head(), -1);
-        ASSERT_TRUE(pump_until([&] { return one.seen.size() + two.seen.size() == 2; }));
+        ASSERT_TRUE(pump_until([&] { return one.seen.size() + two.seen.size() == 3; }));
+        EXPECT_THAT(one.seen, ElementsAre("first{\"n\":1}", "first{\"n\":1}"));
         EXPECT_THAT(activity, ElementsAre(true));
 
-        EXPECT_EQ(ubus_unsubscribe(watcher.get(), &one, id), UBUS_STATUS_OK);
+        for (int i = 0; i < 2; i++)
+            EXPECT_EQ(ubus_unsubscribe(watcher.get(), &one, id), UBUS_STATUS_OK);
         ubus_notify(provider.get(), service.object(), "second", message.head(), -1);
         ASSERT_TRUE(pump_until([&] { return two.seen.size() == 2; }));
         EXPECT_EQ(ubus_unsubscribe(watcher.get(), &two, id), UBUS_STATUS_OK);
         ASSERT_TRUE(pump_until([&] { return activity.size() == 2; }));
         EXPECT_THAT(activity, ElementsAre(true, false));
-        EXPECT_NE(ubus_unsubscribe(watcher.get(), &two, id), UBUS_STATUS_OK);
-        ubus_subscribe(watcher.get(), &two, id);
+        for (int i = 0; i < 2; i++)
+            EXPECT_EQ(ubus_subscribe(watcher.get(), &two, id), UBUS_STATUS_OK);
     }
-    ASSERT_TRUE(pump_until([&] { return !two.removed.empty(); }));
-    EXPECT_THAT(two.removed, ElementsAre(id));
-    EXPECT_THAT(one.seen, ElementsAre("first{\"n\":1}"));
+    ASSERT_TRUE(pump_until([&] { return two.removed.size() == 2; }));
+    EXPECT_THAT(two.removed, ElementsAre(id, id));
+    EXPECT_EQ(one.seen.size(), 2u);
     EXPECT_THAT(two.seen, ElementsAre("first{\"n\":1}", "second{\"n\":1}"));
     EXPECT_TRUE(one.removed.empty());
+}
+
+// What a subscription that outlives its object's restart is built of.
+TEST_F(Bus, AReturnedObjectIsAnnouncedAfterTheEndOfTheOldOneAndNeverWithinACall) {
+    Peer provider(socket), watcher(socket);
+    Subscriber subscriber(watcher);
+    struct Listener : ubus_event_handler {
+        Subscriber *subscriber;
+    } listener{};
+    bool calling = false;
+
+    const auto renew = [&](const char *why) {
+        EXPECT_FALSE(calling);
+        calling = true;
+        uint32_t id;
+        const bool found = ubus_lookup_id(watcher.get(), "service", &id) == UBUS_STATUS_OK;
+        if (found) {
+            EXPECT_EQ(ubus_subscribe(watcher.get(), &subscriber, id), UBUS_STATUS_OK);
+        }
+        calling = false;
+        subscriber.seen.emplace_back(std::string(why) + (found ? " subscribes" : " finds nothing"));
+    };
+    subscriber.on_removed = [&] { renew("end"); };
+    listener.subscriber = &subscriber;
+    listener.cb = [](ubus_context *, ubus_event_handler *handler, const char *, blob_attr *message) {
+        // The object's number is another each time.
+        const std::string text = json_of(message);
+        static_cast<Listener *>(handler)->subscriber->seen.push_back(text.substr(text.find("\"path")));
+    };
+    EXPECT_EQ(ubus_register_event_handler(watcher.get(), &listener, "ubus.object.add"), UBUS_STATUS_OK);
+
+    auto service = std::make_unique<Service>(provider, "service");
+    EXPECT_EQ(ubus_subscribe(watcher.get(), &subscriber, service->object()->id), UBUS_STATUS_OK);
+    ASSERT_TRUE(pump_until([&] { return subscriber.seen.size() == 1; }));
+    // It goes, and later comes.
+    service.reset();
+    ASSERT_TRUE(pump_until([&] { return subscriber.seen.size() == 2; }));
+    service = std::make_unique<Service>(provider, "service");
+    ASSERT_TRUE(pump_until([&] { return subscriber.seen.size() == 3; }));
+    renew("event");
+    // It is back before anybody looks: the end is told first, and what is subscribed there is the new object.
+    service.reset();
+    service = std::make_unique<Service>(provider, "service");
+    ASSERT_TRUE(pump_until([&] { return subscriber.seen.size() == 6; }));
+    Json message;
+    ubus_notify(provider.get(), service->object(), "note", message.head(), -1);
+    ASSERT_TRUE(pump_until([&] { return subscriber.seen.size() == 7; }));
+    EXPECT_THAT(subscriber.seen,
+                ElementsAre("\"path\":\"service\"}", "end finds nothing", "\"path\":\"service\"}",
+                            "event subscribes", "end subscribes", "\"path\":\"service\"}", "note{}"));
+    EXPECT_EQ(ubus_unregister_event_handler(watcher.get(), &listener), UBUS_STATUS_OK);
 }
 
 TEST_F(Bus, ALostBusEndsTheLoopFailsWhatIsPendingAndCanBeFoundAgain) {
