@@ -10,16 +10,14 @@
 
 #include "uloop_private.h"
 
-enum { EVENTS_PER_ROUND = 16 };
+enum { EVENTS_PER_WAIT = 10 };
 
-/* What one wait has found. A callback may delete any descriptor, so the rounds that are being served
- * (several, when callbacks run the loop again) are chained, and deleting wipes the descriptor out of all of
- * them. */
-struct round {
-    struct epoll_event events[EVENTS_PER_ROUND];
-    int count;
-    struct round *outer;
-};
+/* What the last wait has found and nobody has served yet. One descriptor is served in each turn of the loop,
+ * so that timers come between them; a run inside a callback goes on with the rest. A callback may delete any
+ * descriptor, which wipes it out of here. */
+static struct epoll_event found[EVENTS_PER_WAIT];
+static int found_next;
+static int found_end;
 
 /* A descriptor whose callback is running. An inner run does not call it again for an edge; the edge is kept
  * and served once the callback has returned. */
@@ -33,7 +31,6 @@ volatile bool uloop_cancelled;
 
 static int poll_fd = -1;
 static int run_depth;
-static struct round *rounds;
 static struct call *calls;
 static struct list_head timeouts = LIST_HEAD_INIT(timeouts);
 static struct list_head processes = LIST_HEAD_INIT(processes);
@@ -52,7 +49,7 @@ int uloop_init(void) {
         errno = saved;
         return -1;
     }
-    uloop_sigpipe_ignore(true);
+    uloop_signals_take();
     return 0;
 }
 
@@ -60,13 +57,15 @@ void uloop_done(void) {
     struct uloop_timeout *timeout, *next_timeout;
     struct uloop_process *process, *next_process;
 
-    uloop_sigpipe_ignore(false);
-    if (poll_fd >= 0)
+    if (poll_fd >= 0) {
+        uloop_signals_return();
         close(poll_fd);
+    }
     poll_fd = -1;
     if (uloop_wake_fd >= 0)
         close(uloop_wake_fd);
     uloop_wake_fd = -1;
+    found_next = found_end = 0;
     list_for_each_entry_safe(timeout, next_timeout, &timeouts, list) uloop_timeout_cancel(timeout);
     list_for_each_entry_safe(process, next_process, &processes, list) uloop_process_delete(process);
 }
@@ -86,9 +85,7 @@ static int watch(struct uloop_fd *sock, int operation, unsigned int flags) {
 }
 
 int uloop_fd_add(struct uloop_fd *sock, unsigned int flags) {
-    int result = -1;
-
-    if (!(flags & (ULOOP_READ | ULOOP_WRITE | ULOOP_EDGE_TRIGGER)))
+    if (!(flags & (ULOOP_READ | ULOOP_WRITE)))
         return uloop_fd_delete(sock);
     if (!sock->registered && !(flags & ULOOP_BLOCKING)) {
         int mode = fcntl(sock->fd, F_GETFL);
@@ -96,27 +93,27 @@ int uloop_fd_add(struct uloop_fd *sock, unsigned int flags) {
         if (mode < 0 || fcntl(sock->fd, F_SETFL, mode | O_NONBLOCK) < 0)
             return -1;
     }
-    if (sock->registered)
-        result = watch(sock, EPOLL_CTL_MOD, flags);
-    if (!sock->registered || (result < 0 && errno == ENOENT))
-        result = watch(sock, EPOLL_CTL_ADD, flags);
-    if (result < 0)
+    if (watch(sock, sock->registered ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, flags) < 0)
         return -1;
-    if (!sock->registered) {
-        sock->eof = false;
-        sock->error = false;
-    }
+    sock->eof = false;
+    sock->error = false;
     sock->registered = true;
     sock->flags = (uint8_t)flags;
     return 0;
 }
 
-/* Nothing may be delivered to this record any more, whatever rounds and callbacks are under way. */
+/* Nothing may be delivered to this record any more. */
 static void forget_events(struct uloop_fd *sock) {
-    for (struct round *round = rounds; round; round = round->outer)
-        for (int i = 0; i < round->count; i++)
-            if (round->events[i].data.ptr == sock)
-                round->events[i].data.ptr = NULL;
+    for (int i = found_next; i < found_end; i++)
+        if (found[i].data.ptr == sock)
+            found[i].data.ptr = NULL;
+}
+
+static int unregister(struct uloop_fd *sock) {
+    if (!sock->registered)
+        return 0;
+    sock->registered = false;
+    return epoll_ctl(poll_fd, EPOLL_CTL_DEL, sock->fd, NULL);
 }
 
 int uloop_fd_delete(struct uloop_fd *sock) {
@@ -124,26 +121,8 @@ int uloop_fd_delete(struct uloop_fd *sock) {
     for (struct call *call = calls; call; call = call->outer)
         if (call->fd == sock)
             call->fd = NULL;
-    if (!sock->registered)
-        return 0;
-    sock->registered = false;
     sock->flags = 0;
-    return epoll_ctl(poll_fd, EPOLL_CTL_DEL, sock->fd, NULL);
-}
-
-/* Leaves what has been found and not been served to the next wait, which an inner run or a later one makes.
- * Levels are found again by themselves, edges when they are armed again. */
-static void put_back_events(void) {
-    for (struct round *round = rounds; round; round = round->outer) {
-        for (int i = 0; i < round->count; i++) {
-            void *source = round->events[i].data.ptr;
-            struct uloop_fd *fd = source;
-
-            round->events[i].data.ptr = NULL;
-            if (source && source != &uloop_wake_fd && (fd->flags & ULOOP_EDGE_TRIGGER))
-                watch(fd, EPOLL_CTL_MOD, fd->flags);
-        }
-    }
+    return unregister(sock);
 }
 
 static bool keep_edge(const struct uloop_fd *fd, unsigned int epoll_events) {
@@ -169,13 +148,6 @@ static void deliver(struct uloop_fd *fd, unsigned int epoll_events) {
             events |= ULOOP_READ;
         if (epoll_events & EPOLLOUT)
             events |= ULOOP_WRITE;
-        if (epoll_events & EPOLLRDHUP)
-            fd->eof = true;
-        if (epoll_events & (EPOLLERR | EPOLLHUP)) {
-            /* A descriptor in this state would be reported for ever. */
-            fd->error = true;
-            uloop_fd_delete(fd);
-        }
         call.kept = 0;
         if (fd->cb)
             fd->cb(fd, events);
@@ -184,31 +156,42 @@ static void deliver(struct uloop_fd *fd, unsigned int epoll_events) {
     calls = call.outer;
 }
 
-/* One wait and what it finds. False when the loop is no more. */
-static bool serve_descriptors(int timeout) {
-    struct round round = {.outer = rounds};
-    int count = epoll_wait(poll_fd, round.events, EVENTS_PER_ROUND, timeout);
+/* One wait. A descriptor that has hung up is off the loop before anybody's callback runs: it would be
+ * reported for ever. False when the loop is no more. */
+static bool find_events(int timeout) {
+    int count = epoll_wait(poll_fd, found, EVENTS_PER_WAIT, timeout);
 
-    if (count < 0)
-        return errno == EINTR;
-    round.count = count;
-    rounds = &round;
-    for (int i = 0; i < count && !uloop_cancelled; i++) {
-        void *source = round.events[i].data.ptr;
+    found_next = 0;
+    found_end = count > 0 ? count : 0;
+    for (int i = 0; i < found_end; i++) {
+        struct uloop_fd *fd = found[i].data.ptr;
+        uint64_t wakes;
 
-        if (source == &uloop_wake_fd) {
-            uint64_t wakes;
-
+        if (found[i].data.ptr == &uloop_wake_fd) {
+            found[i].data.ptr = NULL;
             if (read(uloop_wake_fd, &wakes, sizeof(wakes)) < 0)
                 continue;
-        } else if (source) {
-            round.events[i].data.ptr = NULL;
-            if (!keep_edge(source, round.events[i].events))
-                deliver(source, round.events[i].events);
+        } else {
+            fd->eof |= (found[i].events & EPOLLRDHUP) != 0;
+            fd->error |= (found[i].events & (EPOLLERR | EPOLLHUP)) != 0;
+            if (fd->error)
+                unregister(fd);
         }
     }
-    put_back_events();
-    rounds = round.outer;
+    return count >= 0 || errno == EINTR;
+}
+
+static bool serve_descriptor(int timeout) {
+    if (found_next == found_end && !find_events(timeout))
+        return false;
+    while (found_next < found_end) {
+        struct epoll_event event = found[found_next++];
+
+        if (!event.data.ptr || keep_edge(event.data.ptr, event.events))
+            continue;
+        deliver(event.data.ptr, event.events);
+        break;
+    }
     return true;
 }
 
@@ -226,7 +209,7 @@ int uloop_timeout_set(struct uloop_timeout *timeout, int msecs) {
 
     if (timeout->pending)
         uloop_timeout_cancel(timeout);
-    timeout->expiry = now_us() + (int64_t)(msecs > 0 ? msecs : 0) * 1000;
+    timeout->expiry = now_us() + (int64_t)msecs * 1000;
     timeout->pending = true;
     /* From the back: most timers are the latest, and of equal ones this is the last armed. */
     list_for_each_entry_reverse(other, &timeouts, list) {
@@ -247,15 +230,13 @@ int uloop_timeout_cancel(struct uloop_timeout *timeout) {
     return 0;
 }
 
-/* Towards the later millisecond, so that a wait of this length does not end before the timer is due. */
-static int64_t ms_until(int64_t expiry) {
-    int64_t us = expiry - now_us();
-
-    return us > 0 ? (us + 999) / 1000 : us / 1000;
+/* Begun milliseconds do not count, so a timer may run up to one too early. */
+static int64_t ms_until(int64_t expiry, int64_t now) {
+    return (expiry - now) / 1000;
 }
 
 int64_t uloop_timeout_remaining64(struct uloop_timeout *timeout) {
-    return timeout->pending ? ms_until(timeout->expiry) : -1;
+    return timeout->pending ? ms_until(timeout->expiry, now_us()) : -1;
 }
 
 int uloop_timeout_remaining(struct uloop_timeout *timeout) {
@@ -264,14 +245,14 @@ int uloop_timeout_remaining(struct uloop_timeout *timeout) {
     return ms > INT_MAX ? INT_MAX : ms < INT_MIN ? INT_MIN : (int)ms;
 }
 
-/* Those due at this moment; one that re-arms itself for now does not keep the descriptors waiting. */
+/* Those due at this moment, with those that are armed for it meanwhile. */
 static void run_timeouts(void) {
     int64_t now = now_us();
 
-    while (!list_empty(&timeouts) && !uloop_cancelled) {
+    while (!list_empty(&timeouts)) {
         struct uloop_timeout *first = list_first_entry(&timeouts, struct uloop_timeout, list);
 
-        if (first->expiry > now)
+        if (ms_until(first->expiry, now) > 0)
             return;
         uloop_timeout_cancel(first);
         if (first->cb)
@@ -285,7 +266,7 @@ static int wait_limit(int limit) {
 
     if (list_empty(&timeouts))
         return limit;
-    next = ms_until(list_first_entry(&timeouts, struct uloop_timeout, list)->expiry);
+    next = ms_until(list_first_entry(&timeouts, struct uloop_timeout, list)->expiry, now_us());
     if (next < 0)
         next = 0;
     if (next > INT_MAX)
@@ -308,8 +289,6 @@ int uloop_process_add(struct uloop_process *p) {
         return -1;
     p->pending = true;
     list_add_tail(&p->list, &processes);
-    /* The child may have ended before anybody looked. */
-    uloop_child_look();
     return 0;
 }
 
@@ -321,31 +300,32 @@ int uloop_process_delete(struct uloop_process *p) {
     return 0;
 }
 
-/* Waits for the children that are watched and for no others, which belong to other parts of the program. A
- * callback may change the list, so the search begins anew after each; ones that are still running are passed
- * by each time. */
-static void run_processes(void) {
-    bool again = uloop_child_ended();
+static struct uloop_process *find_process(pid_t pid) {
+    struct uloop_process *p;
 
-    while (again && !uloop_cancelled) {
-        struct uloop_process *p;
-
-        again = false;
-        list_for_each_entry(p, &processes, list) {
-            int status = 0;
-            pid_t pid = waitpid(p->pid, &status, WNOHANG);
-
-            if (pid == 0 || (pid < 0 && errno == EINTR))
-                continue;
-            uloop_process_delete(p);
-            if (p->cb)
-                p->cb(p, pid < 0 ? -1 : status);
-            again = true;
-            break;
-        }
+    list_for_each_entry(p, &processes, list) {
+        if (p->pid == pid)
+            return p;
     }
-    if (again)
-        uloop_child_look();
+    return NULL;
+}
+
+/* Takes the status of every child that has ended, also of those that nobody has added. */
+static void run_processes(void) {
+    int status;
+    pid_t pid;
+
+    if (!uloop_child_ended())
+        return;
+    while ((pid = waitpid(-1, &status, WNOHANG)) > 0 || (pid < 0 && errno == EINTR)) {
+        struct uloop_process *p = find_process(pid);
+
+        if (!p)
+            continue;
+        uloop_process_delete(p);
+        if (p->cb)
+            p->cb(p, status);
+    }
 }
 
 /* The run */
@@ -355,37 +335,15 @@ bool uloop_cancelling(void) {
 }
 
 int uloop_run_timeout(int timeout) {
-    bool outer_cancelled = run_depth > 0 && uloop_cancelled;
-
-    if (poll_fd < 0 && uloop_init() < 0)
-        return -1;
-    /* A signal before this point found the handlers of the process, so that nothing is lost here. */
-    if (run_depth++ == 0) {
-        uloop_signal_forget();
-        uloop_cancelled = false;
-        uloop_signals_take();
-        uloop_child_look();
-    } else {
-        put_back_events();
-        if (!uloop_signal_number())
-            uloop_cancelled = false;
-    }
+    run_depth++;
+    uloop_cancelled = false;
+    uloop_signal_forget();
 
     do {
-        int limit;
-
         run_timeouts();
         run_processes();
-        if (uloop_cancelled)
-            break;
-        limit = wait_limit(timeout);
-        if (!serve_descriptors(limit))
-            break;
-    } while (!uloop_cancelled && timeout < 0);
+    } while (!uloop_cancelled && serve_descriptor(wait_limit(timeout)) && !uloop_cancelled && timeout < 0);
 
-    if (outer_cancelled || uloop_signal_number())
-        uloop_cancelled = true;
-    if (--run_depth == 0)
-        uloop_signals_return();
+    run_depth--;
     return uloop_signal_number();
 }

@@ -44,18 +44,28 @@ static struct taken taken[] = {
     {.number = SIGCHLD, .handler = on_child},
 };
 
-void uloop_signals_take(void) {
-    for (size_t i = 0; i < ARRAY_SIZE(taken); i++) {
-        struct sigaction action;
+static bool is(const struct sigaction *action, void (*handler)(int)) {
+    return !(action->sa_flags & SA_SIGINFO) && action->sa_handler == handler;
+}
 
-        sigaction(taken[i].number, NULL, &action);
-        if ((action.sa_flags & SA_SIGINFO) || action.sa_handler != SIG_DFL)
-            continue;
-        action.sa_handler = taken[i].handler;
-        sigemptyset(&action.sa_mask);
-        action.sa_flags = taken[i].number == SIGCHLD ? SA_NOCLDSTOP : 0;
-        sigaction(taken[i].number, &action, &taken[i].before);
-    }
+static void take(struct taken *signal) {
+    struct sigaction action;
+
+    sigaction(signal->number, NULL, &action);
+    if (!is(&action, SIG_DFL))
+        return;
+    action.sa_handler = signal->handler;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = signal->number == SIGCHLD ? SA_NOCLDSTOP : 0;
+    sigaction(signal->number, &action, &signal->before);
+}
+
+void uloop_signals_take(void) {
+    struct taken sigpipe = {.number = SIGPIPE, .handler = SIG_IGN};
+
+    for (size_t i = 0; i < ARRAY_SIZE(taken); i++)
+        take(&taken[i]);
+    take(&sigpipe);
 }
 
 void uloop_signals_return(void) {
@@ -63,23 +73,8 @@ void uloop_signals_return(void) {
         struct sigaction action;
 
         sigaction(taken[i].number, NULL, &action);
-        if (!(action.sa_flags & SA_SIGINFO) && action.sa_handler == taken[i].handler)
+        if (is(&action, taken[i].handler))
             sigaction(taken[i].number, &taken[i].before, NULL);
-    }
-}
-
-void uloop_sigpipe_ignore(bool ignore) {
-    static bool ours;
-    struct sigaction action;
-
-    sigaction(SIGPIPE, NULL, &action);
-    if (ignore && !(action.sa_flags & SA_SIGINFO) && action.sa_handler == SIG_DFL) {
-        action.sa_handler = SIG_IGN;
-        ours = sigaction(SIGPIPE, &action, NULL) == 0;
-    } else if (!ignore && ours) {
-        action.sa_handler = SIG_DFL;
-        sigaction(SIGPIPE, &action, NULL);
-        ours = false;
     }
 }
 
@@ -96,8 +91,4 @@ bool uloop_child_ended(void) {
 
     child_ended = 0;
     return ended;
-}
-
-void uloop_child_look(void) {
-    child_ended = 1;
 }

@@ -216,7 +216,7 @@ TEST_F(Bus, SubscribersAreNotifiedCountedAndToldTheEnd) {
         for (Subscriber *subscriber : {&one, &two, &one})
             EXPECT_EQ(ubus_subscribe(watcher.get(), subscriber, id), UBUS_STATUS_OK);
         ubus_notify(provider.get(), service.object(), "first", message.head(), -1);
-        ASSERT_TRUE(pump_until([&] { return one.seen.size() + two.seen.size() == 3; }));
+        ASSERT_TRUE(pump_until([&] { return one.seen.size() + two.seen.size() == 3 && !activity.empty(); }));
         EXPECT_THAT(one.seen, ElementsAre("first{\"n\":1}", "first{\"n\":1}"));
         EXPECT_THAT(activity, ElementsAre(true));
 

@@ -74,13 +74,18 @@ class Streams : public testing::Test {
     ~Streams() override { uloop_done(); }
 
     static void pump(const std::function<bool()> &done) {
-        for (int i = 0; i < 1000 && !done(); i++)
-            uloop_run_timeout(10);
+        for (int i = 0; i < 10000 && !done(); i++)
+            run_for(1);
         EXPECT_TRUE(done());
     }
-    static void settle() {
-        for (int i = 0; i < 5; i++)
-            uloop_run_timeout(0);
+    static void settle() { run_for(10); }
+    // With another limit, older releases go on until an event.
+    static void run_for(int ms) {
+        uloop_timeout end{};
+        end.cb = [](uloop_timeout *) { uloop_end(); };
+        uloop_timeout_set(&end, ms);
+        uloop_run_timeout(-1);
+        uloop_timeout_cancel(&end);
     }
 };
 

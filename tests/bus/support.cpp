@@ -31,12 +31,15 @@ constexpr auto PATIENCE = std::chrono::seconds(10);
 bool pump_until(const std::function<bool()> &done) {
     const auto deadline = Clock::now() + PATIENCE;
 
-    while (!done()) {
-        if (Clock::now() > deadline)
-            return false;
-        uloop_run_timeout(20);
+    // Not with a limit for the run: older releases take it for the limit of a wait, and go on.
+    uloop_timeout turn{};
+    turn.cb = [](uloop_timeout *) { uloop_end(); };
+    while (!done() && Clock::now() < deadline) {
+        uloop_timeout_set(&turn, 1);
+        uloop_run_timeout(-1);
     }
-    return true;
+    uloop_timeout_cancel(&turn);
+    return done();
 }
 
 std::string json_of(blob_attr *message) {

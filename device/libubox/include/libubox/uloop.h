@@ -49,25 +49,26 @@ struct uloop_timeout {
 struct uloop_process {
     struct list_head list;
     bool pending;
-    uloop_process_handler cb;  ///< `ret`: the status of waitpid(), -1 when it is lost
+    uloop_process_handler cb;  ///< `ret`: the status of waitpid()
     pid_t pid;
 };
 
 /// Private, for the inline functions below.
 extern volatile bool uloop_cancelled;
 
-/// Prepares the loop and ignores SIGPIPE unless the process has chosen otherwise. 0, or -1 with errno;
-/// calling it again does nothing.
+/// Prepares the loop. From here to uloop_done, SIGINT, SIGTERM and SIGCHLD are the loop's; from here on,
+/// SIGPIPE is ignored; each unless the process has chosen otherwise. 0, or -1 with errno; calling it again
+/// does nothing.
 int uloop_init(void);
 
-/// Releases the loop. Timers and processes that are still armed are forgotten without a call.
+/// Releases the loop. Timers and processes that are still armed are forgotten without a call; descriptors
+/// that are still watched cannot be added to another loop before they are deleted.
 void uloop_done(void);
 
-/// Runs until uloop_end(), SIGINT or SIGTERM when `timeout` is negative; otherwise makes one round: the
-/// timers due, then one wait of at most `timeout` milliseconds and the descriptors that it finds. A
-/// termination signal ends every run there is, the outermost one last. While a run lasts, SIGINT, SIGTERM and
-/// SIGCHLD are the loop's, except those that the process handles or ignores by itself. Returns the number of
-/// the signal that ended it, otherwise 0.
+/// Takes turns until uloop_end(), SIGINT or SIGTERM when `timeout` is negative; otherwise takes one: the
+/// timers due, the children that have ended, then at most one descriptor, which it waits for at most
+/// `timeout` milliseconds. Forgets an end and a signal that came before it, also when it is called from a
+/// callback of another run. Returns the number of the signal that ended it, otherwise 0.
 int uloop_run_timeout(int timeout);
 
 static inline int uloop_run(void) {
@@ -88,17 +89,19 @@ int uloop_fd_add(struct uloop_fd *sock, unsigned int flags);
 /// Stops watching; harmless when it was not watched. Must come before close(). 0, or -1 with errno.
 int uloop_fd_delete(struct uloop_fd *sock);
 
-/// Arms the timer to run once in `msecs`, whether or not it is armed; a negative time is now.
+/// Arms the timer to run once in `msecs`, whether or not it is armed, up to a millisecond early. One that is
+/// armed for the past runs before others that are due.
 int uloop_timeout_set(struct uloop_timeout *timeout, int msecs);
 
 /// 0, or -1 when it was not pending.
 int uloop_timeout_cancel(struct uloop_timeout *timeout);
 
-/// Milliseconds until the timer runs, zero or negative when it is overdue, -1 when it is not pending.
+/// Whole milliseconds until the timer runs, negative when it is overdue, -1 when it is not pending.
 int uloop_timeout_remaining(struct uloop_timeout *timeout);
 int64_t uloop_timeout_remaining64(struct uloop_timeout *timeout);
 
-/// Calls p->cb once when the child p->pid has ended, also when it has by now. -1 when `p` is pending already.
+/// Calls p->cb once when the child p->pid has ended. The loop takes the status of every child that ends, so
+/// this must come before it next runs. -1 when `p` is pending already.
 int uloop_process_add(struct uloop_process *p);
 
 /// 0, or -1 when it was not pending. The child goes on and is not waited for any more.
