@@ -58,12 +58,14 @@ bool agent::gateway_sync_is_on() {
 }
 
 void agent::build() {
-    events_.emplace(modules_);
+    objects_.emplace();
+    events_.emplace(modules_, *objects_);
     const bool sync = gateway_sync_is_on();
     qzcap_delete_vsie_beacontx_by_name(gateway::beacon_owner, nullptr);
 
     tasks_.emplace();
-    modules_.gateway.emplace(*tasks_, cache_, where_.clock, gateway::options{options_.gateway_address},
+    modules_.gateway.emplace(*tasks_, cache_, *objects_, where_.clock,
+                             gateway::options{options_.gateway_address},
                              bind<&agent::pass_notification>(*this));
     modules_.gateway->set_sync(sync);
     modules_.cloud.emplace(
@@ -93,6 +95,7 @@ void agent::end() {
     tasks_.reset();
     uloop_done();
     events_.reset();
+    objects_.reset();
     app_.reset();
     session_.reset();
 }

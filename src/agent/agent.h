@@ -15,6 +15,7 @@
 #include "base/task_queue.h"
 #include "platform/cache.h"
 #include "platform/session.h"
+#include "platform/subscription.h"
 
 namespace arvok {
 
@@ -70,6 +71,7 @@ class agent {
     app_messages app_messages_;
     std::optional<platform::session> session_;
     std::optional<platform::app_registration> app_;
+    std::optional<platform::object_watch> objects_;
     std::optional<platform_events> events_;
     std::optional<task_queue> tasks_;
 };

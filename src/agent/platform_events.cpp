@@ -15,20 +15,22 @@ constexpr char dev_event[] = "dev_event_cb", wan_event[] = "wan_event_cb", wifi_
 
 }  // namespace
 
-platform_events::platform_events(modules &running)
+platform_events::platform_events(modules &running, platform::object_watch &objects)
     : modules_(running),
-      host_(bind<&platform_events::take<&platform_events::host, dev_event>>(*this)),
-      wan_(bind<&platform_events::take<&platform_events::wan, wan_event>>(*this)),
-      wifi_(bind<&platform_events::take<&platform_events::wifi, wifi_event>>(*this)),
-      roaming_(bind<&platform_events::take<&platform_events::roaming, roaming_event>>(*this)),
-      mesh_(bind<&platform_events::take<&platform_events::mesh, map_event>>(*this)),
-      element_(bind<&platform_events::take<&platform_events::element, vsie_event>>(*this)) {
-    host_.start(platform::object_id(QZCAP_OBJ_LANINFO));
-    wan_.start(platform::object_id(QZCAP_OBJ_WAN));
-    wifi_.start(platform::object_id(QZCAP_OBJ_WIFI));
-    roaming_.start(platform::object_id(QZCAP_OBJ_ROAMING));
-    mesh_.start(platform::object_id(QZCAP_OBJ_MESH));
-    element_.start(platform::object_id(QZCAP_OBJ_VSIE));
+      host_(objects, QZCAP_OBJ_LANINFO,
+            bind<&platform_events::take<&platform_events::host, dev_event>>(*this),
+            bind<&platform_events::catch_up_hosts>(*this)),
+      wan_(objects, QZCAP_OBJ_WAN, bind<&platform_events::take<&platform_events::wan, wan_event>>(*this),
+           bind<&platform_events::catch_up_wan>(*this)),
+      wifi_(objects, QZCAP_OBJ_WIFI, bind<&platform_events::take<&platform_events::wifi, wifi_event>>(*this),
+            bind<&platform_events::catch_up_sync>(*this)),
+      roaming_(objects, QZCAP_OBJ_ROAMING,
+               bind<&platform_events::take<&platform_events::roaming, roaming_event>>(*this)),
+      mesh_(objects, QZCAP_OBJ_MESH, bind<&platform_events::take<&platform_events::mesh, map_event>>(*this)),
+      element_(objects, QZCAP_OBJ_VSIE,
+               bind<&platform_events::take<&platform_events::element, vsie_event>>(*this)) {
+    for (platform::subscription *each : {&host_, &wan_, &wifi_, &roaming_, &mesh_, &element_})
+        each->start();
 }
 
 platform_events::~platform_events() {
@@ -95,6 +97,42 @@ void platform_events::mesh(const notification &heard) {
 void platform_events::element(const notification &heard) {
     if (heard.event)
         modules_.gateway->reporting().vsie_event(heard.event);
+}
+
+// --- what an object that was away did not tell ---
+
+bool platform_events::catch_up_hosts() {
+    if (modules_)
+        modules_.access->host_appeared();
+    return true;
+}
+
+bool platform_events::catch_up_wan() {
+    if (!modules_)
+        return true;
+    const platform::wan_record now(qzcap_get_waninfo());
+    if (!now)
+        return false;
+    const std::string_view status = view_of(now->status);
+    if (status == "down")
+        modules_.cloud->wan_down();
+    else if (status == "up")
+        modules_.cloud->wan_up();
+    return true;
+}
+
+bool platform_events::catch_up_sync() {
+    if (!modules_)
+        return true;
+    const platform::switches_record now(qzcap_get_wifi_switch());
+    if (!now)
+        return false;
+    const std::string_view sync = view_of(now->arvoksync);
+    if (sync == "on" && !modules_.gateway->sync_is_on())
+        modules_.gateway->sync_turned_on();
+    else if (sync == "off")
+        modules_.gateway->set_sync(false);
+    return true;
 }
 
 }  // namespace arvok

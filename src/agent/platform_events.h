@@ -1,21 +1,23 @@
 #pragma once
 /// The platform's notifications: hosts that come and go, WAN, gateway sync, roaming, mesh, received elements.
 ///
-/// Each is logged and turned into a report or event for the gateway or a change of state.
+/// Each is logged and turned into a report or event for the gateway or a change of state. Of an object that
+/// has been away, what it would have notified is read: the state of the WAN, gateway sync; and the access
+/// rules are applied to the hosts that there are then.
 
 #include <string>
 #include <string_view>
 
 #include "agent/modules.h"
 #include "base/json.h"
-#include "platform/session.h"
+#include "platform/subscription.h"
 
 namespace arvok {
 
 class platform_events {
   public:
-    /// Subscribes to the six platform objects. `running` is borrowed.
-    explicit platform_events(modules &running);
+    /// Subscribes to the six platform objects. Both are borrowed.
+    platform_events(modules &running, platform::object_watch &objects);
     /// Ends the subscriptions.
     ~platform_events();
     platform_events(const platform_events &) = delete;
@@ -35,6 +37,10 @@ class platform_events {
     void roaming(const notification &heard);
     void mesh(const notification &heard);
     void element(const notification &heard);
+
+    bool catch_up_hosts();
+    bool catch_up_wan();
+    bool catch_up_sync();
 
     template <void (platform_events::*Act)(const notification &), const char *Name>
     int take(std::string_view method, blob_attr *message);

@@ -159,8 +159,7 @@ void bus_bridge::subscribe(request &r, std::string_view object) {
     if (find(object, r.from_cloud) != subscriptions_.end())
         return r.fail(invalid_parameter, "object '%s' is subscribed", object.data());
     const std::string name(object);
-    subscription &begun = subscriptions_.emplace_front(*this, cut(object, object_name_max), r.from_cloud);
-    if (!begun.bus.start(platform::object_id(name))) {
+    if (!subscriptions_.emplace_front(*this, name, r.from_cloud).bus.start()) {
         r.fail(platform_failed, "qzcap_ubus_subscribe failed: %s", name.c_str());
         subscriptions_.pop_front();
     }
@@ -182,6 +181,12 @@ bus_bridge::~bus_bridge() {
     for (subscription &s : subscriptions_)
         s.bus.stop(platform::object_id(s.object));
 }
+
+bus_bridge::subscription::subscription(bus_bridge &b, const std::string &name, bool cloud)
+    : bridge(b),
+      object(cut(name, object_name_max)),
+      from_cloud(cloud),
+      bus(b.objects_, name, bind<&subscription::notified>(*this)) {}
 
 int bus_bridge::subscription::notified(std::string_view method, blob_attr *message) {
     if (!message) {

@@ -8,15 +8,16 @@
 
 #include "gateway/connection.h"
 #include "gateway/request.h"
-#include "platform/session.h"
+#include "platform/subscription.h"
 
 namespace arvok::gateway {
 
 class bus_bridge {
   public:
     /// Notifications go to whoever subscribed: on the link, or as a text to `notify_cloud`.
-    bus_bridge(connection &link, const link_state &state, callback<void(const std::string &)> notify_cloud)
-        : link_(link), state_(state), notify_cloud_(notify_cloud) {}
+    bus_bridge(connection &link, const link_state &state, platform::object_watch &objects,
+               callback<void(const std::string &)> notify_cloud)
+        : link_(link), state_(state), objects_(objects), notify_cloud_(notify_cloud) {}
     /// Ends all subscriptions; nobody is told anything meanwhile.
     ~bus_bridge();
     bus_bridge(const bus_bridge &) = delete;
@@ -28,8 +29,7 @@ class bus_bridge {
   private:
     /// An object whose notifications are passed on.
     struct subscription {
-        subscription(bus_bridge &b, std::string_view o, bool cloud)
-            : bridge(b), object(o), from_cloud(cloud), bus(bind<&subscription::notified>(*this)) {}
+        subscription(bus_bridge &, const std::string &name, bool cloud);
         int notified(std::string_view method, blob_attr *message);
 
         bus_bridge &bridge;
@@ -46,6 +46,7 @@ class bus_bridge {
 
     connection &link_;
     const link_state &state_;
+    platform::object_watch &objects_;
     callback<void(const std::string &)> notify_cloud_;  ///< empty at the end
     subscriptions subscriptions_;                       ///< the newest first
 };

@@ -10,8 +10,8 @@
 namespace arvok::gateway {
 
 struct client::modules {
-    modules(task_queue &tasks, platform::cache &cache, wall_clock now, options where,
-            callback<void(const std::string &)> notify_cloud)
+    modules(task_queue &tasks, platform::cache &cache, platform::object_watch &objects, wall_clock now,
+            options where, callback<void(const std::string &)> notify_cloud)
         // Bound here, called only after connect(): what is bound is made after the link.
         : link_(tasks, cache, std::move(where), state_,
                 {.opened = bind<&negotiation::request_key>(negotiation_),
@@ -19,7 +19,7 @@ struct client::modules {
                  .closed = bind<&negotiation::forget>(negotiation_)}),
           negotiation_(link_, cache, state_),
           reports_(link_, cache, state_, now),
-          bus_bridge_(link_, state_, notify_cloud),
+          bus_bridge_(link_, state_, objects, notify_cloud),
           dispatcher_({cache, state_, beacons_, bus_bridge_}, link_, negotiation_, reports_) {}
 
     link_state state_;
@@ -31,9 +31,9 @@ struct client::modules {
     dispatcher dispatcher_;
 };
 
-client::client(task_queue &tasks, platform::cache &cache, wall_clock now, options where,
-               callback<void(const std::string &)> notify_cloud)
-    : modules_(std::make_unique<modules>(tasks, cache, now, std::move(where), notify_cloud)) {}
+client::client(task_queue &tasks, platform::cache &cache, platform::object_watch &objects, wall_clock now,
+               options where, callback<void(const std::string &)> notify_cloud)
+    : modules_(std::make_unique<modules>(tasks, cache, objects, now, std::move(where), notify_cloud)) {}
 
 // While the modules are there that the connection tells of its end; after its own end it would find none.
 client::~client() {
@@ -42,6 +42,10 @@ client::~client() {
 
 void client::set_sync(bool on) {
     modules_->state_.sync_on = on;
+}
+
+bool client::sync_is_on() const {
+    return modules_->state_.sync_on;
 }
 
 void client::sync_turned_on() {

@@ -26,6 +26,7 @@
 #include "base/json.h"
 #include "base/task_queue.h"
 #include "platform/cache.h"
+#include "platform/subscription.h"
 
 namespace arvok::gateway {
 
@@ -43,13 +44,14 @@ class client {
   public:
     /// `notify_cloud` is handed the notifications of those bus objects that the cloud subscribed to. The
     /// cache has a device record when the link starts.
-    client(task_queue &tasks, platform::cache &cache, wall_clock now, options where,
-           callback<void(const std::string &notification)> notify_cloud);
+    client(task_queue &tasks, platform::cache &cache, platform::object_watch &objects, wall_clock now,
+           options where, callback<void(const std::string &notification)> notify_cloud);
     /// Disconnects, and ends the subscriptions to bus objects without telling anybody any more.
     ~client();
 
     /// Gateway sync, as the platform's switch says.
     void set_sync(bool on);
+    bool sync_is_on() const;
     /// The switch has been turned on: besides, the link starts over on the loop's next turn.
     void sync_turned_on();
 

@@ -53,8 +53,9 @@ struct ubus_context *qzcap_get_ubus_context(void);
 uint32_t qzcap_get_objid_by_id(int number);
 /// The bus id of a bus object by its name; 0 when absent from the bus.
 uint32_t qzcap_get_objid_by_name(const char *name);
-/// Registers the subscriber (its `cb` must be set), which is lent until the subscription ends, and subscribes
-/// it to the object `id`.
+/// Registers the subscriber (its `cb` must be set, `remove_cb` may be), which is lent until the subscription
+/// ends, and subscribes it to the object `id`. On failure it is not registered. Once its subscription has
+/// ended the same one may be subscribed again.
 int qzcap_ubus_subscribe(struct ubus_subscriber *subscriber, uint32_t id);
 /// Ends the subscription to `id` and unregisters the subscriber, also when `id` is not subscribed or is gone.
 int qzcap_ubus_unsubscribe(struct ubus_subscriber *subscriber, uint32_t id);

@@ -3,7 +3,6 @@
 #include "base/log.h"
 
 extern "C" {
-#include <libubox/list.h>
 #include <libubox/uloop.h>
 }
 
@@ -33,29 +32,6 @@ std::uint32_t object_id(const std::string &name) {
 
 std::uint32_t object_id(qzcap_object number) {
     return qzcap_get_objid_by_id(number);
-}
-
-subscription::subscription(handler notified) : notified_(notified), subscriber_(*this) {
-    subscriber_.cb = [](ubus_context *, ubus_object *object, ubus_request_data *, const char *method,
-                        blob_attr *message) {
-        subscription &to = owner_of<subscription>(container_of(object, ubus_subscriber, obj));
-        return to.notified_(method ? method : "", message);
-    };
-}
-
-subscription::~subscription() {
-    if (started_)
-        stop(0);
-}
-
-bool subscription::start(std::uint32_t object) {
-    started_ = qzcap_ubus_subscribe(&subscriber_, object) >= 0;
-    return started_;
-}
-
-bool subscription::stop(std::uint32_t object) {
-    started_ = false;
-    return qzcap_ubus_unsubscribe(&subscriber_, object) >= 0;
 }
 
 namespace {

@@ -5,7 +5,7 @@ import os
 import time
 import unittest
 
-from desk import LinkedCase, UnkeyedCase, call
+from desk import LinkedCase, UnkeyedCase, call, wait_until
 
 LAN = 5
 ARGUMENTS = {"text": "ä\n\"", "number": 7, "big": 123456789012345, "negative": -1, "fraction": 1.5, "yes": True,
@@ -201,20 +201,54 @@ class Subscriptions(BridgeCase):
         self.assertEqual(self.subscribe(longest + "X", 0), (10004, "qzcap_ubus_subscribe failed: " + longest))
         self.assertEqual(self.subscribe(longest + "X"), (0, ""))
 
-    def test_object_that_disappears(self):
-        self.link()
-        process = self.publish("even")
-        self.assertEqual(self.subscribe("even"), (0, ""))
+    def come_back(self, process, name):
         process.terminate()
         process.wait()
+        return self.publish(name)
+
+    def wait_for_subscriber(self, obj):
+        wait_until(lambda: call(obj, "heard")["heard"], "a subscriber of %s" % obj, 5)
+
+    def test_object_that_disappears(self):
+        self.link()
+        odd, even = self.publish("odd"), self.publish("even")
+        for obj in ("odd", "even"):
+            self.assertEqual(self.subscribe(obj), (0, ""))
+        even.terminate()
+        even.wait()
         self.assertEqual(self.subscribe("even"), (10002, "object 'even' is subscribed"))
-        # A new object of the same name is another one: the old subscription has to be given up first.
-        self.publish("even")
-        self.notified("even", "lost", {})
+        even = self.publish("even")
+        self.wait_for_subscriber("even")
+        self.notified("even", "back", {})
+        self.assertEqual(self.told(), [("even", "back", {})])
+        # What is given up while it is away stays away, though another one comes back.
+        even.terminate()
+        even.wait()
         self.assertEqual(self.subscribe("even", 0), (10004, "qzcap_ubus_subscribe failed: even"))
+        self.assertEqual(self.subscribe("even"), (10004, "qzcap_ubus_subscribe failed: even"))
+        self.publish("even")
+        self.come_back(odd, "odd")
+        self.wait_for_subscriber("odd")
+        self.notified("even", "unheard", {})
+        self.notified("odd", "heard", {})
+        self.assertEqual(self.told(), [("odd", "heard", {})])
         self.assertEqual(self.subscribe("even"), (0, ""))
-        self.notified("even", "heard", {})
-        self.assertEqual(self.told(), [("even", "heard", {})])
+
+    def test_object_that_comes_and_goes(self):
+        agent = self.link()
+        self.subscribe("qzcapd.laninfo")
+        work = lambda: (len(os.listdir("/proc/%d/fd" % agent.process.pid)), sum(
+            int(n) for n in open("/proc/%d/stat" % agent.process.pid).read().split()[13:15]))
+        process = self.publish("odd")
+        self.assertEqual(self.subscribe("odd"), (0, ""))
+        descriptors, ticks = work()
+        for _ in range(50):
+            process = self.come_back(process, "odd")
+        self.wait_for_subscriber("odd")
+        self.notified("odd", "still", {})
+        self.assertEqual(self.told(), [("odd", "still", {})])
+        self.assertEqual(work()[0], descriptors)
+        self.assertLess((work()[1] - ticks) / os.sysconf("SC_CLK_TCK"), 1)
 
     def test_subscriptions_outlive_the_connection(self):
         agent = self.link()

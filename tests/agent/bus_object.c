@@ -83,11 +83,20 @@ static int notify(struct ubus_context *ctx, struct ubus_object *obj, struct ubus
     return ubus_notify(ctx, obj, blobmsg_get_string(tb[METHOD]), buf.head, -1);
 }
 
+/* Tells whether anybody would hear a notification. */
+static int heard(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
+                 const char *method, struct blob_attr *msg) {
+    (void)method, (void)msg;
+    blob_buf_init(&buf, 0);
+    blobmsg_add_u8(&buf, "heard", obj->has_subscribers);
+    return ubus_send_reply(ctx, req, buf.head);
+}
+
 static const struct ubus_method methods[] = {
     UBUS_METHOD_NOARG("echo", echo),     UBUS_METHOD_NOARG("quiet", quiet),
     UBUS_METHOD_NOARG("refuse", refuse), UBUS_METHOD_NOARG("deep", deep),
     UBUS_METHOD_NOARG("hang", hang),     UBUS_METHOD_NOARG("vanish", vanish),
-    UBUS_METHOD_NOARG("notify", notify),
+    UBUS_METHOD_NOARG("notify", notify), UBUS_METHOD_NOARG("heard", heard),
 };
 static struct ubus_object_type type = UBUS_OBJECT_TYPE("bus_object", methods);
 

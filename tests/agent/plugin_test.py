@@ -244,7 +244,7 @@ class Parameters(PluginCase):
 
     def test_the_bus_through_the_cloud(self):
         self.wait_for_message("dev_report")
-        self.publish("odd")
+        process = self.publish("odd")
         answer = self.params({"type": "ubus_call", "object": "odd", "method": "echo", "message": {"a": 1}})
         self.assertEqual((answer["type"], answer["errcode"], answer["data"]), ("ubus_result", 0, {"a": 1}))
         subscribe = lambda enable: {"type": "ubus_subscribe", "object": "odd", "enable": enable}
@@ -264,12 +264,21 @@ class Parameters(PluginCase):
                          ["ubus_notify", "odd", "m", {"b": 2}])
         self.wait_for_message("ubus_notify")
 
+        # Both hear it still when it has been away.
+        process.terminate()
+        process.wait()
+        self.publish("odd")
+        wait_until(lambda: call("odd", "heard")["heard"], "a subscriber", 5)
+        call("odd", "notify", {"method": "m", "message": {}})
+        wait_until(lambda: len(self.heard("PluginNotification")) == 2, "the cloud is told")
+        self.wait_for_message("ubus_notify", 2)
+
         # Each gives up its own subscription only, and waits for no acknowledgement of what it was told.
         self.assertEqual(self.acknowledged(subscribe(0)), {"errcode": 0, "errmsg": ""})
         call("odd", "notify", {"method": "m", "message": {}})
-        self.wait_for_message("ubus_notify", 2)
+        self.wait_for_message("ubus_notify", 3)
         self.ask("ListPlugin")
-        self.assertEqual(len(self.heard("PluginNotification")), 1)
+        self.assertEqual(len(self.heard("PluginNotification")), 2)
         self.assertEqual(self.told()[2]["ack"], -1)
 
 

@@ -40,9 +40,24 @@ class OwnDevice(LinkedCase):
             process.kill()
             process.wait()
 
+    def stop_platform(self):
+        self.platform.kill()
+        self.platform.wait()
+
+    def restart_platform(self, **changes):
+        """What the records have become meanwhile, nobody is told."""
+        state = self.own("qzcapd.emulator", "state", {})
+        self.stop_platform()
+        for record, members in changes.items():
+            state[record].update(members)
+        with open(self.state_file, "w") as out:
+            out.write(json.dumps(state))
+        self.start_platform()
+
     def own(self, obj, method, args):
-        subprocess.run(["ubus", "call", obj, method, json.dumps(args)], env=self.env, check=True,
-                       stdout=subprocess.DEVNULL)
+        out = subprocess.run(["ubus", "call", obj, method, json.dumps(args)], env=self.env, check=True,
+                             stdout=subprocess.PIPE).stdout
+        return json.loads(out or "null")
 
     def notified(self, status):
         """Whether a notification of the platform reaches the gateway. A request follows it through the agent."""
@@ -53,17 +68,16 @@ class OwnDevice(LinkedCase):
         self.control()
         return any(message["status"].get("status") == status for message in self.received("wan_report"))
 
-    def linked(self):
+    def linked(self, *args):
         self.forget()
-        self.agent = self.start("-g", os.environ["GATEWAY_ADDR"], env=self.env)
+        self.agent = self.start("-g", os.environ["GATEWAY_ADDR"], *args, env=self.env)
         self.wait_for_message("dev_report")
 
     def test_platform_that_restarts(self):
         self.linked()
         self.assertTrue(self.notified("before"))
         connections = self.peer()["connections"]
-        self.platform.kill()
-        self.platform.wait()
+        self.stop_platform()
         # What needs the platform says so, what does not is answered as ever.
         self.assertEqual(self.status("terminalNum", "arvokstat"),
                          (10004, {"terminalNum": {"errmsg": "qzcap_get_terminalnum failed"},
@@ -78,12 +92,39 @@ class OwnDevice(LinkedCase):
         self.assertEqual(self.control({"command": "channelscan"}), (0, ""))
         self.assertEqual(self.cfg(wpsswitch={"status": "ON"}), (0, ""))
         self.assertEqual(self.peer()["connections"], connections)
-        # It is called as before, but whoever subscribed to it has to do so again, and the agent does when it starts.
-        self.assertFalse(self.notified("behind"))
-        self.assertEqual(self.agent.stop(), 0)
-        wait_until(lambda: not self.peer()["connected"], "the connection closed")
-        self.linked()
-        self.assertTrue(self.notified("afterwards"))
+        # Its objects have other ids now, and the agent has subscribed to those.
+        wait_until(lambda: self.notified("behind"), "the WAN's notifications", 5)
+        for patch, report in (({"laninfo": {PHONE: {"active": 0}}}, "dev_report"), ({"mesh": {"role": "agent"}}, "map_report")):
+            self.forget()
+            self.own("qzcapd.emulator", "patch", {"patch": patch})
+            self.wait_for_message(report)
+        # Other apps reach the agent as before.
+        answer = self.own("qzcapd.emulator", "app", {"message": {"CmdType": "GET_STATUS"}})
+        self.assertIn("arvokclt", json.dumps(answer))
+        self.assertEqual(self.peer()["connections"], connections)
+
+    def test_changes_while_the_platform_is_away(self):
+        self.linked("-d")
+        cloud = lambda: call("lab.cloud", "peer")
+        wait_until(lambda: cloud()["state"] == "connected", cloud)
+        # Rules of hosts, which a new platform does not know.
+        access = lambda: self.own("qzcapd.emulator", "state", {})["laninfo"][DESK]["internetaccess"]
+        self.own("qzapp.arvokclt", "postmsg", {"CmdType": "SET_LANHOST_INTERNET",
+                                               "Info": [{"MAC": DESK, "InternetAccess": "0"}]})
+        wait_until(lambda: access() == 0, "the host's access")
+        host = self.own("qzcapd.emulator", "state", {})["laninfo"][DESK]
+        self.restart_platform(laninfo={DESK: {**host, "internetaccess": 2}}, waninfo={"status": "down"},
+                              wifi_switch={"arvoksync": "off"})
+        wait_until(lambda: access() == 0, "the host's access", 5)
+        wait_until(lambda: not cloud()["connected"], cloud, 5)
+        wait_until(lambda: self.cfg(ledswitch={"status": "ON"}) == (10003, "arvoksync is off"), "sync is off", 5)
+        connections = self.peer()["connections"]
+        self.forget()
+        self.restart_platform(waninfo={"status": "up"}, wifi_switch={"arvoksync": "on"})
+        wait_until(lambda: self.peer()["connections"] == connections + 1, "the link starts over")
+        self.wait_for_message("dev_report")
+        self.assertEqual(self.cfg(ledswitch={"status": "ON"}), (0, ""))
+        wait_until(lambda: cloud()["state"] == "connected", cloud)
 
     def lose_bus(self, agent):
         self.bus.kill()
