@@ -82,8 +82,8 @@ bool is_in_range(const host_schedule &host, const rule_instant &at) {
     for (const schedule_rule &rule : host.rules) {
         if (!holds(rule, at))
             continue;
-        log_printf("_now_in_range (%d): extcc mac %s, now %d, inrange (%u/%s/%s)\n", __LINE__,
-                   host.mac.c_str(), static_cast<int>(at.now), rule.mode, rule.start.c_str(),
+        log_printf("_now_in_range (%d): extcc mac %s, now %lld, inrange (%u/%s/%s)\n", __LINE__,
+                   host.mac.c_str(), static_cast<long long>(at.now), rule.mode, rule.start.c_str(),
                    rule.end.c_str());
         return true;
     }
@@ -102,9 +102,9 @@ int seconds_to_next_check(const std::list<host_schedule> &hosts, const rule_inst
                 delay = own;
             if (at.now == day.start || at.now == day.end)
                 delay = 1;
-            log_printf("_get_next_action (%d): extcc %s now %d (%d - %d) min %ds\n", __LINE__,
-                       host.mac.c_str(), static_cast<int>(at.now), static_cast<int>(day.start),
-                       static_cast<int>(day.end), static_cast<int>(delay));
+            log_printf("_get_next_action (%d): extcc %s now %lld (%lld - %lld) min %ds\n", __LINE__,
+                       host.mac.c_str(), static_cast<long long>(at.now), static_cast<long long>(day.start),
+                       static_cast<long long>(day.end), static_cast<int>(delay));
         }
     }
     return static_cast<int>(delay);

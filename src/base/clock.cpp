@@ -30,8 +30,8 @@ bool keeps_utc(std::time_t t) {
     localtime_r(&t, &local);
     gmtime_r(&t, &utc);
     const bool same = local.tm_hour == utc.tm_hour;
-    log_printf("now %d, local hour %d, gm hour %d, need offset %d", static_cast<int>(t), local.tm_hour,
-               utc.tm_hour, same);
+    log_printf("now %lld, local hour %d, gm hour %d, need offset %d", static_cast<long long>(t),
+               local.tm_hour, utc.tm_hour, same);
     return same;
 }
 

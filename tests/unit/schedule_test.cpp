@@ -141,6 +141,19 @@ TEST(Schedule, AgreesWithALookAtEveryMinute) {
     }
 }
 
+TEST(Schedule, TheLogTellsTimesPast2038) {
+    const std::list<host_schedule> hosts{{"02C0FFEE0002", not_evaluated, {rule(0, "11:14", "11:15")}}};
+    setenv("TZ", "UTC0", 1);
+    ::testing::internal::CaptureStderr();
+    const rule_instant at = rule_instant_at(2147483648, keeps_utc(2147483648));
+    EXPECT_TRUE(is_in_range(hosts.front(), at));
+    EXPECT_EQ(seconds_to_next_check(hosts, at), 52);
+    const std::string log = ::testing::internal::GetCapturedStderr();
+    for (const char *part :
+         {"now 2147483648, local", "now 2147512448, inrange", "now 2147512448 (2147512440 - 2147512500)"})
+        EXPECT_NE(log.find(part), std::string::npos) << part << " in " << log;
+}
+
 TEST(Schedule, TheGuestNetworkFollowsItsTimes) {
     const struct {
         guest_schedule schedule;
