@@ -25,7 +25,7 @@ TIDIED = $(shell git ls-files 'src/*.cpp' 'lab/*.cpp')
 # The tests of what runs on threads, or hands over to one.
 THREAD_TESTS = task_queue_test cloud_test
 
-.PHONY: all run test check-plain check-sanitized sanitized check-thread arm check-format format lint bench soak fuzz mutants clean
+.PHONY: all run test check-plain check-sanitized sanitized check-thread arm arm-boot check-format format lint bench soak fuzz mutants clean
 
 # configure FOLDER OPTION...: shows what CMake has to say only when it fails.
 configure = cmake -S . -B $(1) $(2) >$(1).log 2>&1 || { cat $(1).log; exit 1; }; rm -f $(1).log
@@ -73,6 +73,14 @@ arm:
 	+@$(build) BUILD=$(ARM) CMAKE_ARGS=-DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/armhf.cmake TARGETS=all
 	$(CTEST) -j 3 --test-dir $(ARM)
 	ARVOK_BIN=$(abspath $(ARM))/emulated/bin lab/home -- lab/tour </dev/null
+
+# The agent and its home on a real 32-bit ARM kernel, in a virtual machine.
+arm-boot:
+	@tools/setup.sh g++-arm-linux-gnueabihf qemu-user qemu-system-arm cpio
+	@tools/sysroot.sh armhf $(abspath $(ARM))/sysroot
+	@tools/sysroot.sh armhf $(abspath $(ARM))/kernel linux-image-armmp busybox-static
+	+@$(build) BUILD=$(ARM) CMAKE_ARGS=-DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/armhf.cmake TARGETS='desk arvok-bare'
+	@lab/arm-boot $(abspath $(ARM))
 
 check-format:
 	@tools/setup.sh format

@@ -55,7 +55,7 @@ class record_list {
     Record &operator[](std::size_t at) const { return *records_[at]; }
 
   private:
-    static constexpr unsigned int long_list = 256;
+    static constexpr unsigned int long_list = 32;
 
     void swap(record_list &other) {
         std::swap(count_, other.count_);
