@@ -202,7 +202,7 @@ class Subscriptions(BridgeCase):
         self.assertEqual(self.subscribe(longest + "X"), (0, ""))
 
     def come_back(self, process, name):
-        process.terminate()
+        process.kill()
         process.wait()
         return self.publish(name)
 
@@ -214,7 +214,7 @@ class Subscriptions(BridgeCase):
         odd, even = self.publish("odd"), self.publish("even")
         for obj in ("odd", "even"):
             self.assertEqual(self.subscribe(obj), (0, ""))
-        even.terminate()
+        even.kill()
         even.wait()
         self.assertEqual(self.subscribe("even"), (10002, "object 'even' is subscribed"))
         even = self.publish("even")
@@ -222,7 +222,7 @@ class Subscriptions(BridgeCase):
         self.notified("even", "back", {})
         self.assertEqual(self.told(), [("even", "back", {})])
         # What is given up while it is away stays away, though another one comes back.
-        even.terminate()
+        even.kill()
         even.wait()
         self.assertEqual(self.subscribe("even", 0), (10004, "qzcap_ubus_subscribe failed: even"))
         self.assertEqual(self.subscribe("even"), (10004, "qzcap_ubus_subscribe failed: even"))
@@ -237,8 +237,12 @@ class Subscriptions(BridgeCase):
     def test_object_that_comes_and_goes(self):
         agent = self.link()
         self.subscribe("qzcapd.laninfo")
-        work = lambda: (len(os.listdir("/proc/%d/fd" % agent.process.pid)), sum(
-            int(n) for n in open("/proc/%d/stat" % agent.process.pid).read().split()[13:15]))
+
+        def work():
+            with open("/proc/%d/stat" % agent.process.pid) as stat:
+                ticks = sum(int(n) for n in stat.read().rpartition(")")[2].split()[11:13])
+            return len(os.listdir("/proc/%d/fd" % agent.process.pid)), ticks
+
         process = self.publish("odd")
         self.assertEqual(self.subscribe("odd"), (0, ""))
         descriptors, ticks = work()

@@ -265,7 +265,7 @@ class Parameters(PluginCase):
         self.wait_for_message("ubus_notify")
 
         # Both hear it still when it has been away.
-        process.terminate()
+        process.kill()
         process.wait()
         self.publish("odd")
         wait_until(lambda: call("odd", "heard")["heard"], "a subscriber", 5)
