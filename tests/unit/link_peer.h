@@ -79,7 +79,7 @@ class Link : public ::testing::Test {
         tasks_.reset();
         tasks_.emplace();
         agent_.emplace(
-            *tasks_, cache_, [] { return std::time_t{0}; }, where, arvok::bind<&Link::hear>(*this));
+            *tasks_, cache_, objects_, [] { return std::time_t{0}; }, where, arvok::bind<&Link::hear>(*this));
     }
 
     void accept_one() {
@@ -190,6 +190,7 @@ class Link : public ::testing::Test {
     std::string inbox_, heard_;
     std::optional<lab::LinkKey> key_;
     platform::cache cache_;
+    platform::object_watch objects_;
     std::optional<task_queue> tasks_;
     std::optional<client> agent_;
 };
