@@ -46,11 +46,12 @@ int qzcap_vsie_beacontx_action(std::int32_t, const char *, char **) {
     return 0;
 }
 
+// On the bus are "a" and "b".
 std::uint32_t qzcap_get_objid_by_name(const char *name) {
     around.looked_up += std::string(name) + " ";
     if (around.ends_at_lookup)
         uloop_end();
-    return around.ends_at_lookup ? 0 : 1;
+    return around.ends_at_lookup || name[1] != '\0' ? 0 : 1;
 }
 
 int ubus_register_event_handler(ubus_context *, ubus_event_handler *, const char *) {
