@@ -146,8 +146,12 @@ int on_notification(ubus_context *, ubus_object *, ubus_request_data *, const ch
     return 0;
 }
 
-/// The app manager has gone, and with it everything that it was about to do.
-void on_manager_gone(ubus_context *, ubus_subscriber *, std::uint32_t) {
+/// The app manager has gone, and with it everything that it was about to do. The news may be late: a new one
+/// may be at work already.
+void on_manager_gone(ubus_context *, ubus_subscriber *, std::uint32_t id) {
+    if (id != installations.manager) {
+        return;
+    }
     installations.manager = 0;
     for (const auto &installation : installations.under_way) {
         end_soon(*installation, nullptr);
@@ -162,7 +166,13 @@ bool listen_to_manager(const char *object) {
     }
     installations.subscriber.cb = on_notification;
     installations.subscriber.remove_cb = on_manager_gone;
-    if (id == 0 || qzcap_ubus_subscribe(&installations.subscriber, id) != 0) {
+    if (id == 0) {
+        return false;
+    }
+    if (installations.manager != 0) {
+        on_manager_gone(nullptr, nullptr, installations.manager);
+    }
+    if (qzcap_ubus_subscribe(&installations.subscriber, id) != 0) {
         return false;
     }
     installations.manager = id;

@@ -127,6 +127,18 @@ TEST_F(Installing, GivesTheDeviceAnAppWithItsFilesAndAnUpdateReplacesThem) {
     EXPECT_THAT(listing("apps/qzcap/apps/opkg/packages"), ElementsAre());
 }
 
+TEST_F(Installing, EndsWithThePlatformThatItWasBegunOn) {
+    Outcome old, later;
+    emulator("fail", R"({"call":"qzcap_install_app","completion":true,"mode":"timeout"})");
+    ASSERT_EQ(start(package("mkapp radio 2.0"), &old), 0);
+    stop_platform();
+    start_platform(HOME_STATE);
+    // The news of the old one's end are still to be read.
+    ASSERT_EQ(start(package("mkapp radio 2.0"), &later), 0);
+    EXPECT_EQ(outcome_of(later), R"({"result":0,"name":"radio","version":"2.0"})");
+    EXPECT_EQ(outcome_of(old), "(none)");
+}
+
 /// What cannot be installed, and what the caller is told.
 TEST_F(Installing, RefusesWhatIsNoAppOfThisDevice) {
     const std::string good = "Package: p\\nVersion: 1\\n";
