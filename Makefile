@@ -19,17 +19,29 @@ CMAKE_ARGS ?=
 TARGETS    ?= desk
 TESTS      ?= $(if $(filter-out desk arvokclt qzcapd ubusd ubus_command lab-gateway lab-cloud,$(TARGETS)),ON)
 
+# Where the loop and bus libraries of a device are, and what is built against them. QUICK: only what depends on them most.
+PREFIX     ?=
+QUICK      ?=
+SYSTEM     ?= $(BUILD)-system-$(notdir $(abspath $(PREFIX)))
+
 CTEST  = ctest --output-on-failure --no-tests=error -j 6
 CODE   = git ls-files '*.cpp' '*.c' '*.h'
 TIDIED = $(shell git ls-files 'src/*.cpp' 'lab/*.cpp')
 # The tests of what runs on threads, or hands over to one.
 THREAD_TESTS = task_queue_test cloud_test
 
-.PHONY: all run test check-plain check-sanitized sanitized check-thread arm arm-boot check-format format lint bench soak fuzz mutants clean
+# The tests that see most of the bus, and what they need.
+BUS_TESTS   = ^(bus_test$$|agent\.|faults\.)
+BUS_TARGETS = desk bus_test bus_object trace_calls fail_calls lab_timers
+
+.PHONY: all run test check-plain check-sanitized sanitized check-thread arm check-system system bundled \
+	check-own-bus check-bundled-on-theirs check-theirs-on-bundled arm-boot check-format format lint bench soak fuzz mutants clean
 
 # configure FOLDER OPTION...: shows what CMake has to say only when it fails.
 configure = cmake -S . -B $(1) $(2) >$(1).log 2>&1 || { cat $(1).log; exit 1; }; rm -f $(1).log
 build     = $(MAKE) --no-print-directory all
+# tour FOLDER: the tour with the programs of a build.
+tour      = ARVOK_BIN=$(abspath $(1))/bin lab/home -- lab/tour </dev/null
 
 all:
 	@tools/setup.sh desk $(if $(TESTS),tests) $(PACKAGES)
@@ -50,11 +62,11 @@ test: check-format
 
 check-plain:
 	$(CTEST) --test-dir $(BUILD)
-	ARVOK_BIN=$(abspath $(BUILD))/bin lab/home -- lab/tour </dev/null
+	$(call tour,$(BUILD))
 
 check-sanitized:
 	$(CTEST) --test-dir $(SANITIZED)
-	ARVOK_BIN=$(abspath $(SANITIZED))/bin lab/home -- lab/tour </dev/null
+	$(call tour,$(SANITIZED))
 
 sanitized:
 	+@$(build) BUILD=$(SANITIZED) BUILD_TYPE=Debug CMAKE_ARGS=-DARVOK_SANITIZE=ON TARGETS=all
@@ -72,7 +84,36 @@ arm:
 	@tools/sysroot.sh armhf $(abspath $(ARM))/sysroot
 	+@$(build) BUILD=$(ARM) CMAKE_ARGS=-DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/armhf.cmake TARGETS=all
 	$(CTEST) -j 3 --test-dir $(ARM)
-	ARVOK_BIN=$(abspath $(ARM))/emulated/bin lab/home -- lab/tour </dev/null
+	$(call tour,$(ARM)/emulated)
+
+# Everything against the loop and bus libraries of a device, which are installed under PREFIX with their daemon and command: all
+# tests and the tour on that bus. Then either side of the bus with the bundled other one. QUICK=yes leaves out the crossing, and of
+# the tests all but those of bus, agent and faults.
+check-system:
+	@test -x '$(PREFIX)/sbin/ubusd' -a -x '$(PREFIX)/bin/ubus' -a -e '$(PREFIX)/lib/libubus.so' || \
+		{ echo 'make check-system PREFIX=DIR: libubox, libubus, ubusd and ubus as they are installed under DIR'; exit 1; }
+	+@$(MAKE) --no-print-directory system
+	+@$(MAKE) --no-print-directory -k check-own-bus $(if $(QUICK),,check-bundled-on-theirs check-theirs-on-bundled)
+
+# What an earlier PREFIX of the same name has left is looked for anew.
+system:
+	+@$(build) BUILD=$(SYSTEM) TARGETS='$(if $(QUICK),$(BUS_TARGETS),all)' TESTS=ON \
+		CMAKE_ARGS='-ULIBUBOX_* -ULIBUBUS_* -ULIBBLOBMSG_* -DARVOK_LIBUBOX=system -DCMAKE_PREFIX_PATH=$(abspath $(PREFIX))'
+
+bundled:
+	+@$(build) TARGETS='$(BUS_TARGETS)' TESTS=ON CMAKE_ARGS=-DARVOK_LIBUBOX=bundled
+
+check-own-bus:
+	ARVOK_BUS=$(abspath $(PREFIX)) $(CTEST) --test-dir $(SYSTEM) $(if $(QUICK),-R '$(BUS_TESTS)')
+	$(if $(QUICK),,ARVOK_BUS=$(abspath $(PREFIX)) $(call tour,$(SYSTEM)))
+
+check-bundled-on-theirs: bundled
+	ARVOK_BUS=$(abspath $(PREFIX)) $(CTEST) --test-dir $(BUILD) -R '$(BUS_TESTS)'
+	ARVOK_BUS=$(abspath $(PREFIX)) $(call tour,$(BUILD))
+
+check-theirs-on-bundled: bundled
+	ARVOK_BUS=$(abspath $(BUILD)) $(CTEST) --test-dir $(SYSTEM) -R '$(BUS_TESTS)'
+	ARVOK_BUS=$(abspath $(BUILD)) $(call tour,$(SYSTEM))
 
 # The agent and its home on a real 32-bit ARM kernel, in a virtual machine.
 arm-boot:
@@ -129,4 +170,4 @@ mutants:
 	@tests/mutants/run --folder $(abspath $(MUTATED)) --count $(N) --seed $(SEED) $(ARGS)
 
 clean:
-	rm -rf $(BUILD) $(SANITIZED) $(THREADED) $(ARM) $(FUZZED) $(LINTED) $(MUTATED)
+	rm -rf $(BUILD) $(BUILD)-system-* $(SANITIZED) $(THREADED) $(ARM) $(FUZZED) $(LINTED) $(MUTATED)

@@ -48,7 +48,8 @@ class Messages(AgentCase):
     def test_the_other_slots_are_not_offered(self):
         for method in ("start", "stop", "restore"):
             done = subprocess.run(["ubus", "call", "qzapp.arvokclt", method, json.dumps({})], capture_output=True)
-            self.assertEqual((done.returncode, done.stderr), (3, b"Command failed: Method not found\n"))
+            self.assertNotEqual(done.returncode, 0)
+            self.assertIn(b"Method not found", done.stderr)
 
 
 if __name__ == "__main__":

@@ -253,7 +253,7 @@ Bus::Bus() {
 
     EXPECT_NE(mkdtemp(name), nullptr);
     directory = name;
-    socket = directory + "/run/ubus.sock";
+    socket = directory + "/ubus.sock";
     EXPECT_EQ(uloop_init(), 0);
     start_daemon();
 }

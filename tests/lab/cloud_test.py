@@ -5,7 +5,7 @@ import json
 import unittest
 
 from cloud_device import Device, frame, line, rsa
-from peer_case import PeerCase
+from peer_case import PeerCase, reason
 from wire import Ended
 
 MAC = "025A10000001"
@@ -108,7 +108,7 @@ class CloudTest(PeerCase):
         self.assertEqual(device.connect()["Result"], 0)
 
         self.call("forget", {"mac": MAC})
-        self.assertEqual(self.refused("forget", {"mac": MAC}), "Command failed: Not found")
+        self.assertEqual(self.refused("forget", {"mac": MAC}), "Not found")
         self.assertEqual(self.device(identity=device.identity).enrol()["Result"], -2)
 
     def test_notifications(self):
@@ -183,20 +183,20 @@ class CloudTest(PeerCase):
 
     def test_request_without_an_answer(self):
         for method, argument in (("request", {"RPCMethod": "Run"}), ("send", {"RPCMethod": "Run"}), ("raw", {"hex": "00"})):
-            self.assertEqual(self.refused(method, argument), "Command failed: Not found")
+            self.assertEqual(self.refused(method, argument), "Not found")
         device = self.device()
         device.challenge()
-        self.assertEqual(self.refused("request", {"RPCMethod": "Run"}), "Command failed: Not found", "no key yet")
+        self.assertEqual(self.refused("request", {"RPCMethod": "Run"}), "Not found", "no key yet")
         device.enrol()
         self.assertEqual(self.refused("request", {"message": {"RPCMethod": "Run"}, "timeout": 50}),
-                         "Command failed: Request timed out")
+                         "Request timed out")
         self.assertEqual(self.refused("request", {"message": {"RPCMethod": "Run"}, "mac": "0A0B0C0D0E0F"}),
-                         "Command failed: Not found")
+                         "Not found")
         waiting = self.started("request", {"RPCMethod": "Run"})
         device.receive()
         device.receive()
         device.socket.close()
-        self.assertEqual(waiting.communicate(timeout=4)[1].strip(), "Command failed: Not found")
+        self.assertEqual(reason(waiting.communicate(timeout=4)[1]), "Not found")
 
         with self.device(enrolled=True):
             self.all_invalid(("request", {"message": {"RPCMethod": "Run"}, "timeout": 0}))

@@ -4,7 +4,7 @@ import json
 import unittest
 
 from access_point import MAGIC, SAFE_PRIME, SHORT_PRIME, AccessPoint, aes, frame, to_text
-from peer_case import PeerCase
+from peer_case import PeerCase, reason
 from wire import Ended
 
 GATEWAY_MAC = "0A0B0C0D0E0F"
@@ -109,18 +109,18 @@ class GatewayTest(PeerCase):
             self.assertEqual((process.returncode, json.loads(out or "null")), (0, replies[kind]), errors)
 
     def test_request_without_an_answer(self):
-        self.assertEqual(self.refused("request", {"type": "cfg"}), "Command failed: Not found")
-        self.assertEqual(self.refused("send", {"type": "cfg"}), "Command failed: Not found")
-        self.assertEqual(self.refused("raw", {"hex": "00"}), "Command failed: Not found")
+        self.assertEqual(self.refused("request", {"type": "cfg"}), "Not found")
+        self.assertEqual(self.refused("send", {"type": "cfg"}), "Not found")
+        self.assertEqual(self.refused("raw", {"hex": "00"}), "Not found")
         point = self.connect()
         self.assertEqual(
-            self.refused("request", {"message": {"type": "cfg"}, "timeout": 50}), "Command failed: Request timed out"
+            self.refused("request", {"message": {"type": "cfg"}, "timeout": 50}), "Request timed out"
         )
         waiting = self.started("request", {"type": "cfg"})
         point.receive()
         point.receive()
         point.socket.close()
-        self.assertEqual(waiting.communicate(timeout=4)[1].strip(), "Command failed: Not found")
+        self.assertEqual(reason(waiting.communicate(timeout=4)[1]), "Not found")
 
         with self.connect():
             self.all_invalid(("request", {"sequence": 1}), ("send", {"message": {"type": "cfg"}, "split": 0}),
@@ -144,7 +144,7 @@ class GatewayTest(PeerCase):
         plain = self.connect(negotiated=False)
         plain.ask_for_key()
         self.assertEqual(
-            self.refused("send", {"message": {"type": "cfg"}, "encrypt": True}), "Command failed: Invalid argument"
+            self.refused("send", {"message": {"type": "cfg"}, "encrypt": True}), "Invalid argument"
         )
         self.call("send", {"type": "to_the_newest"})
         self.assertEqual(plain.receive()["type"], "to_the_newest")

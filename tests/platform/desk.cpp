@@ -16,6 +16,7 @@
 #include <sstream>
 
 #include "../bus/programs.h"
+#include "../loop.h"
 
 extern "C" {
 #include <libubox/blobmsg_json.h>
@@ -233,7 +234,7 @@ bool Desk::run_until(const std::function<bool()> &condition) {
         if (Clock::now() > deadline) {
             return false;
         }
-        uloop_run_timeout(100);
+        run_loop_for(100);
     }
     return true;
 }

@@ -14,6 +14,7 @@
 #include <map>
 #include <mutex>
 
+#include "../loop.h"
 #include "base/crypto.h"
 #include "base/text.h"
 #include "cloud/cloud.h"
@@ -209,13 +210,13 @@ class Cloud : public ::testing::Test {
         for (int turns = 0; turns < 2000; turns++) {
             if (done())
                 return;
-            uloop_run_timeout(1);
+            run_loop_for(1);
         }
         FAIL() << "did not happen; log so far:\n" << log_text();
     }
     static void turn() {
         for (int i = 0; i < 3; i++)
-            uloop_run_timeout(1);
+            run_loop_for(1);
     }
     void expect_log(const std::string &line) {
         pump([&] { return contains(log_text(), line); });

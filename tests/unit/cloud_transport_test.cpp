@@ -130,7 +130,7 @@ TEST_F(Cloud, WhatWaitsToBeSentIsBounded) {
     for (int idle = 0; sent < requests_max && idle < 200; idle++) {
         if (done == sent)
             send_bytes(bytes), sent++, idle = 0;
-        uloop_run_timeout(1);
+        run_loop_for(1);
         const std::string text = log();
         for (std::size_t at = 0; (at = text.find("(cloud) <- ", at)) != std::string::npos; at++)
             done++;

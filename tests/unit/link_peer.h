@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "../loop.h"
 #include "base/log.h"
 #include "gateway/gateway.h"
 #include "lab/gateway/crypto.h"
@@ -143,13 +144,13 @@ class Link : public ::testing::Test {
         for (int turns = 0; turns < 2000; turns++) {
             if (done())
                 return;
-            uloop_run_timeout(1);
+            run_loop_for(1);
         }
         FAIL() << "did not happen; log so far:\n" << around.log;
     }
     void turn() {
         for (int i = 0; i < 3; i++)
-            uloop_run_timeout(1);
+            run_loop_for(1);
     }
 
     /// Everything logged since the last call.

@@ -17,6 +17,7 @@
 #include <optional>
 #include <set>
 
+#include "../loop.h"
 #include "base/crypto.h"
 #include "base/log.h"
 #include "base/stream.h"
@@ -79,7 +80,7 @@ class Local : public ::testing::Test {
         for (int turns = 0; turns < 3000; turns++) {
             if (done())
                 return;
-            uloop_run_timeout(turn_ms);
+            run_loop_for(turn_ms);
         }
         FAIL() << "did not happen; log so far:\n" << logged.substr(0, 2000);
     }
@@ -155,7 +156,7 @@ TEST_F(Local, AFrameIsHandledWhereverItIsSplit) {
         logged.clear();
         send_bytes(whole.substr(0, cut));
         for (int i = 0; i < 3; i++)
-            uloop_run_timeout(1);
+            run_loop_for(1);
         const std::string wait = format("[INFO] (local) wait for the TCP fragmentation, %d/%d\n",
                                         static_cast<int>(cut) - 4, static_cast<int>(whole.size()) - 4);
         EXPECT_EQ(logged, cut > 8 ? wait : "") << cut;
@@ -227,7 +228,7 @@ TEST_F(Local, AClientThatDoesNotReadIsNotReadFrom) {
     for (int quiet = 0; quiet < 50;) {
         const std::size_t before = logged.size();
         flood();
-        uloop_run_timeout(1);
+        run_loop_for(1);
         quiet = logged.size() == before ? quiet + 1 : 0;
     }
     // Of what was answered, no more than a reply beyond the limit waits outside of the system's buffers.

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "../loop.h"
 #include "base/files.h"
 #include "base/task_queue.h"
 #include "base/text.h"
@@ -45,7 +46,7 @@ class Tasks : public ::testing::Test {
     // Runs the loop until so many tasks have run, or at the latest after ten seconds.
     void run_until(std::size_t count) {
         for (int i = 0; i < 1000 && ran_.size() < count; i++)
-            uloop_run_timeout(10);
+            run_loop_for(10);
         EXPECT_EQ(ran_.size(), count);
     }
 
@@ -156,14 +157,14 @@ TEST(Timers, FireOnceForEachTimeAndNeverAfterTheirEnd) {
     one.ticks.arm(100000);  // and not when it was armed for before
     gone->ticks.arm(0);
     gone.reset();
-    uloop_run_timeout(5);
+    run_loop_for(5);
     EXPECT_EQ(one.ticked, 0);
     EXPECT_TRUE(one.ticks.is_armed() && one.ticks.remaining() > 90000);
     one.ticks.arm(1);
     for (int i = 0; i < 100 && one.ticked == 0; i++)
-        uloop_run_timeout(5);
+        run_loop_for(5);
     EXPECT_FALSE(one.ticks.is_armed());
-    uloop_run_timeout(5);
+    run_loop_for(5);
     EXPECT_EQ(one.ticked, 1);
     uloop_done();
 }
