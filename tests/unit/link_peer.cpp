@@ -51,7 +51,7 @@ std::uint32_t qzcap_get_objid_by_name(const char *name) {
     around.looked_up += std::string(name) + " ";
     if (around.ends_at_lookup)
         uloop_end();
-    return around.ends_at_lookup || name[1] != '\0' ? 0 : 1;
+    return name[1] == '\0' ? 1 : 0;
 }
 
 int ubus_register_event_handler(ubus_context *, ubus_event_handler *, const char *) {
