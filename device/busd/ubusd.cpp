@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <string>
 
+#include "../held_loop.h"
 #include "server.h"
 #include "socket_path.h"
 
@@ -25,6 +26,7 @@ constexpr char USAGE[] =
 }  // namespace
 
 int main(int argc, char **argv) {
+    const arvok::HeldLoop loop;
     std::string path = ARVOK_BUS_SOCKET;
     std::string error;
 
@@ -53,7 +55,7 @@ int main(int argc, char **argv) {
     {
         arvok::Server server;
         if (server.listen(path, error)) {
-            uloop_run();
+            arvok::HeldLoop::run();
         } else {
             std::fprintf(stderr, "ubusd: %s\n", error.c_str());
             result = 1;

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "../held_loop.h"
 #include "device.h"
 #include "emulator.h"
 #include "state.h"
@@ -42,7 +43,7 @@ int run(json_ptr state, const char *socket, const std::string &root) {
     }
     std::puts("qzcapd: ready");
     std::fflush(stdout);
-    uloop_run();
+    arvok::HeldLoop::run();
     return 0;
 }
 
@@ -70,6 +71,7 @@ constexpr char usage[] =
 }  // namespace
 
 int main(int argc, char **argv) {
+    const arvok::HeldLoop loop;
     static const option long_options[] = {{"state", required_argument, nullptr, 'f'},
                                           {"socket", required_argument, nullptr, 's'},
                                           {"root", required_argument, nullptr, 'r'},

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 
+#include "../../device/held_loop.h"
 #include "traffic.h"
 
 extern "C" {
@@ -44,6 +45,7 @@ int Program::run(Parsed parsed, const char *socket, const std::function<int(ubus
         std::fputs(usage, parsed == Parsed::help ? stdout : stderr);
         return parsed == Parsed::help ? 0 : 1;
     }
+    const HeldLoop loop;
     setvbuf(stdout, nullptr, _IOLBF, 0);
     uloop_init();
     int status = 1;
@@ -68,7 +70,7 @@ int Program::live(PeerBus &object) const {
         std::fprintf(stderr, "%s: cannot publish %s: %s\n", name, object.name(), ubus_strerror(status));
         return 1;
     }
-    uloop_run_timeout(-1);
+    HeldLoop::run();
     log_line("stopped");
     return bus_lost ? 1 : 0;
 }
