@@ -61,10 +61,6 @@ void Bus::leave(Client &client) {
     clients_.erase(client.id);
     for (uint32_t id : objects)
         remove_object(id);
-    for (auto &[id, object] : objects_) {
-        auto &calls = object->calls;
-        calls.erase(calls.lower_bound({client.id, 0}), calls.upper_bound({client.id, UINT16_MAX}));
-    }
 }
 
 std::vector<const Object *> Bus::lookup(std::string_view path) const {
@@ -146,10 +142,6 @@ void Bus::remove_object(uint32_t id) {
         builder.put(UBUS_ATTR_TARGET, id);
         client->send(builder.finish(UBUS_MSG_UNSUBSCRIBE, 0, 0));
     }
-    // Whoever still waits for it would wait for nothing.
-    for (const auto &[caller, seq] : object->calls)
-        if (Client *client = find_client(caller))
-            client->send(status_frame(seq, id, UBUS_STATUS_NOT_FOUND));
     announce(*object, "ubus.object.remove");
 }
 

@@ -1,16 +1,13 @@
-// What is on the bus: objects, who watches whom, which calls are under way. The requests of the clients act
-// on it.
+// What is on the bus: objects, and who watches whom. The requests of the clients act on it.
 //
 // Clients are known by their ids, objects likewise, so that nothing here points to what may have gone.
 #pragma once
 
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <utility>
 #include <vector>
 
 #include "client.h"
@@ -41,7 +38,6 @@ struct Object {
     std::vector<uint32_t> subscribers;  ///< one entry per subscription, in the order they came
     std::vector<uint32_t> targets;      ///< objects that it subscribes to, one entry per subscription
     std::vector<EventPattern> patterns;
-    std::set<std::pair<uint32_t, uint16_t>> calls;  ///< client and seq of calls that it has not ended yet
 };
 
 class Bus {
@@ -71,7 +67,7 @@ class Bus {
     /// Puts an object on the bus and tells the listeners. Null when the path is taken.
     Object *add_object(Client &owner, std::string path, std::shared_ptr<ObjectType> type);
 
-    /// Tells subscribers, callers and listeners that the object is gone.
+    /// Tells subscribers and listeners that the object is gone; who has called it waits on.
     void remove_object(uint32_t id);
 
     /// Subscribing again is another subscription: everything is then told twice.

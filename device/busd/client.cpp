@@ -14,8 +14,8 @@ namespace arvok {
 
 namespace {
 
-// Four of the largest messages: more than any client leaves unread that is alive.
-constexpr size_t MAX_OUTPUT = 4 * MAX_MESSAGE;
+// What waits for a client that does not read; one of the largest messages.
+constexpr size_t MAX_OUTPUT = MAX_MESSAGE;
 // A message grows with its bytes, whatever length it claims.
 constexpr size_t READ_STEP = size_t{64} * 1024;
 // Then it is the turn of the others.
@@ -105,12 +105,12 @@ void Client::send(const Frame &frame) {
     if (!frame || over_ || deaf_)
         return;
     const bool idle = output_.empty();
+    if (!idle && output_bytes_ + frame->size() > MAX_OUTPUT)
+        return;
     output_.push_back(frame);
     output_bytes_ += frame->size();
     if (idle)
         write();
-    if (output_bytes_ > MAX_OUTPUT)
-        end();
 }
 
 void Client::write() {

@@ -14,8 +14,8 @@ extern "C" {
 namespace arvok {
 
 /// Reads whole messages off a socket and passes on what it is given to send, without ever blocking. A client
-/// whose bytes make no sense, that has gone, or that does not read what it is sent, is over: it does nothing
-/// from then on and waits for its owner to destroy it.
+/// whose bytes make no sense, or that has gone, is over: it does nothing from then on and waits for its owner
+/// to destroy it.
 class Client {
   public:
     /// `on_message` gets each message that arrives, `on_over` comes once; neither may destroy the client.
@@ -30,7 +30,7 @@ class Client {
     Client(const Client &) = delete;
     Client &operator=(const Client &) = delete;
 
-    /// Sends or queues; a null frame is nothing.
+    /// Sends or queues; a null frame is nothing. What a client that does not read has no room for is dropped.
     void send(const Frame &frame);
 
     bool over() const { return over_; }

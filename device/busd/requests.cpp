@@ -47,6 +47,8 @@ Outcome ping(const Request &request) {
 
 Outcome look_up(const Request &request) {
     const blob_attr *path = request.attribute(UBUS_ATTR_OBJPATH);
+    if (path && *text_of(path) == '\0')
+        return UBUS_STATUS_INVALID_ARGUMENT;
     const std::vector<const Object *> found = request.bus.lookup(path ? text_of(path) : "*");
 
     for (const Object *object : found) {
@@ -61,7 +63,7 @@ Outcome look_up(const Request &request) {
 
 // Hands a call to the owner of an object. A bus status: not found when the owner is going, invalid argument
 // when the call does not fit into a message.
-int call_object(const Request &request, Object &object, bool no_reply) {
+int call_object(const Request &request, const Object &object, bool no_reply) {
     Client *owner = request.bus.find_client(object.owner);
     if (!owner || owner->over())
         return UBUS_STATUS_NOT_FOUND;  // before a large frame is built for nobody, perhaps thousands of times
@@ -77,8 +79,6 @@ int call_object(const Request &request, Object &object, bool no_reply) {
     const Frame frame = builder.finish(UBUS_MSG_INVOKE, request.message.seq, request.client.id);
     if (!frame)
         return UBUS_STATUS_INVALID_ARGUMENT;
-    if (!no_reply)
-        object.calls.emplace(request.client.id, request.message.seq);
     owner->send(frame);
     return UBUS_STATUS_OK;
 }
@@ -147,7 +147,7 @@ int call_event_object(const Request &request, std::string_view method) {
         return register_pattern(request);
     if (method == "send")
         return send_event(request);
-    return UBUS_STATUS_METHOD_NOT_FOUND;
+    return UBUS_STATUS_INVALID_COMMAND;
 }
 
 Outcome invoke(const Request &request) {
@@ -160,7 +160,7 @@ Outcome invoke(const Request &request) {
         const int status = call_event_object(request, text_of(method));
         return request.no_reply() ? NO_ANSWER : Outcome(status);
     }
-    Object *object = request.bus.find_object(blob_get_u32(id));
+    const Object *object = request.bus.find_object(blob_get_u32(id));
     if (!object)
         return UBUS_STATUS_NOT_FOUND;
     const int status = call_object(request, *object, request.no_reply());
@@ -175,8 +175,6 @@ Outcome answer(const Request &request) {
 
     if (!object || !request.attribute(last ? UBUS_ATTR_STATUS : UBUS_ATTR_DATA))
         return NO_ANSWER;
-    if (last)
-        object->calls.erase({message.peer, message.seq});
     if (Client *caller = request.bus.find_client(message.peer))
         caller->send(forward(message, object->id));
     return NO_ANSWER;
@@ -218,8 +216,7 @@ Outcome add_object(const Request &request) {
                            .type = type,
                            .subscribers = {},
                            .targets = {},
-                           .patterns = {},
-                           .calls = {}};
+                           .patterns = {}};
         FrameBuilder builder;
         put_object(builder, draft);
         if (!builder.finish(UBUS_MSG_DATA, 0, 0))
@@ -298,7 +295,7 @@ Outcome notify(const Request &request) {
         name_subscribers(request, *object);
     // The latest first.
     for (auto id_of = object->subscribers.rbegin(); id_of != object->subscribers.rend(); ++id_of)
-        if (Object *subscriber = request.bus.find_object(*id_of))
+        if (const Object *subscriber = request.bus.find_object(*id_of))
             call_object(request, *subscriber, request.no_reply());
     return NO_ANSWER;
 }

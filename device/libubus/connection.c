@@ -7,39 +7,23 @@
 
 #include "ubus_private.h"
 
-/* How long the daemon may take to accept and to greet, in milliseconds; messages that one turn of the loop
- * serves. */
-enum { CONNECT_LIMIT = 5000, CONNECT_STEP = 50, MESSAGES_PER_TURN = 64 };
+/* How long the daemon may take to accept and to greet, in milliseconds. */
+enum { CONNECT_LIMIT = 5000, CONNECT_STEP = 50 };
 
+/* After a hang-up the descriptor is off the loop already, and this does nothing. */
 static void end_loop(struct ubus_context *ctx) {
-    if (ctx->on_loop)
+    if (ctx->sock.registered)
         uloop_end();
 }
 
-void ubus_lose(struct ubus_context *ctx) {
-    if (ctx->lost)
-        return;
-    ctx->lost = true;
-    uloop_fd_delete(&ctx->sock);
-    ubus_catch_up(ctx);
-}
-
-/* The last act of a turn: the callback may reconnect or free the context. */
-static void tell_loss(struct ubus_context *ctx) {
-    if (!ctx->lost)
-        return;
-    ubus_fail_requests(ctx, UBUS_STATUS_CONNECTION_FAILED);
-    if (ctx->lost_told)
-        return;
-    ctx->lost_told = true;
+void ubus_tell_loss(struct ubus_context *ctx) {
+    ubus_fail_requests(ctx, UBUS_STATUS_TIMEOUT);
     if (ctx->connection_lost)
         ctx->connection_lost(ctx);
 }
 
 void ubus_catch_up(struct ubus_context *ctx) {
-    bool to_tell = ctx->lost && (!ctx->lost_told || !list_empty(&ctx->requests));
-
-    if (ctx->on_loop && (to_tell || !list_empty(&ctx->pending)))
+    if (!list_empty(&ctx->pending))
         uloop_timeout_set(&ctx->pending_timer, 0);
 }
 
@@ -55,11 +39,10 @@ void ubus_dispatch(struct ubus_context *ctx, struct ubus_message *msg) {
             /* A handler may be waiting for an answer; requests that follow each other are served in their
              * order. */
             list_add_tail(&msg->list, &ctx->pending);
-            return;
-        default:
             break;
+        default:
+            free(msg);
     }
-    free(msg);
 }
 
 static void serve_pending(struct ubus_context *ctx) {
@@ -73,27 +56,22 @@ static void serve_pending(struct ubus_context *ctx) {
 }
 
 static void on_pending_timer(struct uloop_timeout *timeout) {
-    struct ubus_context *ctx = container_of(timeout, struct ubus_context, pending_timer);
-
-    serve_pending(ctx);
-    tell_loss(ctx);
+    serve_pending(container_of(timeout, struct ubus_context, pending_timer));
 }
 
+/* One message in a turn: what it brings about at once comes before the next. A connection that has hung up is
+ * not read to its end. */
 static void on_readable(struct uloop_fd *fd, unsigned int events) {
     struct ubus_context *ctx = container_of(fd, struct ubus_context, sock);
     struct ubus_message *msg;
 
     (void)events;
-    serve_pending(ctx);
-    for (int i = 0; i < MESSAGES_PER_TURN && ubus_receive(ctx, &msg) > 0; i++) {
+    if (ubus_receive(ctx, &msg) > 0)
         ubus_dispatch(ctx, msg);
-        serve_pending(ctx);
-    }
-    /* After a hang-up the loop has dropped the descriptor, and there may still be messages in it. */
-    if (fd->error && !ctx->lost && ctx->on_loop)
-        uloop_fd_add(fd, ULOOP_READ | ULOOP_BLOCKING);
-    if (!ctx->on_loop)
-        tell_loss(ctx);
+    serve_pending(ctx);
+    /* The last act: the callback may reconnect or free the context. */
+    if (fd->eof)
+        ubus_tell_loss(ctx);
 }
 
 void ubus_handle_event(struct ubus_context *ctx) {
@@ -101,10 +79,7 @@ void ubus_handle_event(struct ubus_context *ctx) {
 }
 
 void ubus_add_uloop(struct ubus_context *ctx) {
-    ctx->on_loop = true;
-    if (ctx->sock.fd >= 0 && !ctx->lost)
-        uloop_fd_add(&ctx->sock, ULOOP_READ | ULOOP_BLOCKING);
-    ubus_catch_up(ctx);
+    uloop_fd_add(&ctx->sock, ULOOP_READ | ULOOP_BLOCKING);
 }
 
 /* Connecting */
@@ -148,7 +123,7 @@ static void disconnect(struct ubus_context *ctx) {
     if (ctx->sock.fd >= 0)
         close(ctx->sock.fd);
     ctx->sock.fd = -1;
-    ctx->on_loop = false;
+    ctx->sock.eof = true;
     list_for_each_entry_safe(msg, next, &ctx->pending, list) free(msg);
     INIT_LIST_HEAD(&ctx->pending);
     free(ctx->incoming);
@@ -192,21 +167,17 @@ int ubus_reconnect(struct ubus_context *ctx, const char *path) {
 
     disconnect(ctx);
     forget_ids(ctx);
-    /* Whoever is called here and tries again must not find the old connection. */
-    ctx->lost = true;
-    ctx->lost_told = true;
     ubus_fail_requests(ctx, UBUS_STATUS_CONNECTION_FAILED);
 
     ctx->sock.fd = open_socket(path ? path : UBUS_UNIX_SOCKET, deadline);
     if (ctx->sock.fd < 0)
         return UBUS_STATUS_CONNECTION_FAILED;
-    ctx->lost = false;
+    ctx->sock.eof = false;
+    ctx->sock.error = false;
     if (!take_greeting(ctx, deadline)) {
         disconnect(ctx);
-        ctx->lost = true;
         return UBUS_STATUS_CONNECTION_FAILED;
     }
-    ctx->lost_told = false;
     return add_objects_again(ctx);
 }
 
@@ -235,8 +206,6 @@ struct ubus_context *ubus_connect(const char *path) {
 void ubus_shutdown(struct ubus_context *ctx) {
     disconnect(ctx);
     forget_ids(ctx);
-    ctx->lost = true;
-    ctx->lost_told = true;
     while (!list_empty(&ctx->requests))
         list_del_init(ctx->requests.next);
     while (!list_empty(&ctx->objects))

@@ -34,7 +34,7 @@ int ubus_send(struct ubus_context *ctx, uint8_t type, uint16_t seq, uint32_t pee
     };
     struct msghdr message = {.msg_iov = parts, .msg_iovlen = ARRAY_SIZE(parts)};
 
-    if (ctx->sock.fd < 0 || ctx->lost)
+    if (ctx->sock.fd < 0 || ctx->sock.eof)
         return UBUS_STATUS_CONNECTION_FAILED;
     if (!data)
         return UBUS_STATUS_NO_MEMORY;
@@ -48,7 +48,7 @@ int ubus_send(struct ubus_context *ctx, uint8_t type, uint16_t seq, uint32_t pee
         if (sent < 0 && errno == EINTR)
             continue;
         if (sent < 0 && !((errno == EAGAIN || errno == EWOULDBLOCK) && wait_writable(ctx->sock.fd))) {
-            ubus_lose(ctx);
+            ctx->sock.eof = true;
             return UBUS_STATUS_CONNECTION_FAILED;
         }
         for (size_t i = 0; i < ARRAY_SIZE(parts); i++) {
@@ -105,7 +105,7 @@ int ubus_receive(struct ubus_context *ctx, struct ubus_message **msg) {
     int result = 1;
 
     *msg = NULL;
-    if (ctx->sock.fd < 0 || ctx->lost)
+    if (ctx->sock.fd < 0)
         return -1;
     if (!ctx->incoming) {
         result = fill(ctx, ctx->in_head, ctx->in_len, sizeof(ctx->in_head));
@@ -118,7 +118,7 @@ int ubus_receive(struct ubus_context *ctx, struct ubus_message **msg) {
         result = fill(ctx, (uint8_t *)ctx->incoming->data, ctx->in_len - sizeof(struct ubus_msghdr),
                       blob_raw_len(ctx->incoming->data));
     if (result < 0)
-        ubus_lose(ctx);
+        ctx->sock.eof = true;
     if (result <= 0)
         return result;
     *msg = ctx->incoming;

@@ -1,10 +1,7 @@
-#include <errno.h>
+#include <stdlib.h>
 #include <time.h>
 
 #include "ubus_private.h"
-
-/* How long a wait may miss a signal that came just before it, in milliseconds. */
-enum { WAIT_STEP = 200 };
 
 static int64_t now_us(void) {
     struct timespec now;
@@ -40,25 +37,20 @@ int ubus_start_request(struct ubus_context *ctx, struct ubus_request *req, const
     req->ctx = ctx;
     req->peer = peer;
     req->seq = ctx->request_seq;
+    INIT_LIST_HEAD(&req->pending);
     req->status_msg = false;
-    req->while_ending = uloop_cancelling();
-    return ubus_send(ctx, type, req->seq, peer, data);
+    return ubus_send(ctx, type, req->seq, peer, data) == UBUS_STATUS_OK ? UBUS_STATUS_OK
+                                                                        : UBUS_STATUS_INVALID_ARGUMENT;
 }
 
 /* Answers */
 
-static void leave_data_calls(struct ubus_context *ctx, const struct ubus_request *req) {
-    for (struct ubus_data_call *call = ctx->data_calls; call; call = call->outer)
-        if (call->req == req)
-            call->req = NULL;
-}
-
+/* The end of a request whose data callback runs is reported when that has returned. */
 static void finish(struct ubus_request *req, int status) {
-    leave_data_calls(req->ctx, req);
     list_del_init(&req->list);
     req->status_code = status;
     req->status_msg = true;
-    if (req->complete_cb)
+    if (!req->passing_data && req->complete_cb)
         req->complete_cb(req, status);
 }
 
@@ -127,99 +119,98 @@ static void notify_status(struct ubus_notify_request *req, int index, int status
         finish(&req->req, index == 0 ? status : UBUS_STATUS_OK);
 }
 
-static bool data_call_runs(const struct ubus_context *ctx, const struct ubus_request *req) {
-    for (const struct ubus_data_call *call = ctx->data_calls; call; call = call->outer)
-        if (call->req == req)
-            return true;
-    return false;
+static void call_data_callbacks(struct ubus_request *req, struct ubus_message *msg) {
+    struct blob_attr *tb[UBUS_ATTR_MAX];
+
+    ubus_parse(msg->data, tb);
+    if (req->raw_data_cb)
+        req->raw_data_cb(req, UBUS_MSG_DATA, msg->data);
+    if (req->data_cb && tb[UBUS_ATTR_DATA])
+        req->data_cb(req, UBUS_MSG_DATA, tb[UBUS_ATTR_DATA]);
+    free(msg);
 }
 
-/* A callback may wait for another request, during which this one gets more data and its end, and it may abort
- * this one. The end is reported once the outermost of its callbacks has returned. */
-static void pass_data(struct ubus_context *ctx, struct ubus_request *req, struct blob_attr *whole,
-                      struct blob_attr *data) {
-    struct ubus_data_call call = {.req = req, .outer = ctx->data_calls};
+/* A callback may wait for another request, during which this one may get more data: it is passed on when the
+ * callback has returned, the latest first, even when the request was aborted there. */
+static void pass_data(struct ubus_request *req, struct ubus_message *msg) {
+    list_add(&msg->list, &req->pending);
+    if (req->passing_data)
+        return;
+    req->passing_data = true;
+    while (!list_empty(&req->pending)) {
+        msg = list_first_entry(&req->pending, struct ubus_message, list);
+        list_del(&msg->list);
+        call_data_callbacks(req, msg);
+    }
+    req->passing_data = false;
+    if (req->status_msg && req->complete_cb)
+        req->complete_cb(req, req->status_code);
+}
 
-    ctx->data_calls = &call;
-    if (req->raw_data_cb)
-        req->raw_data_cb(req, UBUS_MSG_DATA, whole);
-    if (call.req && req->data_cb && data)
-        req->data_cb(req, UBUS_MSG_DATA, data);
-    ctx->data_calls = call.outer;
-    if (call.req && req->status_msg && !data_call_runs(ctx, req))
-        finish(req, req->status_code);
+static void take_status(struct ubus_request *req, const struct ubus_message *msg, int index) {
+    struct blob_attr *tb[UBUS_ATTR_MAX];
+    int status;
+
+    ubus_parse(msg->data, tb);
+    status = tb[UBUS_ATTR_STATUS] ? blob_get_int32(tb[UBUS_ATTR_STATUS]) : UBUS_STATUS_INVALID_ARGUMENT;
+    if (req->notify)
+        notify_status(notify_of(req), index, status, tb[UBUS_ATTR_SUBSCRIBERS]);
+    else
+        finish(req, status);
 }
 
 void ubus_answer(struct ubus_context *ctx, struct ubus_message *msg) {
-    struct blob_attr *tb[UBUS_ATTR_MAX];
     int index = -1;
     struct ubus_request *req = find_request(ctx, msg, &index);
-    int status;
 
-    if (!req)
-        return;
-    ubus_parse(msg->data, tb);
-    if (msg->type == UBUS_MSG_DATA) {
-        pass_data(ctx, req, msg->data, tb[UBUS_ATTR_DATA]);
+    if (req && msg->type == UBUS_MSG_DATA) {
+        pass_data(req, msg);
         return;
     }
-    status = tb[UBUS_ATTR_STATUS] ? blob_get_int32(tb[UBUS_ATTR_STATUS]) : UBUS_STATUS_INVALID_ARGUMENT;
-    if (req->notify) {
-        notify_status(notify_of(req), index, status, tb[UBUS_ATTR_SUBSCRIBERS]);
-    } else if (data_call_runs(ctx, req)) {
-        req->status_code = status;
-        req->status_msg = true;
-    } else {
-        finish(req, status);
-    }
+    if (req)
+        take_status(req, msg, index);
+    free(msg);
 }
 
 /* Waiting */
 
 int ubus_complete_request(struct ubus_context *ctx, struct ubus_request *req, int timeout) {
     int64_t deadline = now_us() + (int64_t)timeout * 1000;
-    int result = UBUS_STATUS_OK;
+    int failure = UBUS_STATUS_OK;
 
     if (!req->status_msg && list_empty(&req->list))
         list_add_tail(&req->list, &ctx->requests);
     ctx->stack_depth++;
-    while (!req->status_msg && result == UBUS_STATUS_OK) {
+    while (!req->status_msg && failure == UBUS_STATUS_OK) {
+        int64_t rest = timeout ? ms_until(deadline) : -1;
         struct ubus_message *msg;
-        int received = ubus_receive(ctx, &msg);
-        int64_t rest = timeout > 0 ? ms_until(deadline) : WAIT_STEP;
+        int received = timeout && rest <= 0 ? 0 : ubus_receive(ctx, &msg);
 
         if (received > 0)
             ubus_dispatch(ctx, msg);
-        /* What has arrived in time is still taken, but not a stream of other messages without end, nor one
-         * that keeps the loop from ending. */
-        if (received > 0 && rest > -WAIT_STEP && (timeout > 0 || req->while_ending || !uloop_cancelling()))
-            continue;
-        if (received < 0)
-            result = UBUS_STATUS_CONNECTION_FAILED;
-        else if (!req->while_ending && uloop_cancelling())
-            result = UBUS_STATUS_NO_DATA;
-        else if (rest > 0)
-            ubus_wait_readable(ctx, rest < WAIT_STEP ? (int)rest : WAIT_STEP);
+        else if (received < 0)
+            failure = UBUS_STATUS_CONNECTION_FAILED;
+        else if (timeout && rest <= 0)
+            failure = UBUS_STATUS_TIMEOUT;
         else
-            result = UBUS_STATUS_TIMEOUT;
+            ubus_wait_readable(ctx, (int)rest);
     }
+    if (failure != UBUS_STATUS_OK)
+        finish(req, failure);
+    if (failure == UBUS_STATUS_CONNECTION_FAILED)
+        ubus_tell_loss(ctx);
     ctx->stack_depth--;
-    if (req->status_msg)
-        result = req->status_code;
-    else
-        ubus_abort_request(ctx, req);
     ubus_catch_up(ctx);
-    return result;
+    return req->status_code;
 }
 
 void ubus_complete_request_async(struct ubus_context *ctx, struct ubus_request *req) {
     if (list_empty(&req->list))
         list_add_tail(&req->list, &ctx->requests);
-    ubus_catch_up(ctx);
 }
 
 void ubus_abort_request(struct ubus_context *ctx, struct ubus_request *req) {
-    leave_data_calls(ctx, req);
+    (void)ctx;
     if (list_empty(&req->list))
         return;
     req->cancelled = true;

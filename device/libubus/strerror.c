@@ -1,3 +1,5 @@
+#include <stdio.h>
+
 #include "ubus_private.h"
 
 const char *ubus_strerror(int error) {
@@ -18,5 +20,10 @@ const char *ubus_strerror(int error) {
         [UBUS_STATUS_SYSTEM_ERROR] = "System error",
     };
 
-    return error >= 0 && error < __UBUS_STATUS_LAST ? text[error] : text[UBUS_STATUS_UNKNOWN_ERROR];
+    static char unknown[32];
+
+    if (error >= 0 && error < __UBUS_STATUS_LAST)
+        return text[error];
+    snprintf(unknown, sizeof(unknown), "Unknown error: %d", error);
+    return unknown;
 }

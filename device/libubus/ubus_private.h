@@ -18,16 +18,9 @@ struct ubus_message {
     struct blob_attr *data;
 };
 
-/// A data callback that is running. Its request is wiped out when it is aborted meanwhile.
-struct ubus_data_call {
-    struct ubus_request *req;
-    struct ubus_data_call *outer;
-};
-
 /* message.c */
 
-/// Sends a message, waiting a limited time for a daemon that does not read. A UBUS_STATUS_*; without one the
-/// connection is lost.
+/// Sends a message, waiting a limited time for a daemon that does not read. A UBUS_STATUS_*.
 int ubus_send(struct ubus_context *ctx, uint8_t type, uint16_t seq, uint32_t peer,
               const struct blob_attr *data);
 
@@ -49,11 +42,10 @@ bool ubus_put_data(struct blob_buf *b, const struct blob_attr *msg);
 
 /* connection.c */
 
-/// The connection is unusable from here on. Those who wait learn it from the loop, or when the outermost call
-/// ends.
-void ubus_lose(struct ubus_context *ctx);
+/// Fails what is pending and calls connection_lost.
+void ubus_tell_loss(struct ubus_context *ctx);
 
-/// Passes a message to the request or the object that it is for, and releases it.
+/// Passes a message to the request or the object that it is for, and takes it over.
 void ubus_dispatch(struct ubus_context *ctx, struct ubus_message *msg);
 
 /// A wait has ended: arranges for what it has put off.
@@ -61,10 +53,11 @@ void ubus_catch_up(struct ubus_context *ctx);
 
 /* request.c */
 
-/// Sends a request that answers can be matched to.
+/// Sends a request that answers can be matched to. UBUS_STATUS_INVALID_ARGUMENT when it does not get away.
 int ubus_start_request(struct ubus_context *ctx, struct ubus_request *req, const struct blob_attr *data,
                        uint8_t type, uint32_t peer);
 
+/// Takes over the message.
 void ubus_answer(struct ubus_context *ctx, struct ubus_message *msg);
 void ubus_fail_requests(struct ubus_context *ctx, int status);
 

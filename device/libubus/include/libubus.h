@@ -6,7 +6,8 @@
  * Calls return a UBUS_STATUS_*, 0 for success. Callbacks come from the loop (ubus_add_uloop,
  * ubus_handle_event), except that a synchronous call takes the answers to every request while it waits;
  * requests to this context's own objects that arrive meanwhile are kept and served from the loop later. A
- * lost connection fails what is pending and all later calls with UBUS_STATUS_CONNECTION_FAILED.
+ * lost connection fails the call that waits with UBUS_STATUS_CONNECTION_FAILED, what is pending with
+ * UBUS_STATUS_TIMEOUT and all later calls with UBUS_STATUS_INVALID_ARGUMENT; what has not been read is lost.
  */
 #ifndef LIBUBUS_H
 #define LIBUBUS_H
@@ -106,12 +107,10 @@ struct ubus_context {
     uint32_t local_id;
     uint16_t request_seq;
     int stack_depth;
-    bool on_loop;
-    bool lost;       // nothing can be sent or received any more
-    bool lost_told;  // and whoever waits has been told
-    void (*connection_lost)(
-        struct ubus_context *ctx);  ///< may reconnect; by default ends the loop that ctx is on
-    struct ubus_data_call *data_calls;
+    /// The connection has ended; called from the loop, and from a call that was waiting. From the loop it may
+    /// reconnect or free the context. The default ends the loop only while sock is registered, which after a
+    /// hang-up it is not: set your own.
+    void (*connection_lost)(struct ubus_context *ctx);
     struct ubus_message *incoming;
     uint8_t in_head[sizeof(struct ubus_msghdr) + sizeof(struct blob_attr)];
     size_t in_len;
@@ -145,7 +144,8 @@ struct ubus_request {
     bool status_msg;
     bool cancelled;
     bool notify;
-    bool while_ending;
+    bool passing_data;
+    struct list_head pending;
     uint32_t peer;
     uint16_t seq;
     ubus_data_handler_t raw_data_cb;  ///< gets the whole message, UBUS_ATTR_* and all
@@ -198,9 +198,10 @@ int ubus_lookup_id(struct ubus_context *ctx, const char *path, uint32_t *id);
 int ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj);
 int ubus_remove_object(struct ubus_context *ctx, struct ubus_object *obj);
 
-/// Calls a method and waits at most `timeout` milliseconds (0: without limit) for its end;
-/// UBUS_STATUS_TIMEOUT then, UBUS_STATUS_NO_DATA when the loop that it is made from is ended meanwhile. `msg`
-/// may be null. `cb` gets every piece of the answer.
+/// Calls a method and waits at most `timeout` milliseconds (0: without limit, negative: not at all) for its
+/// end, whatever signals come; UBUS_STATUS_TIMEOUT then, also when the object leaves the bus meanwhile. `msg`
+/// may be null. `cb` gets every piece of the answer; those that arrive while it waits for another call come
+/// when it has returned, the latest first.
 int ubus_invoke(struct ubus_context *ctx, uint32_t obj, const char *method, struct blob_attr *msg,
                 ubus_data_handler_t cb, void *priv, int timeout);
 
@@ -212,7 +213,8 @@ int ubus_invoke_async(struct ubus_context *ctx, uint32_t obj, const char *method
 void ubus_complete_request_async(struct ubus_context *ctx, struct ubus_request *req);
 int ubus_complete_request(struct ubus_context *ctx, struct ubus_request *req, int timeout);
 
-/// Forgets a request; its callbacks are not called any more.
+/// Forgets a request; its callbacks are not called any more, except, from within its data callback, for what
+/// has arrived by then. It must not be freed there.
 void ubus_abort_request(struct ubus_context *ctx, struct ubus_request *req);
 
 /// Sends data to the caller; a handler may send several.
