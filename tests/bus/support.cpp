@@ -287,7 +287,7 @@ int Bus::stop_daemon() {
 }
 
 std::unique_ptr<Program> Bus::start_ubus(std::vector<std::string> arguments) const {
-    arguments.insert(arguments.begin(), {bus_program("ubus"), "-s", socket});
+    arguments.insert(arguments.begin(), {BUS_PROGRAMS "/ubus", "-s", socket});
     return std::make_unique<Program>(arguments);
 }
 
