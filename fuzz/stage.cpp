@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "../tests/loop.h"
 #include "platform.h"
 
 extern "C" {
@@ -190,7 +191,7 @@ void Stage::turn() {
     // agent could not send before.
     for (int rounds = 3; rounds > 0; rounds = take_answers())
         for (int round = 0; round < rounds; round++)
-            uloop_run_timeout(0);
+            run_loop_once();
 }
 
 // False when there were none. The peer of the script may have stopped taking.

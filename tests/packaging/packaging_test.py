@@ -14,6 +14,8 @@ import unittest
 HERE = os.path.dirname(os.path.realpath(__file__))
 REPO = os.path.dirname(os.path.dirname(HERE))
 BUILD = os.path.dirname(os.environ["ARVOK_BIN"])
+# Those of the loop and the bus may be elsewhere.
+LIBRARIES = ":".join(os.path.dirname(path) for path in (os.environ["CAPI"], *re.findall("_LIBRARY=(.*?)(?: |$)", os.environ["LOOP_BUS"])))
 RULES = "/qzcap/apps/arvokclt/"
 
 sys.path.insert(0, os.path.join(REPO, "tests/agent"))
@@ -93,24 +95,39 @@ class Packaging(LinkedCase):
                 self.assertEqual(self.service(configs), expected)
 
     def test_tree_that_the_package_builds(self):
-        libraries = {"LIBUBOX_LIBRARY": "ubox", "LIBUBUS_LIBRARY": "ubus", "LIBBLOBMSG_JSON_LIBRARY": "blobmsg_json",
-                     "LIBCAPI_LIBRARY": "capi"}
-        options = ["-D%s=%s/lib/lib%s.so" % (key, BUILD, name) for key, name in libraries.items()]
-        options += ["-DLIB%s_INCLUDE=%s/device/lib%s/include" % (name.upper(), REPO, name) for name in ("ubox", "ubus")]
+        options = os.environ["LOOP_BUS"] + " -DLIBCAPI_LIBRARY=" + os.environ["CAPI"]
         key = 'CONFIG_ARVOKCLT_PLATFORM_KEY="%s/lab/keys/platform_public.pem"' % REPO
         host = 'CONFIG_ARVOKCLT_BSS_HOST="bss.operator.example"'
         for missing in (key, host):
             with self.assertRaisesRegex(AssertionError, missing.split("=")[0] + " is not set"):
                 self.make("configure", *{key, host} - {missing})
-        self.make("configure", key, host, "EXTRA_OPTIONS=" + " ".join(options))
+        self.make("configure", key, host, "EXTRA_OPTIONS=" + options)
         with open(os.path.join(self.work, "source/build/src/include/provisioning.h")) as header:
             self.assertIn('"bss.operator.example"', header.read())
         with open(os.path.join(self.work, "source/build/src/CMakeFiles/arvokclt.dir/link.txt")) as link:
             self.assertIn(" -static-libstdc++ ", link.read())
 
+    def test_what_is_too_old_is_refused_with_a_word(self):
+        headers = os.path.join(self.work, "headers")
+        compiler = os.path.join(self.work, "c++")
+        os.makedirs(headers + "/libubox")
+        for name in ("libubus", "libubox/blobmsg_json", "libubox/uloop", "libubox/usock", "libubox/ustream", "libubox/utils"):
+            with open("%s/%s.h" % (headers, name), "w"):
+                pass
+        with open(compiler, "w") as script:
+            script.write('#!/bin/sh\nexec c++ "$@" -std=c++17\n')
+        os.chmod(compiler, 0o755)
+        for option, word in ((" -DLIBUBUS_INCLUDE=%s -DLIBUBOX_INCLUDE=%s" % (headers, headers), "older than OpenWrt 21.02"),
+                             (" -DCMAKE_CXX_COMPILER=" + compiler, r"needs a C\+\+20 compiler")):
+            done = subprocess.run(["cmake", "-S", REPO, "-B", tempfile.mkdtemp(dir=self.work), "-DARVOK_DESK=OFF",
+                                   "-DARVOK_LIBUBOX=system", *(os.environ["LOOP_BUS"] + option).split()],
+                                  capture_output=True, text=True)
+            self.assertNotEqual(done.returncode, 0)
+            self.assertRegex(" ".join(done.stderr.split()), word)
+
     def test_agent_runs_from_the_package_and_keeps_only_conffiles(self):
         command = re.findall(r"\[(.*?)\]", self.service(os.path.join(self.stage, "etc/config"))["command"])
-        program = ("lab-ap", "env", "LD_LIBRARY_PATH=" + os.path.join(BUILD, "lib"), self.stage + command[0])
+        program = ("lab-ap", "env", "LD_LIBRARY_PATH=" + LIBRARIES, self.stage + command[0])
         version = subprocess.run([*program[1:], "-v"], stdout=subprocess.PIPE, text=True, check=True).stdout
         self.assertEqual(version.split()[:2], ["arvokclt", self.make("version").strip()])
 

@@ -3,6 +3,7 @@
 
 #include <optional>
 
+#include "../loop.h"
 #include "desk.h"
 
 namespace arvok::test {
@@ -115,7 +116,7 @@ TEST_F(Subscriptions, SurviveAnObjectThatFlaps) {
             ASSERT_TRUE(run_until([&] { return one_.returns > before; }));
         }
         foreign.go();
-        uloop_run_timeout(1);
+        run_loop_for(1);
     }
     foreign.come();
     const int before = one_.returns;

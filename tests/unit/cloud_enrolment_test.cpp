@@ -151,7 +151,10 @@ TEST_F(Cloud, AfterFiveRetriesAnotherAddressAndInTheEndTheBootstrapServer) {
             break;
         }
         EXPECT_TRUE(lines.starts_with(none_left + "reconnect abi server after 150 minutes\n")) << lines;
-        EXPECT_TRUE(client_->status_words().starts_with("已激活，TCP连接断开，等待89"));
+        // How much of the first second has gone by now, releases of the loop tell differently.
+        const std::string_view words = client_->status_words();
+        EXPECT_TRUE(words.starts_with("已激活，TCP连接断开，等待89") ||
+                    words.starts_with("已激活，TCP连接断开，等待9000"));
         wait_for_reconnection();
     }
     expect_armed(client_->reconnect_remaining(), 10);
