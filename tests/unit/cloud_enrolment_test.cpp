@@ -152,7 +152,7 @@ TEST_F(Cloud, AfterFiveRetriesAnotherAddressAndInTheEndTheBootstrapServer) {
         }
         EXPECT_TRUE(lines.starts_with(none_left + "reconnect abi server after 150 minutes\n")) << lines;
         // How much of the first second has gone by now, releases of the loop tell differently.
-        const std::string_view words = client_->status_words();
+        const std::string words = client_->status_words();
         EXPECT_TRUE(words.starts_with("已激活，TCP连接断开，等待89") ||
                     words.starts_with("已激活，TCP连接断开，等待9000"));
         wait_for_reconnection();

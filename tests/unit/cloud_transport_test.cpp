@@ -74,7 +74,8 @@ TEST_F(Cloud, AMissingAcknowledgementEndsTheConnection) {
         advance(30000);
         expect_log("[ERROR] (cloud) wait Ack timeout\n[INFO] (cloud) retry count 1 cycle 1\n");
         EXPECT_TRUE(
-            client_->status_words().starts_with(words_after + std::string("，未收到平台响应报文，等待")));
+            client_->status_words().starts_with(words_after + std::string("，未收到平台响应报文，等待")))
+            << client_->status_words();
     }
     connect_fully();
     EXPECT_EQ(client_->status_words(), "心跳保活中");
