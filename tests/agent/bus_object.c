@@ -4,6 +4,7 @@
 #include <libubus.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 static struct blob_buf buf;
 static struct ubus_request_data pending;
@@ -92,11 +93,34 @@ static int heard(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_
     return ubus_send_reply(ctx, req, buf.head);
 }
 
+/* Notifies its subscribers `count` times of a text of `size` bytes, as fast as it can. */
+static int burst(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
+                 const char *method, struct blob_attr *msg) {
+    enum { COUNT, SIZE };
+    static const struct blobmsg_policy policy[] = {
+        [COUNT] = {"count", BLOBMSG_TYPE_INT32}, [SIZE] = {"size", BLOBMSG_TYPE_INT32}};
+    struct blob_attr *tb[ARRAY_SIZE(policy)];
+    char *text;
+
+    (void)req;
+    blobmsg_parse(policy, ARRAY_SIZE(policy), tb, blob_data(msg), blob_len(msg));
+    if (!tb[COUNT] || !tb[SIZE] || !(text = calloc(1, blobmsg_get_u32(tb[SIZE]) + 1)))
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    memset(text, 'x', blobmsg_get_u32(tb[SIZE]));
+    blob_buf_init(&buf, 0);
+    blobmsg_add_string(&buf, "text", text);
+    free(text);
+    for (uint32_t i = 0; i < blobmsg_get_u32(tb[COUNT]); i++)
+        ubus_notify(ctx, obj, method, buf.head, -1);
+    return UBUS_STATUS_OK;
+}
+
 static const struct ubus_method methods[] = {
     UBUS_METHOD_NOARG("echo", echo),     UBUS_METHOD_NOARG("quiet", quiet),
     UBUS_METHOD_NOARG("refuse", refuse), UBUS_METHOD_NOARG("deep", deep),
     UBUS_METHOD_NOARG("hang", hang),     UBUS_METHOD_NOARG("vanish", vanish),
-    UBUS_METHOD_NOARG("notify", notify), UBUS_METHOD_NOARG("heard", heard),
+    UBUS_METHOD_NOARG("notify", notify), UBUS_METHOD_NOARG("burst", burst),
+    UBUS_METHOD_NOARG("heard", heard),
 };
 static struct ubus_object_type type = UBUS_OBJECT_TYPE("bus_object", methods);
 

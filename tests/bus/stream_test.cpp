@@ -114,8 +114,9 @@ TEST_F(Streams, TheUserPausesAndResumesReading) {
     Stream stream;
     std::vector<int> seen;
 
-    stream.on_read = [&](Stream &s, int bytes) {
-        seen.push_back(bytes);
+    stream.on_read = [&](Stream &s, int) {
+        // Older releases announce what is new, later ones what is buffered.
+        seen.push_back(ustream_pending_data(&s.stream, false));
         ustream_set_read_blocked(&s.stream, true);
     };
     stream.send("one");
