@@ -112,12 +112,6 @@ void ustream_free(struct ustream *s) {
 
 /* Reading */
 
-static void block(struct ustream *s, enum read_blocked_reason reason) {
-    s->read_blocked |= reason;
-    if (s->watch)
-        s->watch(s);
-}
-
 char *ustream_reserve(struct ustream *s, int *len) {
     struct ustream_buf *buf = s->r.tail;
 
@@ -133,7 +127,7 @@ char *ustream_reserve(struct ustream *s, int *len) {
     if (!buf || buf->tail == buf->end)
         buf = may_add_buf(&s->r) ? add_buf(&s->r, s->r.buffer_len) : NULL;
     if (!buf) {
-        block(s, READ_BLOCKED_FULL);
+        s->read_blocked |= READ_BLOCKED_FULL;
         return NULL;
     }
     *len = (int)(buf->end - buf->tail);
@@ -167,10 +161,9 @@ static void unblock(struct ustream *s, enum read_blocked_reason reason) {
 }
 
 void ustream_consume(struct ustream *s, int len) {
-    /* The consumer has lost count, and would go on with the wrong bytes. */
-    if (len < 0 || len > s->r.data_bytes)
-        abort();
-    if (len == 0)
+    if (len > s->r.data_bytes)
+        len = s->r.data_bytes;
+    if (len <= 0)
         return;
     take(&s->r, len);
     unblock(s, READ_BLOCKED_FULL);
@@ -196,7 +189,7 @@ int ustream_read(struct ustream *s, char *buf, int buflen) {
 
 void ustream_set_read_blocked(struct ustream *s, bool set) {
     if (set)
-        block(s, READ_BLOCKED_USER);
+        s->read_blocked |= READ_BLOCKED_USER;
     else
         unblock(s, READ_BLOCKED_USER);
 }
@@ -213,6 +206,7 @@ int ustream_pending_data(struct ustream *s, bool write) {
 
 void ustream_fail_writing(struct ustream *s) {
     s->write_error = true;
+    free_bufs(&s->w);
     ustream_state_change(s);
 }
 

@@ -12,7 +12,6 @@ static void watch(struct ustream *s) {
     bool writing = s->w.data_bytes && !s->write_error;
 
     /* The loop has dropped a descriptor in error; only what can still be read justifies to take it up again.
-     * One that is neither read nor written is not watched, and its hang-up is noticed when reading goes on.
      */
     if (sf->fd.error && !reading)
         return;

@@ -181,15 +181,15 @@ class Subscriptions(BridgeCase):
         agent = self.link()
         self.publish("odd")
         self.assertEqual(self.subscribe("odd"), (0, ""))
-        for count, size in ((30, 900000), (20000, 4000)):
-            with self.subTest(count=count, size=size):
-                call("odd", "burst", {"count": count, "size": size}, 60)
-                self.assertEqual(self.status("cputemp")[0], 0)
-                self.assertIn("burst", [method for _, method, _ in self.told()])
-                self.notified("odd", "after", {})
-                self.assertEqual(self.told(), [("odd", "after", {})])
+        call("odd", "burst", {"count": 20000, "size": 4000}, 60)
+        self.assertEqual(self.status("cputemp")[0], 0)
+        self.assertIn("burst", [method for _, method, _ in self.told()])
+        self.notified("odd", "after", {})
+        self.assertEqual(self.told(), [("odd", "after", {})])
+        # These are longer than the gateway takes, and it closes the connection; the agent answers on the bus.
+        call("odd", "burst", {"count": 30, "size": 900000}, 60)
+        call("qzapp.arvokclt", "postmsg", {"CmdType": "GET_STATUS"})
         self.assertIsNone(agent.process.poll())
-        self.assertEqual(self.peer()["connections"], 1, agent.lines()[-3000:])
 
     def test_platform_object_beside_the_agents_own_subscription(self):
         self.link()

@@ -72,7 +72,7 @@ void ustream_free(struct ustream *s);
 /// buffer it is all of the input. Valid until the next call on this stream.
 char *ustream_get_read_buf(struct ustream *s, int *buflen);
 
-/// Takes `len` bytes off the input; more than are buffered is a fault that ends the program.
+/// Takes `len` bytes (at most what is buffered) off the input.
 void ustream_consume(struct ustream *s, int len);
 
 /// Copies and consumes at most `buflen` bytes; returns how many.
@@ -86,8 +86,7 @@ int ustream_write(struct ustream *s, const char *buf, int len, bool more);
 /// The number of bytes buffered: unread input, or output that the descriptor has not taken.
 int ustream_pending_data(struct ustream *s, bool write);
 
-/// Pauses and resumes reading. A hang-up during a pause is noticed when there is output to write, or after
-/// it.
+/// Pauses and resumes reading.
 void ustream_set_read_blocked(struct ustream *s, bool set);
 bool ustream_read_blocked(struct ustream *s);
 
