@@ -87,9 +87,9 @@ class Stage {
     bool act(std::string_view line, Input &input);
     bool take_answers();
 
+    held_signals signals_;
     const int descriptor_;  ///< the next one that is free
     const std::vector<Peer *> peers_;
-    held_signals signals_;
     agent agent_;
     const uloop_timeout *schedule_timer_;
     bool taking_ = true;

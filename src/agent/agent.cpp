@@ -22,7 +22,6 @@ int agent::run() {
     if (!begin())
         return exit_no_bus;
     uloop_run_timeout(-1);
-    signals_.hold();  // the end is under way already
     end();
     return exit_status_;
 }
@@ -31,24 +30,22 @@ bool agent::begin() {
     session_.emplace();
     if (!session_->is_open())
         return false;
+    signals_.watch();
     bring_up_.arm(0);
     return true;
 }
 
 // Each step may take its time: a signal or the end of the bus meanwhile leaves out what is left.
 void agent::bring_up() {
-    signals_.release();
-    if (uloop_cancelling())
-        return;
     if (!app_)
         app_.emplace(bind<&agent::answer_app>(*this));
     if (!cache_.refresh_device()) {
         log_printf("[ERROR] update_dev_info failed\n");
         return bring_up_.arm(retry_device_ms);
     }
-    if (!uloop_cancelling())
+    if (!is_ending())
         build();
-    if (!uloop_cancelling())
+    if (!is_ending())
         start();
 }
 
@@ -93,6 +90,7 @@ void agent::end() {
     modules_.local.reset();
     modules_.access.reset();
     tasks_.reset();
+    signals_.ignore();
     uloop_done();
     events_.reset();
     objects_.reset();

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "base/bus_message.h"
+#include "base/held_signals.h"
 #include "base/log.h"
 
 namespace arvok::gateway {
@@ -71,7 +72,7 @@ json::value call(request &r, const bus_method &method, const std::string &argume
 std::optional<json::array> call_each(request &r, json::view elements) {
     json::array results;
     for (const json::view element : elements) {
-        if (uloop_cancelling())
+        if (is_ending())
             return std::nullopt;
         const std::optional<bus_method> method = method_of(element);
         if (!method)

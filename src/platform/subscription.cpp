@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "base/held_signals.h"
 #include "base/log.h"
 
 extern "C" {
@@ -42,7 +43,7 @@ void object_watch::look_soon() {
 
 void object_watch::look() {
     bool done = true;
-    for (std::size_t i = 0; i < subscriptions_.size() && !uloop_cancelling(); ++i)
+    for (std::size_t i = 0; i < subscriptions_.size() && !is_ending(); ++i)
         done = subscriptions_[i]->renew() && done;
     if (done || pause_ms_ >= longest_pause_ms || look_.is_armed())
         return;
