@@ -1,5 +1,5 @@
-/* Compiled when the build is configured, against a platform's headers: of what the agent and its desk use, what the
- * libraries got last, and what stands in the bus's messages. */
+/* Compiled when the build is configured, against a platform's headers: of what the agent and its desk use,
+ * what the libraries got last, and what stands in the bus's messages. */
 #include <libubox/blobmsg_json.h>
 #include <libubox/uloop.h>
 #include <libubox/usock.h>
@@ -7,7 +7,8 @@
 #include <libubox/utils.h>
 #include <libubus.h>
 
-_Static_assert(UBUS_MSG_NOTIFY == 10 && UBUS_ATTR_GROUP == 13 && UBUS_STATUS_CONNECTION_FAILED == 10, "other numbers");
+_Static_assert(UBUS_MSG_NOTIFY == 10 && UBUS_ATTR_GROUP == 13 && UBUS_STATUS_CONNECTION_FAILED == 10,
+               "other numbers");
 
 int main(void) {
     static struct blob_attr *table[1];
@@ -20,5 +21,6 @@ int main(void) {
     blob_parse_untrusted(message.head, blob_raw_len(message.head), table, NULL, 0);
     blobmsg_add_double(&message, "name", 1.0);
     blobmsg_parse(policy, 1, table, blob_data(message.head), blob_len(message.head));
-    return blobmsg_check_attr_len(table[0], true, 8) && ubus_invoke(bus, 1, "send", message.head, NULL, NULL, -1);
+    return blobmsg_check_attr_len(table[0], true, 8) &&
+           ubus_invoke(bus, 1, "send", message.head, NULL, NULL, -1);
 }
