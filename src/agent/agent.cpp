@@ -58,6 +58,8 @@ void agent::build() {
     objects_.emplace();
     events_.emplace(modules_, *objects_);
     const bool sync = gateway_sync_is_on();
+    if (is_ending())
+        return;
     qzcap_delete_vsie_beacontx_by_name(gateway::beacon_owner, nullptr);
 
     tasks_.emplace();

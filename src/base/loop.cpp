@@ -17,8 +17,7 @@ bool readable_watch::start(int fd) {
 }
 
 void readable_watch::stop() {
-    if (watch_.registered)
-        uloop_fd_delete(&watch_);
+    uloop_fd_delete(&watch_);  // also behind a hang-up, when only an event of it may be left
 }
 
 }  // namespace arvok

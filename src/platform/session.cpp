@@ -1,5 +1,9 @@
 #include "platform/session.h"
 
+#include <unistd.h>
+
+#include <csignal>
+
 #include "base/log.h"
 
 extern "C" {
@@ -26,11 +30,26 @@ session::~session() {
         qzcap_ubus_done();
 }
 
+daemon_wait::daemon_wait() {
+    std::signal(SIGALRM, [](int) {
+        constexpr char line[] = "[ERROR] ubus does not answer\n";
+        static_cast<void>(!write(STDERR_FILENO, line, sizeof line - 1));
+        _exit(1);
+    });
+    alarm(20);
+}
+
+daemon_wait::~daemon_wait() {
+    alarm(0);
+}
+
 std::uint32_t object_id(const std::string &name) {
+    const daemon_wait wait;
     return qzcap_get_objid_by_name(name.c_str());
 }
 
 std::uint32_t object_id(qzcap_object number) {
+    const daemon_wait wait;
     return qzcap_get_objid_by_id(number);
 }
 

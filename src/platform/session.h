@@ -26,6 +26,17 @@ class session {
     bool open_;
 };
 
+/// While it lives the process waits for the bus's daemon. The library does so without limit, and the daemon
+/// drops its answer when too much waits for us: without one in 20 s the process ends, with a log line and
+/// status 1, and is started again.
+class daemon_wait {
+  public:
+    daemon_wait();
+    ~daemon_wait();
+    daemon_wait(const daemon_wait &) = delete;
+    daemon_wait &operator=(const daemon_wait &) = delete;
+};
+
 /// The bus id of an object; 0 when it is absent.
 std::uint32_t object_id(const std::string &name);
 std::uint32_t object_id(qzcap_object number);

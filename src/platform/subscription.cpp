@@ -87,15 +87,23 @@ bool subscription::start() {
 bool subscription::stop(std::uint32_t object) {
     started_ = false;
     subscribed_id_ = 0;
-    return qzcap_ubus_unsubscribe(&subscriber_, object) >= 0;
+    return unsubscribe(object);
 }
 
 // The object may leave while it is being subscribed to.
 bool subscription::subscribe(std::uint32_t id) {
+    const daemon_wait wait;
     subscribed_id_ = id;
-    if (qzcap_ubus_subscribe(&subscriber_, id) < 0)
+    registered_ = qzcap_ubus_subscribe(&subscriber_, id) >= 0;
+    if (!registered_)
         subscribed_id_ = 0;
     return subscribed_id_ != 0;
+}
+
+// A library may not bear to be handed what it never had.
+bool subscription::unsubscribe(std::uint32_t id) {
+    const daemon_wait wait;
+    return std::exchange(registered_, false) && qzcap_ubus_unsubscribe(&subscriber_, id) >= 0;
 }
 
 // An old id's news may be late.
@@ -110,13 +118,14 @@ void subscription::gone(std::uint32_t id) {
 bool subscription::renew() {
     if (!started_)
         return true;
+    // The bus drops the news that the object went when too much waits to be read.
+    const std::uint32_t id = object_.id();
+    if (id != subscribed_id_)
+        subscribed_id_ = 0;
     if (subscribed_id_ == 0) {
-        const std::uint32_t id = object_.id();
-        if (id == 0)
-            return false;
         // What the platform has kept of it goes first: a subscriber must not be registered twice.
-        qzcap_ubus_unsubscribe(&subscriber_, id);
-        if (!subscribe(id))
+        unsubscribe(id);
+        if (id == 0 || !subscribe(id))
             return false;
         behind_ = static_cast<bool>(returned_);
     }

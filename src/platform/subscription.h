@@ -81,6 +81,7 @@ class subscription {
     friend object_watch;
 
     bool subscribe(std::uint32_t id);
+    bool unsubscribe(std::uint32_t id);
     void gone(std::uint32_t id);
     bool renew();
 
@@ -91,7 +92,8 @@ class subscription {
     owned<ubus_subscriber, subscription> subscriber_;
     std::uint32_t subscribed_id_ = 0;  ///< 0: the object is away
     bool started_ = false;
-    bool behind_ = false;  ///< `returned` has not succeeded yet
+    bool registered_ = false;  ///< the platform knows the subscriber
+    bool behind_ = false;      ///< `returned` has not succeeded yet
 };
 
 }  // namespace arvok::platform

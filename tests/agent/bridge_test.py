@@ -266,7 +266,7 @@ class Subscriptions(BridgeCase):
         self.notified("odd", "still", {})
         self.assertEqual(self.told(), [("odd", "still", {})])
         self.assertEqual(work()[0], descriptors)
-        self.assertLess((work()[1] - ticks) / os.sysconf("SC_CLK_TCK"), 1)
+        self.assertLess((work()[1] - ticks) / os.sysconf("SC_CLK_TCK"), 5)
 
     def test_subscriptions_outlive_the_connection(self):
         agent = self.link()

@@ -128,7 +128,7 @@ class Life(AgentCase):
             wait_until(lambda: agent.takes(signal.SIGTERM), "main begins", pause=0)
             time.sleep(delay / 1000)
             agent.process.send_signal(signal.SIGTERM)
-            self.assertEqual(agent.process.wait(2), 0, agent.lines())
+            self.assertEqual(agent.process.wait(10), 0, agent.lines())
 
     def test_connection_in_the_making(self):
         # Nobody answers for this address: the connection stays in the making.

@@ -2,6 +2,7 @@
 
 import json
 import os
+import signal
 import subprocess
 import unittest
 
@@ -129,7 +130,7 @@ class OwnDevice(LinkedCase):
     def lose_bus(self, agent):
         self.bus.kill()
         self.bus.wait()
-        self.assertEqual(agent.process.wait(2), 0)
+        self.assertEqual(agent.process.wait(10), 0)
         self.agents.remove(agent)
         agent.expect("[ERROR] ubus connection lost\n")
         self.assertNotIn("[ERROR] ubus connection lost\n", agent.lines()[agent.seen:])
@@ -158,6 +159,15 @@ class OwnDevice(LinkedCase):
         wait_until(lambda: "qzapp.arvokclt" in subprocess.run(["ubus", "list"], env=self.env, capture_output=True,
                                                               text=True).stdout, "the call")
         self.lose_bus(agent)
+
+    def test_bus_that_does_not_answer(self):
+        """The bus library waits for its daemon without limit."""
+        self.linked()
+        self.bus.send_signal(signal.SIGSTOP)
+        call("lab.gateway", "send", {"type": "ubus_call", "sequence": 1, "mac": "x", "object": "o", "method": "m"})
+        self.assertEqual(self.agent.process.wait(28), 1)
+        self.agents.remove(self.agent)
+        self.agent.expect("[ERROR] ubus does not answer\n")
 
 
 class Disk(ExtendedCase):

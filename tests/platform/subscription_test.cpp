@@ -74,6 +74,7 @@ TEST_F(Subscriptions, AreRenewedWhenTheirObjectReturns) {
                          bind<&Subscriber::catch_up>(other_));
     EXPECT_TRUE(by_number.start());
     stop_platform();
+    ASSERT_TRUE(run_until([] { return platform::object_id(QZCAP_OBJ_WAN) == 0; }));
     EXPECT_FALSE(by_name.start()) << "absent at first";
     start_platform(HOME_STATE);
     ASSERT_TRUE(run_until([&] { return other_.returns == 3; }));
