@@ -20,7 +20,7 @@ def program(name):
 
 def reason(errors):
     """What the command says of a call that failed, with the call or without, as its release has it."""
-    return re.fullmatch(r"Command failed: (?:ubus call .* \()?([\w ]+)\)?", errors.strip())[1]
+    return re.fullmatch(r"Command failed: (?:ubus call .* \()?([\w ]+)\)?", errors.splitlines()[0])[1]
 
 
 class PeerCase(unittest.TestCase):
