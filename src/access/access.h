@@ -37,6 +37,11 @@ class rules {
     void start() { scheduler_.apply_schedules(); }
     /// Blocking and rate limits are applied again in 200 ms.
     void host_appeared() { scheduler_.apply_restrictions_soon(); }
+    /// The platform can list hosts again: all rules are applied again in 200 ms.
+    void hosts_returned() {
+        scheduler_.apply_restrictions_soon();
+        scheduler_.apply_schedules_soon();
+    }
 
     /// Runs a command and adds its fields to the reply. False when it is none of these commands.
     bool run(std::string_view command, json::view message, bus_message &reply);

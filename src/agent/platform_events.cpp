@@ -103,7 +103,7 @@ void platform_events::element(const notification &heard) {
 
 bool platform_events::catch_up_hosts() {
     if (modules_)
-        modules_.access->host_appeared();
+        modules_.access->hosts_returned();
     return true;
 }
 
