@@ -50,7 +50,7 @@ inline void run_loop_for(int ms) {
         loop_end end;
     } over{};
     over.cb = [](uloop_timeout *timeout) { static_cast<limit *>(timeout)->end.ready(); };
-    uloop_timeout_set(&over, ms);
+    uloop_timeout_set(&over, ms + 1);  // a timer may run up to a millisecond early
     uloop_run_timeout(-1);
     uloop_timeout_cancel(&over);
 }
