@@ -4,6 +4,10 @@
 
 #include <cstddef>
 
+extern "C" {
+#include <libubus.h>
+}
+
 namespace arvok {
 
 /// Of a message without its header; either side refuses more. The real library is told it when it is built,
@@ -14,5 +18,19 @@ inline constexpr std::size_t MAX_MESSAGE = 1048576;
 inline constexpr int STATUS_NO_MEMORY = 11;
 inline constexpr int STATUS_PARSE_ERROR = 12;
 inline constexpr int STATUS_SYSTEM_ERROR = 13;
+
+/// What a status means, in words.
+inline const char *status_text(int status) {
+    switch (status) {
+        case STATUS_NO_MEMORY:
+            return "Out of memory";
+        case STATUS_PARSE_ERROR:
+            return "Parsing message data failed";
+        case STATUS_SYSTEM_ERROR:
+            return "System error";
+        default:
+            return ubus_strerror(status);
+    }
+}
 
 }  // namespace arvok

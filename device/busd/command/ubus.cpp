@@ -11,6 +11,7 @@
 #include <iterator>
 #include <memory>
 
+#include "../protocol.h"
 #include "../socket_path.h"
 #include "command.h"
 
@@ -84,7 +85,7 @@ int run(Session &session, const char *socket, const Row &row, Arguments argument
     session.bus = bus.get();
     const int status = row.command(session, arguments);
     if (status != UBUS_STATUS_OK)
-        std::fprintf(stderr, "Command failed: %s\n", ubus_strerror(status));
+        std::fprintf(stderr, "Command failed: %s\n", status_text(status));
     return status;
 }
 
