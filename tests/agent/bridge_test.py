@@ -177,18 +177,16 @@ class Subscriptions(BridgeCase):
         self.assertEqual(self.told(), [("even", "still", {})])
 
     def test_noisy_object(self):
-        """The bus drops what the agent does not read in time. What it reads, it passes on, and it lives."""
+        """The bus drops what the agent does not read in time. What it reads, it passes on, and it lives. The link may
+        not: so many acknowledgements come at once that one is cut where its length gets lost."""
         agent = self.link()
         self.publish("odd")
         self.assertEqual(self.subscribe("odd"), (0, ""))
-        call("odd", "burst", {"count": 20000, "size": 4000}, 60)
-        self.assertEqual(self.status("cputemp")[0], 0)
-        self.assertIn("burst", [method for _, method, _ in self.told()])
-        self.notified("odd", "after", {})
-        self.assertEqual(self.told(), [("odd", "after", {})])
-        # These are longer than the gateway takes, and it closes the connection; the agent answers on the bus.
-        call("odd", "burst", {"count": 30, "size": 900000}, 60)
-        call("qzapp.arvokclt", "postmsg", {"CmdType": "GET_STATUS"})
+        for count, size in ((20000, 4000), (30, 900000)):
+            call("odd", "burst", {"count": count, "size": size}, 60)
+            reply = call("qzapp.arvokclt", "postmsg", {"CmdType": "GET_STATUS"}, 60)
+            self.assertEqual(reply["CmdType"], "GET_STATUS")
+        self.assertEqual({message["method"] for message in self.received("ubus_notify")}, {"burst"})
         self.assertIsNone(agent.process.poll())
 
     def test_platform_object_beside_the_agents_own_subscription(self):
