@@ -205,9 +205,9 @@ class Cloud : public ::testing::Test {
 
     // --- the loop and its timers ---
 
-    // Turns the loop until `done`, or fails after two seconds.
+    // Turns the loop until `done`, or fails after ten seconds.
     void pump(const std::function<bool()> &done) {
-        for (int turns = 0; turns < 2000; turns++) {
+        for (int turns = 0; turns < 10000; turns++) {
             if (done())
                 return;
             run_loop_for(1);

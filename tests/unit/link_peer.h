@@ -139,9 +139,10 @@ class Link : public ::testing::Test {
         EXPECT_EQ(registration["sequence"].integer(), 2);
     }
 
-    /// Turns the loop until `done`, or fails after two seconds.
+    /// Turns the loop until `done`, or fails after ten seconds: a connection whose buffers are full may rest
+    /// for some.
     void pump(const std::function<bool()> &done) {
-        for (int turns = 0; turns < 2000; turns++) {
+        for (int turns = 0; turns < 10000; turns++) {
             if (done())
                 return;
             run_loop_for(1);
