@@ -16,11 +16,15 @@ BARE = ("--no-agent", "--peers", "none")
 
 # Runs inside a home with everything in it; an assertion that fails is its exit status.
 PROBE = """
-import json, os, re, socket, subprocess
+import json, os, re, socket, subprocess, time
 def run(*command):
     return subprocess.run(command, capture_output=True, text=True, check=True).stdout
 env = os.environ
-agent = open(f"/proc/{env['AGENT_PID']}/cmdline").read().split("\\0")
+deadline = time.monotonic() + 10
+while True:  # what starts it may still be at it
+    agent = open(f"/proc/{env['AGENT_PID']}/cmdline").read().split("\\0")
+    if os.path.basename(agent[0]) == "arvokclt" or time.monotonic() > deadline:
+        break
 assert os.path.basename(agent[0]) == "arvokclt" and agent[1:3] == ["-g", "192.168.1.1"], agent
 assert not os.path.samefile(f"/proc/{env['AGENT_PID']}/ns/net", "/proc/self/ns/net")
 assert os.path.samefile(f"/proc/{env['AGENT_PID']}/ns/net", env["LAB_AP_NS"])
