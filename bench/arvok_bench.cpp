@@ -14,8 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "access/schedule.h"
-#include "access/schedules.h"
+#include "access/decision.h"
 #include "base/crypto.h"
 #include "base/json.h"
 #include "base/task_queue.h"
@@ -79,32 +78,24 @@ std::string time_of_day(std::int64_t hour, std::int64_t minute) {
     return format("%02d:%02d", static_cast<int>(hour % 24), static_cast<int>(minute % 60));
 }
 
-// What the agent does at a boundary, but for the platform's part: decides for each host with rules, finds the
-// rules of each host on the LAN, and looks for the next boundary. The log goes nowhere.
+// What the agent does at a boundary, but for the platform's part: decides for each host with rules and on the
+// LAN, and looks for the next boundary. The log goes nowhere.
 void schedule_evaluation(benchmark::State &state) {
     const std::int64_t rules = state.range(0), hosts = state.range(1);
     const int log = dup(STDERR_FILENO), nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
     dup2(nowhere, STDERR_FILENO);
-    access::schedules times("/no folder, no file/");
-    access::schedules::addition addition(times);
-    std::vector<std::string> macs;
-    for (std::int64_t i = 0; i < hosts; i++)
-        macs.push_back(host_mac(i));
+    std::string lines;
     for (std::int64_t i = 0; i < rules; i++)
-        addition.add(host_mac(i % (2 * hosts)),
-                     {.enable = 1,
-                      .mode = static_cast<std::uint8_t>(i % 8),
-                      .start = time_of_day(i * 7, i * 11),
-                      .end = time_of_day(i * 13, i * 17)},
-                     "", "");
+        lines += host_mac(i % (2 * hosts)) + format("|%d|", static_cast<int>(i % 8)) +
+                 time_of_day(i * 7, i * 11) + "|" + time_of_day(i * 13, i * 17) + "|1|nocid|\n";
+    access::rule_set all;
+    all.times.load(lines);
+    std::vector<access::listed_host> listed;
+    for (std::int64_t i = 0; i < hosts; i++)
+        listed.push_back({access::host_id(host_mac(i)), 0, 0, 0});
     const access::rule_instant at = access::rule_instant_at(1795262066, true);
-    for (auto _ : state) {
-        for (access::host_schedule &host : times.hosts())
-            host.action = is_in_range(host, at) ? access::scheduled : access::unrestricted;
-        for (const std::string &mac : macs)
-            benchmark::DoNotOptimize(times.find(mac));
-        benchmark::DoNotOptimize(seconds_to_next_check(times.hosts(), at));
-    }
+    for (auto _ : state)
+        benchmark::DoNotOptimize(access::wanted(all, listed, at));
     dup2(log, STDERR_FILENO);
     close(log);
     close(nowhere);

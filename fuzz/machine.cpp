@@ -146,6 +146,7 @@ extern "C" {
 std::FILE *__real_fopen(const char *path, const char *mode);
 [[noreturn]] void __real_exit(int status);
 int __real_access(const char *path, int mode);
+int __real_rename(const char *from, const char *to);
 int __real_socket(int domain, int type, int protocol);
 int __real_uloop_timeout_set(uloop_timeout *timer, int ms);
 int __real_uloop_timeout_cancel(uloop_timeout *timer);
@@ -168,6 +169,12 @@ int __wrap_access(const char *path, int mode) {
     if (machine.link_forbidden && std::strncmp(path, "/usr/", 5) == 0)
         return 0;  // the client that owns the link instead
     return __real_access(redirected(path).c_str(), mode);
+}
+
+// How the agent saves a file.
+int __wrap_rename(const char *from, const char *to) {
+    machine.dirty = true;
+    return __real_rename(from, to);
 }
 
 std::FILE *__wrap_popen(const char *command, const char *) {

@@ -33,11 +33,21 @@ constexpr rules::command_row rules::commands[] = {
 };
 
 rules::rules(wall_clock clock, const std::string &folder)
-    : schedules_(folder),
-      restrictions_(folder),
-      scheduler_(schedules_, restrictions_, clock),
+    : store_(folder),
+      enforcer_(store_, clock),
       guest_(folder, clock),
-      hosts_(schedules_, restrictions_, scheduler_, guest_, clock) {}
+      hosts_(store_, enforcer_, guest_, clock),
+      clock_set_(bind<&rules::look_at_clock>(*this)) {}
+
+void rules::start() {
+    clock_set_.start();
+    look_at_clock();
+}
+
+void rules::look_at_clock() {
+    guest_.follow_times();
+    enforcer_.enforce();
+}
 
 bool rules::run(std::string_view command, json::view message, bus_message &reply) {
     const command_row *row = find_row(commands, command);

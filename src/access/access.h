@@ -2,11 +2,12 @@
 /// What other apps set for the hosts on the LAN (access schedules, blocking, rate limits) and for the guest
 /// network, kept in files and applied to the platform's records.
 ///
+/// host_id.h          which host a rule is about
 /// schedule.h         when a rule holds and when to look again: functions of (rules, now) without a clock
-/// schedules.h        the access schedules in memory and in their file
-/// restrictions.h     blocking and rate limits in memory and in their file
-/// scheduler.h        applies both to the platform
-/// guest_network.h    the guest network, its files and commands
+/// schedules.h        the access schedules, restrictions.h: blocking and rate limits; as values, and as their
+/// files' lines rule_store.h       these rules in memory and in their files decision.h         what the
+/// platform's records should be: a function of (rules, hosts, now) enforcer.h         makes them so; retry.h:
+/// when to try again what was refused guest_network.h    the guest network, its files and commands
 /// guest_interface.h  its interface on the platform
 /// host_commands.h    the commands about LAN hosts (lan_hosts.cpp: what is told of each)
 /// texts.h            the texts of commands and files
@@ -17,13 +18,13 @@
 #include <string>
 #include <string_view>
 
+#include "access/enforcer.h"
 #include "access/guest_network.h"
 #include "access/host_commands.h"
-#include "access/restrictions.h"
-#include "access/scheduler.h"
-#include "access/schedules.h"
+#include "access/rule_store.h"
 #include "base/bus_message.h"
 #include "base/clock.h"
+#include "base/clock_watch.h"
 #include "base/json.h"
 
 namespace arvok::access {
@@ -33,15 +34,10 @@ class rules {
     /// Loads the rules from their files in `folder`, which ends with a slash.
     rules(wall_clock clock, const std::string &folder);
 
-    /// Applies the schedules for the first time, which arms the timer for the next.
-    void start() { scheduler_.apply_schedules(); }
-    /// Blocking and rate limits are applied again in 200 ms.
-    void host_appeared() { scheduler_.apply_restrictions_soon(); }
-    /// The platform can list hosts again: all rules are applied again in 200 ms.
-    void hosts_returned() {
-        scheduler_.apply_restrictions_soon();
-        scheduler_.apply_schedules_soon();
-    }
+    /// Applies the schedules and the guest network's closing time for the first time, and sees to the next.
+    void start();
+    /// A host has come: in 200 ms the rules are applied, also blocking and rate limits.
+    void host_appeared() { enforcer_.enforce_all_soon(); }
 
     /// Runs a command and adds its fields to the reply. False when it is none of these commands.
     bool run(std::string_view command, json::view message, bus_message &reply);
@@ -50,11 +46,13 @@ class rules {
     struct command_row;
     static const command_row commands[];
 
-    schedules schedules_;
-    restrictions restrictions_;
-    scheduler scheduler_;
+    void look_at_clock();
+
+    rule_store store_;
+    enforcer enforcer_;
     guest_network guest_;
     host_commands hosts_;
+    clock_watch clock_set_;
 };
 
 }  // namespace arvok::access

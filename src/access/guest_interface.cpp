@@ -10,8 +10,12 @@ namespace {
 
 constexpr std::size_t spare_interfaces_from = 2;  // the interfaces before have their own purpose
 
+std::optional<platform::access_point_list> list_known_interfaces() {
+    return platform::fetch_list<platform::access_point_list>(qzcap_wifi_ap_list, QZCAP_AP_2G);
+}
+
 platform::access_point_list list_interfaces() {
-    auto list = platform::fetch_list<platform::access_point_list>(qzcap_wifi_ap_list, QZCAP_AP_2G);
+    auto list = list_known_interfaces();
     return list ? std::move(*list) : platform::access_point_list();
 }
 
@@ -29,34 +33,35 @@ void fill(qzcap_wifi_ap &interface, const guest_settings &settings) {
     interface.guest = 1;
 }
 
-int use_spare_interface(const guest_settings &settings) {
+interface_outcome use_spare_interface(const guest_settings &settings) {
     const platform::access_point_list interfaces = list_interfaces();
     for (std::size_t at = spare_interfaces_from; at < interfaces.size(); at++) {
         qzcap_wifi_ap &spare = interfaces[at];
         if (view_of(spare.enable) != "no" || spare.inuse != 0)
             continue;
+        platform::access_point_record before = get_interface(static_cast<int>(spare.index));
         fill(spare, settings);
         platform::reason why;
         if (!set(spare, why) && why.is_given())
             log_printf("_add_guest_wifi (%d): extcc wifi ap.%d set failed: %s\n", __LINE__,
                        static_cast<int>(spare.index), why.c_str());
-        return static_cast<int>(spare.index);
+        return {static_cast<int>(spare.index), {}, false, std::move(before)};
     }
-    return 0;
+    return {0};
 }
 
-int add_guest_interface(const guest_settings &settings) {
+interface_outcome add_guest_interface(const guest_settings &settings) {
     const platform::access_point_record interface(
         static_cast<qzcap_wifi_ap *>(qzcap_calloc(1, sizeof(qzcap_wifi_ap))));
     if (!interface) {
         log_printf("_add_guest_wifi (%d): extcc oom\n", __LINE__);
-        return 0;
+        return {0};
     }
     fill(*interface, settings);
     platform::reason why;
     const int index = qzcap_wifi_ap_add(QZCAP_AP_2G, interface.get(), why);
     if (index >= 1 && !why.is_given())
-        return index;
+        return {index, {}, true};
     log_printf("_add_guest_wifi (%d): extcc wifi ap add failed: %s, try find available ap\n", __LINE__,
                why.c_str());
     return use_spare_interface(settings);
@@ -77,6 +82,16 @@ platform::access_point_record get_interface(int index) {
         index > 0 ? qzcap_wifi_ap_get(QZCAP_AP_2G, static_cast<std::uint32_t>(index)) : nullptr);
 }
 
+presence find_interface(int index) {
+    const auto list = list_known_interfaces();
+    if (!list)
+        return presence::unknown;
+    for (const qzcap_wifi_ap *interface : *list)
+        if (static_cast<int>(interface->index) == index)
+            return presence::there;
+    return presence::gone;
+}
+
 int find_guest_interface() {
     for (const qzcap_wifi_ap *interface : list_interfaces())
         if (interface->guest == 1)
@@ -84,18 +99,27 @@ int find_guest_interface() {
     return 0;
 }
 
-interface_outcome set_guest_interface(const guest_settings &settings) {
+interface_outcome set_guest_interface(const guest_settings &settings, int remembered) {
     const int index = find_guest_interface();
     if (index < 1)
-        return {add_guest_interface(settings)};
+        return add_guest_interface(settings);
     const platform::access_point_record interface = get_interface(index);
     if (!interface)
         return {0};
+    platform::access_point_record before = get_interface(index == remembered ? 0 : index);
     fill(*interface, settings);
     platform::reason why;
     if (!set(*interface, why) && why.is_given())
         return {0, why.c_str()};
-    return {static_cast<int>(interface->index)};
+    return {static_cast<int>(interface->index), {}, false, std::move(before)};
+}
+
+void undo(const interface_outcome &done) {
+    platform::reason why;
+    if (done.before)
+        set(*done.before, why);
+    else if (done.is_new)
+        delete_interface(done.index);
 }
 
 std::optional<std::string> delete_interface(int index) {
@@ -111,13 +135,15 @@ std::optional<std::string> delete_interface(int index) {
     return why.is_given() ? why.c_str() : "guest delete/disable failed";
 }
 
-void switch_interface(int index, bool on) {
-    const platform::access_point_record interface(
-        qzcap_wifi_ap_get(QZCAP_AP_2G, static_cast<std::uint32_t>(index)));
-    if (!interface || view_of(interface->enable) != (on ? "no" : "yes"))
-        return;
+bool switch_interface(int index, bool on) {
+    const platform::access_point_record interface = get_interface(index);
+    if (!interface)
+        return index < 1 || find_interface(index) == presence::gone;
+    if (view_of(interface->enable) != (on ? "no" : "yes"))
+        return true;
     platform::replace_text(interface->enable, on ? "yes" : "no");
-    qzcap_wifi_ap_set(QZCAP_AP_2G, interface->index, interface.get(), nullptr);
+    platform::reason why;
+    return set(*interface, why);
 }
 
 }  // namespace arvok::access

@@ -33,6 +33,10 @@ struct guest_settings {
 /// The 2.4 GHz interface of that index; null when there is none.
 platform::access_point_record get_interface(int index);
 
+/// Whether there is an interface of that index: `unknown` when the platform does not say.
+enum class presence { there, gone, unknown };
+presence find_interface(int index);
+
 /// The guest interface's index; 0 for none.
 int find_guest_interface();
 
@@ -40,16 +44,23 @@ int find_guest_interface();
 struct interface_outcome {
     int index;
     std::optional<std::string> error = {};
+    bool is_new = false;
+    platform::access_point_record before =
+        {};  ///< as the interface was; null when it is new, or was remembered
 };
 
 /// Gives the settings to the guest interface; without one to a new interface or, from a platform that adds
-/// none, to a spare one.
-interface_outcome set_guest_interface(const guest_settings &settings);
+/// none, to a spare one. What is done to the interface `remembered` need not be undone.
+interface_outcome set_guest_interface(const guest_settings &settings, int remembered);
+
+/// Undoes that, as far as the platform lets it.
+void undo(const interface_outcome &done);
 
 /// Deletes the interface or, where the platform keeps it, disables it. What went wrong, or nothing.
 std::optional<std::string> delete_interface(int index);
 
-/// Enables or disables an interface that is not so already.
-void switch_interface(int index, bool on);
+/// Enables or disables an interface that is not so already. False when the platform refuses, or does not tell
+/// of the interface although it may be there.
+bool switch_interface(int index, bool on);
 
 }  // namespace arvok::access

@@ -23,6 +23,7 @@ constexpr std::size_t followed_max = 128;  // bytes of the closing time's file, 
 constexpr std::size_t told_max = 160;      // and when it is told
 
 constexpr int apply_delay_ms = 100;
+constexpr int clock_retry_s = 60;
 constexpr unsigned long minutes_max = 1440;
 constexpr char no_closing[] = "-1111";
 
@@ -31,6 +32,22 @@ std::string minute_text(std::time_t t) {
     const std::tm tm = china_time(t);
     return format("%d-%02d-%02d %02d:%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour,
                   tm.tm_min);
+}
+
+// Numbers as numbers: a text like "0060" is one, but its field in the file has no room for more zeros.
+std::string closing_line(int index, bool enable, std::optional<std::uint32_t> minutes, std::time_t now) {
+    if (!minutes)
+        return format("%d\t%d\t0\t0\t0\t%s\n", index, enable, no_closing);
+    const std::string start = minute_text(now), end = minute_text(now + std::time_t{60} * *minutes);
+    return format("%d\t%d\t%s\t%lld\t%s\t%u\n", index, enable, start.c_str(), static_cast<long long>(now),
+                  end.c_str(), *minutes);
+}
+
+// Whether a file is on the disk as it should be; says so in the log if not.
+bool saved(const std::string &path, const std::optional<std::string> &why) {
+    if (why)
+        log_printf("[ERROR] extcc: failed to save %s %s\n", path.c_str(), why->c_str());
+    return !why;
 }
 
 void add_main_ssid(bus_message &reply, const char *name, int band) {
@@ -53,12 +70,12 @@ int guest_network::index() const {
     return std::atoi(read_file(index_path_, index_file_max).value_or("").c_str());
 }
 
-void guest_network::remember(int index) const {
-    write_file(index_path_, std::to_string(index));
+bool guest_network::remember(int index) {
+    return saved(index_path_, save_file(index_path_, std::to_string(index)));
 }
 
 // The index in the file; without a file that of the guest interface, which goes into the file.
-int guest_network::known_index() const {
+int guest_network::known_index() {
     if (file_exists(index_path_))
         return index();
     const int found = find_guest_interface();
@@ -67,38 +84,59 @@ int guest_network::known_index() const {
     return found;
 }
 
-// Numbers as numbers: a text like "0060" is one, but its field in the file has no room for more zeros.
-void guest_network::write_closing(int index, bool enable, std::optional<std::uint32_t> minutes,
-                                  std::time_t now) const {
-    if (!minutes) {
-        write_file(closing_path_, format("%d\t%d\t0\t0\t0\t%s\n", index, enable, no_closing));
-        return;
-    }
-    const std::string start = minute_text(now), end = minute_text(now + std::time_t{60} * *minutes);
-    write_file(closing_path_, format("%d\t%d\t%s\t%lld\t%s\t%u\n", index, enable, start.c_str(),
-                                     static_cast<long long>(now), end.c_str(), *minutes));
+// The closing time goes first: without it the index does nothing.
+bool guest_network::remove_files() {
+    const auto closing = read_file(closing_path_, followed_max);
+    if (!saved(closing_path_, remove_file(closing_path_)))
+        return false;
+    if (saved(index_path_, remove_file(index_path_)))
+        return true;
+    if (closing)
+        save_file(closing_path_, *closing);
+    return false;
 }
 
-guest_schedule guest_network::read_closing() const {
+// Nothing without a file, and of one that no command has written.
+std::optional<guest_schedule> guest_network::closing() const {
     const std::string text = read_file(closing_path_, followed_max).value_or("");
     char enable[8] = "", last_time[8] = "";
     long long start = 0;
-    std::sscanf(text.c_str(), "%*[^\t]\t%7[^\t]\t%*[^\t]\t%lld\t%*[^\t]\t%7[^\n]", enable, &start, last_time);
-    return {std::atoi(enable) != 0, start, std::atoi(last_time)};
+    if (std::sscanf(text.c_str(), "%*[^\t]\t%7[^\t]\t%*[^\t]\t%lld\t%*[^\t]\t%7[^\n]", enable, &start,
+                    last_time) != 3)
+        return std::nullopt;
+    return guest_schedule{std::atoi(enable) != 0, start, std::atoi(last_time)};
 }
 
 // --- opening and closing ---
 
-void guest_network::follow_times() {
-    const guest_action action = guest_action_at(read_closing(), clock_());
-    switch_interface(index(), action.on);
-    if (action.delay <= 0)
-        return;
-    // A timer reaches 24 days; whoever set the clock that far back gets an early check.
-    const int delay = static_cast<int>(std::min<std::int64_t>(action.delay, INT_MAX / 1000));
+// A timer reaches 24 days; whoever set the clock that far back gets an early check.
+void guest_network::look_again(std::int64_t seconds) {
+    const int delay = static_cast<int>(std::min<std::int64_t>(seconds, INT_MAX / 1000));
     log_printf("extcc_guestssid_cb (%d): extcc next check is %ds (~%dh%dm) later\n", __LINE__, delay,
                delay / 3600, delay % 3600 / 60);
     timer_.arm(delay * 1000);
+}
+
+void guest_network::follow_times() {
+    timer_.cancel();
+    const std::optional<guest_schedule> schedule = closing();
+    if (!schedule)
+        return refused_.reset();
+    const std::time_t now = clock_();
+    if (schedule->last_time != guest_forever && now < clock_set_after)
+        return look_again(clock_retry_s);
+    const guest_action action = guest_action_at(*schedule, now);
+    if (switch_interface(index(), action.on)) {
+        refused_.reset();
+        if (action.delay > 0)
+            look_again(action.delay);
+        return;
+    }
+    if (!refused_)
+        refused_.emplace();
+    refused_->refused(uptime());
+    const std::int64_t next_try = refused_->remaining(uptime());
+    look_again(action.delay > 0 ? std::min(action.delay, next_try) : next_try);
 }
 
 // --- SET_GUEST_WIFI ---
@@ -125,14 +163,31 @@ void guest_network::set(json::view message, bus_message &reply) {
     if (!cipher)
         return add_outcome(reply, "invalid ENCRYPT", "-1");
 
+    const int known = index();
     const interface_outcome outcome =
-        set_guest_interface({*ssid, *password, encryptions[*cipher - 1], *enable == 1, *hidden});
+        set_guest_interface({*ssid, *password, encryptions[*cipher - 1], *enable == 1, *hidden}, known);
     if (outcome.error)
         return add_outcome(reply, *outcome.error, "-102");
     if (outcome.index < 1)
         return add_outcome(reply, "failed to add/set guest wifi", "-102");
+    if (outcome.index != known && !remember(outcome.index)) {
+        undo(outcome);
+        return add_outcome(reply, save_failed, "-1");
+    }
+    end_closing(*enable == 1);
     add_outcome(reply, "", "0");
-    remember(outcome.index);
+}
+
+// A closing time that has nothing left to do ends when a command says otherwise: at the next start it would
+// undo that.
+void guest_network::end_closing(bool enabled) {
+    const std::optional<guest_schedule> schedule = closing();
+    const std::time_t now = clock_();
+    if (!schedule || (schedule->last_time != guest_forever && now < clock_set_after))
+        return;
+    const guest_action action = guest_action_at(*schedule, now);
+    if (action.delay == 0 && action.on != enabled && saved(closing_path_, remove_file(closing_path_)))
+        follow_times();
 }
 
 // --- GET_GUEST_WIFI ---
@@ -150,8 +205,8 @@ void guest_network::add_closing(bus_message &reply) const {
 void guest_network::get(json::view, bus_message &reply) {
     const int index = known_index();
     const platform::access_point_record interface = get_interface(index);
-    if (!interface)
-        std::remove(index_path_.c_str());
+    if (!interface && file_exists(index_path_) && find_interface(index) == presence::gone)
+        saved(index_path_, remove_file(index_path_));
     {
         const bus_message::array info(reply, "Info");
         if (interface) {
@@ -174,18 +229,17 @@ void guest_network::get(json::view, bus_message &reply) {
 
 // --- DELETE_GUEST_WIFI ---
 
+// The files first: with them gone nothing closes the next guest network, whatever the platform says.
 void guest_network::remove(json::view, bus_message &reply) {
     const int known = index();
+    if (!remove_files())
+        return add_outcome(reply, save_failed, "-1");
+    follow_times();
     const auto fault = known > 0 ? delete_interface(known) : std::nullopt;
-    if (fault) {
-        reply.text("Status", "-102");
-        reply.text("FailReaon", *fault);  // so spelled
-    } else {
-        add_success(reply);
-    }
-    std::remove(index_path_.c_str());
-    std::remove(closing_path_.c_str());
-    timer_.cancel();  // it would close the next guest network
+    if (!fault)
+        return add_success(reply);
+    reply.text("Status", "-102");
+    reply.text("FailReaon", *fault);  // so spelled
 }
 
 // --- SET_GUEST_WIFI_CLOSE_TIMER ---
@@ -208,7 +262,9 @@ void guest_network::set_closing(json::view message, bus_message &reply) {
         const std::time_t now = clock_();
         if (now < clock_set_after)
             return add_outcome(reply, "Time not sync", "-107");
-        write_closing(known, *enable == 1, minutes, now);
+        if (!saved(closing_path_, save_file(closing_path_, closing_line(known, *enable == 1, minutes, now))))
+            return add_outcome(reply, save_failed, "-1");
+        refused_.reset();
     }
     timer_.arm(apply_delay_ms);
     add_outcome(reply, "", "0");

@@ -1,11 +1,12 @@
 #pragma once
-/// The guest network: one 2.4 GHz interface with the platform's guest mark, whose index and closing time are
-/// kept in files, and the commands about it.
+/// The guest network: one 2.4 GHz interface with the platform's guest mark, and the commands about it. Its
+/// index and its closing time are in files and nowhere else, read whenever they matter.
 
 #include <cstdint>
 #include <optional>
 #include <string>
 
+#include "access/retry.h"
 #include "access/schedule.h"
 #include "base/bus_message.h"
 #include "base/clock.h"
@@ -25,22 +26,27 @@ class guest_network {
     void remove(json::view message, bus_message &reply);
     void set_closing(json::view message, bus_message &reply);
 
+    /// Opens or closes it as its closing time says, if it has one, and sees to the next time: its change, the
+    /// next try when the platform refuses, or a minute later while the clock is not set.
+    void follow_times();
+
     /// Milliseconds until it is opened or closed; below 0: not foreseen.
     int until_change() { return timer_.remaining(); }
 
   private:
     int index() const;
-    int known_index() const;
-    void remember(int index) const;
-    void write_closing(int index, bool enable, std::optional<std::uint32_t> minutes, std::time_t now) const;
-    guest_schedule read_closing() const;
+    int known_index();
+    bool remember(int index);
+    bool remove_files();
+    std::optional<guest_schedule> closing() const;
     void add_closing(bus_message &reply) const;
-    void follow_times();
-    void switch_to(bool on) const;
+    void look_again(std::int64_t seconds);
+    void end_closing(bool enabled);
 
     const std::string index_path_, closing_path_;
     const wall_clock clock_;
-    timer timer_;  ///< opens and closes the network
+    timer timer_;                   ///< opens and closes the network
+    std::optional<retry> refused_;  ///< it is to be opened or closed, and the platform would not
 };
 
 }  // namespace arvok::access

@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "access/outcome.h"
 #include "access/texts.h"
@@ -27,8 +28,8 @@ void add_exec(bus_message &reply, const restriction &entry) {
     reply.text("Exec", entry.applied == entry.kinds ? "True" : "False");
 }
 
-// Stores one rule of a request. What is wrong with it, or nothing.
-std::optional<std::string_view> store_rule(schedules::addition &file, std::string_view mac, json::view rule) {
+// Adds one rule of a request to a schedule. What is wrong with it, or nothing.
+std::optional<std::string_view> add_rule(host_schedule &to, json::view rule) {
     const auto start = rule["StartTime"].text(), end = rule["EndTime"].text();
     if (!is_time_of_day(start.value_or("")) || !is_time_of_day(end.value_or("")))
         return "invalid StartTime/EndTime";
@@ -40,22 +41,26 @@ std::optional<std::string_view> store_rule(schedules::addition &file, std::strin
         return "invalid Enable";
     const std::string_view continue_id = rule["ContinueID"].text().value_or("");
     // Numbers as numbers: a text like "+01" is one, but its field in the file has no room for it.
-    file.add(mac,
-             {static_cast<std::uint8_t>(*enable), static_cast<std::uint8_t>(*mode), std::string(*start),
-              std::string(*end)},
-             continue_id.empty() ? no_continue_id : continue_id, rule["GroupID"].text().value_or(""));
+    std::string line = format("%s|%u|", to.mac.c_str(), *mode);
+    line.append(*start).append("|").append(*end).append(*enable ? "|1|" : "|0|");
+    line.append(continue_id.empty() ? no_continue_id : continue_id).append("|");
+    line.append(rule["GroupID"].text().value_or(""));
+    to.lines += one_line(std::move(line)) + "\n";
+    to.rules.push_front({static_cast<std::uint8_t>(*enable), static_cast<std::uint8_t>(*mode),
+                         std::string(*start), std::string(*end)});
     return std::nullopt;
 }
 
-// Stores the rules up to the first that is wrong. What is wrong with it, or nothing.
-std::optional<std::string_view> store_rules(schedules &to, std::string_view mac, json::view rules) {
-    schedules::addition file(to);
-    for (const json::view rule : rules) {
-        to.free_no_host();
-        if (const auto fault = store_rule(file, mac, rule))
+// Adds the rules up to the first that is wrong. What is wrong with it, or nothing.
+std::optional<std::string_view> add_rules(host_schedule &to, json::view rules) {
+    for (const json::view rule : rules)
+        if (const auto fault = add_rule(to, rule))
             return fault;
-    }
     return std::nullopt;
+}
+
+void add_refusal(bus_message &reply, stored why) {
+    add_outcome(reply, why == stored::not_saved ? save_failed : "too many rules", "-1");
 }
 
 }  // namespace
@@ -66,16 +71,18 @@ void host_commands::set_schedule(json::view message, bus_message &reply) {
     const auto mac = message["MAC"].text();
     if (!mac)
         return add_outcome(reply, mac_missing, "-202");
-    if (restrictions_.blocks(*mac))
+    if (store_.rules().limits.blocks(host_id(*mac)))
         return add_outcome(reply, "MAC already in internet rules", "-1000");
     const json::view info = message["Info"];
     if (!info.is_array())
         return add_outcome(reply, info_not_array, "-201");
 
-    schedules_.remove(*mac);
-    const auto fault = store_rules(schedules_, *mac, info);
+    host_schedule fresh{kept_mac(*mac)};
+    const auto fault = add_rules(fresh, info);
+    if (const stored outcome = store_.set_schedule(std::move(fresh), !info.first()); outcome != stored::done)
+        return add_refusal(reply, outcome);
     // Also for what was stored before a fault: its boundaries are nobody else's to watch.
-    scheduler_.apply_schedules_soon();
+    enforcer_.enforce_soon();
     if (fault)
         return add_outcome(reply, *fault, "-1");
     add_success(reply);
@@ -87,17 +94,16 @@ void host_commands::get_schedule(json::view message, bus_message &reply) {
         return add_outcome(reply, mac_missing, "-202");
     {
         const bus_message::array info(reply, "Info");
-        schedules::reader lines(schedules_);
-        while (const auto line = lines.next()) {
-            if (!same_ignoring_case(line->mac, *mac))
-                continue;
+        const host_schedule *host = store_.rules().times.find(host_id(*mac));
+        for (auto lines = host ? std::string_view(host->lines) : std::string_view(); !lines.empty();) {
+            const schedule_line line = parse_schedule_line(take_until(lines, '\n'));
             const bus_message::table table(reply);
-            reply.text("ContinueID", line->continue_id == no_continue_id ? "" : line->continue_id);
-            reply.text("Mode", line->mode);
-            reply.text("StartTime", line->start);
-            reply.text("EndTime", line->end);
-            reply.text("Enable", line->enable);
-            reply.text("GroupID", line->group_id);
+            reply.text("ContinueID", line.continue_id == no_continue_id ? "" : line.continue_id);
+            reply.text("Mode", line.mode);
+            reply.text("StartTime", line.start);
+            reply.text("EndTime", line.end);
+            reply.text("Enable", line.enable);
+            reply.text("GroupID", line.group_id);
         }
     }
     add_success(reply);
@@ -105,41 +111,50 @@ void host_commands::get_schedule(json::view message, bus_message &reply) {
 
 // --- blocking and rate limits ---
 
-void host_commands::save_and_apply_restrictions(bus_message &reply) {
-    restrictions_.save();
+void host_commands::answer_change(bus_message &reply, stored outcome) {
+    if (outcome != stored::done)
+        return add_refusal(reply, outcome);
     add_success(reply);
-    scheduler_.apply_restrictions_soon();
+    enforcer_.enforce_all_soon();
 }
 
 void host_commands::set_internet(json::view message, bus_message &reply) {
     const json::view info = message["Info"];
     if (!info.is_array())
         return add_outcome(reply, info_not_array, "-201");
+    restrictions limits = store_.rules().limits;
+    host_ids to_free = store_.rules().to_free;
     bool changed = !info.first();
     if (changed)
-        restrictions_.drop(restricts_internet);
+        limits.drop(restricts_internet);
+    const auto fault = [&](const char *reason, const char *status) {
+        store_.keep_unsaved(std::move(limits), std::move(to_free));
+        add_outcome(reply, reason, status);
+    };
     for (const json::view host : info) {
         const auto mac = host["MAC"].text();
         if (!mac)
-            return add_outcome(reply, mac_missing, "-202");
-        if (schedules_.find(kept_mac(*mac)))
+            return fault(mac_missing, "-202");
+        if (store_.rules().times.find(host_id(*mac)))
             continue;
         const auto access = number_in(host["InternetAccess"].text(), 0, 2);
         if (!access)
-            return add_outcome(reply, "invalid InternetAccess", "-1");
-        restrictions_.entry_with(restricts_internet, *mac).internet = *access;
+            return fault("invalid InternetAccess", "-1");
+        limits.entry_with(restricts_internet, *mac).internet = *access;
+        if (*access == unrestricted)
+            to_free.emplace(*mac);
         changed = true;
     }
     if (!changed)
         return add_outcome(reply, "MAC already in timer rules", "-1000");
-    save_and_apply_restrictions(reply);
+    answer_change(reply, store_.set_restrictions(std::move(limits), std::move(to_free)));
 }
 
 void host_commands::get_internet(json::view, bus_message &reply) {
     {
         const bus_message::array info(reply, "Info");
-        for (const restriction &entry : restrictions_.entries()) {
-            if (!(entry.kinds & restricts_internet) || entry.internet == unrestricted)
+        for (const restriction &entry : store_.rules().limits.entries()) {
+            if (!entry.blocks())
                 continue;
             const bus_message::table table(reply);
             reply.text("MAC", entry.mac);
@@ -154,29 +169,34 @@ void host_commands::set_bandwidth(json::view message, bus_message &reply) {
     const json::view info = message["Info"];
     if (!info.is_array())
         return add_outcome(reply, info_not_array, "-201");
+    restrictions limits = store_.rules().limits;
     if (!info.first())
-        restrictions_.drop(restricts_rate);
+        limits.drop(restricts_rate);
+    const auto fault = [&](const char *reason, const char *status) {
+        store_.keep_unsaved(std::move(limits), store_.rules().to_free);
+        add_outcome(reply, reason, status);
+    };
     for (const json::view host : info) {
         const auto mac = host["MAC"].text();
         if (!mac)
-            return add_outcome(reply, mac_missing, "-202");
+            return fault(mac_missing, "-202");
         const auto up = number_in(host["MaxUSBandwidth"].text(), 0, limit_max);
         if (!up)
-            return add_outcome(reply, "invalid US", "-1");
+            return fault("invalid US", "-1");
         const auto down = number_in(host["MaxDSBandwidth"].text(), 0, limit_max);
         if (!down)
-            return add_outcome(reply, "invalid DS", "-1");
-        restriction &entry = restrictions_.entry_with(restricts_rate, *mac);
+            return fault("invalid DS", "-1");
+        restriction &entry = limits.entry_with(restricts_rate, *mac);
         entry.up_limit = *up;
         entry.down_limit = *down;
     }
-    save_and_apply_restrictions(reply);
+    answer_change(reply, store_.set_restrictions(std::move(limits), store_.rules().to_free));
 }
 
 void host_commands::get_bandwidth(json::view, bus_message &reply) {
     {
         const bus_message::array info(reply, "Info");
-        for (const restriction &entry : restrictions_.entries()) {
+        for (const restriction &entry : store_.rules().limits.entries()) {
             if (!(entry.kinds & restricts_rate) || (entry.up_limit == 0 && entry.down_limit == 0))
                 continue;
             const bus_message::table table(reply);
@@ -195,7 +215,7 @@ void host_commands::add_times(bus_message &reply) {
     const std::tm now = china_time(clock_());
     reply.text("Time", format("%04d-%02d-%02d %02d:%02d:%02d", now.tm_year + 1900, now.tm_mon + 1,
                               now.tm_mday, now.tm_hour, now.tm_min, now.tm_sec));
-    const int hosts_s = scheduler_.until_schedules() / 1000;
+    const int hosts_s = enforcer_.until_next() / 1000;
     reply.text("LANHostNextCheck",
                format("%ds (%dh%dm%ds)", hosts_s, hosts_s / 3600, hosts_s % 3600 / 60, hosts_s % 60));
     const int guest_s = guest_.until_change() / 1000;
@@ -248,8 +268,8 @@ void add_restrictions(bus_message &reply, const restrictions &all) {
 
 void host_commands::dump(json::view, bus_message &reply) {
     add_times(reply);
-    add_schedules(reply, schedules_);
-    add_restrictions(reply, restrictions_);
+    add_schedules(reply, store_.rules().times);
+    add_restrictions(reply, store_.rules().limits);
 }
 
 }  // namespace arvok::access

@@ -2,10 +2,12 @@
 /// The commands about LAN hosts: which there are, the rules that are set for them (access schedules,
 /// blocking, rate limits), and the dump of all rules.
 
+#include <optional>
+#include <string_view>
+
+#include "access/enforcer.h"
 #include "access/guest_network.h"
-#include "access/restrictions.h"
-#include "access/scheduler.h"
-#include "access/schedules.h"
+#include "access/rule_store.h"
 #include "base/bus_message.h"
 #include "base/clock.h"
 #include "base/json.h"
@@ -14,13 +16,8 @@ namespace arvok::access {
 
 class host_commands {
   public:
-    host_commands(schedules &schedules, restrictions &restrictions, scheduler &scheduler,
-                  guest_network &guest, wall_clock clock)
-        : schedules_(schedules),
-          restrictions_(restrictions),
-          scheduler_(scheduler),
-          guest_(guest),
-          clock_(clock) {}
+    host_commands(rule_store &store, enforcer &enforcer, guest_network &guest, wall_clock clock)
+        : store_(store), enforcer_(enforcer), guest_(guest), clock_(clock) {}
 
     /// Commands: each adds its fields to the reply.
     void get_hosts(json::view message, bus_message &reply);
@@ -33,12 +30,11 @@ class host_commands {
     void dump(json::view message, bus_message &reply);
 
   private:
-    void save_and_apply_restrictions(bus_message &reply);
+    void answer_change(bus_message &reply, stored outcome);
     void add_times(bus_message &reply);
 
-    schedules &schedules_;
-    restrictions &restrictions_;
-    scheduler &scheduler_;
+    rule_store &store_;
+    enforcer &enforcer_;
     guest_network &guest_;
     const wall_clock clock_;
 };

@@ -38,7 +38,7 @@ std::string is_controlled(const qzcap_laninfo &host, const schedules &) {
 }
 
 std::string is_scheduled(const qzcap_laninfo &host, const schedules &rules) {
-    return rules.find(host) ? "1" : "0";
+    return rules.find(host_id(view_of(host.mac))) ? "1" : "0";
 }
 
 std::string object_path(const qzcap_laninfo &host, const schedules &) {
@@ -108,7 +108,7 @@ void host_commands::get_hosts(json::view message, bus_message &reply) {
             continue;
         const bus_message::table table(reply);
         for (const host_field &field : host_fields)
-            reply.text(field.key, field.text(*host, schedules_));
+            reply.text(field.key, field.text(*host, store_.rules().times));
     }
 }
 

@@ -12,5 +12,7 @@ inline void add_success(bus_message &reply) {
 }
 
 inline constexpr char info_not_array[] = "Info is not array";
+/// With "-1": the disk refused, and everything is as it was.
+inline constexpr char save_failed[] = "save failed";
 
 }  // namespace arvok::access

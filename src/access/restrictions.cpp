@@ -1,90 +1,73 @@
 #include "access/restrictions.h"
 
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-
 #include "access/schedule.h"
 #include "access/texts.h"
-#include "base/handle.h"
-#include "base/log.h"
 #include "base/text.h"
 
 namespace arvok::access {
-namespace {
 
-constexpr char restriction_file[] = "extcc-lhpc.cfg";
-
-}  // namespace
-
-restrictions::restrictions(const std::string &folder) : path_(folder + restriction_file) {
-    load();
+bool restriction::blocks() const {
+    return kinds & restricts_internet && internet != unrestricted;
 }
 
-void restrictions::load() {
-    const file_handle file(std::fopen(path_.c_str(), "re"));
-    char line[rule_line_size];
-    while (file && std::fgets(line, sizeof line, file.get())) {
-        char mac[16] = "", kinds[4] = "", internet[4] = "", down_limit[16] = "", up_limit[16] = "";
-        std::sscanf(line, "%15[^|]|%3[^|]|%3[^|]|%15[^|]|%15[^\n]", mac, kinds, internet, down_limit,
-                    up_limit);
-        restriction &entry = add(mac);
-        entry.kinds = number_of(kinds);
-        if (entry.kinds & restricts_internet)
-            entry.internet = number_of(internet);
-        if (entry.kinds & restricts_rate) {
-            entry.up_limit = number_of(up_limit);
-            entry.down_limit = number_of(down_limit);
-        }
-    }
+const restriction *restrictions::find(const host_id &id) const {
+    const auto found = by_host_.find(id);
+    return found == by_host_.end() ? nullptr : &entries_[place(found->second)];
 }
 
-restriction &restrictions::add(std::string_view mac) {
-    restriction &entry = entries_.emplace_front();
-    entry.mac = mac;
-    newest_[upper_case(mac)] = &entry;
-    return entry;
+bool restrictions::blocks(const host_id &id) const {
+    const restriction *entry = find(id);
+    return entry && entry->blocks();
 }
 
-restriction *restrictions::find(std::string_view mac) const {
-    const auto found = newest_.find(upper_case(kept_mac(mac)));
-    return found == newest_.end() ? nullptr : found->second;
-}
-
-bool restrictions::blocks(std::string_view mac) const {
-    const restriction *entry = find(mac);
-    return entry && entry->kinds & restricts_internet && entry->internet != unrestricted;
+restriction &restrictions::entry_of(std::string_view mac) {
+    const auto [known, is_new] = by_host_.try_emplace(host_id(mac), entries_.size());
+    if (is_new)
+        entries_.emplace_front().mac = kept_mac(mac);
+    return entries_[place(known->second)];
 }
 
 restriction &restrictions::entry_with(restriction_kind kind, std::string_view mac) {
-    restriction *known = find(mac);
-    restriction &entry = known ? *known : add(kept_mac(mac));
+    restriction &entry = entry_of(mac);
     entry.kinds |= kind;
+    entry.applied = 0;
     return entry;
 }
 
 void restrictions::drop(restriction_kind kind) {
-    entries_.remove_if([kind](const restriction &entry) { return entry.kinds == kind; });
-    newest_.clear();
-    for (restriction &entry : entries_) {
-        entry.kinds &= ~std::uint32_t{kind};
-        newest_.emplace(upper_case(entry.mac), &entry);  // keeps the first, which is the newest
+    std::erase_if(entries_, [kind](const restriction &entry) { return entry.kinds == kind; });
+    by_host_.clear();
+    for (auto entry = entries_.rbegin(); entry != entries_.rend(); ++entry) {
+        entry->kinds &= ~std::uint32_t{kind};
+        entry->applied &= entry->kinds;
+        by_host_.emplace(host_id(entry->mac), by_host_.size());
     }
 }
 
-void restrictions::save() const {
-    const file_handle file(std::fopen(path_.c_str(), "w+e"));
-    if (!file) {
-        log_printf("[ERROR] %s: failed to save _save_pr_cfg %s\n", path_.c_str(), std::strerror(errno));
-        return;
+void restrictions::load(std::string_view file) {
+    while (!file.empty()) {
+        std::string_view line = until_zero(take_until(file, '\n'));
+        if (line.empty())
+            continue;
+        const auto number = [&line] { return number_of(std::string(take_until(line, '|'))); };
+        restriction &entry = entry_of(take_until(line, '|'));
+        const std::uint32_t kinds = number(), internet = number(), down_limit = number(), up_limit = number();
+        entry.kinds |= kinds;
+        if (kinds & restricts_internet)
+            entry.internet = internet;
+        if (kinds & restricts_rate) {
+            entry.up_limit = up_limit;
+            entry.down_limit = down_limit;
+        }
     }
+}
+
+std::string restrictions::text() const {
+    std::string text;
     for (const restriction &entry : entries_)
-        std::fprintf(file.get(), "%s|%u|%u|%u|%u\n", one_line(entry.mac).c_str(), entry.kinds, entry.internet,
-                     entry.down_limit, entry.up_limit);
-    std::fflush(file.get());
-    fsync(fileno(file.get()));
+        text += entry.mac +
+                format("|%u|%u|%u|%u\n", entry.kinds, entry.internet, entry.down_limit, entry.up_limit);
+    return text;
 }
 
 }  // namespace arvok::access

@@ -1,11 +1,16 @@
 #pragma once
-/// Blocking and rate limits of LAN hosts, in memory and in their file.
+/// Blocking and rate limits of LAN hosts, in memory and as the lines of their file:
+///
+///     MAC|kinds|InternetAccess|MaxDSBandwidth|MaxUSBandwidth
 
+#include <cstddef>
 #include <cstdint>
-#include <list>
+#include <deque>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+
+#include "access/host_id.h"
 
 namespace arvok::access {
 
@@ -14,45 +19,46 @@ enum restriction_kind : std::uint32_t { restricts_rate = 1, restricts_internet =
 
 /// What one host is restricted to.
 struct restriction {
-    std::string mac;
+    std::string mac;               ///< as it was given
     std::uint32_t kinds = 0;       ///< restriction_kind bits: what is set
     std::uint32_t internet = 0;    ///< internet_access; with restricts_internet
     std::uint32_t up_limit = 0;    ///< with restricts_rate
     std::uint32_t down_limit = 0;  ///< with restricts_rate
     std::uint32_t applied = 0;     ///< the kinds that the platform took last; 0: none yet
+    bool asked = false;            ///< somebody asked for it to be applied, and it was not yet
+
+    /// Whether it restricts the use of the internet, and not only its rate.
+    bool blocks() const;
 };
 
+/// One entry for each host. A copy is a draft: it is changed and then put in the place of the original.
 class restrictions {
   public:
-    /// Loads the file of the folder, which ends with a slash. A missing file holds nothing; of a line that
-    /// does not parse, the fields found are taken and the others are empty.
-    explicit restrictions(const std::string &folder);
-    restrictions(const restrictions &) = delete;
-    restrictions &operator=(const restrictions &) = delete;
-
     /// Newest first.
-    std::list<restriction> &entries() { return entries_; }
-    const std::list<restriction> &entries() const { return entries_; }
+    std::deque<restriction> &entries() { return entries_; }
+    const std::deque<restriction> &entries() const { return entries_; }
 
-    /// Whether the newest entry of the host of that MAC blocks it. Constant time.
-    bool blocks(std::string_view mac) const;
+    /// Null for none. Constant time.
+    const restriction *find(const host_id &id) const;
+    bool blocks(const host_id &id) const;
 
-    /// The host's entry with that kind set; it is made when there is none.
+    /// The host's entry with that kind set, not applied yet; it is made when there is none.
     restriction &entry_with(restriction_kind kind, std::string_view mac);
     /// Takes a kind out of every entry; entries without another go.
     void drop(restriction_kind kind);
-    /// Rewrites the file.
-    void save() const;
+
+    /// Takes over what a file holds, a line for each host. Of a line that does not parse, the fields found
+    /// are taken and the others are 0; of several for one host the last counts for each kind.
+    void load(std::string_view file);
+    /// What the file is to hold: the newest first, so that a load turns the order round.
+    std::string text() const;
 
   private:
-    /// The newest entry of a MAC, ignoring case; null for none.
-    restriction *find(std::string_view mac) const;
-    restriction &add(std::string_view mac);
-    void load();
+    restriction &entry_of(std::string_view mac);
+    std::size_t place(std::size_t older) const { return entries_.size() - 1 - older; }
 
-    const std::string path_;
-    std::list<restriction> entries_;
-    std::unordered_map<std::string, restriction *> newest_;  ///< by upper-case MAC
+    std::deque<restriction> entries_;
+    std::unordered_map<host_id, std::size_t> by_host_;  ///< how many are older
 };
 
 }  // namespace arvok::access

@@ -25,9 +25,10 @@ struct schedule_rule {
 
 /// The schedule of one host.
 struct host_schedule {
-    std::string mac;
+    std::string mac;                         ///< as it was given
     internet_access action = not_evaluated;  ///< by the last evaluation
     std::list<schedule_rule> rules{};        ///< newest first
+    std::string lines{};                     ///< in the file, oldest first
 };
 
 /// The clock counts as set from then on (2020-06-01 00:00 UTC).

@@ -1,88 +1,56 @@
 #pragma once
-/// The access schedules of LAN hosts, in memory and in their file.
+/// The access schedules of LAN hosts, in memory and as the lines of their file:
+///
+///     MAC|Mode|StartTime|EndTime|Enable|ContinueID|GroupID
 
+#include <cstddef>
 #include <list>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
+#include "access/host_id.h"
 #include "access/schedule.h"
-#include "base/handle.h"
-#include "platform/records.h"
 
 namespace arvok::access {
 
-/// A line of the schedule file: a field that is not found is empty.
+/// A line of the schedule file, cut to what is kept of it. An empty field ends it, but for the MAC and the
+/// last two: those behind it are empty.
 struct schedule_line {
     std::string mac, mode, start, end, enable, continue_id, group_id;
 };
 
+schedule_line parse_schedule_line(std::string_view line);
+
 class schedules {
   public:
-    /// Loads the file of the folder, which ends with a slash. A missing file holds nothing; of a line that
-    /// does not parse, the fields found are taken and the others are empty.
-    explicit schedules(const std::string &folder);
+    schedules() = default;
     schedules(const schedules &) = delete;
     schedules &operator=(const schedules &) = delete;
 
     /// Newest first.
-    std::list<host_schedule> &hosts() { return hosts_; }
     const std::list<host_schedule> &hosts() const { return hosts_; }
+    /// Rules of all hosts.
+    std::size_t size() const { return size_; }
+    /// Null for none. Constant time.
+    const host_schedule *find(const host_id &id) const;
 
-    /// The schedule of a MAC, ignoring case; null for none. Constant time.
-    const host_schedule *find(std::string_view mac) const;
-    /// The same of a host as the platform knows it, which may have no MAC.
-    const host_schedule *find(const qzcap_laninfo &host) const;
+    /// Takes over what a file holds; a line is a rule, and empty ones are none.
+    void load(std::string_view file);
+    /// What the file holds once `fresh` is in the place of its host's schedule: the oldest host first.
+    std::string text_with(const host_schedule &fresh) const;
+    /// Puts it there, as the newest; one without rules only takes the old one away.
+    void replace(host_schedule fresh);
 
-    /// Drops a host's schedule, and from the file every line that contains the MAC as given. The file stays
-    /// as it was when there is no room for what is left of it. The host is to be freed.
-    void remove(std::string_view mac);
-
-    /// The host whose schedule was taken away and whose access is to be freed; empty: none.
-    const std::string &host_to_free() const { return host_to_free_; }
-    void free_no_host() { host_to_free_.clear(); }
-
-    class addition;
-    class reader;
+    /// The hosts' accesses by the last evaluation, in the order of hosts(); none leaves them.
+    void set_actions(const std::vector<internet_access> &actions);
 
   private:
-    void add(std::string_view mac, schedule_rule rule);
-    void remove_lines(std::string_view mac) const;
-
-    const std::string path_, copy_path_;
     std::list<host_schedule> hosts_;
-    std::unordered_map<std::string, host_schedule *> by_mac_;  ///< by upper-case MAC
-    std::string host_to_free_;
-};
-
-/// Adds rules to memory and at the end of the file, which is on the disk when this ends. When the file cannot
-/// be opened, which is logged, they are kept in memory only.
-class schedules::addition {
-  public:
-    explicit addition(schedules &to);
-    ~addition();
-    addition(const addition &) = delete;
-    addition &operator=(const addition &) = delete;
-
-    /// `rule` as in memory; the two other texts are kept in the file only.
-    void add(std::string_view mac, const schedule_rule &rule, std::string_view continue_id,
-             std::string_view group_id);
-
-  private:
-    schedules &to_;
-    file_handle file_;
-};
-
-/// Reads the file's lines in order.
-class schedules::reader {
-  public:
-    explicit reader(const schedules &from);
-    /// Nothing behind the last.
-    std::optional<schedule_line> next();
-
-  private:
-    file_handle file_;
+    std::unordered_map<host_id, std::list<host_schedule>::iterator> by_host_;
+    std::size_t size_ = 0;
 };
 
 }  // namespace arvok::access

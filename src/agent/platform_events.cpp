@@ -58,6 +58,8 @@ void platform_events::host(const notification &heard) {
     if (heard.method == "devicestatus") {
         modules_.gateway->reporting().lan_event(heard.event);
         modules_.gateway->reporting().lan_report();
+        if (heard.event["active"].number().value_or(0) == 1)
+            modules_.access->host_appeared();
     } else if (heard.method == "newdevice") {
         modules_.access->host_appeared();
     }
@@ -103,7 +105,7 @@ void platform_events::element(const notification &heard) {
 
 bool platform_events::catch_up_hosts() {
     if (modules_)
-        modules_.access->hosts_returned();
+        modules_.access->host_appeared();
     return true;
 }
 

@@ -1,4 +1,5 @@
-// The rule files as they may be found after years, and the rules that memory holds then.
+// The rule files as they may be found after years, the rules that memory holds then, and what becomes of
+// both.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -7,15 +8,14 @@
 #include <fstream>
 #include <sstream>
 
-#include "access/restrictions.h"
-#include "access/scheduler.h"
-#include "access/schedules.h"
+#include "access/enforcer.h"
 #include "base/text.h"
 
 namespace arvok::access {
 namespace {
 
-constexpr char schedule_file[] = "extcc-lht.cfg", restriction_file[] = "extcc-lhpc.cfg";
+constexpr char schedule_file[] = "extcc-lht.cfg", restriction_file[] = "extcc-lhpc.cfg",
+               free_file[] = "extcc-lhf.cfg";
 
 std::time_t now;
 
@@ -56,6 +56,25 @@ class Rules : public ::testing::Test {
     std::filesystem::path folder_;
 };
 
+TEST_F(Rules, AHostIsItsMacHoweverItIsSpelled) {
+    for (const char *spelling : {"02C0FFEE00ab", "02:c0:ff:ee:00:AB", "02-C0-FF-EE-00-ab"}) {
+        EXPECT_EQ(host_id(spelling).text(), "02C0FFEE00AB");
+        EXPECT_EQ(kept_mac(spelling), spelling);
+    }
+    const std::pair<const char *, const char *> others[] = {{"02C0FFEE00AG", "02C0FFEE00AG"},
+                                                            {"02:C0:FF:EE:00:1", "02:C0:FF:EE:00:"},
+                                                            {"0123456789abcdefgh", "0123456789abcde"},
+                                                            {"a|b\nc", "a b c"},
+                                                            {"", ""},
+                                                            {"12345678901234\xc3\xa9", "12345678901234"},
+                                                            {"12345678901234\xc3", "12345678901234"}};
+    for (const auto &[given, kept] : others) {
+        EXPECT_EQ(kept_mac(given), kept);
+        EXPECT_EQ(host_id(given).text(), upper_case(kept));
+        EXPECT_EQ(host_id(kept), host_id(given));  // as it comes back from a file
+    }
+}
+
 TEST_F(Rules, WhatAScheduleFileHoldsIsTakenLineByLine) {
     const struct {
         std::string file;
@@ -63,82 +82,87 @@ TEST_F(Rules, WhatAScheduleFileHoldsIsTakenLineByLine) {
     } cases[] = {
         {"A|0|8:00|9:00|1|c|g\nB|7|22:00|06:00|0|nocid|\n", "B(0 7 22:00-06:00;)A(1 0 8:00-9:00;)"},
         {"A|0|8:00|9:00|1|c|g\na|1|10:00|11:00|1|c|g\n", "A(1 1 10:00-11:00;1 0 8:00-9:00;)"},
-        {"A|0|8:00|9:\nB|1|8:00|9:00|1|c|g\n", "B(1 1 8:00-9:00;)A(0 0 8:00-9:\n;)"},
-        {"|||||\n", "(0 0 -;)"},
-        {"A||8:00|9:00|1|c|g\n", "A(0 0 -;)"},  // an empty field ends the scan
-        {"0123456789ABCDEFGH|0|8:00|9:00|1|c|g\n", "0123456789ABCDE(0 0 -;)"},
+        {"A|0|8:00|9:\nB|1|8:00|9:00|1|c|g", "B(1 1 8:00-9:00;)A(0 0 8:00-9:;)"},
+        {"\n\n|||||\n", "(0 0 -;)"},
+        {"|0|8:00|9:00|1|c|g\n", "(1 0 8:00-9:00;)"},
+        {"A||8:00|9:00|1|c|g\n", "A(0 0 -;)"},  // an empty field ends the line
+        {"02:C0:FF:EE:00:01|0|8:00|9:00|1|c|g\n02C0FFEE0001|1|8:00|9:00|1|c|g\n",
+         "02:C0:FF:EE:00:01(1 1 8:00-9:00;1 0 8:00-9:00;)"},
+        {"0123456789ABCDEFGH|0|8:00|9:00|1|c|g\n", "0123456789ABCDE(1 0 8:00-9:00;)"},
         {"A|300|8:00|9:00|99|c|g\n", "A(99 44 8:00-9:00;)"},  // bytes
         {std::string("A|0|8:00\0|9:00|1|c|g\n", 21), "A(0 0 8:00-;)"},
-        {std::string(255, 'x') + "A|0|8:00|9:00|1|c|g\n", "A(1 0 8:00-9:00;)xxxxxxxxxxxxxxx(0 0 -;)"},
     };
     for (const auto &c : cases) {
         write(schedule_file, c.file);
-        EXPECT_EQ(told(schedules(folder_)), c.rules) << &c - cases;
+        EXPECT_EQ(told(rule_store(folder_).rules().times), c.rules) << &c - cases;
     }
+}
+
+TEST_F(Rules, AScheduleTakesThePlaceOfItsHostsAndOfNoOther) {
+    // Neither a zero within a line, nor a text that looks like another host, nor an end that is missing costs
+    // anything.
+    const std::string odd = std::string("AB|0|8:0\0|9:00\n", 15), other = "CD34|0|1:00|2:00|1|AB12|g";
+    write(schedule_file, odd + "AB12|0|1:00|2:00|1|c|g\nab12|0|1:00|2:00|1|c|g\n" + other);
+    rule_store store(folder_);
+    EXPECT_EQ(store.rules().times.size(), 4u);
+    EXPECT_EQ(store.set_schedule({"EF56", not_evaluated, {}, ""}, true), stored::done);
+    EXPECT_EQ(store.set_schedule({"", not_evaluated, {}, ""}, true), stored::done);
+    EXPECT_EQ(store.rules().times.size(), 4u);
+    EXPECT_EQ(store.set_schedule({"aB12", not_evaluated, {{1, 0, "3:00", "4:00"}}, "aB12|0|3:00|4:00|1||\n"},
+                                 false),
+              stored::done);
+    EXPECT_EQ(read(schedule_file), odd + other + "\naB12|0|3:00|4:00|1||\n");
+    EXPECT_EQ(told(store.rules().times), "aB12(1 0 3:00-4:00;)CD34(1 0 1:00-2:00;)AB(0 0 8:0-;)");
+    EXPECT_EQ(store.set_schedule({"CD34", not_evaluated, {}, ""}, true), stored::done);
+    EXPECT_EQ(told(rule_store(folder_).rules().times), told(store.rules().times));
+    EXPECT_EQ(rule_store(folder_).rules().to_free, (host_ids{host_id("ef56"), host_id(""), host_id("cd34")}));
+    store.freed({host_id("EF56"), host_id(""), host_id("CD34")});
+    EXPECT_FALSE(std::filesystem::exists(folder_ / free_file));
 }
 
 TEST_F(Rules, BlockingAndRatesComeBackReversed) {
-    write(restriction_file, "A|3|0|10|20\nB|1|9|1|2\nC|2|1|5|6\nA|2|2|0|0\n1234567890123456|2|0|0|0\nD|x\n");
-    restrictions all(folder_);
-    EXPECT_EQ(told(all), "D 0 0 0 0;123456789012345 0 0 0 0;A 2 2 0 0;C 2 1 0 0;B 1 0 1 2;A 3 0 10 20;");
-    EXPECT_TRUE(all.blocks("c"));
-    EXPECT_FALSE(all.blocks("A"));  // by its newest
-    all.save();
+    write(restriction_file, "A|3|0|10|20\nB|1|9|1|2\nC|2|1|5|6\na|2|2|0|0\n1234567890123456|2|0|0|0\nD|x\n");
+    rule_store store(folder_);
+    restrictions all = store.rules().limits;
+    EXPECT_EQ(told(all), "D 0 0 0 0;123456789012345 2 0 0 0;C 2 1 0 0;B 1 0 1 2;A 3 2 10 20;");
+    EXPECT_TRUE(all.blocks(host_id("c")));
+    EXPECT_FALSE(all.blocks(host_id("A")));
+    EXPECT_EQ(store.set_restrictions(all, {}), stored::done);
     EXPECT_EQ(read(restriction_file),
-              "D|0|0|0|0\n123456789012345|0|0|0|0\nA|2|2|0|0\nC|2|1|0|0\nB|1|0|1|2\nA|3|0|10|20\n");
+              "D|0|0|0|0\n123456789012345|2|0|0|0\nC|2|1|0|0\nB|1|0|1|2\nA|3|2|10|20\n");
     all.drop(restricts_internet);
-    EXPECT_EQ(told(all), "D 0 0 0 0;123456789012345 0 0 0 0;B 1 0 1 2;A 1 0 10 20;");
+    EXPECT_EQ(told(all), "D 0 0 0 0;B 1 0 1 2;A 1 2 10 20;");
     all.entry_with(restricts_internet, "a").internet = 1;
-    EXPECT_EQ(told(all), "D 0 0 0 0;123456789012345 0 0 0 0;B 1 0 1 2;A 3 1 10 20;");
+    EXPECT_EQ(told(all), "D 0 0 0 0;B 1 0 1 2;A 3 1 10 20;");
     all.entry_with(restricts_rate, "1234567890123456").up_limit = 7;
-    EXPECT_TRUE(contains(told(all), ";123456789012345 1 0 0 7;"));
+    EXPECT_EQ(told(all), "123456789012345 1 0 0 7;D 0 0 0 0;B 1 0 1 2;A 3 1 10 20;");
+    EXPECT_EQ(told(store.rules().limits),
+              "D 0 0 0 0;123456789012345 2 0 0 0;C 2 1 0 0;B 1 0 1 2;A 3 2 10 20;");
 }
 
-TEST_F(Rules, AScheduleIsRemovedFromMemoryByItsHostAndFromTheFileByItsText) {
-    const std::string file = "AB12|0|1:00|2:00|1|c|g\nab12|0|1:00|2:00|1|c|g\nCD34|0|1:00|2:00|1|AB12|g\n";
-    const struct {
-        const char *mac;
-        std::string left;
-        const char *hosts;
-    } cases[] = {
-        {"EF56", file, "CD34(1 0 1:00-2:00;)AB12(1 0 1:00-2:00;1 0 1:00-2:00;)"},
-        {"AB12", "ab12|0|1:00|2:00|1|c|g\n", "CD34(1 0 1:00-2:00;)"},
-        {"CD34", file.substr(0, 46), "AB12(1 0 1:00-2:00;1 0 1:00-2:00;)"},
-        {"", "", "CD34(1 0 1:00-2:00;)AB12(1 0 1:00-2:00;1 0 1:00-2:00;)"},
+TEST_F(Rules, ThereIsAnEndToWhatIsKept) {
+    rule_store store(folder_);
+    const auto schedule_of = [](const char *mac, std::size_t rules) {
+        host_schedule host{mac};
+        for (std::size_t i = 0; i < rules; i++) {
+            host.rules.push_front({1, 0, "1:00", "2:00"});
+            host.lines += std::string(mac) + "|0|1:00|2:00|1|c|g\n";
+        }
+        return host;
     };
-    for (const auto &c : cases) {
-        write(schedule_file, file);
-        schedules all(folder_);
-        all.remove(c.mac);
-        EXPECT_EQ(read(schedule_file), c.left) << c.mac;
-        EXPECT_EQ(told(all), c.hosts) << c.mac;
-        EXPECT_EQ(all.host_to_free(), c.mac);
-        EXPECT_FALSE(std::filesystem::exists(folder_ / "extcc-lht.cfg.bk"));
-    }
-    // Neither a zero within a line nor a disk that is full costs the other lines.
-    const std::string odd = std::string("AB|0|8:0\0|9:00\n", 15) + "CD|0|8:00|9:00|1|c|g\nEF|0\n";
-    write(schedule_file, odd);
-    schedules all(folder_);
-    all.remove("EF");
-    EXPECT_EQ(read(schedule_file), odd.substr(0, odd.size() - 5));
-    std::filesystem::create_symlink("/dev/full", folder_ / "extcc-lht.cfg.bk");
-    all.remove("CD");
-    EXPECT_EQ(read(schedule_file), odd.substr(0, odd.size() - 5));
-}
-
-TEST_F(Rules, WhatIsAddedFollowsAFileThatWasCut) {
-    write(schedule_file, "AB|0|8:0");
-    schedules all(folder_);
-    {
-        schedules::addition file(all);
-        file.add("02C0FFEE0001\n234567", {1, 7, "8:00", "9:00"}, "nocid", "g\n");
-        file.add("02c0ffee0001\n23", {0, 0, "10:00", "11:00"}, "c", "");
-    }
-    EXPECT_EQ(read(schedule_file),
-              "AB|0|8:0\n02C0FFEE0001 234567|7|8:00|9:00|1|nocid|g \n"
-              "02c0ffee0001 23|0|10:00|11:00|0|c|\n");
-    EXPECT_EQ(told(all), "02C0FFEE0001\n23(0 0 10:00-11:00;1 7 8:00-9:00;)AB(0 0 8:0-;)");
-    EXPECT_EQ(all.find("02C0ffee0001\n23")->rules.size(), 2u);
+    EXPECT_EQ(store.set_schedule(schedule_of("A", rule_store::rules_max - 1), false), stored::done);
+    EXPECT_EQ(store.set_schedule(schedule_of("B", 2), false), stored::too_many);
+    EXPECT_EQ(store.set_schedule(schedule_of("B", 1), false), stored::done);
+    EXPECT_EQ(store.set_schedule(schedule_of("B", 2), false), stored::too_many);
+    EXPECT_EQ(rule_store(folder_).rules().times.size(), rule_store::rules_max);
+    EXPECT_EQ(store.set_schedule(schedule_of("B", 0), true), stored::done);
+    restrictions limits;
+    for (std::size_t i = 0; i < rule_store::hosts_max; i++)
+        limits.entry_with(restricts_rate, std::to_string(i)).up_limit = 1;
+    EXPECT_EQ(store.set_restrictions(limits, {}), stored::done);
+    limits.entry_with(restricts_rate, "more");
+    EXPECT_EQ(store.set_restrictions(limits, {}), stored::too_many);
+    EXPECT_EQ(store.rules().limits.entries().size(), rule_store::hosts_max);
 }
 
 TEST_F(Rules, NothingIsEvaluatedBeforeTheClockIsSet) {
@@ -146,31 +170,33 @@ TEST_F(Rules, NothingIsEvaluatedBeforeTheClockIsSet) {
     setenv("TZ", "CST-8", 1);
     tzset();
     write(schedule_file, "02C0FFEE0001|0|00:00|24:00|1|c|g\n");
-    schedules times(folder_);
-    restrictions limits(folder_);
-    scheduler applier(times, limits, [] { return now; });
-    const struct {
-        std::time_t time;
-        int delay;
-        bool decides;  // whether the device keeps UTC
-    } cases[] = {{0, 60000, false},
-                 {1590969599, 60000, false},
-                 {1590969600, 57600000, false},
-                 {1590969601, 57599000, true},
-                 {1590969602, 57598000, false}};
-    for (const auto &c : cases) {
-        now = c.time;
-        ::testing::internal::CaptureStderr();
-        applier.apply_schedules();
-        const std::string log = ::testing::internal::GetCapturedStderr();
-        EXPECT_EQ(contains(log, "need offset 0"), c.decides) << c.time;
-        EXPECT_EQ(contains(log, format("extcc next check is %ds (~%dh%dm) later\n", c.delay / 1000,
-                                       c.delay / 3600000, c.delay / 60000 % 60)),
-                  c.time >= clock_set_after);
-        const int left = applier.until_schedules();
-        EXPECT_LE(left, c.delay) << c.time;
-        EXPECT_GT(left, c.delay - 1000) << c.time;
-        EXPECT_EQ(times.hosts().front().action, c.time < clock_set_after ? not_evaluated : scheduled);
+    rule_store store(folder_);
+    {
+        enforcer applier(store, [] { return now; });
+        const struct {
+            std::time_t time;
+            int delay;
+            bool decides;  // whether the device keeps UTC
+        } cases[] = {{0, 60000, false},
+                     {1590969599, 60000, false},
+                     {1590969600, 57600000, false},
+                     {1590969601, 57599000, true},
+                     {1590969602, 57598000, false}};
+        for (const auto &c : cases) {
+            now = c.time;
+            const decision made =
+                wanted(store.rules(), {},
+                       now < clock_set_after ? std::nullopt : std::optional(rule_instant_at(now, false)));
+            EXPECT_EQ(made.next_s * 1000, c.delay);
+            EXPECT_EQ(made.actions.size(), now < clock_set_after ? 0u : 1u);
+            ::testing::internal::CaptureStderr();
+            applier.enforce();
+            const std::string log = ::testing::internal::GetCapturedStderr();
+            EXPECT_EQ(contains(log, "need offset 0"), c.decides) << c.time;
+            EXPECT_EQ(contains(log, "extcc next check is"), c.time >= clock_set_after);
+            EXPECT_EQ(store.rules().times.hosts().front().action,
+                      c.time < clock_set_after ? not_evaluated : scheduled);
+        }
     }
     uloop_done();
 }

@@ -159,12 +159,15 @@ TEST_F(Files, AreReadAndReplacedWhole) {
     EXPECT_FALSE(file_exists(path_));
     EXPECT_EQ(read_file(path_, 4), std::nullopt);
     const std::string content("01\0xxx", 6);
-    EXPECT_TRUE(write_file(path_, content));
+    EXPECT_EQ(save_file(path_, content), std::nullopt);
     EXPECT_EQ(read_file(path_, 4), content.substr(0, 4));
     EXPECT_EQ(read_file(path_, 99), content);
-    EXPECT_TRUE(write_file(path_, "x"));
+    EXPECT_EQ(save_file(path_, "x"), std::nullopt);
     EXPECT_EQ(read_file(path_, 99), "x");
-    EXPECT_FALSE(write_file(path_ + "/none", "x"));
+    EXPECT_EQ(save_file(path_ + "/none", "x"), "Not a directory");
+    for (int i = 0; i < 2; i++)
+        EXPECT_EQ(remove_file(path_), std::nullopt);
+    EXPECT_TRUE(std::filesystem::is_empty(folder_));
     EXPECT_EQ(command_output("printf abcdef; exit 3", 4), "abcd");
 }
 
@@ -246,7 +249,7 @@ TEST_F(Files, TheTestModePinsTheGatewayOverWhatOptionsSay) {
         {whole, whole}, {whole + "\n", whole}, {whole + "\r\n", whole + "\r"}, {longest + "x", longest},
         {"\n", ""},     {"", option}};
     for (const auto &[marker, address] : markers) {
-        write_file(path_, marker);
+        save_file(path_, marker);
         options pinned;
         pinned.gateway_address = option;
         apply_test_mode(pinned, path_);

@@ -1,0 +1,71 @@
+#pragma once
+/// The rules of LAN hosts and their files: what is promised to an app is in both, or in neither.
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "access/host_id.h"
+#include "access/restrictions.h"
+#include "access/schedules.h"
+
+namespace arvok::access {
+
+/// Hosts whose access is to be given back as soon as the platform lists them.
+using host_ids = std::unordered_set<host_id>;
+
+struct rule_set {
+    schedules times;
+    restrictions limits;
+    host_ids to_free;
+};
+
+/// How a change of the rules ended.
+enum class stored {
+    done,
+    not_saved,  ///< the disk refused, which the log says; nothing has changed
+    too_many,   ///< more than is kept; nothing has changed
+};
+
+class rule_store {
+  public:
+    /// Schedule rules of all hosts, hosts with restrictions, and hosts to be freed: some more than the 10,000
+    /// rules for 1,000 hosts of the largest home, so that no app fills memory or disk. What older programs
+    /// left may be more; it is kept and does not grow.
+    static constexpr std::size_t rules_max = 16384, hosts_max = 4096;
+
+    /// Loads the files of the folder, which ends with a slash. A missing file holds nothing.
+    explicit rule_store(const std::string &folder);
+    rule_store(const rule_store &) = delete;
+    rule_store &operator=(const rule_store &) = delete;
+
+    const rule_set &rules() const { return rules_; }
+
+    /// Puts a schedule in the place of its host's; `free` also has the host freed.
+    stored set_schedule(host_schedule fresh, bool free);
+    /// Puts the drafts in the place of what there is.
+    stored set_restrictions(restrictions limits, host_ids to_free);
+    /// The same in memory only, until the next change of restrictions: they are those before a faulty one.
+    void keep_unsaved(restrictions limits, host_ids to_free);
+
+    /// Marks every restriction as to be applied.
+    void ask_for_restrictions();
+    /// What became of those: the platform took them, refused them, or does not list their hosts.
+    void restrictions_tried(const host_ids &taken, const host_ids &refused);
+    void set_actions(const std::vector<internet_access> &actions) { rules_.times.set_actions(actions); }
+    /// These hosts are free. When their file cannot be saved, it is tried again with the next ones.
+    void freed(const std::vector<host_id> &ids);
+
+  private:
+    std::optional<std::string> save_hosts_to_free(const host_ids &ids);
+    std::optional<std::string> save(const host_ids &to_free, const std::string &path,
+                                    const std::string &text);
+
+    const std::string schedule_path_, restriction_path_, free_path_;
+    rule_set rules_;
+    bool free_file_is_old_ = false;
+};
+
+}  // namespace arvok::access
