@@ -1,5 +1,6 @@
 """The device around the agent fails: its bus, its platform, its disk, its clock."""
 
+import datetime
 import json
 import os
 import signal
@@ -7,10 +8,15 @@ import subprocess
 import unittest
 
 from desk import LinkedCase, call, wait_until
-from extended_test import DESK, NIGHT, PHONE, SCHEDULES, SUCCESS, TABLET, ExtendedCase
+from extended_test import (CLOSING, DESK, INDEX, NIGHT, PARENT, PHONE, SCHEDULES, SUCCESS, TABLET,
+                           ExtendedCase)
 
 LAB = os.environ["LAB_DIR"]
 FOLDER = "/qzcap/apps/arvokclt"  # as the agent sees it
+
+
+def time_after(time, seconds):
+    return str(datetime.datetime.fromisoformat(time) + datetime.timedelta(seconds=seconds))
 
 
 class OwnDevice(LinkedCase):
@@ -174,9 +180,14 @@ class Disk(ExtendedCase):
     """The rule files on a disk that is full."""
 
     def setUp(self):
-        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=16k", "none", FOLDER], check=True)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=32k", "none", FOLDER], check=True)
         self.addCleanup(subprocess.run, ["umount", "-l", FOLDER], check=True)
         super().setUp()
+
+    def link(self):
+        if not self.timers:
+            self.hold_timers()
+        return super().link()
 
     @staticmethod
     def file(name, content=None):
@@ -192,35 +203,66 @@ class Disk(ExtendedCase):
             except OSError:
                 pass
 
-    def test_full(self):
-        set_rules = lambda mac, count: self.ask("SET_LANHOST_TIMER", MAC=mac, Info=[NIGHT] * count)
-        line = lambda mac: mac + "|0|22:00|6:00|1|c1|g1\n"
-        whole = 4096 // len(line(DESK))
-        set_rules(PHONE, 2)
-        set_rules(DESK, whole - 2)
-        before = self.file(SCHEDULES)
-        self.assertEqual(before, line(PHONE) * 2 + line(DESK) * (whole - 2))
-        self.fill()
-        # What is cut off by the end of the disk is lost at the next start; what was there stays.
-        self.assertEqual(set_rules(TABLET, 3), SUCCESS)
-        self.assertTrue(self.file(SCHEDULES).startswith(before))
-        self.assertLessEqual(len(self.file(SCHEDULES)), 4096)
-        # A host's rules can be taken away in memory only, because the others need a place to be copied to.
-        self.assertEqual(set_rules(PHONE, 0), SUCCESS)
-        self.assertTrue(self.file(SCHEDULES).startswith(before))
-        self.assertNotIn(PHONE, [rule["mac"] for rule in self.dump()["TimeRules"]])
+    def empty(self):
         os.unlink(os.path.join(FOLDER, "filler"))
-        self.assertEqual(set_rules(PHONE, 0), SUCCESS)
-        self.assertEqual(set_rules(TABLET, 1), SUCCESS)
-        self.assertNotIn(PHONE, self.file(SCHEDULES))
-        self.assertEqual(self.file(SCHEDULES).count(line(DESK)), whole - 2)
-        self.assertTrue(self.file(SCHEDULES).endswith("\n" + line(TABLET)))
+
+    def snapshot(self):
+        """All that a command might change."""
+        files = {name: self.file(name) for name in os.listdir(FOLDER) if name != "filler"}
+        state, dump = self.state(), self.dump()
+        return files, state["laninfo"], state["wifi_ap"], dump["TimeRules"], dump["ParentRules"]
+
+    def test_full(self):
+        """A command that cannot be stored says so and leaves everything as it was."""
+        failed = {"FailReason": "save failed", "Status": "-1"}
+        line = lambda mac: mac + "|0|22:00|6:00|1|c1|g1\n"
+        whole = 4096 // len(line(DESK)) - 2
+        network = [{"SSID": "Visitors", "PWD": "come-in!", "ENCRYPT": "5", "Enable": "1", "SSIDHide": "0"}]
+        self.ask("SET_LANHOST_TIMER", MAC=DESK, Info=[NIGHT] * whole)
+        self.ask("SET_LANHOST_INTERNET", Info=[{"MAC": PHONE, "InternetAccess": "0"}])
+        self.wait_for_host(DESK, internetaccess=1)
+        self.wait_for_host(PHONE, internetaccess=0)
+        commands = [
+            ("SET_LANHOST_TIMER", {"MAC": TABLET, "Info": [NIGHT] * 3}, "set_lanhost_timer: failed to save %s", SCHEDULES),
+            ("SET_LANHOST_TIMER", {"MAC": DESK, "Info": []}, "set_lanhost_timer: failed to save %s", SCHEDULES),
+            ("SET_LANHOST_TIMER", {"MAC": DESK, "Info": [NIGHT, {}]}, "set_lanhost_timer: failed to save %s", SCHEDULES),
+            ("SET_LANHOST_INTERNET", {"Info": [{"MAC": PHONE, "InternetAccess": "2"}]},
+             "%s: failed to save _save_pr_cfg", PARENT),
+            ("SET_LANHOST_INTERNET", {"Info": [{"MAC": TABLET, "InternetAccess": "0"}]},
+             "%s: failed to save _save_pr_cfg", PARENT),
+            ("SET_LANHOST_BANDWIDTH", {"Info": [{"MAC": TABLET, "MaxUSBandwidth": "1", "MaxDSBandwidth": "1"}]},
+             "%s: failed to save _save_pr_cfg", PARENT),
+            ("SET_GUEST_WIFI", {"Info": network}, "extcc: failed to save %s", INDEX)]
+        for command, members, line_of, name in commands:
+            with self.subTest(command=command, members=str(members)[:100]):
+                self.fill()
+                before = self.snapshot()
+                self.agent.seen = len(self.agent.lines())
+                self.check(command, members, failed)
+                log = self.agent.lines()[self.agent.seen:]
+                self.assertEqual(log.count("[ERROR]"), 1, log)
+                self.assertIn("[ERROR] " + line_of % (FOLDER + "/" + name) + " No space left on device\n", log)
+                self.timers.ahead(1)
+                self.assertEqual(self.snapshot(), before)
+                self.empty()
+        # With room again it works, and what was stored is still there after a restart.
+        for command, members, *_ in commands[3:]:
+            self.assertEqual(self.ask(command, **members)["Status"], "0")
+        self.fill()
+        self.check("SET_GUEST_WIFI_CLOSE_TIMER", {"Info": [{"LastTime": "60", "Enable": "1"}]}, failed)
+        self.assertNotIn(CLOSING, os.listdir(FOLDER))
+        self.empty()
+        self.assertEqual(self.file(SCHEDULES), line(DESK) * whole)
+        self.check("SET_LANHOST_TIMER", {"MAC": DESK, "Info": []}, SUCCESS)
+        self.wait_for_host(DESK, internetaccess=2)
         self.restart()
-        self.assertEqual({rule["mac"] for rule in self.dump()["TimeRules"]}, {DESK, TABLET})
+        dump = self.dump()
+        self.assertEqual((dump["TimeRules"], {rule["mac"] for rule in dump["ParentRules"]}), ([], {PHONE, TABLET}))
+        self.assertEqual(len(self.ask("GET_GUEST_WIFI")["Info"]), 1)
 
 
 class Clock(ExtendedCase):
-    """Somebody sets the clock while timers are armed: they fire when they would have, and look at the clock then."""
+    """Somebody sets the clock while timers are armed: what holds then is applied at once, and later what comes then."""
 
     def link(self):
         self.hold_timers()
@@ -234,20 +276,23 @@ class Clock(ExtendedCase):
         self.ask("SET_LANHOST_TIMER", MAC=DESK, Info=[NIGHT])
         self.ask("SET_LANHOST_TIMER", MAC=PHONE, Info=[{**NIGHT, "Mode": "4"}])
         wait_until(lambda: 3500 < self.next_check() <= 3600, self.dump)
-        for jump, passes, time, access in (
-                ("2026-11-19 21:00:00", 3600, "2026-11-19 22:00:01", (1, 1)),  # a day ahead: on time, on Thursday
-                ("2026-11-18 23:00:00", 28800, "2026-11-19 06:00:01", (2, 2)),  # a day back, before the end
-                ("2026-11-18 07:00:00", 57600, "2026-11-18 23:00:00", (1, 2)),  # a day back: Wednesday's night again
-                ("2026-11-20 05:30:00", 25200, "2026-11-20 12:30:00", (2, 2))):  # late, by what the timer had left
+        for jump, access, boundary, then in (
+                ("2026-11-19 21:00:00", (2, 2), 3600, (1, 1)),  # a day ahead: Thursday's night is still to come
+                ("2026-11-18 23:00:00", (1, 2), 3601, (1, 2)),  # a day back: Wednesday's
+                ("2026-11-20 05:30:00", (1, 1), 1800, (2, 2)),  # the end of Thursday's
+                ("2026-11-18 07:00:00", (2, 2), 54000, (1, 2))):
             with self.subTest(jump=jump):
                 self.clock(jump)
-                left = self.next_check()
-                self.clock(time)
-                self.agent.seen = len(self.agent.lines())
-                self.timers.ahead(left + 1)
-                self.agent.expect("extcc next check is")
-                self.wait_for_host(DESK, internetaccess=access[0])
-                self.wait_for_host(PHONE, internetaccess=access[1])
+                wait_until(lambda: boundary - 60 < self.next_check() <= boundary, self.dump)
+                for mac, value in zip((DESK, PHONE), access):
+                    self.assertEqual(self.host(mac, "internetaccess"), value)
+                # The clock runs on to the boundary, and so do the timers.
+                self.timers.ahead(boundary - 60)
+                for mac, value in zip((DESK, PHONE), access):
+                    self.assertEqual(self.host(mac, "internetaccess"), value)
+                self.clock(time_after(jump, boundary + 1))
+                for mac, value in zip((DESK, PHONE), then):
+                    self.wait_for_host(mac, internetaccess=value)
 
     def test_guest_network(self):
         enabled = lambda: self.state()["wifi_ap"]["2.4G"]["5"]["enable"]
@@ -256,11 +301,10 @@ class Clock(ExtendedCase):
         self.ask("SET_GUEST_WIFI_CLOSE_TIMER", Info=[{"LastTime": "60", "Enable": "1"}])
         wait_until(lambda: "GuestNextCheck" in self.dump(), self.dump)
         # A day back the time has not begun: closed until it does. A day ahead it is over, for good.
-        for time, seconds, value in (("2026-11-18 00:00:00", 3601, "no"), ("2026-11-18 23:00:05", 86401, "yes"),
-                                     ("2026-11-19 23:00:00", 3601, "no")):
+        for time, value in (("2026-11-18 00:00:00", "no"), ("2026-11-18 23:00:05", "yes"),
+                            ("2026-11-19 23:00:00", "no")):
             with self.subTest(time=time):
                 self.clock(time)
-                self.timers.ahead(seconds)
                 wait_until(lambda: enabled() == value, self.dump)
         self.assertNotIn("GuestNextCheck", self.dump())
 
