@@ -52,7 +52,8 @@ int write_all(int fd, std::string_view content) {
 }
 
 int write_new(const std::string &path, std::string_view content) {
-    unlink(path.c_str());  // whatever it is that was left there
+    if (unlink(path.c_str()) != 0 && errno != ENOENT)  // whatever it is that was left there
+        return errno;
     descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, for_everybody));
     if (!file)
         return errno;
