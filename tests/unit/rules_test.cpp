@@ -2,13 +2,16 @@
 // both.
 
 #include <gtest/gtest.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
 #include "access/enforcer.h"
+#include "base/clock_watch.h"
 #include "base/text.h"
 
 namespace arvok::access {
@@ -198,6 +201,46 @@ TEST_F(Rules, NothingIsEvaluatedBeforeTheClockIsSet) {
                       c.time < clock_set_after ? not_evaluated : scheduled);
         }
     }
+    uloop_done();
+}
+
+// The timer that the system cancels when the clock is set, told by the kernel; nothing without one.
+std::string clock_timer(int &fd) {
+    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
+        std::ostringstream text;
+        text << std::ifstream(entry.path()).rdbuf();
+        fd = std::atoi(entry.path().filename().c_str());
+        if (contains(text.str(), "clockid: 0"))
+            return text.str();
+    }
+    return "";
+}
+
+struct setting_counter {
+    void set() { times++; }
+    int times = 0;
+};
+
+// Nobody can set the machine's clock here; a timer that runs out looks the same to the loop.
+TEST(ClockWatch, TellsThatTheClockWasSetAndGoesOnWatching) {
+    uloop_init();
+    int fd = -1;
+    {
+        setting_counter counter;
+        clock_watch watch(bind<&setting_counter::set>(counter));
+        watch.start();
+        for (int told = 0; told < 3; told++) {
+            EXPECT_TRUE(contains(clock_timer(fd), "settime flags: 03"))
+                << told;  // absolute, cancelled on set
+            uloop_run_timeout(0);
+            EXPECT_EQ(counter.times, told);
+            const itimerspec at_once{{}, {0, 1}};
+            ASSERT_EQ(timerfd_settime(fd, 0, &at_once, nullptr), 0);
+            uloop_run_timeout(100);
+        }
+        EXPECT_EQ(counter.times, 3);
+    }
+    EXPECT_EQ(clock_timer(fd), "");
     uloop_done();
 }
 
