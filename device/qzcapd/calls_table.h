@@ -63,7 +63,7 @@ using Handler = Reply (*)(World &world, const cJSON *args);
 
 struct Row {
     const capi::Call *call;
-    bool changes;  ///< may change the state
+    bool changes;  ///< may change what subscribers are told, or leave half a change when it fails
     std::vector<Param> params;
     Handler handler;
 };

@@ -229,8 +229,9 @@ Param record_of(const capi::Record &kind) {
 std::span<const Row> station_rows() {
     static const std::array rows{
         Row{&call_of("qzcap_list_laninfo"), false, {}, lan_list},
+        // Nobody is told of what can be set, and it is set whole or not at all.
         Row{&call_of("qzcap_set_laninfo"),
-            true,
+            false,
             {{Type::number, "index"}, record_of(capi::laninfo)},
             lan_set},
         Row{&call_of("qzcap_set_blacklist"),
