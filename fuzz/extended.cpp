@@ -37,8 +37,12 @@ void app(Input input) {
 
 void rules(Input input) {
     const std::string_view script = input.until('\f');
-    for (const char *name : {"extcc-lht.cfg", "extcc-lhpc.cfg", "extcc-gst-idx.cfg"})
-        put_file(name, input.until('\f'));
+    for (const char *name : {"extcc-lht.cfg", "extcc-lhpc.cfg", "extcc-gst-idx.cfg"}) {
+        const std::string_view content = input.until('\f');
+        put_file(name, content);
+        if (std::string_view(name) == "extcc-lhpc.cfg")
+            put_file("extcc-lhf.cfg", content);  // lines without a meaning of their own
+    }
     put_file("extcc-gst-tmr.cfg", input.rest());
     App stage;
     stage.play(Input(script));

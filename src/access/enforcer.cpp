@@ -29,11 +29,6 @@ bool write(qzcap_laninfo &record, const host_change &change) {
     return qzcap_set_laninfo(record.index, &record, nullptr) == 0;
 }
 
-const host_id &the_list() {
-    static const host_id nobody("");
-    return nobody;
-}
-
 }  // namespace
 
 enforcer::enforcer(rule_store &store, wall_clock clock)
@@ -76,7 +71,7 @@ void enforcer::enforce() {
     if (is_needed()) {
         records = platform::fetch_list<platform::host_list>(qzcap_list_laninfo);
         if (!records)
-            note_refusal(refused, the_list());
+            note_refusal(refused, host_id(""));
     }
     const std::vector<listed_host> hosts = records ? told(*records) : std::vector<listed_host>();
     const decision made = wanted(store_.rules(), hosts, instant(now));

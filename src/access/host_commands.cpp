@@ -13,6 +13,7 @@ namespace {
 
 constexpr unsigned long limit_max = 2147483648;
 constexpr std::string_view no_continue_id = "nocid";
+constexpr std::size_t kept_id_max = 100;  // older programs read a line of 255 bytes at most
 constexpr char mac_missing[] = "MAC not found";
 
 // The file's and the platform's unsigned numbers are told as signed ones.
@@ -43,8 +44,8 @@ std::optional<std::string_view> add_rule(host_schedule &to, json::view rule) {
     // Numbers as numbers: a text like "+01" is one, but its field in the file has no room for it.
     std::string line = format("%s|%u|", to.mac.c_str(), *mode);
     line.append(*start).append("|").append(*end).append(*enable ? "|1|" : "|0|");
-    line.append(continue_id.empty() ? no_continue_id : continue_id).append("|");
-    line.append(rule["GroupID"].text().value_or(""));
+    line.append(continue_id.empty() ? no_continue_id : cut(continue_id, kept_id_max)).append("|");
+    line.append(cut(rule["GroupID"].text().value_or(""), kept_id_max));
     to.lines += one_line(std::move(line)) + "\n";
     to.rules.push_front({static_cast<std::uint8_t>(*enable), static_cast<std::uint8_t>(*mode),
                          std::string(*start), std::string(*end)});

@@ -34,7 +34,8 @@ rule_store::rule_store(const std::string &folder)
     rules_.limits.load(content(restriction_path_));
     const std::string ids = content(free_path_);
     for (std::string_view rest = ids; !rest.empty();)
-        rules_.to_free.emplace(take_until(rest, '\n'));
+        if (const std::string_view line = take_until(rest, '\n'); !line.empty())
+            rules_.to_free.emplace(line);
 }
 
 // What went wrong, or nothing.
@@ -63,7 +64,7 @@ stored rule_store::set_schedule(host_schedule fresh, bool free) {
     const host_schedule *old = rules_.times.find(id);
     const std::size_t before = old ? old->rules.size() : 0, now = fresh.rules.size();
     host_ids to_free = rules_.to_free;
-    if (free)
+    if (free && !id.text().empty())
         to_free.insert(id);
     if (grows_beyond(rules_max, rules_.times.size(), rules_.times.size() - before + now) ||
         grows_beyond(hosts_max, rules_.to_free.size(), to_free.size()))
