@@ -14,7 +14,7 @@ constexpr char schedule_file[] = "extcc-lht.cfg";
 constexpr char restriction_file[] = "extcc-lhpc.cfg";
 constexpr char free_file[] =
     "extcc-lhf.cfg";  // of hosts to be freed, one a line; there only while there are some
-constexpr std::size_t file_max = 16 * 1024 * 1024;  // far beyond what is ever written
+constexpr std::size_t file_max = std::size_t{16} << 20;  // far beyond what is ever written
 
 std::string content(const std::string &path) {
     return read_file(path, file_max).value_or("");

@@ -10,7 +10,7 @@
 namespace arvok {
 namespace {
 
-constexpr std::time_t year_s = 365 * 86400;  // far enough, and a date that every system knows
+constexpr std::time_t year_s = 31536000;  // far enough, and a date that every system knows
 
 }  // namespace
 
