@@ -86,7 +86,7 @@ int guest_network::known_index() {
 
 // The closing time goes first: without it the index does nothing.
 bool guest_network::remove_files() {
-    const auto closing = read_file(closing_path_, followed_max);
+    const auto closing = read_file(closing_path_, told_max);
     if (!saved(closing_path_, remove_file(closing_path_)))
         return false;
     if (saved(index_path_, remove_file(index_path_)))

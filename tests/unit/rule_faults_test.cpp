@@ -223,6 +223,10 @@ TEST_F(Commands, LeaveEachFileOldOrNewWhenThePowerGoes) {
                     << name << ": " << text;
             for (const auto &[name, text] : before)
                 EXPECT_TRUE(left.contains(name) || !after.contains(name)) << name;
+            // A host is never neither scheduled nor to be freed when a command takes its schedule away.
+            const rule_store kept(folder_);
+            EXPECT_TRUE(kept.rules().times.find(host_id("02C0FFEE0001")) ||
+                        kept.rules().to_free.contains(host_id("02C0FFEE0001")));
             rules again([] { return now; }, folder_);  // whatever is left beside them
             EXPECT_TRUE(contains(dump_of(again), "TimeRules"));
             if (WEXITSTATUS(status) == 1)
