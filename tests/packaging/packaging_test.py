@@ -139,6 +139,7 @@ class Packaging(LinkedCase):
             {"CmdType": "SET_LANHOST_TIMER", "MAC": "02C0FFEE0001",
              "Info": [{"ContinueID": "c1", "GroupID": "g1", "Mode": "0", "StartTime": "22:00", "EndTime": "6:00",
                        "Enable": "1"}]},
+            {"CmdType": "SET_LANHOST_TIMER", "MAC": "02C0FFEE0099", "Info": []},  # of a host that is away
             {"CmdType": "SET_LANHOST_INTERNET", "Info": [{"MAC": "02C0FFEE0002", "InternetAccess": "0"}]},
             {"CmdType": "SET_GUEST_WIFI", "Info": [{"SSID": "Visitors", "PWD": "come-in!", "ENCRYPT": "5",
                                                     "Enable": "1", "SSIDHide": "0"}]},
