@@ -2,16 +2,20 @@
 /// What other apps set for the hosts on the LAN (access schedules, blocking, rate limits) and for the guest
 /// network, kept in files and applied to the platform's records.
 ///
-/// host_id.h          which host a rule is about
-/// schedule.h         when a rule holds and when to look again: functions of (rules, now) without a clock
-/// schedules.h        the access schedules, restrictions.h: blocking and rate limits; as values, and as their
-/// files' lines rule_store.h       these rules in memory and in their files decision.h         what the
-/// platform's records should be: a function of (rules, hosts, now) enforcer.h         makes them so; retry.h:
-/// when to try again what was refused guest_network.h    the guest network, its files and commands
-/// guest_interface.h  its interface on the platform
-/// host_commands.h    the commands about LAN hosts (lan_hosts.cpp: what is told of each)
-/// texts.h            the texts of commands and files
-/// outcome.h          how a command ended, in its reply
+///     host_id.h          which host a rule is about
+///     schedule.h         when a rule holds and when to look again: functions of (rules, now)
+///     schedules.h        the access schedules, as values and as the lines of their file
+///     restrictions.h     blocking and rate limits, likewise
+///     hosts_to_free.h    the hosts that are to get their access back, likewise
+///     rule_store.h       all these in memory and in their files
+///     decision.h         what the platform's records should be: a function of (rules, hosts, now)
+///     enforcer.h         makes them so
+///     retry.h            when to try again what was refused
+///     guest_network.h    the guest network, its files and commands
+///     guest_interface.h  its interface on the platform
+///     host_commands.h    the commands about LAN hosts (lan_hosts.cpp: what is told of each)
+///     texts.h            the texts of commands and files
+///     outcome.h          how a command ended, in its reply
 ///
 /// Everything runs on the loop thread. Times of day are China Standard Time, whatever the device's time zone.
 

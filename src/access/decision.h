@@ -1,15 +1,14 @@
 #pragma once
 /// What the platform's records of the LAN hosts should be, by the rules: a function of rules, hosts and time.
 ///
-/// A host's access to the internet is
-///  - what a blocking entry other than "unrestricted" says; only when somebody asked for restrictions to be
-///  applied,
-///    because other hands may have changed the record since
-///  - else, what its schedule says, by the clock
-///  - else "unrestricted" when it is to be freed
-///  - else left as it is.
-/// Its rate limits are those of its entry, likewise when somebody asked for them; else they are left as they
-/// are.
+/// A host's access to the internet is the first of these that there is:
+///
+///     a blocking entry other than "unrestricted"   its value
+///     a schedule                                   what it says, by the clock
+///     it is to be freed                            "unrestricted"
+///
+/// Else it is left as it is. Entries count only when somebody asked for restrictions to be applied, because
+/// other hands may have changed the record since; so do rate limits.
 
 #include <cstddef>
 #include <cstdint>

@@ -59,7 +59,7 @@ std::optional<rule_instant> enforcer::instant(std::time_t now) {
 bool enforcer::is_needed() const {
     const rule_set &rules = store_.rules();
     const auto &entries = rules.limits.entries();
-    return rules.times.size() > 0 || !rules.to_free.empty() ||
+    return rules.times.size() > 0 || !rules.to_free.empty() || store_.is_behind() ||
            std::any_of(entries.begin(), entries.end(), [](const restriction &entry) { return entry.asked; });
 }
 
@@ -91,7 +91,7 @@ void enforcer::note_refusal(retries &refused, const host_id &id) const {
         .first->second.refused(uptime());
 }
 
-void enforcer::settle(const decision &made, const std::vector<listed_host> &hosts, const retries &refused) {
+void enforcer::settle(const decision &made, const std::vector<listed_host> &hosts, retries &refused) {
     host_ids listed, failed;
     for (const listed_host &host : hosts)
         (refused.contains(host.id) ? failed : listed).insert(host.id);
@@ -99,7 +99,8 @@ void enforcer::settle(const decision &made, const std::vector<listed_host> &host
     std::vector<host_id> free;
     std::copy_if(made.settled.begin(), made.settled.end(), std::back_inserter(free),
                  [&failed](const host_id &id) { return !failed.contains(id); });
-    store_.freed(free);
+    if (!store_.freed(free))
+        note_refusal(refused, host_id(""));
 }
 
 // Boundaries count from the instant that was evaluated: the platform has taken its time since then, and one

@@ -1,7 +1,7 @@
 #pragma once
 /// Makes the platform's records of the LAN hosts what the rules want, and is the only one that writes them
 /// for the rules' sake. Only differences are written. What the platform refuses, its list of hosts too, is
-/// tried again until it succeeds or is not wanted any more.
+/// tried again until it succeeds or is not wanted any more; so is telling the disk who is free.
 
 #include <ctime>
 #include <optional>
@@ -37,14 +37,14 @@ class enforcer {
 
     std::optional<rule_instant> instant(std::time_t now);
     bool is_needed() const;
-    void settle(const decision &made, const std::vector<listed_host> &hosts, const retries &refused);
+    void settle(const decision &made, const std::vector<listed_host> &hosts, retries &refused);
     void note_refusal(retries &refused, const host_id &id) const;
     void arm(const decision &made, std::time_t evaluated);
 
     rule_store &store_;
     const wall_clock clock_;
     std::optional<bool> keeps_utc_;  ///< decided once, when the clock is set
-    retries refused_;                ///< by host; the list's own is that of the empty MAC
+    retries refused_;                ///< by host; that of the empty MAC is for the list and for the disk
     timer next_, soon_;
 };
 

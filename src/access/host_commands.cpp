@@ -60,6 +60,11 @@ std::optional<std::string_view> add_rules(host_schedule &to, json::view rules) {
     return std::nullopt;
 }
 
+// What is wrong with an element of a list of restrictions.
+struct entry_fault {
+    const char *reason, *status;
+};
+
 void add_refusal(bus_message &reply, stored why) {
     add_outcome(reply, why == stored::not_saved ? save_failed : "too many rules", "-1");
 }
@@ -112,43 +117,52 @@ void host_commands::get_schedule(json::view message, bus_message &reply) {
 
 // --- blocking and rate limits ---
 
-void host_commands::answer_change(bus_message &reply, stored outcome) {
-    if (outcome != stored::done)
-        return add_refusal(reply, outcome);
+// `set` puts one element into the draft and says what is wrong with it. The first fault ends the list; what
+// stands before it is stored and applied like a list without a fault.
+template <typename Set>
+void host_commands::set_restrictions(json::view info, restriction_kind kind, bus_message &reply, Set set) {
+    if (!info.is_array())
+        return add_outcome(reply, info_not_array, "-201");
+    draft made{store_.rules().limits, store_.rules().to_free, !info.first()};
+    if (made.changed)
+        made.limits.drop(kind);
+    std::optional<entry_fault> fault;
+    for (auto host = info.begin(); !fault && host != info.end(); ++host)
+        fault = set(made, *host);
+    if (made.changed) {
+        const stored outcome = store_.set_restrictions(std::move(made.limits), std::move(made.to_free));
+        if (outcome != stored::done)
+            return add_refusal(reply, outcome);
+        enforcer_.enforce_all_soon();
+    }
+    if (fault)
+        return add_outcome(reply, fault->reason, fault->status);
+    if (!made.changed)
+        return add_outcome(reply, "MAC already in timer rules", "-1000");
     add_success(reply);
-    enforcer_.enforce_all_soon();
 }
 
 void host_commands::set_internet(json::view message, bus_message &reply) {
-    const json::view info = message["Info"];
-    if (!info.is_array())
-        return add_outcome(reply, info_not_array, "-201");
-    restrictions limits = store_.rules().limits;
-    host_ids to_free = store_.rules().to_free;
-    bool changed = !info.first();
-    if (changed)
-        limits.drop(restricts_internet);
-    const auto fault = [&](const char *reason, const char *status) {
-        store_.keep_unsaved(std::move(limits), std::move(to_free));
-        add_outcome(reply, reason, status);
-    };
-    for (const json::view host : info) {
-        const auto mac = host["MAC"].text();
-        if (!mac)
-            return fault(mac_missing, "-202");
-        if (store_.rules().times.find(host_id(*mac)))
-            continue;
-        const auto access = number_in(host["InternetAccess"].text(), 0, 2);
-        if (!access)
-            return fault("invalid InternetAccess", "-1");
-        limits.entry_with(restricts_internet, *mac).internet = *access;
-        if (*access == unrestricted)
-            to_free.emplace(*mac);
-        changed = true;
-    }
-    if (!changed)
-        return add_outcome(reply, "MAC already in timer rules", "-1000");
-    answer_change(reply, store_.set_restrictions(std::move(limits), std::move(to_free)));
+    const schedules &times = store_.rules().times;
+    set_restrictions(message["Info"], restricts_internet, reply,
+                     [&times](draft &made, json::view host) -> std::optional<entry_fault> {
+                         const auto mac = host["MAC"].text();
+                         if (!mac)
+                             return entry_fault{mac_missing, "-202"};
+                         const host_id id(*mac);
+                         if (times.find(id))
+                             return std::nullopt;
+                         const auto access = number_in(host["InternetAccess"].text(), 0, 2);
+                         if (!access)
+                             return entry_fault{"invalid InternetAccess", "-1"};
+                         made.limits.entry_with(restricts_internet, *mac).internet = *access;
+                         if (*access == unrestricted)
+                             made.to_free.add(id);
+                         else
+                             made.to_free.remove(id);
+                         made.changed = true;
+                         return std::nullopt;
+                     });
 }
 
 void host_commands::get_internet(json::view, bus_message &reply) {
@@ -167,31 +181,23 @@ void host_commands::get_internet(json::view, bus_message &reply) {
 }
 
 void host_commands::set_bandwidth(json::view message, bus_message &reply) {
-    const json::view info = message["Info"];
-    if (!info.is_array())
-        return add_outcome(reply, info_not_array, "-201");
-    restrictions limits = store_.rules().limits;
-    if (!info.first())
-        limits.drop(restricts_rate);
-    const auto fault = [&](const char *reason, const char *status) {
-        store_.keep_unsaved(std::move(limits), store_.rules().to_free);
-        add_outcome(reply, reason, status);
-    };
-    for (const json::view host : info) {
-        const auto mac = host["MAC"].text();
-        if (!mac)
-            return fault(mac_missing, "-202");
-        const auto up = number_in(host["MaxUSBandwidth"].text(), 0, limit_max);
-        if (!up)
-            return fault("invalid US", "-1");
-        const auto down = number_in(host["MaxDSBandwidth"].text(), 0, limit_max);
-        if (!down)
-            return fault("invalid DS", "-1");
-        restriction &entry = limits.entry_with(restricts_rate, *mac);
-        entry.up_limit = *up;
-        entry.down_limit = *down;
-    }
-    answer_change(reply, store_.set_restrictions(std::move(limits), store_.rules().to_free));
+    set_restrictions(message["Info"], restricts_rate, reply,
+                     [](draft &made, json::view host) -> std::optional<entry_fault> {
+                         const auto mac = host["MAC"].text();
+                         if (!mac)
+                             return entry_fault{mac_missing, "-202"};
+                         const auto up = number_in(host["MaxUSBandwidth"].text(), 0, limit_max);
+                         if (!up)
+                             return entry_fault{"invalid US", "-1"};
+                         const auto down = number_in(host["MaxDSBandwidth"].text(), 0, limit_max);
+                         if (!down)
+                             return entry_fault{"invalid DS", "-1"};
+                         restriction &entry = made.limits.entry_with(restricts_rate, *mac);
+                         entry.up_limit = *up;
+                         entry.down_limit = *down;
+                         made.changed = true;
+                         return std::nullopt;
+                     });
 }
 
 void host_commands::get_bandwidth(json::view, bus_message &reply) {

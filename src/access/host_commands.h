@@ -30,7 +30,15 @@ class host_commands {
     void dump(json::view message, bus_message &reply);
 
   private:
-    void answer_change(bus_message &reply, stored outcome);
+    /// Restrictions as a command is to leave them.
+    struct draft {
+        restrictions limits;
+        hosts_to_free to_free;
+        bool changed;
+    };
+
+    template <typename Set>
+    void set_restrictions(json::view info, restriction_kind kind, bus_message &reply, Set set);
     void add_times(bus_message &reply);
 
     rule_store &store_;

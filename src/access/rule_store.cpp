@@ -3,7 +3,6 @@
 #include <optional>
 #include <utility>
 
-#include "access/texts.h"
 #include "base/files.h"
 #include "base/log.h"
 
@@ -32,30 +31,29 @@ rule_store::rule_store(const std::string &folder)
       free_path_(folder + free_file) {
     rules_.times.load(content(schedule_path_));
     rules_.limits.load(content(restriction_path_));
-    const std::string ids = content(free_path_);
-    for (std::string_view rest = ids; !rest.empty();)
-        if (const std::string_view line = take_until(rest, '\n'); !line.empty())
-            rules_.to_free.emplace(line);
+    rules_.to_free.load(content(free_path_));
 }
 
 // What went wrong, or nothing.
-std::optional<std::string> rule_store::save_hosts_to_free(const host_ids &ids) {
-    std::string text;
-    for (const host_id &id : ids)
-        text += id.text() + "\n";
-    auto why = text.empty() ? remove_file(free_path_) : save_file(free_path_, text);
+std::optional<std::string> rule_store::save_hosts_to_free(const hosts_to_free &hosts) {
+    auto why = hosts.empty() ? remove_file(free_path_) : save_file(free_path_, hosts.text());
     free_file_is_old_ = why.has_value();
     return why;
 }
 
-// The hosts to be freed go first: one too many among them says nothing as long as its rule stands, but one
-// too few stays restricted for good when the power goes in between.
-std::optional<std::string> rule_store::save(const host_ids &to_free, const std::string &path,
+// More hosts to be freed go first, and those that are no more go at the next look: one too many among them
+// says nothing as long as its rule stands, but one too few stays restricted for good when the power goes in
+// between.
+std::optional<std::string> rule_store::save(const hosts_to_free &to_free, const std::string &path,
                                             const std::string &text) {
-    const bool others_to_free = free_file_is_old_ || to_free != rules_.to_free;
-    auto why = others_to_free ? save_hosts_to_free(to_free) : std::nullopt;
+    hosts_to_free either = rules_.to_free;
+    either.add(to_free);
+    const bool others_to_free = free_file_is_old_ || either != rules_.to_free;
+    auto why = others_to_free ? save_hosts_to_free(either) : std::nullopt;
     if (!why && (why = save_file(path, text)) && others_to_free)
         save_hosts_to_free(rules_.to_free);
+    if (!why && either != to_free)
+        free_file_is_old_ = true;
     return why;
 }
 
@@ -63,11 +61,10 @@ stored rule_store::set_schedule(host_schedule fresh, bool free) {
     const host_id id(fresh.mac);
     const host_schedule *old = rules_.times.find(id);
     const std::size_t before = old ? old->rules.size() : 0, now = fresh.rules.size();
-    host_ids to_free = rules_.to_free;
-    if (free && !id.text().empty())
-        to_free.insert(id);
-    if (grows_beyond(rules_max, rules_.times.size(), rules_.times.size() - before + now) ||
-        grows_beyond(hosts_max, rules_.to_free.size(), to_free.size()))
+    hosts_to_free to_free = rules_.to_free;
+    if (free)
+        to_free.add(id);
+    if (grows_beyond(rules_max, rules_.times.size(), rules_.times.size() - before + now))
         return stored::too_many;
     if (const auto why = save(to_free, schedule_path_, rules_.times.text_with(fresh))) {
         log_printf("[ERROR] set_lanhost_timer: failed to save %s %s\n", schedule_path_.c_str(), why->c_str());
@@ -78,9 +75,8 @@ stored rule_store::set_schedule(host_schedule fresh, bool free) {
     return stored::done;
 }
 
-stored rule_store::set_restrictions(restrictions limits, host_ids to_free) {
-    if (grows_beyond(hosts_max, rules_.limits.entries().size(), limits.entries().size()) ||
-        grows_beyond(hosts_max, rules_.to_free.size(), to_free.size()))
+stored rule_store::set_restrictions(restrictions limits, hosts_to_free to_free) {
+    if (grows_beyond(hosts_max, rules_.limits.entries().size(), limits.entries().size()))
         return stored::too_many;
     if (const auto why = save(to_free, restriction_path_, limits.text())) {
         log_printf("[ERROR] %s: failed to save _save_pr_cfg %s\n", restriction_path_.c_str(), why->c_str());
@@ -89,12 +85,6 @@ stored rule_store::set_restrictions(restrictions limits, host_ids to_free) {
     rules_.limits = std::move(limits);
     rules_.to_free = std::move(to_free);
     return stored::done;
-}
-
-void rule_store::keep_unsaved(restrictions limits, host_ids to_free) {
-    free_file_is_old_ |= to_free != rules_.to_free;
-    rules_.limits = std::move(limits);
-    rules_.to_free = std::move(to_free);
 }
 
 void rule_store::ask_for_restrictions() {
@@ -112,13 +102,16 @@ void rule_store::restrictions_tried(const host_ids &taken, const host_ids &refus
     }
 }
 
-void rule_store::freed(const std::vector<host_id> &ids) {
+bool rule_store::freed(const std::vector<host_id> &ids) {
     for (const host_id &id : ids)
-        rules_.to_free.erase(id);
+        rules_.to_free.remove(id);
     if (ids.empty() && !free_file_is_old_)
-        return;
-    if (const auto why = save_hosts_to_free(rules_.to_free))
+        return true;
+    const auto why = save_hosts_to_free(rules_.to_free);
+    if (why && !refusal_is_told_)
         log_printf("[ERROR] extcc: failed to save %s %s\n", free_path_.c_str(), why->c_str());
+    refusal_is_told_ = why.has_value();
+    return !why;
 }
 
 }  // namespace arvok::access

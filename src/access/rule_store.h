@@ -8,18 +8,18 @@
 #include <vector>
 
 #include "access/host_id.h"
+#include "access/hosts_to_free.h"
 #include "access/restrictions.h"
 #include "access/schedules.h"
 
 namespace arvok::access {
 
-/// Hosts whose access is to be given back as soon as the platform lists them.
 using host_ids = std::unordered_set<host_id>;
 
 struct rule_set {
     schedules times;
     restrictions limits;
-    host_ids to_free;
+    hosts_to_free to_free;
 };
 
 /// How a change of the rules ended.
@@ -31,10 +31,10 @@ enum class stored {
 
 class rule_store {
   public:
-    /// Schedule rules of all hosts, hosts with restrictions, and hosts to be freed: some more than the 10,000
-    /// rules for 1,000 hosts of the largest home, so that no app fills memory or disk. What older programs
-    /// left may be more; it is kept and does not grow.
-    static constexpr std::size_t rules_max = 16384, hosts_max = 4096;
+    /// Schedule rules of all hosts, and hosts with restrictions: some more than the 10,000 rules for 1,000
+    /// hosts of the largest home, so that no app fills memory or disk. What older programs left may be more;
+    /// it is kept and does not grow.
+    static constexpr std::size_t rules_max = 16384, hosts_max = hosts_to_free::max;
 
     /// Loads the files of the folder, which ends with a slash. A missing file holds nothing.
     explicit rule_store(const std::string &folder);
@@ -46,26 +46,27 @@ class rule_store {
     /// Puts a schedule in the place of its host's; `free` also has the host freed.
     stored set_schedule(host_schedule fresh, bool free);
     /// Puts the drafts in the place of what there is.
-    stored set_restrictions(restrictions limits, host_ids to_free);
-    /// The same in memory only, until the next change of restrictions: they are those before a faulty one.
-    void keep_unsaved(restrictions limits, host_ids to_free);
+    stored set_restrictions(restrictions limits, hosts_to_free to_free);
 
     /// Marks every restriction as to be applied.
     void ask_for_restrictions();
     /// What became of those: the platform took them, refused them, or does not list their hosts.
     void restrictions_tried(const host_ids &taken, const host_ids &refused);
     void set_actions(const std::vector<internet_access> &actions) { rules_.times.set_actions(actions); }
-    /// These hosts are free. When their file cannot be saved, it is tried again with the next ones.
-    void freed(const std::vector<host_id> &ids);
+    /// These hosts are free. False while the disk refuses to say so, which the log says once; to be called
+    /// again then, also without hosts.
+    bool freed(const std::vector<host_id> &ids);
+    /// Whether the file of the hosts to be freed holds more than these.
+    bool is_behind() const { return free_file_is_old_; }
 
   private:
-    std::optional<std::string> save_hosts_to_free(const host_ids &ids);
-    std::optional<std::string> save(const host_ids &to_free, const std::string &path,
+    std::optional<std::string> save_hosts_to_free(const hosts_to_free &hosts);
+    std::optional<std::string> save(const hosts_to_free &to_free, const std::string &path,
                                     const std::string &text);
 
     const std::string schedule_path_, restriction_path_, free_path_;
     rule_set rules_;
-    bool free_file_is_old_ = false;
+    bool free_file_is_old_ = false, refusal_is_told_ = false;
 };
 
 }  // namespace arvok::access

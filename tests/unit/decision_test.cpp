@@ -83,7 +83,7 @@ TEST(Decision, TheRecordsOfTheHostsAreWhatALookAtEveryMinuteWants) {
                 restriction_file +=
                     spelled(i) + format("|%d|%d|%d|%d\n", host.kinds, host.internet, host.down, host.up);
             if (host.to_free)
-                rules.to_free.emplace(spelled(i));
+                rules.to_free.add(host_id(spelled(i)));
             if (host.listed) {
                 hosts.push_back({host_id(spelled(i)), host.access, host.up_now, host.down_now});
                 behind.push_back(&host);
@@ -134,7 +134,7 @@ TEST(Decision, TheRecordsOfTheHostsAreWhatALookAtEveryMinuteWants) {
 TEST(Decision, WithoutAClockSchedulesWantNothing) {
     rule_set rules;
     rules.times.load("A|0|0:00|24:00|1|c|g\n");
-    rules.to_free = {host_id("A"), host_id("B"), host_id("")};
+    rules.to_free = hosts_to_free({host_id("A"), host_id("B"), host_id("")});
     const decision made =
         wanted(rules, {{host_id("a"), 0, 0, 0}, {host_id("b"), 0, 0, 0}, {host_id(""), 0, 0, 0}}, {});
     EXPECT_EQ(made.next_s, 60);

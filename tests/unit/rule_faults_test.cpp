@@ -235,6 +235,115 @@ TEST_F(Commands, LeaveEachFileOldOrNewWhenThePowerGoes) {
     }
 }
 
+const std::string saved = R"({"Status":"0","FailReason":""})";
+
+class Restrictions : public Commands {
+  protected:
+    void SetUp() override {
+        Commands::SetUp();
+        begin({"", ""});
+        put({});
+        device.hosts = {{"02C0FFEE0001", 0}};
+        on_.emplace([] { return now; }, folder_);
+    }
+    void TearDown() override {
+        on_.reset();
+        Commands::TearDown();
+    }
+    std::string internet(const std::string &hosts) {
+        return answer_of(*on_, {"SET_LANHOST_INTERNET", ("{\"Info\":[" + hosts + "]}").c_str()});
+    }
+    void arrival() {
+        on_->host_appeared();
+        pass(1);
+    }
+    void restart() {
+        on_.reset();
+        on_.emplace([] { return now; }, folder_);
+        on_->start();
+        arrival();
+    }
+
+    std::optional<rules> on_;
+    const std::string x = R"({"MAC":"02C0FFEE0001","InternetAccess":"%"})";
+    const std::string wrong = R"({"MAC":"02C0FFEE0002","InternetAccess":"9"})";
+    std::string x_is(char access) const { return std::string(x).replace(x.find('%'), 1, 1, access); }
+};
+
+// What stands before a fault is stored and applied like anything else: the same after a restart.
+TEST_F(Restrictions, BeforeAFaultAreStoredAndApplied) {
+    const std::string invalid = R"({"FailReason":"invalid InternetAccess","Status":"-1"})";
+    EXPECT_EQ(internet(wrong), invalid);
+    EXPECT_EQ(content(), files{});
+    EXPECT_EQ(internet(x_is('0') + "," + wrong), invalid);
+    EXPECT_EQ(content(), (files{{"extcc-lhpc.cfg", "02C0FFEE0001|2|0|0|0\n"}}));
+    EXPECT_EQ(internet(x_is('2') + "," + wrong), invalid);
+    const char *schedule =
+        R"({"MAC":"02C0FFEE0001","Info":[{"Mode":"0","StartTime":"0:00","EndTime":"24:00","Enable":"1"}]})";
+    EXPECT_EQ(answer_of(*on_, {"SET_LANHOST_TIMER", schedule}), saved);
+    for (int run = 0; run < 2; run++) {
+        restart();
+        EXPECT_EQ(device.hosts[0].access, 1);
+        device.hosts[0].access = 2;
+    }
+    EXPECT_EQ(
+        answer_of(*on_,
+                  {"SET_LANHOST_BANDWIDTH",
+                   R"({"Info":[{"MAC":"02C0FFEE0001","MaxUSBandwidth":"7","MaxDSBandwidth":"8"},{}]})"}),
+        R"({"FailReason":"MAC not found","Status":"-202"})");
+    pass(1);
+    EXPECT_EQ(device.hosts[0].up, 7);
+    EXPECT_EQ(content()["extcc-lhpc.cfg"], "02C0FFEE0001|3|2|8|7\n");
+    // Also before one, what cannot be stored is not there.
+    disk.error = ENOSPC;
+    disk.failing = disk.calls + 4;
+    EXPECT_EQ(
+        answer_of(*on_,
+                  {"SET_LANHOST_BANDWIDTH",
+                   R"({"Info":[{"MAC":"02C0FFEE0001","MaxUSBandwidth":"1","MaxDSBandwidth":"1"},{}]})"}),
+        R"({"FailReason":"save failed","Status":"-1"})");
+    arrival();
+    EXPECT_EQ(device.hosts[0].up, 7);
+}
+
+TEST_F(Restrictions, FreeAHostThatIsAwayUnlessItIsBlockedLater) {
+    device.hosts.clear();
+    for (const bool blocked : {false, true}) {
+        EXPECT_EQ(internet(x_is('2')), saved);
+        arrival();
+        EXPECT_EQ(content()["extcc-lhf.cfg"], "02C0FFEE0001\n");
+        EXPECT_EQ(blocked ? internet(x_is('0')) : saved, saved);
+        EXPECT_EQ(internet(""), saved);
+        pass(1);
+        EXPECT_EQ(content().contains("extcc-lhf.cfg"), !blocked);
+        device.hosts = {{"02C0FFEE0001", 0}};
+        restart();
+        EXPECT_EQ(device.hosts[0].access, blocked ? 0 : 2);
+        device.hosts.clear();
+    }
+    // One without a MAC would wait for ever.
+    EXPECT_EQ(internet(R"({"MAC":"","InternetAccess":"2"})"), saved);
+    pass(1);
+    EXPECT_FALSE(content().contains("extcc-lhf.cfg"));
+}
+
+// The last rule is gone by then; nothing but the file asks for another look.
+TEST_F(Restrictions, ThatAFailingDiskHasForgottenToEndAreEndedLater) {
+    EXPECT_EQ(internet(x_is('2')), saved);
+    take_log();
+    disk = {.failing = 0, .error = EIO, .repeated = true};
+    for (const int seconds : {1, 5, 6, 21})
+        pass(seconds);
+    EXPECT_EQ(device.hosts[0].access, 2);
+    const std::string log = take_log();
+    EXPECT_TRUE(contains(log, "[ERROR]"));
+    EXPECT_EQ(log.find("[ERROR]"), log.rfind("[ERROR]"));
+    EXPECT_TRUE(content().contains("extcc-lhf.cfg"));
+    disk = {};
+    pass(41);
+    EXPECT_FALSE(content().contains("extcc-lhf.cfg"));
+}
+
 // --- the platform ---
 
 class Refusals : public Commands {

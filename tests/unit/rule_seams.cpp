@@ -52,7 +52,8 @@ int outcome(bool refused, char **why) {
 
 bool disk_fails(const char *name) {
     disk.names += std::string(disk.names.empty() ? "" : " ") + name;
-    if (disk.calls++ != disk.failing)
+    const int call = disk.calls++;
+    if (disk.repeated ? call < disk.failing : call != disk.failing)
         return false;
     if (disk.error == 0)
         _exit(0);

@@ -27,8 +27,9 @@ extern fake_platform device;
 /// otherwise.
 struct fake_disk {
     int calls = 0;
-    int failing = -1;  ///< this one fails, counted from 0
-    int error = 0;     ///< with this number; 0: the process ends before it
+    int failing = -1;       ///< this one fails, counted from 0
+    int error = 0;          ///< with this number; 0: the process ends before it
+    bool repeated = false;  ///< and so do all that follow
     std::string names{};
 };
 extern fake_disk disk;

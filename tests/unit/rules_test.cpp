@@ -118,7 +118,7 @@ TEST_F(Rules, AScheduleTakesThePlaceOfItsHostsAndOfNoOther) {
     EXPECT_EQ(told(store.rules().times), "aB12(1 0 3:00-4:00;)CD34(1 0 1:00-2:00;)AB(0 0 8:0-;)");
     EXPECT_EQ(store.set_schedule({"CD34", not_evaluated, {}, ""}, true), stored::done);
     EXPECT_EQ(told(rule_store(folder_).rules().times), told(store.rules().times));
-    EXPECT_EQ(rule_store(folder_).rules().to_free, (host_ids{host_id("ef56"), host_id("cd34")}));
+    EXPECT_EQ(rule_store(folder_).rules().to_free, (hosts_to_free({host_id("ef56"), host_id("cd34")})));
     store.freed({host_id("EF56"), host_id("CD34")});
     EXPECT_FALSE(std::filesystem::exists(folder_ / free_file));
 }
@@ -166,6 +166,15 @@ TEST_F(Rules, ThereIsAnEndToWhatIsKept) {
     limits.entry_with(restricts_rate, "more");
     EXPECT_EQ(store.set_restrictions(limits, {}), stored::too_many);
     EXPECT_EQ(store.rules().limits.entries().size(), rule_store::hosts_max);
+    // Nobody is refused for hosts that never come back: the one that is away the longest gives its place.
+    std::string away;
+    for (std::size_t i = 0; i < hosts_to_free::max; i++)
+        away += "AWAY" + std::to_string(i) + "\n";
+    write(free_file, away);
+    rule_store full(folder_);
+    EXPECT_EQ(full.set_schedule(schedule_of("A", 0), true), stored::done);
+    EXPECT_EQ(read(free_file), away.substr(6) + "A\n");
+    EXPECT_TRUE(full.rules().to_free == rule_store(folder_).rules().to_free);
 }
 
 TEST_F(Rules, NothingIsEvaluatedBeforeTheClockIsSet) {
