@@ -41,11 +41,12 @@ rules::rules(wall_clock clock, const std::string &folder)
 
 void rules::start() {
     clock_set_.start();
-    look_at_clock();
+    guest_.follow_times();
+    enforcer_.enforce();
 }
 
 void rules::look_at_clock() {
-    guest_.follow_times();
+    guest_.clock_was_set();
     enforcer_.enforce();
 }
 

@@ -42,6 +42,8 @@ class rules {
     void start();
     /// A host has come: in 200 ms the rules are applied, also blocking and rate limits.
     void host_appeared() { enforcer_.enforce_all_soon(); }
+    /// The clock was set, which is noticed from the start on: schedules and closing time are looked at again.
+    void look_at_clock();
 
     /// Runs a command and adds its fields to the reply. False when it is none of these commands.
     bool run(std::string_view command, json::view message, bus_message &reply);
@@ -49,8 +51,6 @@ class rules {
   private:
     struct command_row;
     static const command_row commands[];
-
-    void look_at_clock();
 
     rule_store store_;
     enforcer enforcer_;

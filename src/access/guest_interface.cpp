@@ -10,13 +10,8 @@ namespace {
 
 constexpr std::size_t spare_interfaces_from = 2;  // the interfaces before have their own purpose
 
-std::optional<platform::access_point_list> list_known_interfaces() {
+std::optional<platform::access_point_list> list_interfaces() {
     return platform::fetch_list<platform::access_point_list>(qzcap_wifi_ap_list, QZCAP_AP_2G);
-}
-
-platform::access_point_list list_interfaces() {
-    auto list = list_known_interfaces();
-    return list ? std::move(*list) : platform::access_point_list();
 }
 
 bool set(const qzcap_wifi_ap &interface, platform::reason &why) {
@@ -34,12 +29,14 @@ void fill(qzcap_wifi_ap &interface, const guest_settings &settings) {
 }
 
 interface_outcome use_spare_interface(const guest_settings &settings) {
-    const platform::access_point_list interfaces = list_interfaces();
-    for (std::size_t at = spare_interfaces_from; at < interfaces.size(); at++) {
-        qzcap_wifi_ap &spare = interfaces[at];
+    const auto interfaces = list_interfaces();
+    for (std::size_t at = spare_interfaces_from; interfaces && at < interfaces->size(); at++) {
+        qzcap_wifi_ap &spare = (*interfaces)[at];
         if (view_of(spare.enable) != "no" || spare.inuse != 0)
             continue;
         platform::access_point_record before = get_interface(static_cast<int>(spare.index));
+        if (!before)
+            return {0};
         fill(spare, settings);
         platform::reason why;
         if (!set(spare, why) && why.is_given())
@@ -83,7 +80,7 @@ platform::access_point_record get_interface(int index) {
 }
 
 presence find_interface(int index) {
-    const auto list = list_known_interfaces();
+    const auto list = list_interfaces();
     if (!list)
         return presence::unknown;
     for (const qzcap_wifi_ap *interface : *list)
@@ -92,21 +89,23 @@ presence find_interface(int index) {
     return presence::gone;
 }
 
-int find_guest_interface() {
-    for (const qzcap_wifi_ap *interface : list_interfaces())
+std::optional<listed_guest> find_guest_interface() {
+    const auto list = list_interfaces();
+    if (!list)
+        return std::nullopt;
+    for (const qzcap_wifi_ap *interface : *list)
         if (interface->guest == 1)
-            return static_cast<int>(interface->index);
-    return 0;
+            return listed_guest{static_cast<int>(interface->index), view_of(interface->enable) == "yes"};
+    return listed_guest();
 }
 
-interface_outcome set_guest_interface(const guest_settings &settings, int remembered) {
-    const int index = find_guest_interface();
-    if (index < 1)
+interface_outcome set_guest_interface(const guest_settings &settings, int found, int remembered) {
+    if (found < 1)
         return add_guest_interface(settings);
-    const platform::access_point_record interface = get_interface(index);
-    if (!interface)
+    const platform::access_point_record interface = get_interface(found);
+    platform::access_point_record before = get_interface(found == remembered ? 0 : found);
+    if (!interface || (found != remembered && !before))
         return {0};
-    platform::access_point_record before = get_interface(index == remembered ? 0 : index);
     fill(*interface, settings);
     platform::reason why;
     if (!set(*interface, why) && why.is_given())

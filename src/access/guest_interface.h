@@ -37,8 +37,13 @@ platform::access_point_record get_interface(int index);
 enum class presence { there, gone, unknown };
 presence find_interface(int index);
 
-/// The guest interface's index; 0 for none.
-int find_guest_interface();
+/// The guest interface as the platform lists it; index 0 for none.
+struct listed_guest {
+    int index = 0;
+    bool enabled = false;
+};
+/// Nothing when the platform does not tell.
+std::optional<listed_guest> find_guest_interface();
 
 /// What came of a call: the interface's index, 0 for none, and the platform's text when it refused.
 struct interface_outcome {
@@ -49,9 +54,10 @@ struct interface_outcome {
         {};  ///< as the interface was; null when it is new, or was remembered
 };
 
-/// Gives the settings to the guest interface; without one to a new interface or, from a platform that adds
-/// none, to a spare one. What is done to the interface `remembered` need not be undone.
-interface_outcome set_guest_interface(const guest_settings &settings, int remembered);
+/// Gives the settings to the guest interface of index `found`; without one, 0, to a new interface or, from a
+/// platform that adds none, to a spare one. What is done to the interface `remembered` need not be undone; no
+/// other is touched unless that can be.
+interface_outcome set_guest_interface(const guest_settings &settings, int found, int remembered);
 
 /// Undoes that, as far as the platform lets it.
 void undo(const interface_outcome &done);

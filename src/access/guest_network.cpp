@@ -78,7 +78,7 @@ bool guest_network::remember(int index) {
 int guest_network::known_index() {
     if (file_exists(index_path_))
         return index();
-    const int found = find_guest_interface();
+    const int found = find_guest_interface().value_or(listed_guest()).index;
     if (found >= 1)
         remember(found);
     return found;
@@ -139,6 +139,12 @@ void guest_network::follow_times() {
     look_again(action.delay > 0 ? std::min(action.delay, next_try) : next_try);
 }
 
+void guest_network::clock_was_set() {
+    const std::optional<guest_schedule> schedule = closing();
+    if (timer_.is_armed() || (schedule && guest_action_at(*schedule, clock_()).delay > 0))
+        follow_times();
+}
+
 // --- SET_GUEST_WIFI ---
 
 void guest_network::set(json::view message, bus_message &reply) {
@@ -164,30 +170,43 @@ void guest_network::set(json::view message, bus_message &reply) {
         return add_outcome(reply, "invalid ENCRYPT", "-1");
 
     const int known = index();
-    const interface_outcome outcome =
-        set_guest_interface({*ssid, *password, encryptions[*cipher - 1], *enable == 1, *hidden}, known);
+    const std::optional<listed_guest> found = find_guest_interface();
+    if (!found)
+        return add_outcome(reply, "failed to add/set guest wifi", "-102");
+    // The closing time that the command ends goes first: at the next start it would undo the command.
+    const auto ended =
+        contradicts_closing(*enable == 1, found->enabled) ? read_file(closing_path_, told_max) : std::nullopt;
+    if (ended && !saved(closing_path_, remove_file(closing_path_)))
+        return add_outcome(reply, save_failed, "-1");
+    const interface_outcome outcome = set_guest_interface(
+        {*ssid, *password, encryptions[*cipher - 1], *enable == 1, *hidden}, found->index, known);
+    const bool is_set = !outcome.error && outcome.index >= 1;
+    const bool is_kept = is_set && (outcome.index == known || remember(outcome.index));
+    if (ended && !is_kept)
+        save_file(closing_path_, *ended);
     if (outcome.error)
         return add_outcome(reply, *outcome.error, "-102");
-    if (outcome.index < 1)
+    if (!is_set)
         return add_outcome(reply, "failed to add/set guest wifi", "-102");
-    if (outcome.index != known && !remember(outcome.index)) {
+    if (!is_kept) {
         undo(outcome);
         return add_outcome(reply, save_failed, "-1");
     }
-    end_closing(*enable == 1);
+    if (ended)
+        follow_times();  // nothing to follow any more
     add_outcome(reply, "", "0");
 }
 
-// A closing time that has nothing left to do ends when a command says otherwise: at the next start it would
-// undo that.
-void guest_network::end_closing(bool enabled) {
+// Whether a command wants the network otherwise than its closing time does now. While the clock is not set
+// that is not known, but one that changes the network is meant.
+bool guest_network::contradicts_closing(bool enable, bool is_enabled) const {
     const std::optional<guest_schedule> schedule = closing();
+    if (!schedule)
+        return false;
     const std::time_t now = clock_();
-    if (!schedule || (schedule->last_time != guest_forever && now < clock_set_after))
-        return;
-    const guest_action action = guest_action_at(*schedule, now);
-    if (action.delay == 0 && action.on != enabled && saved(closing_path_, remove_file(closing_path_)))
-        follow_times();
+    if (schedule->last_time != guest_forever && now < clock_set_after)
+        return enable != is_enabled;
+    return guest_action_at(*schedule, now).on != enable;
 }
 
 // --- GET_GUEST_WIFI ---

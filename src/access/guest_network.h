@@ -29,6 +29,9 @@ class guest_network {
     /// Opens or closes it as its closing time says, if it has one, and sees to the next time: its change, the
     /// next try when the platform refuses, or a minute later while the clock is not set.
     void follow_times();
+    /// The clock was set: the same while there is anything to come. A closing time that has done its work
+    /// leaves the network to whoever has changed it since.
+    void clock_was_set();
 
     /// Milliseconds until it is opened or closed; below 0: not foreseen.
     int until_change() { return timer_.remaining(); }
@@ -41,7 +44,7 @@ class guest_network {
     std::optional<guest_schedule> closing() const;
     void add_closing(bus_message &reply) const;
     void look_again(std::int64_t seconds);
-    void end_closing(bool enabled);
+    bool contradicts_closing(bool enable, bool is_enabled) const;
 
     const std::string index_path_, closing_path_;
     const wall_clock clock_;

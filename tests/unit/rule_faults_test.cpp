@@ -12,51 +12,12 @@
 #include <map>
 #include <sstream>
 
-#include "access/access.h"
 #include "base/files.h"
 #include "base/text.h"
-#include "rule_seams.h"
+#include "rule_fixture.h"
 
 namespace arvok::access {
 namespace {
-
-constexpr std::time_t wednesday_noon = 1795003200 - 8 * 3600;
-
-using files = std::map<std::string, std::string>;
-
-class RuleFaults : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        char name[] = "/tmp/rule-faults-XXXXXX";
-        ASSERT_NE(mkdtemp(name), nullptr);
-        folder_ = std::string(name) + "/";
-        uloop_init();
-    }
-    void TearDown() override {
-        uloop_done();
-        disk = {};
-        device = {};
-        std::filesystem::remove_all(folder_);
-    }
-
-    files content() const {
-        files found;
-        for (const auto &entry : std::filesystem::directory_iterator(folder_)) {
-            std::ostringstream text;
-            text << std::ifstream(entry.path(), std::ios::binary).rdbuf();
-            found[entry.path().filename()] = text.str();
-        }
-        return found;
-    }
-    void put(const files &all) const {
-        std::filesystem::remove_all(folder_);
-        std::filesystem::create_directory(folder_);
-        for (const auto &[name, text] : all)
-            std::ofstream(folder_ + name, std::ios::binary) << text;
-    }
-
-    std::string folder_;
-};
 
 TEST_F(RuleFaults, AFileIsReplacedWholeOrNotAtAll) {
     const std::string path = folder_ + "file";
@@ -93,9 +54,7 @@ TEST_F(RuleFaults, AFileIsReplacedWholeOrNotAtAll) {
 
 // --- commands ---
 
-const struct command {
-    const char *name, *message;
-} commands[] = {
+const command commands[] = {
     {"SET_LANHOST_TIMER",
      R"({"MAC":"02C0FFEE0003","Info":[{"Mode":"0","StartTime":"0:00","EndTime":"24:00","Enable":"1"}]})"},
     {"SET_LANHOST_TIMER", R"({"MAC":"02c0ffee0001","Info":[]})"},
@@ -108,40 +67,6 @@ const struct command {
     {"SET_GUEST_WIFI_CLOSE_TIMER", R"({"Info":[{"LastTime":"-1111","Enable":"0"}]})"},
     {"DELETE_GUEST_WIFI", "{}"},
     {"SET_GUEST_WIFI", R"({"Info":[{"SSID":"s","PWD":"p","ENCRYPT":"5","Enable":"1","SSIDHide":"0"}]})"},
-};
-
-const files before_commands{{"extcc-lht.cfg", "02C0FFEE0001|0|0:00|24:00|1|c|g\n"},
-                            {"extcc-lhpc.cfg", "02C0FFEE0002|2|0|0|0\n"},
-                            {"extcc-gst-idx.cfg", "5"},
-                            {"extcc-gst-tmr.cfg", "5\t1\t0\t0\t0\t-1111\n"}};
-
-std::string answer_of(rules &on, const command &asked) {
-    bus_message reply;
-    const json::document message = json::parse(asked.message);
-    EXPECT_TRUE(on.run(asked.name, message.root(), reply));
-    return json_of(reply.get()).value_or("");
-}
-
-std::string dump_of(rules &on) {
-    const std::string dump = answer_of(on, {"EXTCC_DUMP", "{}"});
-    return dump.substr(dump.find("\"TimeRules\""));
-}
-
-class Commands : public RuleFaults {
-  protected:
-    // The device and its files before a command; the guest network's index may be yet to be found.
-    void begin(const command &asked) {
-        now = wednesday_noon;
-        disk = {};
-        files prepared = before_commands;
-        if (std::strcmp(asked.name, "SET_GUEST_WIFI") == 0)
-            prepared.erase("extcc-gst-idx.cfg");
-        put(prepared);
-        device = {{{"02C0FFEE0001", 1}, {"02C0FFEE0002", 0}, {"02C0FFEE0003", 2}}};
-        if (prepared.contains("extcc-gst-idx.cfg"))
-            device.guests[5] = true;
-        take_log();
-    }
 };
 
 TEST_F(Commands, LeaveEverythingAsItWasWhenTheDiskFails) {
@@ -233,115 +158,6 @@ TEST_F(Commands, LeaveEachFileOldOrNewWhenThePowerGoes) {
                 break;
         }
     }
-}
-
-const std::string saved = R"({"Status":"0","FailReason":""})";
-
-class Restrictions : public Commands {
-  protected:
-    void SetUp() override {
-        Commands::SetUp();
-        begin({"", ""});
-        put({});
-        device.hosts = {{"02C0FFEE0001", 0}};
-        on_.emplace([] { return now; }, folder_);
-    }
-    void TearDown() override {
-        on_.reset();
-        Commands::TearDown();
-    }
-    std::string internet(const std::string &hosts) {
-        return answer_of(*on_, {"SET_LANHOST_INTERNET", ("{\"Info\":[" + hosts + "]}").c_str()});
-    }
-    void arrival() {
-        on_->host_appeared();
-        pass(1);
-    }
-    void restart() {
-        on_.reset();
-        on_.emplace([] { return now; }, folder_);
-        on_->start();
-        arrival();
-    }
-
-    std::optional<rules> on_;
-    const std::string x = R"({"MAC":"02C0FFEE0001","InternetAccess":"%"})";
-    const std::string wrong = R"({"MAC":"02C0FFEE0002","InternetAccess":"9"})";
-    std::string x_is(char access) const { return std::string(x).replace(x.find('%'), 1, 1, access); }
-};
-
-// What stands before a fault is stored and applied like anything else: the same after a restart.
-TEST_F(Restrictions, BeforeAFaultAreStoredAndApplied) {
-    const std::string invalid = R"({"FailReason":"invalid InternetAccess","Status":"-1"})";
-    EXPECT_EQ(internet(wrong), invalid);
-    EXPECT_EQ(content(), files{});
-    EXPECT_EQ(internet(x_is('0') + "," + wrong), invalid);
-    EXPECT_EQ(content(), (files{{"extcc-lhpc.cfg", "02C0FFEE0001|2|0|0|0\n"}}));
-    EXPECT_EQ(internet(x_is('2') + "," + wrong), invalid);
-    const char *schedule =
-        R"({"MAC":"02C0FFEE0001","Info":[{"Mode":"0","StartTime":"0:00","EndTime":"24:00","Enable":"1"}]})";
-    EXPECT_EQ(answer_of(*on_, {"SET_LANHOST_TIMER", schedule}), saved);
-    for (int run = 0; run < 2; run++) {
-        restart();
-        EXPECT_EQ(device.hosts[0].access, 1);
-        device.hosts[0].access = 2;
-    }
-    EXPECT_EQ(
-        answer_of(*on_,
-                  {"SET_LANHOST_BANDWIDTH",
-                   R"({"Info":[{"MAC":"02C0FFEE0001","MaxUSBandwidth":"7","MaxDSBandwidth":"8"},{}]})"}),
-        R"({"FailReason":"MAC not found","Status":"-202"})");
-    pass(1);
-    EXPECT_EQ(device.hosts[0].up, 7);
-    EXPECT_EQ(content()["extcc-lhpc.cfg"], "02C0FFEE0001|3|2|8|7\n");
-    // Also before one, what cannot be stored is not there.
-    disk.error = ENOSPC;
-    disk.failing = disk.calls + 4;
-    EXPECT_EQ(
-        answer_of(*on_,
-                  {"SET_LANHOST_BANDWIDTH",
-                   R"({"Info":[{"MAC":"02C0FFEE0001","MaxUSBandwidth":"1","MaxDSBandwidth":"1"},{}]})"}),
-        R"({"FailReason":"save failed","Status":"-1"})");
-    arrival();
-    EXPECT_EQ(device.hosts[0].up, 7);
-}
-
-TEST_F(Restrictions, FreeAHostThatIsAwayUnlessItIsBlockedLater) {
-    device.hosts.clear();
-    for (const bool blocked : {false, true}) {
-        EXPECT_EQ(internet(x_is('2')), saved);
-        arrival();
-        EXPECT_EQ(content()["extcc-lhf.cfg"], "02C0FFEE0001\n");
-        EXPECT_EQ(blocked ? internet(x_is('0')) : saved, saved);
-        EXPECT_EQ(internet(""), saved);
-        pass(1);
-        EXPECT_EQ(content().contains("extcc-lhf.cfg"), !blocked);
-        device.hosts = {{"02C0FFEE0001", 0}};
-        restart();
-        EXPECT_EQ(device.hosts[0].access, blocked ? 0 : 2);
-        device.hosts.clear();
-    }
-    // One without a MAC would wait for ever.
-    EXPECT_EQ(internet(R"({"MAC":"","InternetAccess":"2"})"), saved);
-    pass(1);
-    EXPECT_FALSE(content().contains("extcc-lhf.cfg"));
-}
-
-// The last rule is gone by then; nothing but the file asks for another look.
-TEST_F(Restrictions, ThatAFailingDiskHasForgottenToEndAreEndedLater) {
-    EXPECT_EQ(internet(x_is('2')), saved);
-    take_log();
-    disk = {.failing = 0, .error = EIO, .repeated = true};
-    for (const int seconds : {1, 5, 6, 21})
-        pass(seconds);
-    EXPECT_EQ(device.hosts[0].access, 2);
-    const std::string log = take_log();
-    EXPECT_TRUE(contains(log, "[ERROR]"));
-    EXPECT_EQ(log.find("[ERROR]"), log.rfind("[ERROR]"));
-    EXPECT_TRUE(content().contains("extcc-lhf.cfg"));
-    disk = {};
-    pass(41);
-    EXPECT_FALSE(content().contains("extcc-lhf.cfg"));
 }
 
 // --- the platform ---
