@@ -12,6 +12,7 @@ namespace {
 
 constexpr int change_delay_ms = 200;
 constexpr std::time_t day_s = 86400;
+constexpr long round_s = 5;  // for the writes of one look
 
 std::vector<listed_host> told(const platform::host_list &records) {
     std::vector<listed_host> hosts;
@@ -38,7 +39,8 @@ enforcer::enforcer(rule_store &store, wall_clock clock)
       soon_(bind<&enforcer::enforce>(*this)) {}
 
 void enforcer::enforce_soon() {
-    soon_.arm(change_delay_ms);
+    if (!soon_.is_armed())
+        soon_.arm(change_delay_ms);
 }
 
 void enforcer::enforce_all_soon() {
@@ -71,13 +73,12 @@ void enforcer::enforce() {
     if (is_needed()) {
         records = platform::fetch_list<platform::host_list>(qzcap_list_laninfo);
         if (!records)
-            note_refusal(refused, host_id(""));
+            next_try(refused, host_id("")).refused(uptime());
     }
     const std::vector<listed_host> hosts = records ? told(*records) : std::vector<listed_host>();
     const decision made = wanted(store_.rules(), hosts, instant(now));
-    for (const host_change &change : made.changes)
-        if (!write((*records)[change.host], change))
-            note_refusal(refused, hosts[change.host].id);
+    if (records)
+        carry_out(made, *records, hosts, refused);
     store_.set_actions(made.actions);
     if (records)
         settle(made, hosts, refused);
@@ -85,10 +86,29 @@ void enforcer::enforce() {
     arm(made, now);
 }
 
-void enforcer::note_refusal(retries &refused, const host_id &id) const {
+// A platform that answers nothing blocks the loop at every call: the hosts that there is no time for come
+// later, and before those that it refused.
+void enforcer::carry_out(const decision &made, platform::host_list &records,
+                         const std::vector<listed_host> &hosts, retries &refused) const {
+    const long end = uptime() + round_s;
+    for (const bool again : {false, true}) {
+        for (const host_change &change : made.changes) {
+            const host_id &id = hosts[change.host].id;
+            const auto before = refused_.find(id);
+            if (again != (before != refused_.end() && before->second.was_refused()))
+                continue;
+            if (uloop_cancelling() || uptime() >= end)
+                next_try(refused, id).put_off(uptime());
+            else if (!write(records[change.host], change))
+                next_try(refused, id).refused(uptime());
+        }
+    }
+}
+
+// That of the last look goes on.
+retry &enforcer::next_try(retries &refused, const host_id &id) const {
     const auto before = refused_.find(id);
-    refused.try_emplace(id, before == refused_.end() ? retry() : before->second)
-        .first->second.refused(uptime());
+    return refused.try_emplace(id, before == refused_.end() ? retry() : before->second).first->second;
 }
 
 void enforcer::settle(const decision &made, const std::vector<listed_host> &hosts, retries &refused) {
@@ -100,7 +120,7 @@ void enforcer::settle(const decision &made, const std::vector<listed_host> &host
     std::copy_if(made.settled.begin(), made.settled.end(), std::back_inserter(free),
                  [&failed](const host_id &id) { return !failed.contains(id); });
     if (!store_.freed(free))
-        note_refusal(refused, host_id(""));
+        next_try(refused, host_id("")).refused(uptime());
 }
 
 // Boundaries count from the instant that was evaluated: the platform has taken its time since then, and one
@@ -108,8 +128,8 @@ void enforcer::settle(const decision &made, const std::vector<listed_host> &host
 void enforcer::arm(const decision &made, std::time_t evaluated) {
     const auto passed = static_cast<int>(std::clamp<std::time_t>(clock_() - evaluated, 0, day_s));
     int delay = std::max(1, made.next_s - passed);
-    for (const auto &[host, next_try] : refused_)
-        delay = std::min(delay, next_try.remaining(uptime()));
+    for (const auto &[host, when] : refused_)
+        delay = std::min(delay, when.remaining(uptime()));
     if (evaluated >= clock_set_after)
         log_printf("extcc_update_timer (%d): extcc next check is %ds (~%dh%dm) later\n", __LINE__, delay,
                    delay / 3600, delay % 3600 / 60);

@@ -24,7 +24,7 @@ class enforcer {
     /// Looks at the rules, the platform and the clock, and sees to the next time: the next boundary of a
     /// schedule, the next minute while the clock is not set, the next try.
     void enforce();
-    /// The same in 200 ms, counted anew each time, so that one look serves many changes.
+    /// The same in 200 ms, so that one look serves many changes.
     void enforce_soon();
     /// The same with blocking and rate limits.
     void enforce_all_soon();
@@ -37,8 +37,10 @@ class enforcer {
 
     std::optional<rule_instant> instant(std::time_t now);
     bool is_needed() const;
+    void carry_out(const decision &made, platform::host_list &records, const std::vector<listed_host> &hosts,
+                   retries &refused) const;
     void settle(const decision &made, const std::vector<listed_host> &hosts, retries &refused);
-    void note_refusal(retries &refused, const host_id &id) const;
+    retry &next_try(retries &refused, const host_id &id) const;
     void arm(const decision &made, std::time_t evaluated);
 
     rule_store &store_;

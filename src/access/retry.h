@@ -15,6 +15,9 @@ class retry {
         delay_s_ = delay_s_ == 0 ? first_s : std::min(2 * delay_s_, longest_s);
         due_ = now + delay_s_;
     }
+    /// There was no time to try it.
+    void put_off(long now) { due_ = now + first_s; }
+    bool was_refused() const { return delay_s_ > 0; }
     /// Seconds until it is to be tried again, at least one.
     int remaining(long now) const { return static_cast<int>(std::max(1L, due_ - now)); }
 

@@ -1,6 +1,7 @@
 #include "base/files.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -83,11 +84,25 @@ std::string copy_path(const std::string &path) {
     return path + ".bk";
 }
 
+// What stands in the file's place may be anything: nobody waits for the other end of a pipe.
+descriptor open_old(const std::string &path) {
+    return descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+}
+
+// A file system that cannot do that with a folder has no need to.
+int sync_folder(const descriptor &folder) {
+    return fsync(folder.get()) == 0 || errno == EINVAL ? 0 : errno;
+}
+
 // Puts back what a descriptor still has of the file that was there; nobody is told when that fails as well.
 void put_back(const std::string &path, const descriptor &old) {
     std::string content;
     char part[4096];
-    for (ssize_t size; old && (size = read(old.get(), part, sizeof part)) > 0;)
+    struct stat is {};
+    if (old)
+        fstat(old.get(), &is);
+    for (ssize_t size;
+         static_cast<off_t>(content.size()) < is.st_size && (size = read(old.get(), part, sizeof part)) > 0;)
         content.append(part, static_cast<std::size_t>(size));
     if (old)
         replace(path, copy_path(path), content);
@@ -113,21 +128,27 @@ std::optional<std::string> read_file(const std::string &path, std::size_t size) 
 }
 
 std::optional<std::string> save_file(const std::string &path, std::string_view content) {
-    const descriptor old(open(path.c_str(), O_RDONLY | O_CLOEXEC)), folder = open_folder_of(path);
+    const descriptor old = open_old(path);
+    if (!old && errno != ENOENT)
+        return reason_of(errno);
+    const descriptor folder = open_folder_of(path);
     if (!folder)
         return reason_of(errno);
     int error = replace(path, copy_path(path), content);
-    if (error == 0 && (error = error_of(fsync(folder.get()) == 0)) != 0)
+    if (error == 0 && (error = sync_folder(folder)) != 0)
         put_back(path, old);
     return reason_of(error);
 }
 
 std::optional<std::string> remove_file(const std::string &path) {
-    const descriptor old(open(path.c_str(), O_RDONLY | O_CLOEXEC)), folder = open_folder_of(path);
-    if (unlink(path.c_str()) != 0)
+    const descriptor old = open_old(path);
+    if (!old)
         return errno == ENOENT ? std::nullopt : reason_of(errno);
-    const int error = folder ? error_of(fsync(folder.get()) == 0) : 0;
-    if (error != 0 && old)
+    const descriptor folder = open_folder_of(path);
+    if (!folder || unlink(path.c_str()) != 0)
+        return reason_of(errno);
+    const int error = sync_folder(folder);
+    if (error != 0)
         put_back(path, old);
     return reason_of(error);
 }

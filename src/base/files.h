@@ -14,11 +14,12 @@ bool file_exists(const std::string &path);
 std::optional<std::string> read_file(const std::string &path, std::size_t size);
 
 /// Replaces the whole file and is back when it is on the disk. Nothing, or the system's reason why not: the
-/// file is as it was then. Whenever the power goes, the file is the old or the new one. What is written first
-/// stands beside the file, under its name and ".bk"; one that is left there does no harm.
+/// file is as it was then, unless the disk refuses that as well. Whenever the power goes, the file is the old
+/// or the new one. What is written first stands beside the file, under its name and ".bk"; one that is left
+/// there does no harm.
 std::optional<std::string> save_file(const std::string &path, std::string_view content);
 
-/// Removes the file, if there is one, from the disk too. Nothing, or the system's reason why not.
+/// Removes the file, if there is one, from the disk too. Nothing, or the system's reason why not, likewise.
 std::optional<std::string> remove_file(const std::string &path);
 
 /// The value of the first line named `key` of an opkg control file ("Name: value" lines, '#' comments); empty

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 
@@ -129,6 +132,38 @@ TEST_F(Restrictions, ThatAFailingDiskHasForgottenToEndAreEndedLater) {
     disk = {};
     pass(41);
     EXPECT_FALSE(content().contains("extcc-lhf.cfg"));
+}
+
+// The loop is blocked for one time-out more than a look may take, and the others' turn comes all the same.
+TEST_F(Restrictions, AreAppliedBesideHostsThatThePlatformDoesNotAnswerFor) {
+    std::string all;
+    device.hosts.clear();
+    for (int i = 0; i < 40; i++) {
+        device.hosts.push_back({format("02C0FFEE01%02d", i)});
+        all += format(R"(%s{"MAC":"02C0FFEE01%02d","InternetAccess":"0"})", i ? "," : "", i);
+    }
+    device.silent_hosts = 20;
+    EXPECT_EQ(internet(all), saved);
+    const auto is_blocked = [](const fake_host &host) { return host.access == 0; };
+    for (int look = 0; look < 20; look++) {
+        const int calls = device.calls;
+        pass(look == 0 ? 1 : 11);
+        EXPECT_LE(device.calls - calls, look < 10 ? 4 : 24) << look;
+    }
+    EXPECT_EQ(std::count_if(device.hosts.begin(), device.hosts.end(), is_blocked), 20);
+    device.silent_hosts = 0;
+    pass(301);
+    EXPECT_EQ(std::count_if(device.hosts.begin(), device.hosts.end(), is_blocked), 40);
+}
+
+TEST_F(Restrictions, AreAppliedThoughOneHostAfterAnotherCalls) {
+    EXPECT_EQ(internet(x_is(1)), saved);
+    for (int call = 0; call < 3; call++) {
+        usleep(150000);
+        on_->host_appeared();
+    }
+    uloop_run_timeout(0);
+    EXPECT_EQ(device.hosts[0].access, 1);
 }
 
 class Guests : public RuleCommands {

@@ -178,7 +178,9 @@ int qzcap_list_laninfo(unsigned *count, qzcap_laninfo ***list) {
 }
 
 int qzcap_set_laninfo(uint32_t index, const qzcap_laninfo *record, char **why) {
-    const bool refused = is_refused();
+    const bool silent = index <= static_cast<unsigned>(device.silent_hosts);
+    ahead_s += silent ? 3 : 0;
+    const bool refused = is_refused() || silent;
     if (!refused)
         device.hosts.at(index - 1) = {record->mac, record->internetaccess, record->uplimit,
                                       record->downlimit};

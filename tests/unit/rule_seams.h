@@ -20,6 +20,7 @@ struct fake_platform {
     std::map<unsigned, bool> guests{};  ///< whether the interface of that index is enabled
     int calls = 0;                      ///< so far
     int refused = -1;                   ///< this one is, counted from 0
+    int silent_hosts = 0;               ///< so many of the first hosts' records are refused after a time-out
 };
 extern fake_platform device;
 
