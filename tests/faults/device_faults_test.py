@@ -277,7 +277,7 @@ class Clock(ExtendedCase):
         self.ask("SET_LANHOST_TIMER", MAC=PHONE, Info=[{**NIGHT, "Mode": "4"}])
         wait_until(lambda: 3500 < self.next_check() <= 3600, self.dump)
         for jump, access, boundary, then in (
-                ("2026-11-19 21:00:00", (2, 2), 3600, (1, 1)),  # a day ahead: Thursday's night is still to come
+                ("2026-11-19 20:00:00", (2, 2), 7200, (1, 1)),  # a day ahead: Thursday's night is still to come
                 ("2026-11-18 23:00:00", (1, 2), 3601, (1, 2)),  # a day back: Wednesday's
                 ("2026-11-20 05:30:00", (1, 1), 1800, (2, 2)),  # the end of Thursday's
                 ("2026-11-18 07:00:00", (2, 2), 54000, (1, 2))):

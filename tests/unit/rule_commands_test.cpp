@@ -1,4 +1,4 @@
-// What sequences of commands about rules come to.
+// What sequences of commands about LAN hosts come to.
 
 #include <gtest/gtest.h>
 
@@ -6,43 +6,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <memory>
 
 #include "base/text.h"
 #include "rule_fixture.h"
 
 namespace arvok::access {
 namespace {
-
-class RuleCommands : public Commands {
-  protected:
-    void SetUp() override {
-        Commands::SetUp();
-        begin({"", ""});
-        put({});
-        device.hosts = {{"02C0FFEE0001", 0}};
-        on_.emplace([] { return now; }, folder_);
-    }
-    void TearDown() override {
-        on_.reset();
-        Commands::TearDown();
-    }
-    std::string ask(const char *name, const std::string &message) {
-        return answer_of(*on_, {name, message.c_str()});
-    }
-    void arrival() {
-        on_->host_appeared();
-        pass(1);
-    }
-    void restart() {
-        on_.reset();
-        on_.emplace([] { return now; }, folder_);
-        on_->start();
-        arrival();
-    }
-
-    std::optional<rules> on_;
-};
 
 class Restrictions : public RuleCommands {
   protected:
@@ -134,6 +103,29 @@ TEST_F(Restrictions, ThatAFailingDiskHasForgottenToEndAreEndedLater) {
     EXPECT_FALSE(content().contains("extcc-lhf.cfg"));
 }
 
+// Each system call of telling who is free fails once, with and without others who are not.
+TEST_F(Restrictions, AreEndedWhateverTheDiskRefuses) {
+    for (const char *others : {"", "02C0FFEE0007\n"}) {
+        for (int n = 0;; n++) {
+            put({{"extcc-lhf.cfg", std::string("02C0FFEE0001\n") + others}});
+            device.hosts[0].access = 0;
+            on_.emplace([] { return now; }, folder_);
+            take_log();
+            disk = {.failing = n, .error = EIO};
+            on_->start();
+            const bool reached = disk.calls > n;
+            disk = {};
+            EXPECT_EQ(device.hosts[0].access, 2) << n;
+            const bool refused = contains(take_log(), "[ERROR] extcc: failed to save");
+            EXPECT_EQ(content()["extcc-lhf.cfg"] == others, !refused) << n;
+            pass(11);
+            EXPECT_EQ(content()["extcc-lhf.cfg"], others) << n;
+            if (!reached)
+                break;
+        }
+    }
+}
+
 // The loop is blocked for one time-out more than a look may take, and the others' turn comes all the same.
 TEST_F(Restrictions, AreAppliedBesideHostsThatThePlatformDoesNotAnswerFor) {
     std::string all;
@@ -164,107 +156,6 @@ TEST_F(Restrictions, AreAppliedThoughOneHostAfterAnotherCalls) {
     }
     uloop_run_timeout(0);
     EXPECT_EQ(device.hosts[0].access, 1);
-}
-
-class Guests : public RuleCommands {
-  protected:
-    void SetUp() override {
-        RuleCommands::SetUp();
-        put({{"extcc-gst-idx.cfg", "5"}});
-    }
-    std::string set(bool enable) {
-        return ask("SET_GUEST_WIFI",
-                   format(R"({"Info":[{"SSID":"s","PWD":"p","ENCRYPT":"5","Enable":"%d","SSIDHide":"0"}]})",
-                          enable));
-    }
-    void close_in(int minutes) {
-        EXPECT_EQ(ask("SET_GUEST_WIFI_CLOSE_TIMER",
-                      format(R"({"Info":[{"LastTime":"%d","Enable":"1"}]})", minutes)),
-                  done);
-        pass(1);
-    }
-    // The clock is set, as the agent notices; its timers do not go on.
-    void clock_is_set(std::time_t time) {
-        now = time;
-        on_->look_at_clock();
-        pass(0);
-    }
-    bool is_closing() { return content().contains("extcc-gst-tmr.cfg"); }
-
-    const std::string done = R"({"FailReason":"","Status":"0"})";
-    const std::string failed = R"({"FailReason":"failed to add/set guest wifi","Status":"-102"})";
-};
-
-TEST_F(Guests, ACommandEndsTheClosingTimeThatSaysOtherwise) {
-    close_in(60);
-    EXPECT_EQ(set(true), done);
-    EXPECT_TRUE(is_closing());
-    EXPECT_EQ(set(false), done);
-    EXPECT_FALSE(is_closing());
-    restart();
-    EXPECT_FALSE(device.guests[5]);
-    // While the clock is not set, one that opens the closed network is meant; one that leaves it open is not.
-    for (const bool was_open : {false, true}) {
-        now = wednesday_noon;
-        close_in(10);
-        device.guests[5] = was_open;
-        now = 0;
-        restart();
-        EXPECT_EQ(set(true), done);
-        clock_is_set(wednesday_noon + 3600);
-        EXPECT_EQ(device.guests[5], !was_open);
-    }
-}
-
-TEST_F(Guests, AClosingTimeThatIsOverLeavesTheNetworkAlone) {
-    close_in(10);
-    pass(600);
-    EXPECT_FALSE(device.guests[5]);
-    device.guests[5] = true;  // by somebody else
-    clock_is_set(now + 100);
-    EXPECT_TRUE(device.guests[5]);
-    device.guests[5] = false;
-    clock_is_set(wednesday_noon + 60);
-    EXPECT_TRUE(device.guests[5]);  // it is yet to be carried out
-}
-
-// The closing time is there again when the command does not come to pass, and not before.
-TEST_F(Guests, ARefusedCommandLeavesTheClosingTime) {
-    close_in(60);
-    const files before = content();
-    device.refused = device.calls + 2;
-    EXPECT_EQ(set(false), R"({"FailReason":"refused","Status":"-102"})");
-    EXPECT_EQ(content(), before);
-    EXPECT_TRUE(device.guests[5]);
-    // Nor does one that the disk refuses come to pass: what removes the file fails.
-    for (int n = 0;; n++) {
-        disk = {.failing = n, .error = EIO};
-        const std::string answer = set(false);
-        const bool reached = disk.calls > n;
-        disk = {};
-        if (!reached)
-            break;
-        EXPECT_EQ(answer == done, !is_closing()) << n;
-        EXPECT_EQ(answer == done, !device.guests[5]) << n;
-        put(before);
-        device.guests[5] = true;
-    }
-}
-
-TEST_F(Guests, WhatCannotBeReadIsNotChanged) {
-    const files before = content();
-    device.refused = device.calls;  // the list
-    EXPECT_EQ(set(false), failed);
-    EXPECT_EQ(device.guests, (std::map<unsigned, bool>{{5, true}}));
-    // An interface that is not known yet must be read twice, to be put back if its index cannot be saved.
-    put({});
-    for (const int n : {1, 2}) {
-        device.refused = device.calls + n;
-        EXPECT_EQ(set(false), failed);
-        EXPECT_TRUE(device.guests[5]);
-        EXPECT_EQ(content(), files{});
-    }
-    put(before);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <string>
 
@@ -89,6 +90,37 @@ class Commands : public RuleFaults {
             device.guests[5] = true;
         take_log();
     }
+};
+
+// Commands one after the other, to rules that begin without files.
+class RuleCommands : public Commands {
+  protected:
+    void SetUp() override {
+        Commands::SetUp();
+        begin({"", ""});
+        put({});
+        device.hosts = {{"02C0FFEE0001", 0}};
+        on_.emplace([] { return now; }, folder_);
+    }
+    void TearDown() override {
+        on_.reset();
+        Commands::TearDown();
+    }
+    std::string ask(const char *name, const std::string &message) {
+        return answer_of(*on_, {name, message.c_str()});
+    }
+    void arrival() {
+        on_->host_appeared();
+        pass(1);
+    }
+    void restart() {
+        on_.reset();
+        on_.emplace([] { return now; }, folder_);
+        on_->start();
+        arrival();
+    }
+
+    std::optional<rules> on_;
 };
 
 }  // namespace arvok::access

@@ -1,0 +1,145 @@
+// What sequences of commands about the guest network come to.
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include "base/text.h"
+#include "rule_fixture.h"
+
+namespace arvok::access {
+namespace {
+
+class Guests : public RuleCommands {
+  protected:
+    void SetUp() override {
+        RuleCommands::SetUp();
+        put({{"extcc-gst-idx.cfg", "5"}});
+    }
+    std::string set(bool enable) {
+        return ask("SET_GUEST_WIFI",
+                   format(R"({"Info":[{"SSID":"s","PWD":"p","ENCRYPT":"5","Enable":"%d","SSIDHide":"0"}]})",
+                          enable));
+    }
+    void close_in(int minutes) {
+        EXPECT_EQ(ask("SET_GUEST_WIFI_CLOSE_TIMER",
+                      format(R"({"Info":[{"LastTime":"%d","Enable":"1"}]})", minutes)),
+                  done);
+        pass(1);
+    }
+    // The clock is set, as the agent notices; its timers do not go on.
+    void clock_is_set(std::time_t time) {
+        now = time;
+        on_->look_at_clock();
+        pass(0);
+    }
+    bool is_closing() { return content().contains("extcc-gst-tmr.cfg"); }
+
+    const std::string done = R"({"FailReason":"","Status":"0"})";
+    const std::string failed = R"({"FailReason":"failed to add/set guest wifi","Status":"-102"})";
+};
+
+TEST_F(Guests, ACommandEndsTheClosingTimeThatSaysOtherwise) {
+    close_in(60);
+    EXPECT_EQ(set(true), done);
+    EXPECT_TRUE(is_closing());
+    EXPECT_EQ(set(false), done);
+    EXPECT_FALSE(is_closing());
+    restart();
+    EXPECT_FALSE(device.guests[5]);
+    // While the clock is not set, one that opens the closed network is meant; one that leaves it open is not.
+    for (const bool was_open : {false, true}) {
+        now = wednesday_noon;
+        close_in(10);
+        device.guests[5] = was_open;
+        now = 0;
+        restart();
+        EXPECT_EQ(set(true), done);
+        clock_is_set(wednesday_noon + 3600);
+        EXPECT_EQ(device.guests[5], !was_open);
+    }
+}
+
+TEST_F(Guests, AClosingTimeThatIsOverLeavesTheNetworkAlone) {
+    close_in(10);
+    pass(600);
+    EXPECT_FALSE(device.guests[5]);
+    device.guests[5] = true;  // by somebody else
+    clock_is_set(now + 100);
+    EXPECT_TRUE(device.guests[5]);
+    device.guests[5] = false;
+    clock_is_set(wednesday_noon + 60);
+    EXPECT_TRUE(device.guests[5]);  // it is yet to be carried out
+}
+
+// The closing time is there again when the command does not come to pass, and not before.
+TEST_F(Guests, ARefusedCommandLeavesTheClosingTime) {
+    close_in(60);
+    const files before = content();
+    device.refused = device.calls + 2;
+    EXPECT_EQ(set(false), R"({"FailReason":"refused","Status":"-102"})");
+    EXPECT_EQ(content(), before);
+    EXPECT_TRUE(device.guests[5]);
+    // Nor does one that the disk refuses come to pass: what removes the file fails.
+    for (int n = 0;; n++) {
+        disk = {.failing = n, .error = EIO};
+        const std::string answer = set(false);
+        const bool reached = disk.calls > n;
+        disk = {};
+        if (!reached)
+            break;
+        EXPECT_EQ(answer == done, !is_closing()) << n;
+        EXPECT_EQ(answer == done, !device.guests[5]) << n;
+        put(before);
+        device.guests[5] = true;
+    }
+}
+
+// What a question keeps or forgets of the network is no part of its answer, and is done with the next one.
+TEST_F(Guests, AQuestionIsAnsweredWhateverTheDiskRefuses) {
+    for (const bool there : {true, false}) {
+        const files before = there ? files{} : files{{"extcc-gst-idx.cfg", "5"}};
+        const files after = there ? files{{"extcc-gst-idx.cfg", "5"}} : files{};
+        device.guests.clear();
+        if (there)
+            device.guests[5] = true;
+        put(before);
+        const std::string answer = ask("GET_GUEST_WIFI", "{}");
+        EXPECT_EQ(contains(answer, "GuestSSID"), there);
+        EXPECT_EQ(content(), after);
+        for (int n = 0;; n++) {
+            put(before);
+            take_log();
+            disk = {.failing = n, .error = ENOSPC};
+            EXPECT_EQ(ask("GET_GUEST_WIFI", "{}"), answer) << n;
+            const bool reached = disk.calls > n;
+            disk = {};
+            files left = content();
+            left.erase("extcc-gst-idx.cfg.bk");
+            EXPECT_EQ(left, contains(take_log(), "[ERROR]") ? before : after) << n;
+            ask("GET_GUEST_WIFI", "{}");
+            EXPECT_EQ(content(), after) << n;
+            if (!reached)
+                break;
+        }
+    }
+}
+
+TEST_F(Guests, WhatCannotBeReadIsNotChanged) {
+    const files before = content();
+    device.refused = device.calls;  // the list
+    EXPECT_EQ(set(false), failed);
+    EXPECT_EQ(device.guests, (std::map<unsigned, bool>{{5, true}}));
+    // An interface that is not known yet must be read twice, to be put back if its index cannot be saved.
+    put({});
+    for (const int n : {1, 2}) {
+        device.refused = device.calls + n;
+        EXPECT_EQ(set(false), failed);
+        EXPECT_TRUE(device.guests[5]);
+        EXPECT_EQ(content(), files{});
+    }
+    put(before);
+}
+
+}  // namespace
+}  // namespace arvok::access
