@@ -45,7 +45,7 @@ class Envelope(UnkeyedCase):
         self.agent.expect('"sequence":4294967296,"mac":"%s"' % AGENT_MAC)
         self.assert_logged()
         self.assertEqual([name for name in self.calls() if "get" not in name],
-                         ["qzcap_delete_vsie_beacontx_by_name", "qzcap_list_laninfo"])  # as at every start
+                         ["qzcap_delete_vsie_beacontx_by_name"])  # as at every start
 
 
 class Commands(LinkedCase):
