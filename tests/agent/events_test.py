@@ -11,6 +11,7 @@ LAN, WAN, WIFI, MESH, ROAMING, VSIE = 5, 6, 7, 15, 16, 30
 DESK, PHONE, LAPTOP, PRINTER = ("02C0FFEE00%02d" % n for n in (1, 2, 5, 6))
 DNS = ["192.168.1.1", "100.64.0.1"]
 ALL = ["online", "offline", "vsie", "rolechange"]
+LONG_SSID = "s" * 62 + "é"  # its last character does not fit
 BACKHAUL = {"ssid": "Home-backhaul", "key": "copper-lantern", "auth": "wpa2psk", "encrypt": "aes"}
 
 
@@ -79,6 +80,10 @@ class Changes(EventCase):
              [online(DESK, "5G", "Home-5G-2", "02:5A:10:00:02:02", "v"), "hosts"]),
             (host("02:AA", active=1, connecttype=1, band="5G", port=7), [online("02:AA", "5G", vmac=""), "hosts"]),
             (host("02:BB", active=0), []),
+            (state(wifi_ap={"5G": {"1": {"ssid": LONG_SSID}}},
+                   laninfo={"02:CC": {"active": 1, "connecttype": 1, "band": "5G", "port": 1}}),
+             [online("02:CC", "5G", LONG_SSID[:62], "02:5A:10:00:02:01", ""), "hosts"]),
+            (state(laninfo={"02:CC": None}), [event("offline", mac="02:CC"), "hosts"]),
             (state(laninfo={"02:AA": None}), [event("offline", mac="02:AA"), "hosts"]),
             (lambda: self.control({"command": "deassociation", "mac": PHONE}), [event("offline", mac=PHONE), "hosts"]),
             (state(waninfo={"status": "down"}), [wan(status="down", ipaddr="192.168.1.2")]),
