@@ -31,7 +31,7 @@ struct route_dump {
     std::size_t len;
 };
 
-// Asks the kernel for all routes. False after one line on standard error when it does not tell.
+// Asks the kernel for all IPv4 routes. False after one line on standard error when it does not tell.
 bool request_routes(int fd) {
     struct {
         nlmsghdr header;
@@ -42,6 +42,7 @@ bool request_routes(int fd) {
     request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
     request.header.nlmsg_seq = dump_sequence;
     request.header.nlmsg_pid = static_cast<std::uint32_t>(getpid());
+    request.route.rtm_family = AF_INET;  // an IPv6 gateway's first bytes would pass for an IPv4 address
 
     const timeval timeout{.tv_sec = 1, .tv_usec = 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);

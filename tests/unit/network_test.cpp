@@ -32,7 +32,9 @@ class Gateway : public ::testing::Test {
         ip("neigh flush all nud permanent");
     }
     static void ip(const std::string &args) { ASSERT_EQ(std::system(("ip " + args).c_str()), 0) << args; }
-    static void route(const std::string &args) { ip("route add " + args + " proto static"); }
+    static void route(const std::string &args, const std::string &family = "") {
+        ip(family + "route add " + args + " proto static");
+    }
 };
 
 TEST_F(Gateway, BridgesAndOneAddressCanBePassedOver) {
@@ -59,6 +61,17 @@ TEST_F(Gateway, OtherRoutesAreNotTakenForTheAnswer) {
     EXPECT_EQ(gateway_address(false, "10.0.0.1"), "");
     ip("route flush table 100");
     ip("rule del from 10.0.0.2 table 100");
+}
+
+// In a namespace of its own IPv6 has no other routes than those of the kernel.
+TEST_F(Gateway, AnIpv6RouteIsNoIpv4Gateway) {
+    ip("addr add fd00::2/64 dev wan0 nodad");
+    route("default via fd00::1 dev wan0", "-6 ");
+    EXPECT_EQ(gateway_address(false, ""), "");
+    route("default via 10.0.0.1 dev wan0");
+    EXPECT_EQ(gateway_address(false, ""), "10.0.0.1");
+    EXPECT_EQ(gateway_address(false, "10.0.0.1"), "");
+    ip("-6 route flush table main proto static");
 }
 
 // Another socket of this process that holds its port number makes the kernel choose one for the search, which
