@@ -15,7 +15,15 @@ constexpr std::size_t control_value_max = 127;
 
 constexpr std::string_view architecture = product_architecture;
 
+// A name goes into paths, here and in the platform: it must not lead out of their folders, nor to a hidden one.
+bool is_app_name(std::string_view name) {
+    return !name.starts_with('.') && name.find('/') == std::string_view::npos;
+}
+
+// Empty also for what is no app's name.
 std::string read_control(std::string_view app_name, const char *key) {
+    if (!is_app_name(app_name))
+        return {};
     std::string path = "/qzcap/apps/qzcap/apps/opkg/info/";
     path.append(app_name).append(".control");
     return std::string(cut(control_value(path, key), control_value_max));
@@ -23,6 +31,11 @@ std::string read_control(std::string_view app_name, const char *key) {
 
 std::string make_id(std::string_view app_name) {
     return std::string(id_prefix).append(app_name).append("_").append(architecture);
+}
+
+// The same with the device's vendor, as far as an identifier has room for it.
+std::string make_vendor_id(std::string_view app_name, std::string_view vendor) {
+    return std::string(cut(make_id(app_name).append("_").append(vendor), id_max));
 }
 
 bool is_self(std::string_view plugin_name, std::string_view vendor) {
@@ -40,12 +53,14 @@ enum class finding {
     not_installed = -14,
 };
 
-// Whether the app of that identifier is installed in that version.
-finding check_installed(std::string_view id, std::string_view version, std::string_view name) {
+// Whether the app of that identifier is installed in that version. The vendor may stand behind every app.
+finding check_installed(std::string_view id, std::string_view version, std::string_view name,
+                        std::string_view vendor) {
     const std::string package = read_control(name, "Package"), installed = read_control(name, "Version");
     if (package.empty())
         return finding::not_installed;
-    if (const std::string expected = make_id(package); id != expected) {
+    if (const std::string expected = make_id(package);
+        id != expected && id != make_vendor_id(package, vendor)) {
         log_printf("[ERROR] plugin id mismatch, [%s]:[%s]\n", std::string(id).c_str(), expected.c_str());
         return finding::mismatch;
     }
@@ -75,7 +90,7 @@ std::optional<std::string> app_of_plugin(std::string_view id, std::string_view v
         return std::nullopt;
     }
     const std::string end = rest.substr(at + architecture.size());
-    if (end.starts_with('_') && end.substr(1) != vendor) {
+    if (end.starts_with('_') && end.substr(1) != cut(vendor, id_max - (id.size() - end.size() + 1))) {
         log_printf("[ERROR] plugin vendor mismatch, [%s]:[%s]\n", end.c_str() + 1,
                    std::string(vendor).c_str());
         return std::nullopt;
@@ -88,7 +103,12 @@ std::optional<std::string> app_of_plugin(std::string_view id, std::string_view v
         log_printf("[ERROR] plugin id is invalid\n");
         return std::nullopt;
     }
-    return rest.substr(0, at - 1);
+    std::string name = rest.substr(0, at - 1);
+    if (!is_app_name(name)) {
+        log_printf("[ERROR] plugin name is invalid\n");
+        return std::nullopt;
+    }
+    return name;
 }
 
 std::optional<std::string> find_plugin(std::string_view id, std::string_view version, std::string_view vendor,
@@ -100,7 +120,8 @@ std::optional<std::string> find_plugin(std::string_view id, std::string_view ver
         result.fail("invalid plugin name");
         return std::nullopt;
     }
-    if (const finding found = check_installed(id, version, *name); found != finding::installed) {
+    if (const finding found = check_installed(id, version, *name, vendor);
+        found != finding::installed) {
         result.code = static_cast<int>(found);
         return std::nullopt;
     }
@@ -108,10 +129,9 @@ std::optional<std::string> find_plugin(std::string_view id, std::string_view ver
 }
 
 std::string plugin_of_app(std::string_view app_name, std::string_view vendor) {
-    std::string id = make_id(app_name);
     if (read_control(app_name, "NeedGWVendor") == "1")
-        id.append("_").append(vendor);
-    return std::string(cut(id, id_max));
+        return make_vendor_id(app_name, vendor);
+    return std::string(cut(make_id(app_name), id_max));
 }
 
 }  // namespace arvok::cloud

@@ -1,7 +1,7 @@
 #pragma once
 /// What the platform calls an app, and which installed app it means. An identifier is
 /// "com.marobelvinta.all.smartap.", the app's name, "_" and the architecture, for some apps also "_" and the
-/// device's vendor.
+/// device's vendor. An app is found by either form.
 
 #include <optional>
 #include <string>
@@ -15,8 +15,8 @@ namespace arvok::cloud {
 constexpr char self_plugin_name[] = "ArvokAP";
 constexpr char self_app_name[] = "arvokclt";
 
-/// The app's name of an identifier of this device, 1 to 31 characters; nothing after the log line that says
-/// why not.
+/// The app's name of an identifier of this device: 1 to 31 characters without a '/', the first no dot, so that
+/// it may stand in a path. Nothing after the log line that says why not.
 std::optional<std::string> app_of_plugin(std::string_view id, std::string_view vendor);
 
 /// The installed app that a request names, in the version that it names. The agent itself is there in every

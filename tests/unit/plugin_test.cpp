@@ -26,6 +26,7 @@ TEST_F(Cloud, IdentifiersAtTheirEdges) {
         {prefix + "two_words_ipq5018x_Acme", "two_words", ""},
         {prefix + "a_ipq5018x-rest", "a", ""},
         {prefix + "a_ipq5018x_" + vendor, "a", "", vendor},
+        {prefix + "a_ipq5018x_" + vendor, "a", "", vendor + "v"},  // cut, as it is listed
         {prefix + "a_ipq5018x_" + vendor + "v", "", "plugin id is too long", vendor + "v"},
         {prefix + "a_ipq5018x_Acm", "", "plugin vendor mismatch, [Acm]:[Acme]"},
         {prefix + "ipq5018x_ipq5018x", "", "plugin vendor mismatch, [ipq5018x]:[Acme]"},
@@ -33,6 +34,9 @@ TEST_F(Cloud, IdentifiersAtTheirEdges) {
         {prefix + "_ipq5018x", "", "plugin name is too long"},
         {prefix + "ipq5018x", "", "plugin name is too long"},
         {prefix + "ab-ipq5018x", "", "plugin id is invalid"},
+        {prefix + "a.b_ipq5018x", "a.b", ""},
+        {prefix + ".b_ipq5018x", "", "plugin name is invalid"},
+        {prefix + "a/b_ipq5018x", "", "plugin name is invalid"},
         {prefix + "a_ipq501", "", "plugin arch mismatch, [a_ipq501]:[ipq5018x]"},
     };
     for (const auto &row : rows) {
