@@ -37,8 +37,8 @@ std::string_view exact_text(json::view member, std::size_t size) {
 
 // Takes a named business server over into its place; true when that changes something.
 bool store_business_server(json::view named, server &place) {
-    server found = make_server(named["ServerAddr"].text().value_or(""),
-                               std::to_string(named["ServerPort"].integer().value_or(0)));
+    server found{std::string(named["ServerAddr"].text().value_or("")),
+                 std::to_string(named["ServerPort"].integer().value_or(0))};
     if (!is_valid(found) || found == place)
         return false;
     place = std::move(found);
@@ -264,8 +264,8 @@ bool enrolment::heartbeat_acknowledged(json::view message) {
 
 void enrolment::request_connect_bootstrap(json::view request) {
     outcome result;
-    const server named =
-        make_server(request["Server"].text().value_or(""), request["Port"].text().value_or(""));
+    const server named{std::string(request["Server"].text().value_or("")),
+                       std::string(request["Port"].text().value_or(""))};
     const bool given = !named.host.empty() || !named.port.empty();
     if (!given || is_valid(named)) {
         if (given)

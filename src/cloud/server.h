@@ -8,7 +8,8 @@
 
 namespace arvok::cloud {
 
-/// Bytes of a host and of a port; longer texts are cut.
+/// Bytes of a host and of a port: what the platform library's settings hold. Cut, a longer text would name another
+/// server.
 constexpr std::size_t host_max = 31, port_max = 7;
 
 struct server {
@@ -27,14 +28,10 @@ struct server {
 constexpr std::size_t business_max = 5;
 using business_servers = std::array<server, business_max>;
 
-/// Whether the host is a domain name or an IPv4 address and the port is a port.
+/// Whether the host is a domain name or an IPv4 address, the port is a port, and neither is too long.
 bool is_valid(const server &named);
 
-/// Both texts are cut.
-server make_server(std::string_view host, std::string_view port);
-
-/// Splits "host:port" at the first ':'. The port goes to the next white space; what is missing stays empty,
-/// as does the port behind a host that is too long.
+/// Splits "host:port" at the first ':'. The port goes to the next white space; what is missing stays empty.
 server parse_server(std::string_view text);
 
 }  // namespace arvok::cloud

@@ -175,7 +175,9 @@ class Enrolment(CloudCase):
         before = self.device()["dev_token"]
         # Both are noticed when the device connects.
         self.patch({"devinfo": {"swversion": "9.9"}, "waninfo": {"pppoe_user": "user@next"}})
-        for server, result in ({"Server": "bad_name", "Port": "80"}, -1), ({"Server": "100.64.0.1"}, -1):
+        for server, result in (({"Server": "bad_name", "Port": "80"}, -1), ({"Server": "100.64.0.1"}, -1),
+                               ({"Server": "h" * 32, "Port": "80"}, -1),  # cut, these would be other servers
+                               ({"Server": "100.64.0.1", "Port": "00080880"}, -1)):
             reply = self.request(RPCMethod="RequestConnectBSS", ID="a", **server)
             self.assertEqual(reply, {"Ack": "RequestConnectBSS", "ID": "a", "Result": result})
         call("lab.cloud", "messages", {"clear": True})
