@@ -91,23 +91,25 @@ int key_exchange::shared_secret(const BIGNUM *peer, aes_key &secret) const {
     return BN_bn2bin(shared.get(), secret.data());
 }
 
-std::optional<aes_key> key_exchange::agree(std::string_view peer_public) {
+key_exchange::agreement key_exchange::agree(std::string_view peer_public) {
     const std::optional<std::string> bytes = base64_decode(peer_public);
     if (!bytes || bytes->empty()) {
         log_printf("[ERROR] gen_client_dh_aes_key base64 encode failed\n");
-        return std::nullopt;
+        return {};
     }
     const scratch_number peer(BN_bin2bn(reinterpret_cast<const unsigned char *>(bytes->data()),
                                         static_cast<int>(bytes->size()), nullptr));
     if (!peer || !private_) {
         log_printf("[ERROR] gen_client_dh_aes_key bin2bn failed\n");
-        return std::nullopt;
+        return {};
     }
     aes_key secret{};
     const int length = shared_secret(peer.get(), secret);
     if (length != static_cast<int>(aes_key_size))
         log_printf("[ERROR] gen_client_dh_aes_key aes key len invalid: %d\n", length);
-    return secret;
+    if (length < 0)
+        return {.refused = true};
+    return {.key = secret};
 }
 
 }  // namespace arvok

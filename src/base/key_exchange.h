@@ -15,6 +15,12 @@ namespace arvok {
 
 class key_exchange {
   public:
+    /// What becomes of a peer's public value.
+    struct agreement {
+        std::optional<aes_key> key = {};  ///< none when the text does not decode, nor when it is refused
+        bool refused = false;             ///< the value is not from 2 to p - 2: everybody would know that key
+    };
+
     /// Chooses a fresh group and key pair. After a failure, which is logged, all texts are empty and no key
     /// will be agreed.
     void begin();
@@ -26,10 +32,9 @@ class key_exchange {
     const std::string &public_value() const { return public_value_; }
 
     /// The key that is shared with the side of that public value. A shared number with leading zero bytes
-    /// gives a shorter secret, which is logged and used left-aligned in the zero-filled key; a value outside
-    /// of the group leaves an all-zero key, logged with length -1. Nothing, after a log line, when the text
-    /// does not decode.
-    std::optional<aes_key> agree(std::string_view peer_public);
+    /// gives a shorter secret, which is logged and used left-aligned in the zero-filled key. Without a key
+    /// there is a log line.
+    agreement agree(std::string_view peer_public);
 
   private:
     using number = handle<BIGNUM, &BN_clear_free>;

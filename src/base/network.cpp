@@ -5,6 +5,7 @@
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -25,6 +26,13 @@ namespace {
 
 constexpr std::size_t dump_size = 4096;
 constexpr std::uint32_t dump_sequence = 1;
+
+// A quiet peer is asked after half a minute, three times: it is gone when that and what is unacknowledged have
+// brought nothing for a minute. 
+constexpr int keepalive_idle_s = 30;
+constexpr int keepalive_interval_s = 10;
+constexpr int keepalive_probes = 3;
+constexpr int unacknowledged_max_ms = 60000;
 
 struct route_dump {
     alignas(nlmsghdr) unsigned char bytes[dump_size];
@@ -148,6 +156,20 @@ std::string local_address(int fd) {
     if (getsockname(fd, reinterpret_cast<sockaddr *>(&local), &len) == 0 && local.sin_family == AF_INET)
         inet_ntop(AF_INET, &local.sin_addr, address, sizeof address);
     return address;
+}
+
+void notice_dead_peer(int fd) {
+    const struct {
+        int level, name, value;
+    } options[] = {
+        {SOL_SOCKET, SO_KEEPALIVE, 1},
+        {IPPROTO_TCP, TCP_KEEPIDLE, keepalive_idle_s},
+        {IPPROTO_TCP, TCP_KEEPINTVL, keepalive_interval_s},
+        {IPPROTO_TCP, TCP_KEEPCNT, keepalive_probes},
+        {IPPROTO_TCP, TCP_USER_TIMEOUT, unacknowledged_max_ms},
+    };
+    for (const auto &option : options)
+        setsockopt(fd, option.level, option.name, &option.value, sizeof option.value);
 }
 
 std::string gateway_address(bool skip_bridge, std::string_view exclude) {

@@ -9,6 +9,10 @@ namespace arvok {
 /// Local IPv4 address of a connected socket, or "".
 std::string local_address(int fd);
 
+/// Has a TCP connection, be it one in the making, break when its peer is gone without a word: after a minute in
+/// which nothing came back.
+void notice_dead_peer(int fd);
+
 /// The IPv4 default gateway, or "". `skip_bridge` passes over routes through interfaces whose names begin
 /// with "br"; `exclude` names a gateway to pass over.
 std::string gateway_address(bool skip_bridge, std::string_view exclude);

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/log.h"
+#include "base/network.h"
 #include "base/random.h"
 
 extern "C" {
@@ -96,6 +97,7 @@ void connector::connect() {
         return retry();
     }
     reconnection_.cancel();  // the WAN may have armed it while the name was looked up
+    notice_dead_peer(fd);
     link_.open(fd);
     opened_();
 }

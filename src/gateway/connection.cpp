@@ -109,6 +109,7 @@ void connection::connect() {
         reconnect_.arm(reconnect_ms);
         return;
     }
+    notice_dead_peer(fd);
     stream_.open(fd);
     frames_.reset();
     sequence_ = 0;

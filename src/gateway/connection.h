@@ -44,6 +44,8 @@ class connection {
     void connect();
     /// Closes the connection and forgets the key; no further attempt is armed.
     void disconnect();
+    /// After a fault of the gateway's: disconnects, and connects again 10 seconds later.
+    void fail();
     /// On the loop's next turn: disconnects, and connects again a second later.
     void start_over();
 
@@ -75,7 +77,6 @@ class connection {
 
   private:
     std::optional<std::string> next_address();
-    void fail();
     void readable(std::size_t available);
     void receive(std::string &body);
     void broken();

@@ -1,5 +1,6 @@
 #include "gateway/negotiation.h"
 
+#include "base/clock.h"
 #include "base/log.h"
 #include "base/network.h"
 
@@ -10,6 +11,10 @@ constexpr char protocol_version[] = "V2019.1.0";
 constexpr int keyngreq_ack_ms = 5000;
 constexpr int dh_ack_ms = 10000;
 constexpr int dev_reg_ack_ms = 20000;
+
+// A fresh prime is work for a small device, and no gateway needs another one on a connection that has its key.
+constexpr std::size_t negotiations_max = 4;
+constexpr long negotiations_s = 10;
 
 // Whether a text that the gateway may echo is either absent or what was sent.
 bool echoes(json::view echo, const std::string &sent) {
@@ -26,6 +31,19 @@ void negotiation::request_key() {
     link_.send(std::move(request));
 }
 
+bool negotiation::is_too_often() {
+    const long now = uptime();
+    while (!begun_.empty() && now - begun_.front() >= negotiations_s)
+        begun_.pop_front();
+    begun_.push_back(now);
+    return begun_.size() > negotiations_max;
+}
+
+void negotiation::forget() {
+    exchange_.clear();
+    begun_.clear();
+}
+
 bool negotiation::handle_keyngack(json::view answer) {
     const std::optional<std::string_view> mode = answer["keymode"].text();
     if (!mode) {
@@ -34,6 +52,11 @@ bool negotiation::handle_keyngack(json::view answer) {
     }
     if (*mode != "dh") {
         log_printf("[ERROR] unsupported keymode\n");
+        return false;
+    }
+    if (is_too_often()) {
+        log_printf("[ERROR] (arvok) too many key negotiations\n");
+        link_.fail();
         return false;
     }
     message offer = link_.new_message("dh", dh_ack_ms);
@@ -85,8 +108,13 @@ bool negotiation::handle_dh(json::view answer) {
         log_printf("[ERROR] invalid dh_g\n");
         return false;
     }
-    if (const std::optional<aes_key> key = exchange_.agree(*peer_public))
-        link_.use_key(*key);
+    const key_exchange::agreement reached = exchange_.agree(*peer_public);
+    if (reached.refused) {
+        link_.fail();
+        return false;
+    }
+    if (reached.key)
+        link_.use_key(*reached.key);
     cache_.refresh_device();  // the gateway is told what the device is now, not what it was at the start
     message registration = link_.new_message("dev_reg", dev_reg_ack_ms);
     const std::string_view lan_source = view_of(cache_.device().lan_source);

@@ -7,7 +7,10 @@
 ///
 /// Each message has its deadline. Those of "dh" and "dev_reg" are armed inside a handler, and the dispatcher
 /// takes them back as soon as that handler returns: a gateway that falls silent behind "dev_reg" is found out
-/// by the keepalives, one that does so behind "dh" only when it hangs up.
+/// by the keepalives, one that does so behind "dh" only when it hangs up or is gone. A gateway that asks for
+/// more than four negotiations in ten seconds, or sends a public value outside of the group, is disconnected.
+
+#include <deque>
 
 #include "base/key_exchange.h"
 #include "gateway/connection.h"
@@ -21,8 +24,8 @@ class negotiation {
 
     /// Sends the key request that opens every connection.
     void request_key();
-    /// Forgets the exchange with its private value.
-    void forget() { exchange_.clear(); }
+    /// Forgets the exchange with its private value: the connection has ended.
+    void forget();
 
     // Handlers of the gateway's answers: whether they consumed the message.
     bool handle_keyngack(json::view answer);
@@ -30,11 +33,13 @@ class negotiation {
 
   private:
     json::value registration_data() const;
+    bool is_too_often();
 
     connection &link_;
     platform::cache &cache_;
     link_state &state_;
     key_exchange exchange_;
+    std::deque<long> begun_;  ///< uptimes of the latest negotiations on this connection
 };
 
 }  // namespace arvok::gateway

@@ -1,6 +1,7 @@
 // The cloud connection's framing under every split of the bytes, its faults, its timers and its bounds.
 
 #include "cloud_fixture.h"
+#include "own_network.h"
 
 namespace arvok::cloud {
 namespace {
@@ -11,6 +12,11 @@ std::string unknown(const std::string &id) {
 }
 std::string refusal(const std::string &id) {
     return R"({"Ack":"Nothing","ID":")" + id + R"(","Result":-1,"FailReason":"UNRECOGNIZE_REQUEST"})";
+}
+
+TEST_F(Cloud, APlatformThatIsGoneWithoutAWordIsNoticed) {
+    fetch_challenge();
+    EXPECT_EQ(dead_peer_options(8088), "1 30 10 3 60000 ");
 }
 
 TEST_F(Cloud, AFrameIsHandledWhereverItIsSplit) {

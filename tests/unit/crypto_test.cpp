@@ -143,11 +143,13 @@ std::string text_of(const BIGNUM *n) {
 struct agreement {
     std::string key;  // nothing without one
     std::string log;
+    bool refused;
 };
 agreement agree(key_exchange &exchange, const std::string &peer) {
     ::testing::internal::CaptureStderr();
-    const auto key = exchange.agree(peer);
-    return {key ? std::string(key->begin(), key->end()) : "", ::testing::internal::GetCapturedStderr()};
+    const auto [key, refused] = exchange.agree(peer);
+    return {key ? std::string(key->begin(), key->end()) : "", ::testing::internal::GetCapturedStderr(),
+            refused};
 }
 
 // The group is sound, and the powers of the two public values, one after the other, meet secrets of three
@@ -193,7 +195,7 @@ TEST(KeyExchange, WhatIsNoPublicValueGivesNoSecret) {
     const number p = number_of(exchange.prime());
     for (const char *text : {"", "!!!!"}) {
         const agreement seen = agree(exchange, text);
-        EXPECT_EQ(seen.key, "");
+        EXPECT_TRUE(seen.key == "" && !seen.refused);
         EXPECT_EQ(seen.log, "[ERROR] gen_client_dh_aes_key base64 encode failed\n");
     }
     std::vector<std::string> outside = {"AA==", "AQ==", base64_encode(std::string(16, '\xff')),
@@ -203,8 +205,14 @@ TEST(KeyExchange, WhatIsNoPublicValueGivesNoSecret) {
         outside.push_back(text_of(p.get()));
     for (const std::string &text : outside) {
         const agreement seen = agree(exchange, text);
-        EXPECT_EQ(seen.key, std::string(16, '\0')) << text;
+        EXPECT_TRUE(seen.key == "" && seen.refused) << text;
         EXPECT_EQ(seen.log, "[ERROR] gen_client_dh_aes_key aes key len invalid: -1\n") << text;
+    }
+    // The first and the last that are in.
+    BN_sub_word(p.get(), 4);
+    for (const std::string &text : {std::string("Ag=="), text_of(p.get())}) {
+        const agreement seen = agree(exchange, text);
+        EXPECT_TRUE(seen.key != "" && !seen.refused) << text;
     }
     exchange.clear();
     EXPECT_EQ(exchange.prime() + exchange.generator() + exchange.public_value(), "");

@@ -88,6 +88,40 @@ TEST_F(Link, ASecondNegotiationForgetsTheKey) {
     EXPECT_TRUE(receive().starts_with(R"({"type":"dh","sequence":3,)"));
 }
 
+TEST_F(Link, AFifthNegotiationInTenSecondsEndsTheConnection) {
+    const auto ask = [this] {
+        send(R"({"type":"keyngack","keymode":"dh"})");
+        return receive();
+    };
+    for (int connection = 0; connection < 2; connection++) {  // each has its own count
+        connect();
+        for (int i = 0; i < 4; i++, around.uptime += 3)
+            EXPECT_TRUE(contains(ask(), R"("type":"dh")"));
+        around.uptime -= 2;  // ten seconds after the first
+        EXPECT_TRUE(contains(ask(), R"("type":"dh")"));
+        send(R"({"type":"keyngack","keymode":"dh"})");
+        expect_log("[ERROR] (arvok) too many key negotiations\n[INFO] (arvok) disconnect fd: ");
+        expect_reconnection(10000);
+        log();
+    }
+}
+
+TEST_F(Link, APublicValueOutsideOfTheGroupEndsTheConnection) {
+    connect();
+    send(R"({"type":"keyngack","keymode":"dh"})");
+    receive();
+    log();
+    send(R"({"type":"dh","data":{"dh_key":"AQ=="}})");
+    expect_log("[ERROR] gen_client_dh_aes_key aes key len invalid: -1\n[INFO] (arvok) disconnect fd: ");
+    expect_reconnection(10000);
+    EXPECT_FALSE(has_logged("dev_reg"));
+}
+
+TEST_F(Link, AGatewayThatIsGoneWithoutAWordIsNoticed) {
+    connect();
+    EXPECT_EQ(dead_peer_options(32768), "1 30 10 3 60000 ");
+}
+
 TEST_F(Link, ADhAnswerThatDoesNotFitIsNotConsumed) {
     connect();
     send(R"({"type":"dh","data":{"dh_key":"Aw==","dh_p":""}})");  // nothing was sent that it could echo
