@@ -17,7 +17,7 @@ namespace {
 
 constexpr int lifetime_max = 300;           // seconds
 constexpr std::size_t payload_max = 256;    // bytes of an element
-constexpr std::size_t beacon_id_max = 255;  // of a longer one nothing more is known: it cannot be stopped
+constexpr std::size_t beacon_id_max = 255;  // bytes: 64 of them are 16 KiB
 
 void reboot(request &r, json::view) {
     r.actions |= action_reboot;
@@ -29,6 +29,14 @@ void reset(request &r, json::view) {
 
 // Settings are stored as they are made; older gateways still ask.
 void save(request &, json::view) {}
+
+// The id of an element.
+std::string_view beacon_id(request_members &members) {
+    const std::string_view id = members.text("id");
+    if (id.size() > beacon_id_max)
+        members.refuse("id");
+    return id;
+}
 
 using payload = std::vector<unsigned char>;
 
@@ -102,20 +110,38 @@ constexpr command_row commands[] = {
 
 }  // namespace
 
+beacons::sent::sent(beacons &o, std::int32_t i, std::string_view name, int lifetime_s)
+    : owner(o), index(i), id(name), end(bind<&sent::forget>(*this)) {
+    end.arm(lifetime_s * 1000);
+}
+
+void beacons::sent::forget() {
+    owner.sent_.remove_if([this](const sent &other) { return &other == this; });
+}
+
+// One that has ended may still be there until the loop's next turn.
+std::list<beacons::sent>::iterator beacons::find(std::string_view id) {
+    return std::find_if(sent_.begin(), sent_.end(),
+                        [id](sent &s) { return s.id == id && s.end.remaining() > 0; });
+}
+
 void beacons::send(request &r, json::view element) {
     request_members members(r, element);
-    const std::string_view id = members.text("id");
+    const std::string_view id = beacon_id(members);
     members.text("band");
     const std::string_view data = members.text("data");
-    const int lifetime = members.number("persist");
+    const int persist = members.number("persist");
     std::optional<payload> bytes = payload_of(members, data);
     if (!bytes)
         return;
+    const auto former = find(id);
+    if (former == sent_.end() && sent_.size() >= sent_max)
+        return r.fail(invalid_parameter, "too many");
 
+    const int lifetime = persist >= 1 && persist <= lifetime_max ? persist : lifetime_max;
     const qzcap_vsie_beacontx beacon{.name = platform::lent(beacon_owner),
                                      .flag = 1,
-                                     .lifetime = static_cast<std::uint32_t>(
-                                         lifetime >= 1 && lifetime <= lifetime_max ? lifetime : lifetime_max),
+                                     .lifetime = static_cast<std::uint32_t>(lifetime),
                                      .data = bytes->data(),
                                      .length = static_cast<std::uint32_t>(bytes->size())};
     platform::reason why;
@@ -124,17 +150,20 @@ void beacons::send(request &r, json::view element) {
         return r.fail(platform_failed, "qzcap_add_vsie_beacontx failed: %s", why.c_str());
     if (qzcap_vsie_beacontx_action(index, "start", why) < 0)
         return r.fail(platform_failed, "qzcap_vsie_beacontx_action failed: %s", why.c_str());
-    sent_.push_front({index, std::string(cut(id, beacon_id_max))});
-    if (sent_.size() > sent_max)
-        sent_.pop_back();
+    const std::int32_t replaced = former == sent_.end() ? index : former->index;
+    if (former != sent_.end())
+        sent_.erase(former);
+    sent_.emplace_front(*this, index, id, lifetime);
+    if (replaced != index && qzcap_vsie_beacontx_action(replaced, "stop", why) < 0)
+        r.fail(platform_failed, "qzcap_vsie_beacontx_action failed: %s", why.c_str());
 }
 
 void beacons::stop(request &r, json::view element) {
     request_members members(r, element);
-    const std::string_view id = members.text("id");
+    const std::string_view id = beacon_id(members);
     if (!members.ok())
         return;
-    const auto found = std::find_if(sent_.begin(), sent_.end(), [id](const sent &s) { return s.id == id; });
+    const auto found = find(id);
     if (found == sent_.end())
         return r.fail(invalid_parameter, "id not found");
     const std::int32_t index = found->index;

@@ -1,21 +1,28 @@
 #include "gateway/first_seen.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "base/text.h"
 
 namespace arvok::gateway {
 
 std::time_t first_seen::of(std::string_view mac) {
-    const auto seen = std::find_if(hosts_.begin(), hosts_.end(),
-                                   [mac](const host &h) { return same_ignoring_case(h.mac, mac); });
-    if (seen != hosts_.end()) {
-        hosts_.splice(hosts_.begin(), hosts_, seen);
-        return seen->time;
+    std::string key = upper_case(mac);
+    if (const auto seen = by_mac_.find(key); seen != by_mac_.end()) {
+        hosts_.splice(hosts_.begin(), hosts_, seen->second);
+        return seen->second->time;
     }
-    if (hosts_.size() >= hosts_max)
+    const host &added = hosts_.emplace_front(host{std::move(key), now_()});
+    by_mac_.emplace(added.mac, hosts_.begin());
+    return added.time;
+}
+
+void first_seen::forget_others(std::size_t active) {
+    while (hosts_.size() > std::max(active, hosts_max)) {
+        by_mac_.erase(hosts_.back().mac);
         hosts_.pop_back();
-    return hosts_.emplace_front(host{std::string(mac), now_()}).time;
+    }
 }
 
 }  // namespace arvok::gateway

@@ -74,6 +74,7 @@ void reports::lan_report() {
         return;
     }
     json::array active;
+    std::size_t count = 0;
     for (const qzcap_laninfo *host : *hosts) {
         if (!host->active)
             continue;
@@ -83,7 +84,9 @@ void reports::lan_report() {
             .number("connecttype", host->connecttype)
             .number("firstOnline", static_cast<double>(first_seen_.of(view_of(host->mac))));
         active.add(item.take());
+        count++;
     }
+    first_seen_.forget_others(count);
     report.body.add("dev", active.take());
     link_.post(std::move(report));
 }

@@ -185,22 +185,30 @@ TEST_F(Link, AReportThatWaitsWhenTheLinkIsLostGoesNowhere) {
     connect();  // whose first message is the key request
 }
 
-TEST_F(Link, OnlyTheLastBeaconElementsCanBeStopped) {
-    const auto command = [](const char *name, std::size_t id) {
+TEST_F(Link, BeaconElementsAreBoundedAndForgottenWhenTheyEnd) {
+    const auto command = [](const char *name, std::size_t id, int seconds = 0) {
         return R"({"command":")" + std::string(name) + R"(","id":")" + std::to_string(id) +
-               R"(","band":"2.4G","data":"ZGQ=","persist":1})";
+               R"(","band":"2.4G","data":"ZGQ=","persist":)" + std::to_string(seconds) + "}";
     };
     const auto control = [this](const std::string &commands) {
         const json::value reply = through_cloud(R"({"type":"control","data":[)" + commands + "]}");
         return std::string(json::parse(reply.text())["errmsg"].text().value_or(""));
     };
-    std::string sending = command("sendvsie", 0);
-    for (std::size_t id = 1; id <= beacons::sent_max; id++)
+    std::string sending = command("sendvsie", 0, 7);
+    for (std::size_t id = 1; id < beacons::sent_max; id++)
         sending += "," + command("sendvsie", id);
     EXPECT_EQ(control(sending), "");
+    around.elements.clear();
+    EXPECT_EQ(control(command("sendvsie", beacons::sent_max)), "too many");
+    EXPECT_EQ(around.elements, "");
+    // One that is known makes room for itself, and is what is stopped from then on.
+    EXPECT_EQ(control(command("sendvsie", 1, 8) + "," + command("stopvsie", 1)), "");
+    EXPECT_EQ(around.elements, "start 64 stop 1 stop 64 ");
+    EXPECT_EQ(control(command("stopvsie", 1)), "id not found");
+    EXPECT_EQ(control(command("sendvsie", 1)), "");
+    fire(7000);
     EXPECT_EQ(control(command("stopvsie", 0)), "id not found");
-    EXPECT_EQ(control(command("stopvsie", 1)), "");
-    EXPECT_EQ(control(command("stopvsie", beacons::sent_max)), "");
+    EXPECT_EQ(control(command("sendvsie", beacons::sent_max)), "");
 }
 
 TEST_F(Link, AListOfBusCallsStopsWhenTheProcessIsToEnd) {
@@ -232,20 +240,29 @@ TEST_F(Link, NobodyIsToldOfABusObjectWhileTheEndUnsubscribes) {
     EXPECT_EQ(heard_, "");
 }
 
-TEST(FirstSeen, TimesAreKeptForEachMacAndBounded) {
+TEST(FirstSeen, TimesOfActiveHostsAreKeptAndOthersBounded) {
     static std::time_t now;
     now = 100;
     first_seen hosts([] { return now++; });
     EXPECT_EQ(hosts.of("02:AA:00:00:00:01"), 100);
+    EXPECT_EQ(hosts.of("02:aa:00:00:00:01"), 100);
     EXPECT_EQ(hosts.of({}), 101);
     EXPECT_EQ(hosts.of({}), 101);
-    for (std::size_t i = 0; i < 2 * first_seen::hosts_max; i++) {
-        hosts.of(std::to_string(i));
-        EXPECT_EQ(hosts.of("02:aa:00:00:00:01"), 100);  // a host that stays keeps its time
+    // More of them than would be kept otherwise, in each of three reports.
+    const std::time_t most = first_seen::hosts_max + 100;
+    for (int report = 0; report < 3; report++) {
+        for (std::time_t i = 0; i < most; i++)
+            EXPECT_EQ(hosts.of("h" + std::to_string(i)), 102 + i);
+        hosts.forget_others(most);
     }
-    EXPECT_EQ(hosts.of(std::to_string(first_seen::hosts_max + 2)), now - first_seen::hosts_max + 2);
+    // All but the first go, and the ones that were asked for last are still known.
+    EXPECT_EQ(hosts.of("H0"), 102);
+    hosts.forget_others(1);
+    EXPECT_EQ(hosts.of("h0"), 102);
+    EXPECT_EQ(hosts.of("h101"), 203);
     const std::time_t next = now;
-    EXPECT_EQ(hosts.of(std::to_string(first_seen::hosts_max)), next);  // one that was forgotten
+    EXPECT_EQ(hosts.of("h100"), next);
+    EXPECT_EQ(hosts.of("02:AA:00:00:00:01"), next + 1);
 }
 
 }  // namespace

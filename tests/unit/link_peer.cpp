@@ -39,10 +39,11 @@ qzcap_devinfo *qzcap_get_devinfo() {
 }
 
 std::int32_t qzcap_add_vsie_beacontx(const qzcap_vsie_beacontx *, char **) {
-    return 0;
+    return around.next_element++;
 }
 
-int qzcap_vsie_beacontx_action(std::int32_t, const char *, char **) {
+int qzcap_vsie_beacontx_action(std::int32_t index, const char *action, char **) {
+    around.elements += std::string(action) + " " + std::to_string(index) + " ";
     return 0;
 }
 

@@ -29,6 +29,8 @@ inline struct surroundings {
     std::vector<int> ever_armed;
     long uptime = 1000;
     bool device_known = true;
+    std::int32_t next_element = 0;  ///< the index of the next beacon element
+    std::string elements;           ///< what was done to them, each as "ACTION INDEX "
     std::string looked_up;  ///< bus objects, each with a blank behind
     bool ends_at_lookup = false;
     std::string log;
