@@ -27,11 +27,16 @@ constexpr char any_address[] = "0.0.0.0";
 constexpr char default_port[] = "17998";
 constexpr int accept_pause_ms = 1000;
 
+// A client may take 21 KiB: a buffer full of requests, and replies. All of them together stay below 2 MiB, and a
+// host that takes all that it may have leaves half as many to the others.
+constexpr std::size_t clients_max = 96;
+constexpr std::size_t clients_of_address_max = 64;
+
 // Descriptors that clients leave to the agent's own connections, files and commands.
 constexpr rlim_t own_descriptors = 16;
 
 // A client that does not take its replies is read again when it has taken them down to this.
-constexpr std::size_t unsent_max = 16384;
+constexpr std::size_t unsent_max = 4096;
 
 // The one command, and what it tells beside the MAC.
 constexpr char identity_command[] = "GET_SN_INFO";
@@ -137,8 +142,10 @@ std::optional<std::string> answer_to(const std::string &body, std::string_view o
 
 class server::client {
   public:
-    client(server &owner, int fd)
+    client(server &owner, int fd, in_addr address)
         : owner_(owner),
+          address_(address.s_addr),
+          heard_(++owner.heard_),
           reader_(format_of_frames, bind<&client::receive>(*this)),
           stream_({.read = bind<&client::read>(*this),
                    .broken = bind<&client::close>(*this),
@@ -146,6 +153,11 @@ class server::client {
                   unsent_max) {
         stream_.open(fd);
     }
+
+    bool is_open() const { return stream_.is_open(); }
+    bool is_of(in_addr address) const { return address_ == address.s_addr; }
+    // Grows with every client that connects or sends: the smallest is the one longest idle.
+    std::uint64_t heard() const { return heard_; }
 
     // The client goes with its connection: at once, or on the loop's next turn from a request of its own.
     void close() {
@@ -157,6 +169,7 @@ class server::client {
 
   private:
     void read(std::size_t available) {
+        heard_ = ++owner_.heard_;
         if (!reader_.read(stream_, available))
             close();
     }
@@ -174,6 +187,8 @@ class server::client {
     }
 
     server &owner_;
+    in_addr_t address_;
+    std::uint64_t heard_;
     frame_reader reader_;
     stream stream_;
 };
@@ -212,16 +227,40 @@ void server::resume() {
     watch_.start(listener_.get());
 }
 
-bool server::has_room() const {
+// How many clients there may be.
+std::size_t server::room() {
     rlimit limit{};
-    return getrlimit(RLIMIT_NOFILE, &limit) != 0 || clients_.size() + own_descriptors < limit.rlim_cur;
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur > clients_max + own_descriptors)
+        return clients_max;
+    return limit.rlim_cur > own_descriptors ? static_cast<std::size_t>(limit.rlim_cur - own_descriptors) : 0;
+}
+
+// For a client of that address: where it has all that it may have, of its own clients, else of all.
+void server::make_room(in_addr address) {
+    std::size_t all = 0, own = 0;
+    client *longest_idle = nullptr, *own_longest_idle = nullptr;
+    const auto older = [](client *a, client &b) { return a && a->heard() < b.heard() ? a : &b; };
+    for (client &c : clients_) {
+        if (!c.is_open())
+            continue;
+        all++;
+        longest_idle = older(longest_idle, c);
+        if (!c.is_of(address))
+            continue;
+        own++;
+        own_longest_idle = older(own_longest_idle, c);
+    }
+    if (own >= clients_of_address_max)
+        own_longest_idle->close();
+    else if (all > 0 && all >= room())
+        longest_idle->close();
 }
 
 void server::accept_client() {
     sockaddr_in peer{};
     socklen_t size = sizeof peer;
     const int fd =
-        has_room() ? accept4(listener_.get(), reinterpret_cast<sockaddr *>(&peer), &size, SOCK_CLOEXEC) : -1;
+        room() > 0 ? accept4(listener_.get(), reinterpret_cast<sockaddr *>(&peer), &size, SOCK_CLOEXEC) : -1;
     if (fd < 0) {
         log_printf("[ERROR] (local) accept failed\n");
         // Who could not be accepted keeps the socket readable: without a pause this would go on and on.
@@ -235,7 +274,8 @@ void server::accept_client() {
     // A client that vanished without a word would keep its descriptor for ever.
     const int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-    clients_.emplace_front(*this, fd);
+    make_room(peer.sin_addr);
+    clients_.emplace_front(*this, fd, peer.sin_addr);
 }
 
 }  // namespace arvok::local

@@ -3,9 +3,14 @@
 /// is.
 ///
 /// A frame, in both directions, is a u32 length in network byte order and a body of 1 to body_max bytes of
-/// JSON text. Any number of clients may be connected, and each may send any number of requests; replies come
-/// in their order. Everything runs on the loop thread.
+/// JSON text. Each client may send any number of requests; replies come in their order. There is room for 96
+/// clients, 64 of them from one address: where that is taken, the one longest idle goes when another one comes.
+/// Everything runs on the loop thread.
 
+#include <netinet/in.h>
+
+#include <cstddef>
+#include <cstdint>
 #include <list>
 #include <string>
 #include <string_view>
@@ -33,13 +38,15 @@ class server {
 
     void accept_client();
     void resume();
-    bool has_room() const;
+    static std::size_t room();
+    void make_room(in_addr address);
 
     const platform::cache &cache_;
     const std::string port_;
     descriptor listener_;
     readable_watch watch_;
     timer accept_pause_;         ///< ends the pause that a failure to accept makes
+    std::uint64_t heard_ = 0;    ///< numbers what is heard of clients
     std::list<client> clients_;  ///< a closed one stays until its stream has been taken down
 };
 
