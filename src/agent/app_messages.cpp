@@ -2,7 +2,6 @@
 
 #include "base/json.h"
 #include "base/text.h"
-#include "platform/middleware.h"
 
 namespace arvok {
 namespace {
@@ -33,7 +32,7 @@ void app_messages::handle(blob_attr *message, bus_message &reply) {
 
 void app_messages::get_status(bus_message &reply) {
     const bus_message::table agent(reply, "arvokclt");
-    reply.text("tul", platform::middleware_version(cache_.vendor()));
+    reply.text("tul", cache_.middleware_version());
     reply.text("addr", modules_.cloud->server_text());
     reply.text("status", cut(modules_.cloud->status_words(), status_words_max));
     reply.number("arvok_status", modules_.gateway->is_linked());

@@ -15,7 +15,7 @@ namespace arvok {
 class app_messages {
   public:
     /// All are borrowed.
-    app_messages(modules &running, const platform::cache &cache, const options &chosen)
+    app_messages(modules &running, platform::cache &cache, const options &chosen)
         : modules_(running), cache_(cache), options_(chosen) {}
 
     /// Runs one command and builds its answer.
@@ -28,7 +28,7 @@ class app_messages {
     void get_status(bus_message &reply);
 
     modules &modules_;
-    const platform::cache &cache_;
+    platform::cache &cache_;
     const options &options_;
 };
 

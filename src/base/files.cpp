@@ -17,9 +17,6 @@ namespace {
 
 constexpr int control_line_max = 1024;
 
-// What pclose answers says nothing here; the output does.
-using pipe_handle = handle<std::FILE, &::pclose>;
-
 std::string read_whole(std::FILE *file, std::size_t size) {
     std::string content;
     char part[4096];
@@ -163,13 +160,6 @@ std::string control_value(const std::string &path, std::string_view key) {
             return value;
     }
     return {};
-}
-
-std::optional<std::string> command_output(const char *command, std::size_t size) {
-    const pipe_handle output(popen(command, "re"));
-    if (!output)
-        return std::nullopt;
-    return read_whole(output.get(), size);
 }
 
 }  // namespace arvok

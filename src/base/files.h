@@ -26,7 +26,4 @@ std::optional<std::string> remove_file(const std::string &path);
 /// when the file or the line is missing.
 std::string control_value(const std::string &path, std::string_view key);
 
-/// At most `size` bytes of what a shell command prints; nothing when it cannot be started.
-std::optional<std::string> command_output(const char *command, std::size_t size);
-
 }  // namespace arvok

@@ -27,8 +27,8 @@ namespace {
 constexpr std::size_t dump_size = 4096;
 constexpr std::uint32_t dump_sequence = 1;
 
-// A quiet peer is asked after half a minute, three times: it is gone when that and what is unacknowledged have
-// brought nothing for a minute. 
+// A quiet peer is asked after half a minute, three times: it is gone when that and what is unacknowledged
+// have brought nothing for a minute.
 constexpr int keepalive_idle_s = 30;
 constexpr int keepalive_interval_s = 10;
 constexpr int keepalive_probes = 3;

@@ -9,8 +9,8 @@ namespace arvok {
 /// Local IPv4 address of a connected socket, or "".
 std::string local_address(int fd);
 
-/// Has a TCP connection, be it one in the making, break when its peer is gone without a word: after a minute in
-/// which nothing came back.
+/// Has a TCP connection, be it one in the making, break when its peer is gone without a word: after a minute
+/// in which nothing came back.
 void notice_dead_peer(int fd);
 
 /// The IPv4 default gateway, or "". `skip_bridge` passes over routes through interfaces whose names begin

@@ -7,7 +7,6 @@
 #include "base/product.h"
 #include "base/text.h"
 #include "cloud/reply.h"
-#include "platform/middleware.h"
 
 namespace arvok::cloud {
 namespace {
@@ -94,7 +93,7 @@ void enrolment::send_activate(std::string_view challenge) {
         .text("ChallengeCode", challenge)
         .text("IPAddr", link_.local_address())
         .text("CloudClientVer", product_version)
-        .text("MiddleWareVer", platform::middleware_version(cache_.vendor()))
+        .text("MiddleWareVer", cache_.middleware_version())
         .text("MiddleWareBakVer", "")
         .text("LOID", "")
         .text("PlatformID", platform_id)
@@ -117,7 +116,7 @@ void enrolment::send_connect(std::string_view challenge) {
         .text("IPAddr", link_.local_address())
         .text("UPPER_MAC", gateway_mac(cache_.is_router(), view_of(device.lan_source)))
         .text("CloudClientVer", product_version)
-        .text("MiddleWareVer", platform::middleware_version(cache_.vendor()))
+        .text("MiddleWareVer", cache_.middleware_version())
         .text("MiddleWareBakVer", "")
         .text("LOID", "")
         .text("PlatformID", platform_id)

@@ -15,7 +15,8 @@ constexpr std::size_t control_value_max = 127;
 
 constexpr std::string_view architecture = product_architecture;
 
-// A name goes into paths, here and in the platform: it must not lead out of their folders, nor to a hidden one.
+// A name goes into paths, here and in the platform: it must not lead out of their folders, nor to a hidden
+// one.
 bool is_app_name(std::string_view name) {
     return !name.starts_with('.') && name.find('/') == std::string_view::npos;
 }
@@ -120,8 +121,7 @@ std::optional<std::string> find_plugin(std::string_view id, std::string_view ver
         result.fail("invalid plugin name");
         return std::nullopt;
     }
-    if (const finding found = check_installed(id, version, *name, vendor);
-        found != finding::installed) {
+    if (const finding found = check_installed(id, version, *name, vendor); found != finding::installed) {
         result.code = static_cast<int>(found);
         return std::nullopt;
     }

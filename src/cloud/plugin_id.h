@@ -15,8 +15,8 @@ namespace arvok::cloud {
 constexpr char self_plugin_name[] = "ArvokAP";
 constexpr char self_app_name[] = "arvokclt";
 
-/// The app's name of an identifier of this device: 1 to 31 characters without a '/', the first no dot, so that
-/// it may stand in a path. Nothing after the log line that says why not.
+/// The app's name of an identifier of this device: 1 to 31 characters without a '/', the first no dot, so
+/// that it may stand in a path. Nothing after the log line that says why not.
 std::optional<std::string> app_of_plugin(std::string_view id, std::string_view vendor);
 
 /// The installed app that a request names, in the version that it names. The agent itself is there in every

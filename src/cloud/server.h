@@ -8,8 +8,8 @@
 
 namespace arvok::cloud {
 
-/// Bytes of a host and of a port: what the platform library's settings hold. Cut, a longer text would name another
-/// server.
+/// Bytes of a host and of a port: what the platform library's settings hold. Cut, a longer text would name
+/// another server.
 constexpr std::size_t host_max = 31, port_max = 7;
 
 struct server {

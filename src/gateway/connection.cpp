@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "base/clock.h"
+#include "base/command.h"
 #include "base/files.h"
 #include "base/log.h"
 #include "base/network.h"

@@ -12,11 +12,12 @@
 
 namespace arvok::gateway {
 
-/// The beacon elements that the gateway had us send, as long as they are sent: the platform may give the index of
-/// one that has ended to somebody else's.
+/// The beacon elements that the gateway had us send, as long as they are sent: the platform may give the
+/// index of one that has ended to somebody else's.
 class beacons {
   public:
-    /// Elements at a time: each is in every beacon, of which an access point sends ten a second, and a few fill one.
+    /// Elements at a time: each is in every beacon, of which an access point sends ten a second, and a few
+    /// fill one.
     static constexpr std::size_t sent_max = 64;
 
     beacons() = default;

@@ -1,8 +1,8 @@
 #pragma once
 /// When the agent first saw a LAN host active.
 ///
-/// Hosts that change their MACs must not fill the memory of a device that runs for years: of those that are not
-/// active any more, the ones longest not asked for are forgotten.
+/// Hosts that change their MACs must not fill the memory of a device that runs for years: of those that are
+/// not active any more, the ones longest not asked for are forgotten.
 
 #include <cstddef>
 #include <ctime>

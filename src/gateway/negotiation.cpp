@@ -12,7 +12,8 @@ constexpr int keyngreq_ack_ms = 5000;
 constexpr int dh_ack_ms = 10000;
 constexpr int dev_reg_ack_ms = 20000;
 
-// A fresh prime is work for a small device, and no gateway needs another one on a connection that has its key.
+// A fresh prime is work for a small device, and no gateway needs another one on a connection that has its
+// key.
 constexpr std::size_t negotiations_max = 4;
 constexpr long negotiations_s = 10;
 

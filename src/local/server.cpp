@@ -27,8 +27,8 @@ constexpr char any_address[] = "0.0.0.0";
 constexpr char default_port[] = "17998";
 constexpr int accept_pause_ms = 1000;
 
-// A client may take 21 KiB: a buffer full of requests, and replies. All of them together stay below 2 MiB, and a
-// host that takes all that it may have leaves half as many to the others.
+// A client may take 21 KiB: a buffer full of requests, and replies. All of them together stay below 2 MiB,
+// and a host that takes all that it may have leaves half as many to the others.
 constexpr std::size_t clients_max = 96;
 constexpr std::size_t clients_of_address_max = 64;
 

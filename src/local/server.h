@@ -4,8 +4,8 @@
 ///
 /// A frame, in both directions, is a u32 length in network byte order and a body of 1 to body_max bytes of
 /// JSON text. Each client may send any number of requests; replies come in their order. There is room for 96
-/// clients, 64 of them from one address: where that is taken, the one longest idle goes when another one comes.
-/// Everything runs on the loop thread.
+/// clients, 64 of them from one address: where that is taken, the one longest idle goes when another one
+/// comes. Everything runs on the loop thread.
 
 #include <netinet/in.h>
 

@@ -8,8 +8,10 @@
 
 #include <cstdint>
 #include <span>
+#include <string>
 #include <string_view>
 
+#include "platform/middleware.h"
 #include "platform/records.h"
 
 namespace arvok::platform {
@@ -55,6 +57,8 @@ class cache {
     std::string_view own_mac() const { return view_of(device_ ? device_->mac : nullptr); }
     /// The vendor's name; empty before there is a record.
     std::string_view vendor() const { return view_of(device_ ? device_->vendor : nullptr); }
+    /// The version of the platform's own software.
+    std::string middleware_version() { return middleware_.version(vendor()); }
     bool is_router() const { return is_router_; }
     /// The bands that this device has.
     std::span<const band> device_bands() const { return {bands, dual_band_ ? std::size(bands) : 1u}; }
@@ -67,6 +71,7 @@ class cache {
     const qzcap_wifi_ap *access_point_of(const qzcap_laninfo &host) const;
 
   private:
+    middleware middleware_;
     device_record device_;
     wan_record wan_;
     diagnostics_record diagnostics_;

@@ -42,7 +42,8 @@ TEST_F(Cloud, TheBootstrapServersAnswerLeadsToABusinessServer) {
     EXPECT_EQ(receive(), get_challenge);
     EXPECT_EQ(machine.stored.back(), "bss.example:8088|bss.example:8088|||");
 
-    // What is not new is no reason to go there when nobody has asked, nor is a name that would have to be cut.
+    // What is not new is no reason to go there when nobody has asked, nor is a name that would have to be
+    // cut.
     bootstrap();
     send(boot_ack(R"({"ServerAddr":"b","ServerPort":65536},{"ServerAddr":"a23456789.123456789.123456789.12",)"
                   R"("ServerPort":80})"));

@@ -31,7 +31,7 @@ inline struct surroundings {
     bool device_known = true;
     std::int32_t next_element = 0;  ///< the index of the next beacon element
     std::string elements;           ///< what was done to them, each as "ACTION INDEX "
-    std::string looked_up;  ///< bus objects, each with a blank behind
+    std::string looked_up;          ///< bus objects, each with a blank behind
     bool ends_at_lookup = false;
     std::string log;
 } around;

@@ -36,8 +36,8 @@ inline bool enter_own_network() {
     return up;
 }
 
-/// How this process's connection to that port notices that its peer has gone: keepalive and its three times, and
-/// the longest that sent bytes may be unacknowledged.
+/// How this process's connection to that port notices that its peer has gone: keepalive and its three times,
+/// and the longest that sent bytes may be unacknowledged.
 inline std::string dead_peer_options(int port) {
     std::string values;
     for (int fd = 3; fd < 64; fd++) {

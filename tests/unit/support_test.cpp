@@ -4,8 +4,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/sysinfo.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
@@ -15,6 +17,7 @@
 
 #include "agent/options.h"
 #include "base/clock.h"
+#include "base/command.h"
 #include "base/files.h"
 #include "base/hex.h"
 #include "base/json.h"
@@ -26,6 +29,8 @@ namespace arvok {
 namespace {
 
 using ::testing::MatchesRegex;
+
+long uptime_s = 1000;
 
 TEST(Text, IsCutBetweenCharacters) {
     const std::string characters[] = {"a", "é", "€", "😀", "z"};
@@ -168,7 +173,28 @@ TEST_F(Files, AreReadAndReplacedWhole) {
     for (int i = 0; i < 2; i++)
         EXPECT_EQ(remove_file(path_), std::nullopt);
     EXPECT_TRUE(std::filesystem::is_empty(folder_));
-    EXPECT_EQ(command_output("printf abcdef; exit 3", 4), "abcd");
+}
+
+TEST(Commands, TellOneLineAndAreNotWaitedForLonger) {
+    const struct {
+        const char *command;
+        std::optional<std::string> told;
+        double longest_s;
+    } cases[] = {
+        {"printf abcdef; exit 3", "abcd", 1},
+        {"exit 3", "", 1},
+        {"printf a; sleep 0.3; echo b; sleep 31.25", "ab\n", 1},
+        {"echo a; echo b", "a\n", 1},
+        {"printf a; trap '' TERM; sleep 31.25 & sleep 31.25", "a", 3},
+        {"exec >&-; sleep 31.25", "", 1},
+    };
+    for (const auto &c : cases) {
+        const auto began = std::chrono::steady_clock::now();
+        EXPECT_EQ(command_output(c.command, 4), c.told) << c.command;
+        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
+        EXPECT_LT(took.count(), c.longest_s) << c.command;
+    }
+    EXPECT_EQ(std::system("pgrep -f ^sleep.31.25 >/dev/null"), 256) << "something was left running";
 }
 
 TEST_F(Files, AControlFileTellsTheFirstOfAName) {
@@ -201,7 +227,7 @@ TEST(Clock, ChinaStandardTimeInEveryZone) {
     }
     unsetenv("TZ");
     tzset();
-    EXPECT_GT(uptime(), 0);
+    EXPECT_EQ(uptime(), uptime_s);
 }
 
 // What an `appd` on the search path prints is in the version.
@@ -210,6 +236,7 @@ TEST_F(Files, TheMiddlewaresVersionIsBuiltFromVendorArchitectureAndAppd) {
         GTEST_FAIL() << "this machine has an appd of its own";
     const std::string program = folder_ + "/appd", path = getenv("PATH");
     setenv("PATH", (folder_ + ":" + path).c_str(), 1);
+    platform::middleware middleware;
     const struct {
         std::string vendor, output, version;
     } cases[] = {
@@ -224,8 +251,15 @@ TEST_F(Files, TheMiddlewaresVersionIsBuiltFromVendorArchitectureAndAppd) {
     for (const auto &c : cases) {
         std::ofstream(program) << "#!/bin/sh\nprintf '%s' '" << c.output << "'\n";
         std::filesystem::permissions(program, std::filesystem::perms::owner_all);
-        EXPECT_EQ(platform::middleware_version(c.vendor), "TUL1.0_QZ_" + c.version);
+        uptime_s += 60;
+        EXPECT_EQ(middleware.version(c.vendor), "TUL1.0_QZ_" + c.version);
     }
+    // For a minute it is not asked again.
+    std::ofstream(program) << "#!/bin/sh\necho 'a: 2'\n";
+    uptime_s += 59;
+    EXPECT_EQ(middleware.version("b"), "TUL1.0_QZ_B_IPQ5018X_1");
+    uptime_s += 1;
+    EXPECT_EQ(middleware.version("b"), "TUL1.0_QZ_B_IPQ5018X_2\n");
     setenv("PATH", path.c_str(), 1);
 }
 
@@ -263,3 +297,8 @@ TEST_F(Files, TheTestModePinsTheGatewayOverWhatOptionsSay) {
 
 }  // namespace
 }  // namespace arvok
+
+int sysinfo(struct sysinfo *info) noexcept {
+    info->uptime = arvok::uptime_s;
+    return 0;
+}
