@@ -10,6 +10,8 @@ namespace arvok::gateway {
 namespace {
 
 constexpr int call_timeout_ms = 20000;
+constexpr std::size_t subscriptions_max =
+    256;  // more than a bus has objects; each is a record in the bus daemon, too
 constexpr std::size_t object_name_max = 127;  // a longer name is known by what there is of it
 
 using bus_answer = handle<blob_attr, &qzcap_free>;
@@ -159,6 +161,8 @@ bus_bridge::subscriptions::iterator bus_bridge::find(std::string_view object, bo
 void bus_bridge::subscribe(request &r, std::string_view object) {
     if (find(object, r.from_cloud) != subscriptions_.end())
         return r.fail(invalid_parameter, "object '%s' is subscribed", object.data());
+    if (subscriptions_.size() >= subscriptions_max)
+        return r.fail(invalid_parameter, "too many");
     const std::string name(object);
     if (!subscriptions_.emplace_front(*this, name, r.from_cloud).bus.start()) {
         r.fail(platform_failed, "qzcap_ubus_subscribe failed: %s", name.c_str());

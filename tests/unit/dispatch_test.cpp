@@ -240,6 +240,22 @@ TEST_F(Link, NobodyIsToldOfABusObjectWhileTheEndUnsubscribes) {
     EXPECT_EQ(heard_, "");
 }
 
+TEST_F(Link, SubscriptionsAreBounded) {
+    const auto subscribe = [this](std::size_t number, int enable) {
+        const json::value reply =
+            through_cloud(R"({"type":"ubus_subscribe","object":"s)" + std::to_string(number) +
+                          R"(","enable":)" + std::to_string(enable) + "}");
+        return std::string(json::parse(reply.text())["errmsg"].text().value_or(""));
+    };
+    for (std::size_t i = 0; i < 256; i++)
+        ASSERT_EQ(subscribe(i, 1), "");
+    around.looked_up.clear();
+    EXPECT_EQ(subscribe(256, 1), "too many");
+    EXPECT_EQ(around.looked_up, "");
+    EXPECT_EQ(subscribe(7, 0), "");
+    EXPECT_EQ(subscribe(256, 1), "");
+}
+
 TEST(FirstSeen, TimesOfActiveHostsAreKeptAndOthersBounded) {
     static std::time_t now;
     now = 100;

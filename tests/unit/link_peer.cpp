@@ -52,7 +52,7 @@ std::uint32_t qzcap_get_objid_by_name(const char *name) {
     around.looked_up += std::string(name) + " ";
     if (around.ends_at_lookup)
         uloop_end();
-    return name[1] == '\0' ? 1 : 0;
+    return name[1] == '\0' || name[0] == 's' ? 1 : 0;  // what can be subscribed to
 }
 
 int ubus_register_event_handler(ubus_context *, ubus_event_handler *, const char *) {
