@@ -111,7 +111,11 @@ bool rsa_public_key::read() {
     if (key_ && EVP_PKEY_base_id(key_.get()) == EVP_PKEY_RSA && EVP_PKEY_size(key_.get()) > 0)
         return true;
     key_.reset();
-    log_printf("[ERROR] failed to get rsa :\n%s\n", pem_.c_str());
+    log_printf("[ERROR] failed to get rsa :\n");
+    for (std::size_t at = 0, end = 0; end != std::string::npos; at = end + 1) {
+        end = pem_.find('\n', at);
+        log_printf("%s\n", pem_.substr(at, end - at).c_str());
+    }
     return false;
 }
 

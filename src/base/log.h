@@ -3,8 +3,13 @@
 
 namespace arvok {
 
-/// Where the log goes: standard error, until the platform session puts the platform's log call in. Texts
-/// bring their own line feed. May be called from any thread; changed only while there is one.
-extern void (*log_printf)(const char *format, ...) __attribute__((format(printf, 1, 2)));
+/// Logs a text. What ends a line is only the line feed at the format's own end: any other control character
+/// comes from a peer, the platform or a file, and is written as \xNN, so that nobody can make lines of the
+/// agent's log, or steer the terminal of who reads it. UTF-8 stays as it is. May be called from any thread.
+void log_printf(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+/// Where the log goes: standard error, until the platform session puts the platform's log call in. Changed
+/// only while there is one thread.
+extern void (*log_output)(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 }  // namespace arvok

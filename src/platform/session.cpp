@@ -13,7 +13,7 @@ extern "C" {
 namespace arvok::platform {
 
 session::session() {
-    log_printf = qzcap_printf;
+    log_output = qzcap_printf;
     open_ = qzcap_ubus_start(0) == 0;
     // What the library does of its own accord ends the loop only while the descriptor is still watched, which
     // after a hang-up it is not. The agent cannot do without the bus, and its supervisor starts it again.

@@ -70,7 +70,7 @@ std::string log() {
 
 bool enter_surroundings() {
     static const bool entered = [] {
-        log_printf = take_log;
+        log_output = take_log;
         if (!enter_own_network())
             return false;
         const descriptor any(socket(AF_INET, SOCK_DGRAM, 0));

@@ -57,7 +57,7 @@ class Link : public ::testing::Test {
     void SetUp() override {
         around = {};
         uloop_init();
-        log_printf = remember;
+        log_output = remember;
         const int on = 1, small = 4096;  // a gateway that does not read is soon full
         setsockopt(listener_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
         setsockopt(listener_.get(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);

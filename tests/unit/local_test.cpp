@@ -65,7 +65,7 @@ class Local : public ::testing::Test {
     static void SetUpTestSuite() { ASSERT_TRUE(enter_own_network()) << "no network namespaces here"; }
     void SetUp() override {
         uloop_init();
-        log_printf = keep;
+        log_output = keep;
         server_.emplace(cache_, "");
         ASSERT_TRUE(server_->start());
         logged.clear();
