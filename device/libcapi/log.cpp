@@ -1,3 +1,4 @@
+#include <string.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -28,6 +29,7 @@ std::string formatted(const char *format, std::va_list args) {
         std::vsnprintf(text.data(), text.size() + 1, format, again);
     }
     va_end(again);
+    explicit_bzero(small, sizeof(small));  // messages may hold keys
     return text;
 }
 

@@ -1,6 +1,8 @@
 // What the C++ library leaves to the program: memory, and the ends that it would reach by an exception. The
 // agent has none of those, and nothing that it could go on with; its supervisor starts it again.
 
+#include <malloc.h>
+#include <string.h>
 #include <sys/types.h>
 
 #include <cstdarg>
@@ -19,11 +21,17 @@ void *operator new(std::size_t size) {
     std::exit(1);
 }
 
+// Keys and tokens go through the texts of messages, of log lines and of what is made of them. So all memory
+// is overwritten before it is released, whoever used it: nobody can forget to.
 void operator delete(void *memory) noexcept {
+    if (memory)
+        explicit_bzero(memory, malloc_usable_size(memory));
     std::free(memory);
 }
 
-void operator delete(void *memory, std::size_t) noexcept {
+void operator delete(void *memory, std::size_t size) noexcept {
+    if (memory)
+        explicit_bzero(memory, size);
     std::free(memory);
 }
 

@@ -2,6 +2,7 @@
 /// Base64, AES-128 and RSA encryption. Failures are logged and reported as each function says; nothing is
 /// retried.
 
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 
 #include <array>
@@ -21,7 +22,11 @@ std::string base64_encode(std::string_view bytes);
 std::optional<std::string> base64_decode(std::string_view text);
 
 constexpr std::size_t aes_key_size = 16;
-using aes_key = std::array<unsigned char, aes_key_size>;
+
+/// Overwritten at its end.
+struct aes_key : std::array<unsigned char, aes_key_size> {
+    ~aes_key() { OPENSSL_cleanse(data(), size()); }
+};
 
 /// The key that is the first aes_key_size bytes of a text; what is missing is zero.
 aes_key aes_key_of(std::string_view bytes);

@@ -1,6 +1,10 @@
 #include "base/json.h"
 
+#include <malloc.h>
+#include <string.h>
+
 #include <charconv>
+#include <cstdlib>
 
 #include "base/text.h"
 
@@ -77,6 +81,15 @@ void append_number(std::string &out, double n) {
 }
 
 }  // namespace
+
+void overwrite_released() {
+    cJSON_Hooks hooks{.malloc_fn = std::malloc, .free_fn = [](void *memory) {
+                          if (memory)
+                              explicit_bzero(memory, malloc_usable_size(memory));
+                          std::free(memory);
+                      }};
+    cJSON_InitHooks(&hooks);
+}
 
 view view::operator[](const char *name) const {
     return view(cJSON_GetObjectItemCaseSensitive(node_, name));

@@ -80,6 +80,10 @@ class document {
     handle<cJSON, &cJSON_Delete> root_;
 };
 
+/// From here on what messages were parsed into is overwritten before it is released. Before the first is
+/// read.
+void overwrite_released();
+
 /// Reads the JSON value at the beginning of the text; what follows it is ignored.
 document parse(const char *text);
 inline document parse(const std::string &text) {

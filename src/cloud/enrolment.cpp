@@ -110,7 +110,7 @@ void enrolment::send_connect(std::string_view challenge) {
     json::object message = link_.message("Connect");
     add_device(message)
         .text("DevID", settings_.device_id)
-        .text("DevToken", settings_.device_token)
+        .text("DevToken", settings_.device_token.text())
         .text("CKey", link_.new_client_key())
         .text("ChallengeCode", challenge)
         .text("IPAddr", link_.local_address())

@@ -1,5 +1,7 @@
 #include "cloud/settings.h"
 
+#include <openssl/crypto.h>
+
 #include <algorithm>
 #include <cstdint>
 
@@ -17,6 +19,11 @@ void log_bootstrap(const server &bootstrap) {
     log_printf("[INFO] bss:       %s:%s\n", bootstrap.host.c_str(), bootstrap.port.c_str());
 }
 
+// A text that the platform releases as it is.
+void overwrite(char *text) {
+    OPENSSL_cleanse(text, view_of(text).size());
+}
+
 void read_servers(settings &to, const qzcap_serverinfo &stored) {
     to.bootstrap = parse_server(view_of(stored.bss));
     std::size_t count = 0;
@@ -29,8 +36,11 @@ void read_servers(settings &to, const qzcap_serverinfo &stored) {
 void read_identity(settings &to, const qzcap_serverinfo &stored) {
     to.device_token = view_of(stored.devtoken);
     to.device_id = view_of(stored.devid);
-    if (!to.is_activated())
-        to.device_token = to.device_id = "";
+    overwrite(stored.devtoken);
+    if (to.is_activated())
+        return;
+    to.device_token = "";
+    to.device_id = "";
 }
 
 // Logs the usable business servers and empties the other places.
@@ -100,15 +110,17 @@ void settings::store() const {
     }
     platform::replace_text(record->bss, bootstrap.text());
     fill_business(*record, business);
-    platform::replace_text(record->devtoken, device_token);
+    platform::replace_text(record->devtoken, device_token.text());
     platform::replace_text(record->devid, device_id);
     platform::reason why;
     if (qzcap_set_serverinfo(record.get(), why) < 0)
         log_printf("[ERROR] qzcap set serverinfo failed: %s\n", why.c_str());
+    overwrite(record->devtoken);
 }
 
 void settings::clear_identity() {
-    device_id = device_token = "";
+    device_id = "";
+    device_token = "";
     store();
 }
 

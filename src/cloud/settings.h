@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "base/masked_text.h"
 #include "cloud/server.h"
 
 namespace arvok::cloud {
@@ -14,7 +15,7 @@ struct settings {
     server bootstrap;
     business_servers business;  ///< as the bootstrap server named them; valid ones, and empty places
     std::string device_id;      ///< the device's identity
-    std::string device_token;   ///< and its proof
+    masked_text device_token;   ///< and its proof
 
     /// The bootstrap server has named a business server.
     bool has_business() const;
