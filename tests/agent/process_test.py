@@ -58,7 +58,7 @@ class TestMode(AgentCase):
             with open(MARKER, "w", newline="") as marker:
                 marker.write(address + "\n")
             agent = self.start("-g", "192.168.1.200")
-            agent.expect('[INFO] (arvok) connect "%s:32768" (0)\n' % address)
+            agent.expect('[INFO] (arvok) connect "%s:32768" (0)\n' % address.replace("\r", "\\x0d"))
             agent.expect(line)
             self.assertEqual(agent.stop(), 0)
 
