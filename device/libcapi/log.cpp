@@ -1,6 +1,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -29,7 +30,8 @@ std::string formatted(const char *format, std::va_list args) {
         std::vsnprintf(text.data(), text.size() + 1, format, again);
     }
     va_end(again);
-    explicit_bzero(small, sizeof(small));  // messages may hold keys
+    explicit_bzero(small, std::min(sizeof(small), static_cast<std::size_t>(std::max(length, 0)) +
+                                                      1));  // messages may hold keys
     return text;
 }
 
