@@ -17,7 +17,10 @@ client::client(task_queue &queue, platform::cache &cache, wall_clock clock, cons
       app_messages_(connection_, cache, agent) {}
 
 void client::receive(json::view message) {
+    const bool connected = connection_.at() == stage::connected;
     dispatch({connection_, enrolment_, plugins_, app_messages_}, message);
+    if (!connected && connection_.at() == stage::connected)
+        plugins_.tell_kept();
 }
 
 void client::wan_up() {

@@ -88,7 +88,7 @@ void connection::post(json::value message, bool awaits) {
 }
 
 void connection::send(const json::value &message, bool awaits) {
-    if (!is_open())
+    if (!is_open() || (!awaits && stage_ != stage::connected))
         return;
     write(message);
     // Also when it could not be written: without its acknowledgement the connection has to start over.

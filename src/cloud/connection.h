@@ -58,7 +58,8 @@ class connection {
     /// Sends a message on the loop's next turn, where the stage of then decides how. Without a connection it
     /// is dropped. An acknowledgement must come.
     void ask(json::value message) { post(std::move(message), true); }
-    /// The same, awaiting nothing.
+    /// The same, awaiting nothing: what is told of the device's own accord. Unless connected by then it is
+    /// dropped.
     void tell(json::value message) { post(std::move(message), false); }
     /// Writes a reply now.
     void write(const json::value &message);

@@ -14,16 +14,16 @@ namespace {
 struct acknowledgement_row {
     const char *name;
     bool (enrolment::*handler)(json::view message);  // null: there is nothing to be done
-    bool in_handshake;                               // else what it acknowledges is sent when connected only
+    stage awaited_in;                                // what it acknowledges is sent then
 };
 
 constexpr acknowledgement_row acknowledgements[] = {
-    {"Boot", &enrolment::boot_acknowledged, true},
-    {"GetChallengeCode", &enrolment::challenge_acknowledged, true},
-    {"Activate", &enrolment::activate_acknowledged, true},
-    {"Connect", &enrolment::connect_acknowledged, true},
-    {"Heartbeat", &enrolment::heartbeat_acknowledged, false},
-    {"InstallNotification", nullptr, false},
+    {"Boot", &enrolment::boot_acknowledged, stage::bootstrap},
+    {"GetChallengeCode", &enrolment::challenge_acknowledged, stage::challenge},
+    {"Activate", &enrolment::activate_acknowledged, stage::activating},
+    {"Connect", &enrolment::connect_acknowledged, stage::connecting},
+    {"Heartbeat", &enrolment::heartbeat_acknowledged, stage::connected},
+    {"InstallNotification", nullptr, stage::connected},
 };
 
 struct request_row {
@@ -52,19 +52,18 @@ void log_invalid() {
     log_printf("[ERROR] (cloud) invalid server msg\n");
 }
 
-// An acknowledgement that is not handled leaves the deadline running, and so does a stray one of what is only
-// sent when connected: in the middle of the handshake there is no other timer.
+// An acknowledgement that is not handled leaves the deadline running. One that nobody waits for must not take
+// the device any further: in the challenge's stage anybody can speak, and only what answers an encrypted
+// message shows that it could be read.
 void acknowledge(const recipients &to, std::string_view name, json::view message) {
     const acknowledgement_row *row = find_row(acknowledgements, name);
     if (!row) {
         log_printf("[ERROR] (cloud) unknown Ack type: %s\n", name.data());
         return log_invalid();
     }
-    const bool awaited = row->in_handshake || to.link.at() == stage::connected;
-    if (row->handler && !(to.enrolling.*row->handler)(message))
+    if (to.link.at() != row->awaited_in || (row->handler && !(to.enrolling.*row->handler)(message)))
         return log_invalid();
-    if (awaited)
-        to.link.acknowledged();
+    to.link.acknowledged();
 }
 
 void run_request(const recipients &to, json::view request) {
@@ -73,10 +72,11 @@ void run_request(const recipients &to, json::view request) {
         log_printf("[ERROR] (cloud) RPCMethod or ID not found\n");
         return log_invalid();
     }
-    if (const request_row *row = find_row(requests, *method))
+    const request_row *row = find_row(requests, *method);
+    if (row && to.link.at() == stage::connected)
         return row->handler(to, request);
     outcome result;
-    result.fail("UNRECOGNIZE_REQUEST");
+    result.fail(row ? "NOT_CONNECTED" : "UNRECOGNIZE_REQUEST");
     to.link.write(reply_to(request, result));
 }
 

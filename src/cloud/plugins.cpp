@@ -3,6 +3,7 @@
 #include <iterator>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "base/bus_message.h"
 #include "base/crypto.h"
@@ -17,6 +18,7 @@ namespace {
 
 constexpr std::size_t short_text_max = 15;  // bytes kept of an ordered version and upgrade
 constexpr std::size_t url_max = 255;
+constexpr std::size_t kept_max = 16;  // results; more apps than a device has room for
 
 using app_list = platform::record_list<qzcap_app, &qzcap_free_applist>;
 
@@ -148,7 +150,16 @@ void plugins::report(const installation &ended, json::view told) {
         .number("errcode", result);
     if (result != 0)
         message.text("FailReason", told["failreason"].text().value_or(""));
-    link_.tell(message.take());
+    kept_.push_back(message.take());
+    if (link_.at() == stage::connected)
+        return tell_kept();
+    if (kept_.size() > kept_max)
+        kept_.pop_front();
+}
+
+void plugins::tell_kept() {
+    for (json::value &result : std::exchange(kept_, {}))
+        link_.tell(std::move(result));
 }
 
 void plugins::notify(const std::string &message) {

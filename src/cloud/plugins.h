@@ -1,6 +1,7 @@
 #pragma once
 /// The platform's requests about the device's apps, and what it is told of them.
 
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,8 @@ class plugins {
 
     /// Tells the platform something on the agent's behalf.
     void notify(const std::string &message);
+    /// Tells the platform, which is connected again, what has been installed meanwhile.
+    void tell_kept();
 
   private:
     struct installation;
@@ -47,6 +50,7 @@ class plugins {
     const platform::cache &cache_;
     wall_clock clock_;
     std::vector<installation *> under_way_;
+    std::deque<json::value> kept_;  ///< results that could not be told, the oldest first
 };
 
 }  // namespace arvok::cloud

@@ -28,6 +28,11 @@ TEST_F(Cloud, TheBootstrapServersAnswerLeadsToABusinessServer) {
     // A list that the platform has asked for is taken, new or not. What is invalid leaves its place as it
     // was; the places behind the last are emptied. The server at hand can be the business server, too.
     const auto ask_for_list = [&](const std::string &reply) {
+        answer_challenge();
+        send(ack("Activate", R"("Result":0,"DevToken":"t","DevID":"d")"));
+        receive();
+        answer_challenge();
+        become_connected();
         EXPECT_EQ(ask("RequestConnectBSS"), R"({"Ack":"RequestConnectBSS","ID":"1","Result":0})");
         advance(1000);
         EXPECT_EQ(accept_one(), "100.64.0.9");

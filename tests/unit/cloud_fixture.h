@@ -194,7 +194,8 @@ class Cloud : public ::testing::Test {
         const std::string text = log_text();
         const std::size_t from = text.rfind("(cloud) -> ") + 11;
         const std::string sent = text.substr(from, text.find(" (", from) - from);
-        key_ = sent.substr(sent.find(R"("CKey":")") + 8, 16);
+        if (const std::size_t key = sent.find(R"("CKey":")"); key != std::string::npos)
+            key_ = sent.substr(key + 8, 16);
         return sent;
     }
     // A request, and the reply to it.

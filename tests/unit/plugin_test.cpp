@@ -83,6 +83,35 @@ TEST_F(Cloud, WhatCameOfAnAppIsToldWhereItCanBe) {
     }
 }
 
+TEST_F(Cloud, WhatWasInstalledWithoutAConnectionIsToldLater) {
+    constexpr int most = 16;
+    connect_fully();
+    // One install of an app for each number, which its upgrade tells; none has ended yet.
+    std::vector<void *> under_way;
+    for (int number = 0; number <= most; number++) {
+        ask("Install", format(R"(,"Version":"1","upgrade_ID":"%d","Plugin_size":"","Download_url":"",)"
+                              R"("NeedRun":"0","OS":"","Plugin_Name":"%sa_ipq5018x")",
+                              number, prefix.c_str()));
+        under_way.push_back(ending.priv);
+    }
+    client_->wan_down();
+    client_->wan_up();
+    accept_one();
+    receive();
+    bus_message good;
+    for (void *one : under_way) {
+        ending.priv = one;
+        end_installation(&ending, good.get());
+    }
+    answer_challenge();
+    log();
+    become_connected();
+    for (int number = 1; number <= most; number++)  // the first had no room
+        EXPECT_TRUE(contains(receive(), format(R"("upgrade_ID":"%d")", number)));
+    turn();
+    EXPECT_FALSE(contains(log(), R"("upgrade_ID":"0")"));
+}
+
 }  // namespace
 }  // namespace arvok::cloud
 
