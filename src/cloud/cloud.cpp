@@ -35,6 +35,11 @@ bool client::wan_down() {
     return connected;
 }
 
+std::string client::server_text() const {
+    const server &named = connector_.used();
+    return named.empty() ? "" : named.text();
+}
+
 std::string client::status_words() {
     const int seconds = connector_.remaining() / 1000;
     switch (connection_.at()) {
@@ -45,7 +50,8 @@ std::string client::status_words() {
             return connector_.is_resolving() ? "平台域名解析中" : "获取能力平台地址中";
         case stage::challenge:
             if (connector_.is_waiting())
-                return format("%s，%s，等待%d秒后连接", settings_.is_activated() ? "已激活" : "未激活",
+                return format(settings_.is_activated() ? "已激活，%s，等待%d秒后连接"
+                                                       : "未激活，%s，等待%d秒后连接",
                               connector_.trouble().c_str(), seconds);
             return connector_.is_resolving() ? "平台域名解析中" : "获取挑战码中";
         case stage::activating:

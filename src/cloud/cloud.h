@@ -55,8 +55,8 @@ class client {
 
     // --- for GET_STATUS ---
 
-    /// The server in use as "host:port".
-    std::string server_text() const { return connector_.used().text(); }
+    /// The server of the connection at hand, or else of the next, as "host:port"; empty when none is known.
+    std::string server_text() const;
     /// The connection's state in words, for people.
     std::string status_words();
     /// Milliseconds until each timer fires, -1: not armed.

@@ -1,5 +1,6 @@
 #include "cloud/connector.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -40,7 +41,15 @@ connector::connector(task_queue &queue, connection &link, settings &settings, bo
 }
 
 const server &connector::used() const {
-    return link_.at() == stage::bootstrap ? settings_.bootstrap : settings_.business[server_index_];
+    if (link_.is_open() || next_ == target::current)
+        return connected_;
+    if (next_ == target::bootstrap)
+        return settings_.bootstrap;
+    if (const address *next = known_.untried())
+        return settings_.business[next->server_index];
+    const auto named = std::find_if(settings_.business.begin(), settings_.business.end(),
+                                    [](const server &each) { return !each.empty(); });
+    return named == settings_.business.end() ? settings_.business.front() : *named;
 }
 
 // --- connecting ---
@@ -98,6 +107,7 @@ void connector::connect() {
     }
     reconnection_.cancel();  // the WAN may have armed it while the name was looked up
     notice_dead_peer(fd);
+    connected_ = link_.at() == stage::bootstrap ? settings_.bootstrap : settings_.business[server_index_];
     link_.open(fd);
     opened_();
 }
@@ -167,7 +177,7 @@ int connector::delay_s(int attempt) const {
 }
 
 void connector::retry_next_server() {
-    if (known_.has_untried()) {
+    if (known_.untried()) {
         log_printf("[INFO] (cloud) change abi server addr\n");
         next_ = target::business;
         return reconnect(reconnect_now_ms);

@@ -47,7 +47,8 @@ class connector {
 
     /// That remark, in words for people.
     const std::string &trouble() const { return trouble_; }
-    /// The server in use, by its name.
+    /// The server of the connection at hand, or else of the next attempt, by its name; empty when none is
+    /// known.
     const server &used() const;
     /// A look-up is under way.
     bool is_resolving() const { return resolving_; }
@@ -78,6 +79,7 @@ class connector {
     resolution known_;
     bool resolving_ = false;
     std::size_t server_index_ = 0;  ///< business server in use
+    server connected_;              ///< the server last connected to, by its name
     int retries_ = 0;               ///< failures in a row at the current server
     int rounds_ = 0;                ///< through all business servers
     std::string trouble_;

@@ -93,15 +93,19 @@ void add_addresses(std::vector<address> &addresses, const server &named, std::si
     }
 }
 
+template <typename Addresses>
+auto first_untried(Addresses &addresses) -> decltype(addresses.data()) {
+    const auto found =
+        std::find_if(addresses.begin(), addresses.end(), [](const address &each) { return !each.tried; });
+    return found == addresses.end() ? nullptr : &*found;
+}
+
 // The first address that has not been tried, which counts as tried from here on; null when there is none.
 const address *take(std::vector<address> &addresses) {
-    for (address &candidate : addresses) {
-        if (!candidate.tried) {
-            candidate.tried = true;
-            return &candidate;
-        }
-    }
-    return nullptr;
+    address *found = first_untried(addresses);
+    if (found)
+        found->tried = true;
+    return found;
 }
 
 bool choose_bootstrap(resolution &r) {
@@ -147,9 +151,8 @@ void resolution::forget_addresses() {
     business_addresses.clear();
 }
 
-bool resolution::has_untried() const {
-    return std::any_of(business_addresses.begin(), business_addresses.end(),
-                       [](const address &a) { return !a.tried; });
+const address *resolution::untried() const {
+    return first_untried(business_addresses);
 }
 
 }  // namespace arvok::cloud

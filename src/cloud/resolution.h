@@ -42,8 +42,8 @@ struct resolution {
     void run();
     /// Forgets the addresses of both kinds.
     void forget_addresses();
-    /// A business server has an address that was not tried.
-    bool has_untried() const;
+    /// The first address of a business server that was not tried; null when there is none.
+    const address *untried() const;
 };
 
 }  // namespace arvok::cloud

@@ -15,6 +15,7 @@ namespace {
 constexpr char own_package[] = "arvokclt";
 constexpr std::size_t blacklist_max = 64;
 constexpr int vlan_max = 4094;
+constexpr std::size_t ports_max = 32;
 constexpr int interval_max = 3600;  // seconds
 
 // --- software ---
@@ -105,24 +106,27 @@ void set_thresholds(request &r, const roaming_row &row, json::view value) {
 
 // --- access list ---
 
-// The MACs of the request as they stand there; none is a valid list.
-std::vector<const char *> read_macs(request_members &members) {
-    std::vector<const char *> macs;
+// The MACs of the request, each once and in the platform's spelling; none is a valid list.
+std::vector<std::string> read_macs(request_members &members) {
+    std::vector<std::string> macs;
     for (const json::view element : members.array("mac")) {
-        const std::optional<std::string_view> mac = element.text();
-        if (!mac || !is_mac(*mac) || macs.size() == blacklist_max) {
+        const std::string_view given = element.text().value_or("");
+        std::string mac = normalised_mac(given);
+        if (is_mac(given) && std::find(macs.begin(), macs.end(), mac) != macs.end())
+            continue;
+        if (!is_mac(given) || macs.size() == blacklist_max) {
             members.refuse("mac");
             break;
         }
-        macs.push_back(mac->data());
+        macs.push_back(std::move(mac));
     }
     return macs;
 }
 
 // --- television ports ---
 
-// The request's ports as the platform takes them: a zero behind the last. Each is one of `lan_ports`, the
-// device's own, which also end with a zero; null is none.
+// The request's ports as the platform takes them: each once, a zero behind the last. Each is one of
+// `lan_ports`, the device's own, which also end with a zero; null is none.
 std::vector<std::uint32_t> read_ports(request_members &members, json::view list,
                                       const std::uint32_t *lan_ports) {
     const auto is_lan_port = [lan_ports](double number) {
@@ -138,8 +142,12 @@ std::vector<std::uint32_t> read_ports(request_members &members, json::view list,
             members.refuse("ports");
             break;
         }
-        ports.push_back(static_cast<std::uint32_t>(*number));
+        const auto port = static_cast<std::uint32_t>(*number);
+        if (std::find(ports.begin(), ports.end(), port) == ports.end())
+            ports.push_back(port);
     }
+    if (ports.size() > ports_max)
+        members.refuse("ports");
     ports.push_back(0);
     return ports;
 }
@@ -192,9 +200,12 @@ void set_mesh_roaming(request &r, json::view value) {
 void set_blacklist(request &r, json::view value) {
     request_members members(r, value);
     const std::string_view enable = members.yes_no("enable");
-    const std::vector<const char *> macs = read_macs(members);
+    const std::vector<std::string> listed = read_macs(members);
     if (!members.ok())
         return;
+    std::vector<const char *> macs;
+    for (const std::string &mac : listed)
+        macs.push_back(mac.c_str());
     platform::reason why;
     if (qzcap_set_blacklist(enable.data(), macs.data(), static_cast<unsigned>(macs.size()), why) < 0)
         r.fail(platform_failed, "qzcap_set_blacklist failed: %s", why.c_str());

@@ -114,6 +114,10 @@ class DeviceRows(VocabularyCase):
         self.assertEqual(send({"enable": "ON", "mac": [PHONE, TABLET]}), DONE)
         self.assertEqual(send({"enable": "OFF", "mac": [TABLET]}), DONE)  # replaced, not added to
         self.assertEqual(self.state()["blacklist"], {"enable": "no", "macs": [TABLET]})
+        spellings = ["02:c0:ff:ee:00:02", TABLET.lower(), "02-C0-FF-EE-00-02"]
+        self.assertEqual(send({"enable": "ON", "mac": spellings + macs[:64]}), DONE)
+        self.assertEqual(self.state()["blacklist"]["macs"],
+                         [PHONE, TABLET] + [mac for mac in macs[:64] if mac not in (PHONE, TABLET)])
 
     def test_role_and_television(self):
         self.link()
@@ -131,6 +135,11 @@ class DeviceRows(VocabularyCase):
         self.members(send, good, checks)
         self.assertEqual(send(good), DONE)
         self.assertEqual(self.state()["iptv"], {"enable": "yes", "vlan": 85, "ports": ports[-1:]})
+        self.assertEqual(send({**good, "ports": ports[::-1] * 9}), DONE)
+        self.assertEqual(self.state()["iptv"]["ports"], ports[::-1])
+        self.patch({"devinfo": {"lanports": list(range(1, 34))}})
+        self.assertEqual(send({**good, "ports": list(range(1, 34))}), invalid("ports"))
+        self.assertEqual(send({**good, "ports": list(range(2, 34))}), DONE)
         self.patch({"devinfo": {"lanports": None}})
         self.assertEqual(send(good), invalid("ports"))
 

@@ -165,6 +165,7 @@ TEST_F(Cloud, AfterFiveRetriesAnotherAddressAndInTheEndTheBootstrapServer) {
         wait_for_reconnection();
     }
     expect_armed(client_->reconnect_remaining(), 10);
+    EXPECT_EQ(client_->server_text(), "bss.example:8088");  // the next attempt's
     EXPECT_EQ(machine.stored, texts(2, "bss.example:8088|abi.example:8088|||"));
     EXPECT_EQ(accept_one(), "100.64.0.9");
     EXPECT_TRUE(contains(receive(), R"("bootstrap":"0")"));
@@ -273,12 +274,12 @@ TEST_F(Cloud, BusinessServersShareFiveAddresses) {
         EXPECT_EQ(r.current.text(), address);
         EXPECT_EQ(r.server_index, index);
     }
-    EXPECT_FALSE(r.has_untried());
+    EXPECT_FALSE(r.untried());
     const std::string text = log();
     EXPECT_TRUE(contains(text, "[ERROR] resolve abi: gone failed: Name or service not known\n"));
     EXPECT_TRUE(contains(text, "[ERROR] resolve abi: slow timeout: 20s\n[INFO] abi_ip[4]: 100.64.0.6:5\n"));
     r.run();
-    EXPECT_TRUE(r.has_untried());
+    EXPECT_TRUE(r.untried());
     EXPECT_EQ(machine.asked.size(), 10u);  // every name is looked up, also when there is no room left
     r.forget_addresses();
     r.business.fill({});
