@@ -100,13 +100,11 @@ void apply_test_mode(options &chosen, const std::string &marker) {
     if (!file_exists(marker))
         return;
     chosen.debug = true;
-    if (!chosen.gateway_address)
-        chosen.gateway_address.emplace();
     std::string address = read_file(marker, marker_max).value_or("");
+    if (address.ends_with('\n'))
+        address.pop_back();
     if (address.empty())
         return;
-    if (address.back() == '\n')
-        address.pop_back();
     chosen.gateway_address = cut(until_zero(address), gateway_address_max);
 }
 

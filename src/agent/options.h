@@ -19,7 +19,7 @@ struct options {
 options parse_options(int argc, char **argv);
 
 /// Where the file `marker` is, debugging is on and the gateway is the one that its first line names, over any
-/// option. An empty file leaves the option's address; without one the address is empty, which reaches none.
+/// option. A file that names none leaves that to the options.
 void apply_test_mode(options &chosen, const std::string &marker);
 
 inline constexpr char test_mode_marker[] = "/tmp/arvokclt_test_mode";

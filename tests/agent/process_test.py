@@ -61,6 +61,12 @@ class TestMode(AgentCase):
             agent.expect('[INFO] (arvok) connect "%s:32768" (0)\n' % address.replace("\r", "\\x0d"))
             agent.expect(line)
             self.assertEqual(agent.stop(), 0)
+        for text in ("", "\n"):
+            with open(MARKER, "w") as marker:
+                marker.write(text)
+            agent = self.start()
+            agent.expect('[INFO] (arvok) connect "192.168.1.1:32768" (1)\n')  # found, not told
+            self.assertEqual(agent.stop(), 0)
 
 
 class Life(AgentCase):
