@@ -42,7 +42,7 @@ void gateway::register_agent() {
         fail("dh: " + error);
     send(R"({"type":"dh","sequence":1,"mac":"0200000000FE","data":{"dh_key":")" + answer->public_value +
          R"("}})");
-    cipher_.emplace(aes_mode::cbc, answer->key);
+    cipher_.emplace(aes_mode::cbc, aes_key{answer->key});
     receive();  // dev_reg, whose acknowledgement would set off reports
 }
 

@@ -83,7 +83,7 @@ std::string GatewayPeer::message(std::string_view line) {
     const std::string text(line.substr(clear));
     const json::document sent = json::parse(text);
     if (const auto public_value = sent["data"]["dh_key"].text())
-        offered_ = agents_exchange().agree(*public_value);
+        offered_ = agents_exchange().agree(*public_value).key;
     return frame(clear || !key_ ? text : aes(aes_mode::cbc, *key_).encrypt(text).value_or(""));
 }
 

@@ -38,7 +38,7 @@ __attribute__((format(printf, 1, 2))) void add_to_log(const char *text, ...) {
     log_so_far += line;
 }
 
-const bool logs = (log_printf = add_to_log, true);
+const bool logs = (log_output = add_to_log, true);
 
 bool is_refused() {
     return device.calls++ == device.refused;
