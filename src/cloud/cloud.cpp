@@ -50,9 +50,9 @@ std::string client::status_words() {
             return connector_.is_resolving() ? "平台域名解析中" : "获取能力平台地址中";
         case stage::challenge:
             if (connector_.is_waiting())
-                return format(settings_.is_activated() ? "已激活，%s，等待%d秒后连接"
-                                                       : "未激活，%s，等待%d秒后连接",
-                              connector_.trouble().c_str(), seconds);
+                return format(
+                    settings_.is_activated() ? "已激活，%s，等待%d秒后连接" : "未激活，%s，等待%d秒后连接",
+                    connector_.trouble().c_str(), seconds);
             return connector_.is_resolving() ? "平台域名解析中" : "获取挑战码中";
         case stage::activating:
             return "激活中";

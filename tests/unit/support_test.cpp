@@ -303,8 +303,8 @@ TEST_F(Files, TheTestModePinsTheGatewayOverWhatOptionsSay) {
     EXPECT_EQ(chosen.local_port, "0000001");  // its first seven
     const std::string whole = "192.168.8.1", longest(31, 'x'), option = "10.0.0.2";
     const std::pair<std::string, std::string> markers[] = {
-        {whole, whole}, {whole + "\n", whole}, {whole + "\r\n", whole + "\r"}, {longest + "x", longest},
-        {"\n", option}, {"", option}};
+        {whole, whole},           {whole + "\n", whole}, {whole + "\r\n", whole + "\r"},
+        {longest + "x", longest}, {"\n", option},        {"", option}};
     for (const auto &[marker, address] : markers) {
         save_file(path_, marker);
         options pinned;
