@@ -203,9 +203,9 @@ void set_blacklist(request &r, json::view value) {
     const std::vector<std::string> listed = read_macs(members);
     if (!members.ok())
         return;
-    std::vector<const char *> macs;
-    for (const std::string &mac : listed)
-        macs.push_back(mac.c_str());
+    std::vector<const char *> macs(listed.size());
+    std::transform(listed.begin(), listed.end(), macs.begin(),
+                   [](const std::string &mac) { return mac.c_str(); });
     platform::reason why;
     if (qzcap_set_blacklist(enable.data(), macs.data(), static_cast<unsigned>(macs.size()), why) < 0)
         r.fail(platform_failed, "qzcap_set_blacklist failed: %s", why.c_str());
