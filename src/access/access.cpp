@@ -52,6 +52,9 @@ void rules::look_at_clock() {
 
 bool rules::run(std::string_view command, json::view message, bus_message &reply) {
     const command_row *row = find_row(commands, command);
+    // A command is about the rules as they are: what the disk would not tell is asked for once more.
+    if (row && !store_.is_loaded() && store_.load())
+        enforcer_.enforce_soon();
     if (row)
         row->handler(*this, message, reply);
     return row;

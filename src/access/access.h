@@ -11,7 +11,8 @@
 ///     decision.h         what the platform's records should be: a function of (rules, hosts, now)
 ///     enforcer.h         makes them so
 ///     retry.h            when to try again what was refused
-///     guest_network.h    the guest network, its files and commands
+///     guest_network.h    the guest network and its commands
+///     guest_files.h      its files
 ///     guest_interface.h  its interface on the platform
 ///     host_commands.h    the commands about LAN hosts (lan_hosts.cpp: what is told of each)
 ///     texts.h            the texts of commands and files

@@ -10,7 +10,7 @@
 namespace arvok::access {
 namespace {
 
-constexpr int change_delay_ms = 200;
+constexpr int change_delay_ms = 200, change_delay_max_ms = 1000;
 constexpr std::time_t day_s = 86400;
 constexpr long round_s = 5;  // for the writes of one look
 
@@ -21,6 +21,10 @@ std::vector<listed_host> told(const platform::host_list &records) {
         hosts.push_back(
             {host_id(view_of(record->mac)), record->internetaccess, record->uplimit, record->downlimit});
     return hosts;
+}
+
+bool is_same(const host_change &one, const host_change &other) {
+    return one.access == other.access && one.up_limit == other.up_limit && one.down_limit == other.down_limit;
 }
 
 bool write(qzcap_laninfo &record, const host_change &change) {
@@ -36,11 +40,13 @@ enforcer::enforcer(rule_store &store, wall_clock clock)
     : store_(store),
       clock_(clock),
       next_(bind<&enforcer::enforce>(*this)),
-      soon_(bind<&enforcer::enforce>(*this)) {}
+      soon_(bind<&enforcer::enforce>(*this)),
+      latest_(bind<&enforcer::enforce>(*this)) {}
 
 void enforcer::enforce_soon() {
-    if (!soon_.is_armed())
-        soon_.arm(change_delay_ms);
+    soon_.arm(change_delay_ms);
+    if (!latest_.is_armed())
+        latest_.arm(change_delay_max_ms);
 }
 
 void enforcer::enforce_all_soon() {
@@ -67,69 +73,88 @@ bool enforcer::is_needed() const {
 
 void enforcer::enforce() {
     soon_.cancel();
+    latest_.cancel();
     const std::time_t now = clock_();
+    bool is_known = store_.load();
     std::optional<platform::host_list> records;
-    retries refused;
-    if (is_needed()) {
+    const bool is_wanted = is_needed();
+    if (is_wanted) {
         records = platform::fetch_list<platform::host_list>(qzcap_list_laninfo);
-        if (!records)
-            next_try(refused, host_id("")).refused(uptime());
+        is_known &= records.has_value();
     }
     const std::vector<listed_host> hosts = records ? told(*records) : std::vector<listed_host>();
     const decision made = wanted(store_.rules(), hosts, instant(now));
-    if (records)
-        carry_out(made, *records, hosts, refused);
     store_.set_actions(made.actions);
-    if (records)
-        settle(made, hosts, refused);
-    refused_ = std::move(refused);
-    arm(made, now);
+    if (records) {
+        carry_out(made, *records, hosts);
+        is_known &= settle(made, hosts);
+    } else if (!is_wanted) {
+        attempts_.clear();
+    }
+    if (is_known)
+        unknown_.reset();
+    else
+        (unknown_ ? *unknown_ : unknown_.emplace()).refused(uptime());
+    arm(made, now, records.has_value());
 }
 
-// A platform that answers nothing blocks the loop at every call: the hosts that there is no time for come
-// later, and before those that it refused.
+// A platform that answers nothing blocks the loop at every call: what there is no time for comes later. What
+// was never tried is first, then what has been due the longest.
 void enforcer::carry_out(const decision &made, platform::host_list &records,
-                         const std::vector<listed_host> &hosts, retries &refused) const {
-    const long end = uptime() + round_s;
-    for (const bool again : {false, true}) {
-        for (const host_change &change : made.changes) {
-            const host_id &id = hosts[change.host].id;
-            const auto before = refused_.find(id);
-            if (again != (before != refused_.end() && before->second.was_refused()))
-                continue;
-            if (uloop_cancelling() || uptime() >= end)
-                next_try(refused, id).put_off(uptime());
-            else if (!write(records[change.host], change))
-                next_try(refused, id).refused(uptime());
-        }
+                         const std::vector<listed_host> &hosts) {
+    const long began = uptime();
+    const attempts before = std::exchange(attempts_, {});
+    std::vector<attempt *> due;
+    for (const host_change &change : made.changes) {
+        const host_id &id = hosts[change.host].id;
+        const std::uint32_t index = records[change.host].index;
+        const auto last = before.find(index);
+        const bool goes_on =
+            last != before.end() && last->second.id == id && is_same(last->second.change, change);
+        const attempt fresh{id, change, goes_on ? last->second.when : retry()};
+        if (const auto [entry, is_new] = attempts_.emplace(index, fresh); is_new && fresh.when.is_due(began))
+            due.push_back(&entry->second);
+    }
+    std::stable_sort(due.begin(), due.end(), [](const attempt *one, const attempt *other) {
+        return one->when.due() < other->when.due();
+    });
+    for (attempt *const now : due) {
+        qzcap_laninfo &record = records[now->change.host];
+        if (uloop_cancelling() || uptime() >= began + round_s)
+            now->when.put_off(uptime());
+        else if (write(record, now->change))
+            attempts_.erase(record.index);
+        else
+            now->when.refused(uptime());
     }
 }
 
-// That of the last look goes on.
-retry &enforcer::next_try(retries &refused, const host_id &id) const {
-    const auto before = refused_.find(id);
-    return refused.try_emplace(id, before == refused_.end() ? retry() : before->second).first->second;
-}
-
-void enforcer::settle(const decision &made, const std::vector<listed_host> &hosts, retries &refused) {
-    host_ids listed, failed;
+// False when the disk refuses.
+bool enforcer::settle(const decision &made, const std::vector<listed_host> &hosts) {
+    host_ids taken, failed;
+    for (const auto &[index, left] : attempts_)
+        failed.insert(left.id);
     for (const listed_host &host : hosts)
-        (refused.contains(host.id) ? failed : listed).insert(host.id);
-    store_.restrictions_tried(listed, failed);
+        if (!failed.contains(host.id))
+            taken.insert(host.id);
+    store_.restrictions_tried(taken, failed);
     std::vector<host_id> free;
     std::copy_if(made.settled.begin(), made.settled.end(), std::back_inserter(free),
                  [&failed](const host_id &id) { return !failed.contains(id); });
-    if (!store_.freed(free))
-        next_try(refused, host_id("")).refused(uptime());
+    return store_.freed(free);
 }
 
 // Boundaries count from the instant that was evaluated: the platform has taken its time since then, and one
 // that was passed meanwhile must still be seen.
-void enforcer::arm(const decision &made, std::time_t evaluated) {
+void enforcer::arm(const decision &made, std::time_t evaluated, bool has_list) {
     const auto passed = static_cast<int>(std::clamp<std::time_t>(clock_() - evaluated, 0, day_s));
     int delay = std::max(1, made.next_s - passed);
-    for (const auto &[host, when] : refused_)
-        delay = std::min(delay, when.remaining(uptime()));
+    const long now = uptime();
+    if (has_list)  // without it there is nothing to try
+        for (const auto &[index, left] : attempts_)
+            delay = std::min(delay, left.when.remaining(now));
+    if (unknown_)
+        delay = std::min(delay, unknown_->remaining(now));
     if (evaluated >= clock_set_after)
         log_printf("extcc_update_timer (%d): extcc next check is %ds (~%dh%dm) later\n", __LINE__, delay,
                    delay / 3600, delay % 3600 / 60);

@@ -1,8 +1,10 @@
 #pragma once
 /// Makes the platform's records of the LAN hosts what the rules want, and is the only one that writes them
-/// for the rules' sake. Only differences are written. What the platform refuses, its list of hosts too, is
-/// tried again until it succeeds or is not wanted any more; so is telling the disk who is free.
+/// for the rules' sake. Only differences are written. A record that the platform refuses is written again
+/// when its time has come, whatever makes the enforcer look before, and at once when the rules want something
+/// else of it. The platform's list and the rules' files are looked at again likewise, until they can be read.
 
+#include <cstdint>
 #include <ctime>
 #include <optional>
 #include <unordered_map>
@@ -24,7 +26,8 @@ class enforcer {
     /// Looks at the rules, the platform and the clock, and sees to the next time: the next boundary of a
     /// schedule, the next minute while the clock is not set, the next try.
     void enforce();
-    /// The same in 200 ms, so that one look serves many changes.
+    /// The same in 200 ms, or that long after the last of several calls, so that one look serves many
+    /// changes; it is no more than a second after the first.
     void enforce_soon();
     /// The same with blocking and rate limits.
     void enforce_all_soon();
@@ -33,21 +36,26 @@ class enforcer {
     int until_next() { return next_.remaining(); }
 
   private:
-    using retries = std::unordered_map<host_id, retry>;
+    /// A record that is not yet what it should be.
+    struct attempt {
+        host_id id;
+        host_change change;
+        retry when;
+    };
+    using attempts = std::unordered_map<std::uint32_t, attempt>;  // by the record's index
 
     std::optional<rule_instant> instant(std::time_t now);
     bool is_needed() const;
-    void carry_out(const decision &made, platform::host_list &records, const std::vector<listed_host> &hosts,
-                   retries &refused) const;
-    void settle(const decision &made, const std::vector<listed_host> &hosts, retries &refused);
-    retry &next_try(retries &refused, const host_id &id) const;
-    void arm(const decision &made, std::time_t evaluated);
+    void carry_out(const decision &made, platform::host_list &records, const std::vector<listed_host> &hosts);
+    bool settle(const decision &made, const std::vector<listed_host> &hosts);
+    void arm(const decision &made, std::time_t evaluated, bool has_list);
 
     rule_store &store_;
     const wall_clock clock_;
     std::optional<bool> keeps_utc_;  ///< decided once, when the clock is set
-    retries refused_;                ///< by host; that of the empty MAC is for the list and for the disk
-    timer next_, soon_;
+    attempts attempts_;
+    std::optional<retry> unknown_;  ///< for the list and the files
+    timer next_, soon_, latest_;
 };
 
 }  // namespace arvok::access

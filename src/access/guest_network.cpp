@@ -2,28 +2,19 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstdio>
-#include <cstdlib>
 #include <iterator>
 
 #include "access/guest_interface.h"
 #include "access/outcome.h"
 #include "access/texts.h"
-#include "base/files.h"
 #include "base/log.h"
 #include "base/text.h"
 
 namespace arvok::access {
 namespace {
 
-constexpr char index_file[] = "extcc-gst-idx.cfg";
-constexpr char closing_file[] = "extcc-gst-tmr.cfg";
-constexpr std::size_t index_file_max = 15;
-constexpr std::size_t followed_max = 128;  // bytes of the closing time's file, when it is followed
-constexpr std::size_t told_max = 160;      // and when it is told
-
 constexpr int apply_delay_ms = 100;
-constexpr int clock_retry_s = 60;
+constexpr std::int64_t clock_retry_s = 60;
 constexpr unsigned long minutes_max = 1440;
 constexpr char no_closing[] = "-1111";
 
@@ -43,11 +34,15 @@ std::string closing_line(int index, bool enable, std::optional<std::uint32_t> mi
                   end.c_str(), *minutes);
 }
 
-// Whether a file is on the disk as it should be; says so in the log if not.
-bool saved(const std::string &path, const std::optional<std::string> &why) {
-    if (why)
-        log_printf("[ERROR] extcc: failed to save %s %s\n", path.c_str(), why->c_str());
-    return !why;
+// A clock that stands before the closing time's start tells no more than one that is not set: the device has
+// started with an old date.
+bool is_time_known(const guest_schedule &schedule, std::time_t now) {
+    return schedule.last_time == guest_forever || (now >= clock_set_after && now >= schedule.start);
+}
+
+// Seconds until it may be known; one that was set back by little comes to the start by itself.
+std::int64_t clock_retry(const guest_schedule &schedule, std::time_t now) {
+    return now < schedule.start ? std::min(clock_retry_s, schedule.start - now) : clock_retry_s;
 }
 
 void add_main_ssid(bus_message &reply, const char *name, int band) {
@@ -58,54 +53,7 @@ void add_main_ssid(bus_message &reply, const char *name, int band) {
 }  // namespace
 
 guest_network::guest_network(const std::string &folder, wall_clock clock)
-    : index_path_(folder + index_file),
-      closing_path_(folder + closing_file),
-      clock_(clock),
-      timer_(bind<&guest_network::follow_times>(*this)) {}
-
-// --- the files ---
-
-// The interface's index in its file; 0 when there is none.
-int guest_network::index() const {
-    return std::atoi(read_file(index_path_, index_file_max).value_or("").c_str());
-}
-
-bool guest_network::remember(int index) {
-    return saved(index_path_, save_file(index_path_, std::to_string(index)));
-}
-
-// The index in the file; without a file that of the guest interface, which goes into the file.
-int guest_network::known_index() {
-    if (file_exists(index_path_))
-        return index();
-    const int found = find_guest_interface().value_or(listed_guest()).index;
-    if (found >= 1)
-        remember(found);
-    return found;
-}
-
-// The closing time goes first: without it the index does nothing.
-bool guest_network::remove_files() {
-    const auto closing = read_file(closing_path_, told_max);
-    if (!saved(closing_path_, remove_file(closing_path_)))
-        return false;
-    if (saved(index_path_, remove_file(index_path_)))
-        return true;
-    if (closing)
-        save_file(closing_path_, *closing);
-    return false;
-}
-
-// Nothing without a file, and of one that no command has written.
-std::optional<guest_schedule> guest_network::closing() const {
-    const std::string text = read_file(closing_path_, followed_max).value_or("");
-    char enable[8] = "", last_time[8] = "";
-    long long start = 0;
-    if (std::sscanf(text.c_str(), "%*[^\t]\t%7[^\t]\t%*[^\t]\t%lld\t%*[^\t]\t%7[^\n]", enable, &start,
-                    last_time) != 3)
-        return std::nullopt;
-    return guest_schedule{std::atoi(enable) != 0, start, std::atoi(last_time)};
-}
+    : files_(folder), clock_(clock), timer_(bind<&guest_network::follow_times>(*this)) {}
 
 // --- opening and closing ---
 
@@ -117,31 +65,39 @@ void guest_network::look_again(std::int64_t seconds) {
     timer_.arm(delay * 1000);
 }
 
-void guest_network::follow_times() {
-    timer_.cancel();
-    const std::optional<guest_schedule> schedule = closing();
-    if (!schedule)
-        return refused_.reset();
-    const std::time_t now = clock_();
-    if (schedule->last_time != guest_forever && now < clock_set_after)
-        return look_again(clock_retry_s);
-    const guest_action action = guest_action_at(*schedule, now);
-    if (switch_interface(index(), action.on)) {
-        refused_.reset();
-        if (action.delay > 0)
-            look_again(action.delay);
-        return;
-    }
+// `change`: seconds until it is to be otherwise; 0: never.
+void guest_network::try_again(std::int64_t change) {
     if (!refused_)
         refused_.emplace();
     refused_->refused(uptime());
     const std::int64_t next_try = refused_->remaining(uptime());
-    look_again(action.delay > 0 ? std::min(action.delay, next_try) : next_try);
+    look_again(change > 0 ? std::min(change, next_try) : next_try);
+}
+
+void guest_network::follow_times() {
+    timer_.cancel();
+    const std::optional<guest_closing> closing = files_.closing();
+    if (!closing)
+        return try_again(0);
+    if (!closing->schedule)
+        return refused_.reset();
+    const std::time_t now = clock_();
+    if (!is_time_known(*closing->schedule, now))
+        return look_again(clock_retry(*closing->schedule, now));
+    const guest_action action = guest_action_at(*closing->schedule, now);
+    const std::optional<guest_index> known = files_.index();
+    if (!known || !switch_interface(known->index, action.on))
+        return try_again(action.delay);
+    refused_.reset();
+    if (action.delay > 0)
+        look_again(action.delay);
 }
 
 void guest_network::clock_was_set() {
-    const std::optional<guest_schedule> schedule = closing();
-    if (timer_.is_armed() || (schedule && guest_action_at(*schedule, clock_()).delay > 0))
+    const std::optional<guest_closing> closing = files_.closing();
+    if (!closing)
+        return try_again(0);
+    if (timer_.is_armed() || (closing->schedule && guest_action_at(*closing->schedule, clock_()).delay > 0))
         follow_times();
 }
 
@@ -169,21 +125,23 @@ void guest_network::set(json::view message, bus_message &reply) {
     if (!cipher)
         return add_outcome(reply, "invalid ENCRYPT", "-1");
 
-    const int known = index();
+    const std::optional<guest_index> known = files_.index();
+    const std::optional<guest_closing> closing = known ? files_.closing() : std::nullopt;
+    if (!closing)
+        return add_outcome(reply, save_failed, "-1");
     const std::optional<listed_guest> found = find_guest_interface();
     if (!found)
         return add_outcome(reply, "failed to add/set guest wifi", "-102");
     // The closing time that the command ends goes first: at the next start it would undo the command.
-    const auto ended =
-        contradicts_closing(*enable == 1, found->enabled) ? read_file(closing_path_, told_max) : std::nullopt;
-    if (ended && !saved(closing_path_, remove_file(closing_path_)))
+    const bool ends = closing->schedule && contradicts(*closing->schedule, *enable == 1, found->enabled);
+    if (ends && !files_.remove_closing())
         return add_outcome(reply, save_failed, "-1");
     const interface_outcome outcome = set_guest_interface(
-        {*ssid, *password, encryptions[*cipher - 1], *enable == 1, *hidden}, found->index, known);
+        {*ssid, *password, encryptions[*cipher - 1], *enable == 1, *hidden}, found->index, known->index);
     const bool is_set = !outcome.error && outcome.index >= 1;
-    const bool is_kept = is_set && (outcome.index == known || remember(outcome.index));
-    if (ended && !is_kept)
-        save_file(closing_path_, *ended);
+    const bool is_kept = is_set && (outcome.index == known->index || files_.save_index(outcome.index));
+    if (ends && !is_kept)
+        files_.save_closing(closing->text);
     if (outcome.error)
         return add_outcome(reply, *outcome.error, "-102");
     if (!is_set)
@@ -192,40 +150,33 @@ void guest_network::set(json::view message, bus_message &reply) {
         undo(outcome);
         return add_outcome(reply, save_failed, "-1");
     }
-    if (ended)
+    if (ends)
         follow_times();  // nothing to follow any more
     add_outcome(reply, "", "0");
 }
 
-// Whether a command wants the network otherwise than its closing time does now. While the clock is not set
-// that is not known, but one that changes the network is meant.
-bool guest_network::contradicts_closing(bool enable, bool is_enabled) const {
-    const std::optional<guest_schedule> schedule = closing();
-    if (!schedule)
-        return false;
+// Whether a command wants the network otherwise than its closing time does now. While that is not known, a
+// network that is closed is not to be opened by the clock that is set later, and one that is opened is meant.
+bool guest_network::contradicts(const guest_schedule &schedule, bool enable, bool is_enabled) const {
     const std::time_t now = clock_();
-    if (schedule->last_time != guest_forever && now < clock_set_after)
-        return enable != is_enabled;
-    return guest_action_at(*schedule, now).on != enable;
+    if (!is_time_known(schedule, now))
+        return !enable || !is_enabled;
+    return guest_action_at(schedule, now).on != enable;
 }
 
 // --- GET_GUEST_WIFI ---
 
-void guest_network::add_closing(bus_message &reply) const {
-    const std::string text = read_file(closing_path_, told_max).value_or("");
-    char enable[8] = "", start[32] = "", last_time[8] = "";
-    std::sscanf(text.c_str(), "%*[^\t]\t%7[^\t]\t%31[^\t]\t%*[^\t]\t%*[^\t]\t%7[^\n]", enable, start,
-                last_time);
-    reply.text("TimerEnable", enable);
-    reply.text("GuestWifiStartTime", start);
-    reply.text("LastTime", last_time);
-}
-
+// The index in the file; without a file that of the guest interface, which goes into the file. The file goes
+// when the platform does not hold its interface any more.
 void guest_network::get(json::view, bus_message &reply) {
-    const int index = known_index();
+    const std::optional<guest_index> known = files_.index();
+    const bool has_file = known && known->has_file;
+    const int index = has_file ? known->index : find_guest_interface().value_or(listed_guest()).index;
+    if (known && !has_file && index >= 1)
+        files_.save_index(index);
     const platform::access_point_record interface = get_interface(index);
-    if (!interface && file_exists(index_path_) && find_interface(index) == presence::gone)
-        saved(index_path_, remove_file(index_path_));
+    if (!interface && has_file && find_interface(index) == presence::gone)
+        files_.remove_index();
     {
         const bus_message::array info(reply, "Info");
         if (interface) {
@@ -240,7 +191,10 @@ void guest_network::get(json::view, bus_message &reply) {
             reply.text("PWD", interface->key);
             reply.text("SSIDEnable", view_of(interface->enable) == "yes" ? "1" : "0");
             reply.text("SSIDHide", std::to_string(static_cast<std::int32_t>(interface->hidden)));
-            add_closing(reply);
+            const guest_closing closing = files_.closing().value_or(guest_closing());
+            reply.text("TimerEnable", closing.enable);
+            reply.text("GuestWifiStartTime", closing.start);
+            reply.text("LastTime", closing.last_time);
         }
     }
     add_success(reply);
@@ -250,11 +204,11 @@ void guest_network::get(json::view, bus_message &reply) {
 
 // The files first: with them gone nothing closes the next guest network, whatever the platform says.
 void guest_network::remove(json::view, bus_message &reply) {
-    const int known = index();
-    if (!remove_files())
+    const std::optional<guest_index> known = files_.index();
+    if (!known || !files_.remove_all())
         return add_outcome(reply, save_failed, "-1");
     follow_times();
-    const auto fault = known > 0 ? delete_interface(known) : std::nullopt;
+    const auto fault = known->index > 0 ? delete_interface(known->index) : std::nullopt;
     if (!fault)
         return add_success(reply);
     reply.text("Status", "-102");
@@ -264,8 +218,10 @@ void guest_network::remove(json::view, bus_message &reply) {
 // --- SET_GUEST_WIFI_CLOSE_TIMER ---
 
 void guest_network::set_closing(json::view message, bus_message &reply) {
-    const int known = index();
-    if (known < 1)
+    const std::optional<guest_index> known = files_.index();
+    if (!known)
+        return add_outcome(reply, save_failed, "-1");
+    if (known->index < 1)
         return add_outcome(reply, "Guest WiFi not found", "-105");
     const json::view info = message["Info"], wanted = info.first();
     if (info.is_array() && wanted) {
@@ -281,7 +237,7 @@ void guest_network::set_closing(json::view message, bus_message &reply) {
         const std::time_t now = clock_();
         if (now < clock_set_after)
             return add_outcome(reply, "Time not sync", "-107");
-        if (!saved(closing_path_, save_file(closing_path_, closing_line(known, *enable == 1, minutes, now))))
+        if (!files_.save_closing(closing_line(known->index, *enable == 1, minutes, now)))
             return add_outcome(reply, save_failed, "-1");
         refused_.reset();
     }

@@ -1,11 +1,12 @@
 #pragma once
-/// The guest network: one 2.4 GHz interface with the platform's guest mark, and the commands about it. Its
-/// index and its closing time are in files and nowhere else, read whenever they matter.
+/// The guest network: one 2.4 GHz interface with the platform's guest mark, and the commands about it.
 
 #include <cstdint>
+#include <ctime>
 #include <optional>
 #include <string>
 
+#include "access/guest_files.h"
 #include "access/retry.h"
 #include "access/schedule.h"
 #include "base/bus_message.h"
@@ -27,7 +28,7 @@ class guest_network {
     void set_closing(json::view message, bus_message &reply);
 
     /// Opens or closes it as its closing time says, if it has one, and sees to the next time: its change, the
-    /// next try when the platform refuses, or a minute later while the clock is not set.
+    /// next try when platform or disk refuse, or a minute later while the clock is not set.
     void follow_times();
     /// The clock was set: the same while there is anything to come. A closing time that has done its work
     /// leaves the network to whoever has changed it since.
@@ -37,19 +38,14 @@ class guest_network {
     int until_change() { return timer_.remaining(); }
 
   private:
-    int index() const;
-    int known_index();
-    bool remember(int index);
-    bool remove_files();
-    std::optional<guest_schedule> closing() const;
-    void add_closing(bus_message &reply) const;
     void look_again(std::int64_t seconds);
-    bool contradicts_closing(bool enable, bool is_enabled) const;
+    void try_again(std::int64_t change);
+    bool contradicts(const guest_schedule &schedule, bool enable, bool is_enabled) const;
 
-    const std::string index_path_, closing_path_;
+    const guest_files files_;
     const wall_clock clock_;
     timer timer_;                   ///< opens and closes the network
-    std::optional<retry> refused_;  ///< it is to be opened or closed, and the platform would not
+    std::optional<retry> refused_;  ///< it is to be opened or closed, and platform or disk would not
 };
 
 }  // namespace arvok::access

@@ -204,7 +204,7 @@ void host_commands::get_bandwidth(json::view, bus_message &reply) {
     {
         const bus_message::array info(reply, "Info");
         for (const restriction &entry : store_.rules().limits.entries()) {
-            if (!(entry.kinds & restricts_rate) || (entry.up_limit == 0 && entry.down_limit == 0))
+            if (!entry.limits_rate())
                 continue;
             const bus_message::table table(reply);
             reply.text("MAC", entry.mac);

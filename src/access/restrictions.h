@@ -19,7 +19,7 @@ enum restriction_kind : std::uint32_t { restricts_rate = 1, restricts_internet =
 
 /// What one host is restricted to.
 struct restriction {
-    std::string mac;               ///< as it was given
+    std::string mac;               ///< as it was given last
     std::uint32_t kinds = 0;       ///< restriction_kind bits: what is set
     std::uint32_t internet = 0;    ///< internet_access; with restricts_internet
     std::uint32_t up_limit = 0;    ///< with restricts_rate
@@ -29,6 +29,8 @@ struct restriction {
 
     /// Whether it restricts the use of the internet, and not only its rate.
     bool blocks() const;
+    /// Whether it limits a rate.
+    bool limits_rate() const;
 };
 
 /// One entry for each host. A copy is a draft: it is changed and then put in the place of the original.
@@ -46,6 +48,9 @@ class restrictions {
     restriction &entry_with(restriction_kind kind, std::string_view mac);
     /// Takes a kind out of every entry; entries without another go.
     void drop(restriction_kind kind);
+    /// Takes out the oldest entries that restrict nothing, until there are `max`, but none that lifts a rate
+    /// limit for the first time since `before`: it is yet to be applied.
+    void make_room(std::size_t max, const restrictions &before);
 
     /// Takes over what a file holds, a line for each host. Of a line that does not parse, the fields found
     /// are taken and the others are 0; of several for one host the last counts for each kind.
@@ -55,6 +60,7 @@ class restrictions {
 
   private:
     restriction &entry_of(std::string_view mac);
+    void index();
     std::size_t place(std::size_t older) const { return entries_.size() - 1 - older; }
 
     std::deque<restriction> entries_;

@@ -1,6 +1,5 @@
 #pragma once
-/// When to try again what the platform refused: after 10 s, then after twice as long each time, up to 5
-/// minutes.
+/// When to try again what was refused: after 10 s, then after twice as long each time, up to 5 minutes.
 
 #include <algorithm>
 
@@ -15,17 +14,21 @@ class retry {
         delay_s_ = delay_s_ == 0 ? first_s : std::min(2 * delay_s_, longest_s);
         due_ = now + delay_s_;
     }
-    /// There was no time to try it.
-    void put_off(long now) { due_ = now + first_s; }
-    bool was_refused() const { return delay_s_ > 0; }
+    /// There was no time to try it: it waits, and keeps its place before what became due later.
+    void put_off(long now) { put_off_until_ = now + first_s; }
+    bool is_due(long now) const { return now >= next(); }
+    /// Since when it has been due, or when it will be; 0 for what was never refused.
+    long due() const { return due_; }
     /// Seconds until it is to be tried again, at least one.
-    int remaining(long now) const { return static_cast<int>(std::max(1L, due_ - now)); }
+    int remaining(long now) const { return static_cast<int>(std::max(1L, next() - now)); }
 
   private:
     static constexpr int first_s = 10, longest_s = 300;
 
+    long next() const { return std::max(due_, put_off_until_); }
+
     int delay_s_ = 0;
-    long due_ = 0;
+    long due_ = 0, put_off_until_ = 0;
 };
 
 }  // namespace arvok::access

@@ -1,7 +1,9 @@
 #include "access/rule_store.h"
 
+#include <algorithm>
 #include <optional>
 #include <utility>
+#include <variant>
 
 #include "base/files.h"
 #include "base/log.h"
@@ -9,15 +11,11 @@
 namespace arvok::access {
 namespace {
 
-constexpr char schedule_file[] = "extcc-lht.cfg";
-constexpr char restriction_file[] = "extcc-lhpc.cfg";
-constexpr char free_file[] =
+constexpr char schedules_name[] = "extcc-lht.cfg";
+constexpr char restrictions_name[] = "extcc-lhpc.cfg";
+constexpr char free_name[] =
     "extcc-lhf.cfg";  // of hosts to be freed, one a line; there only while there are some
 constexpr std::size_t file_max = std::size_t{16} << 20;  // far beyond what is ever written
-
-std::string content(const std::string &path) {
-    return read_file(path, file_max).value_or("");
-}
 
 bool grows_beyond(std::size_t max, std::size_t before, std::size_t now) {
     return now > max && now > before;
@@ -26,35 +24,71 @@ bool grows_beyond(std::size_t max, std::size_t before, std::size_t now) {
 }  // namespace
 
 rule_store::rule_store(const std::string &folder)
-    : schedule_path_(folder + schedule_file),
-      restriction_path_(folder + restriction_file),
-      free_path_(folder + free_file) {
-    rules_.times.load(content(schedule_path_));
-    rules_.limits.load(content(restriction_path_));
-    rules_.to_free.load(content(free_path_));
+    : schedule_file_{folder + schedules_name},
+      restriction_file_{folder + restrictions_name},
+      free_file_{folder + free_name} {
+    load();
+}
+
+template <typename Rules>
+void rule_store::read(rule_file &file, Rules &rules) {
+    if (file.is_known)
+        return;
+    const file_content content = read_file(file.path, file_max);
+    if (const auto *failed = std::get_if<unreadable_file>(&content)) {
+        why_unknown_ = failed->why;
+        is_loaded_ = false;
+        if (!std::exchange(file.is_told, true))
+            log_printf("[ERROR] extcc: failed to read %s %s\n", file.path.c_str(), why_unknown_.c_str());
+        return;
+    }
+    file.is_known = true;
+    if (const auto *text = std::get_if<std::string>(&content))
+        rules.load(*text);
+}
+
+// A host that was blocked is not to be freed any more, also when the power went before its file said so.
+bool rule_store::load() {
+    if (is_loaded_)
+        return true;
+    is_loaded_ = true;
+    read(schedule_file_, rules_.times);
+    read(restriction_file_, rules_.limits);
+    read(free_file_, rules_.to_free);
+    const std::size_t before = rules_.to_free.size();
+    for (const restriction &entry : rules_.limits.entries())
+        if (entry.blocks())
+            rules_.to_free.remove(host_id(entry.mac));
+    free_file_is_old_ |= rules_.to_free.size() < before;
+    return is_loaded_;
 }
 
 // What went wrong, or nothing.
-std::optional<std::string> rule_store::save_hosts_to_free(const hosts_to_free &hosts) {
-    auto why = hosts.empty() ? remove_file(free_path_) : save_file(free_path_, hosts.text());
-    free_file_is_old_ = why.has_value();
-    return why;
+std::optional<std::string> rule_store::save_hosts_to_free(const hosts_to_free &hosts) const {
+    return hosts.empty() ? remove_file(free_file_.path) : save_file(free_file_.path, hosts.text());
 }
 
-// More hosts to be freed go first, and those that are no more go at the next look: one too many among them
-// says nothing as long as its rule stands, but one too few stays restricted for good when the power goes in
-// between.
+// More hosts to be freed go first, and those that are no more go last: one too many among them says nothing
+// as long as its rule stands, but one too few stays restricted for good when the power goes in between. What
+// the disk refuses then is done at the next look.
 std::optional<std::string> rule_store::save(const hosts_to_free &to_free, const std::string &path,
                                             const std::string &text) {
+    if (!is_loaded_)
+        return why_unknown_;
     hosts_to_free either = rules_.to_free;
     either.add(to_free);
-    const bool others_to_free = free_file_is_old_ || either != rules_.to_free;
-    auto why = others_to_free ? save_hosts_to_free(either) : std::nullopt;
-    if (!why && (why = save_file(path, text)) && others_to_free)
-        save_hosts_to_free(rules_.to_free);
-    if (!why && either != to_free)
-        free_file_is_old_ = true;
-    return why;
+    if (free_file_is_old_ || either != rules_.to_free) {
+        if (auto why = save_hosts_to_free(either))
+            return why;
+        free_file_is_old_ = either != rules_.to_free;
+    }
+    if (auto why = save_file(path, text)) {
+        if (free_file_is_old_)
+            free_file_is_old_ = save_hosts_to_free(rules_.to_free).has_value();
+        return why;
+    }
+    free_file_is_old_ = either != to_free && save_hosts_to_free(to_free);
+    return std::nullopt;
 }
 
 stored rule_store::set_schedule(host_schedule fresh, bool free) {
@@ -66,8 +100,9 @@ stored rule_store::set_schedule(host_schedule fresh, bool free) {
         to_free.add(id);
     if (grows_beyond(rules_max, rules_.times.size(), rules_.times.size() - before + now))
         return stored::too_many;
-    if (const auto why = save(to_free, schedule_path_, rules_.times.text_with(fresh))) {
-        log_printf("[ERROR] set_lanhost_timer: failed to save %s %s\n", schedule_path_.c_str(), why->c_str());
+    if (const auto why = save(to_free, schedule_file_.path, rules_.times.text_with(fresh))) {
+        log_printf("[ERROR] set_lanhost_timer: failed to save %s %s\n", schedule_file_.path.c_str(),
+                   why->c_str());
         return stored::not_saved;
     }
     rules_.to_free = std::move(to_free);
@@ -76,10 +111,13 @@ stored rule_store::set_schedule(host_schedule fresh, bool free) {
 }
 
 stored rule_store::set_restrictions(restrictions limits, hosts_to_free to_free) {
-    if (grows_beyond(hosts_max, rules_.limits.entries().size(), limits.entries().size()))
+    const std::size_t before = rules_.limits.entries().size();
+    limits.make_room(std::max(hosts_max, before), rules_.limits);
+    if (grows_beyond(hosts_max, before, limits.entries().size()))
         return stored::too_many;
-    if (const auto why = save(to_free, restriction_path_, limits.text())) {
-        log_printf("[ERROR] %s: failed to save _save_pr_cfg %s\n", restriction_path_.c_str(), why->c_str());
+    if (const auto why = save(to_free, restriction_file_.path, limits.text())) {
+        log_printf("[ERROR] %s: failed to save _save_pr_cfg %s\n", restriction_file_.path.c_str(),
+                   why->c_str());
         return stored::not_saved;
     }
     rules_.limits = std::move(limits);
@@ -108,8 +146,9 @@ bool rule_store::freed(const std::vector<host_id> &ids) {
     if (ids.empty() && !free_file_is_old_)
         return true;
     const auto why = save_hosts_to_free(rules_.to_free);
+    free_file_is_old_ = why.has_value();
     if (why && !refusal_is_told_)
-        log_printf("[ERROR] extcc: failed to save %s %s\n", free_path_.c_str(), why->c_str());
+        log_printf("[ERROR] extcc: failed to save %s %s\n", free_file_.path.c_str(), why->c_str());
     refusal_is_told_ = why.has_value();
     return !why;
 }

@@ -36,16 +36,22 @@ class rule_store {
     /// it is kept and does not grow.
     static constexpr std::size_t rules_max = 16384, hosts_max = hosts_to_free::max;
 
-    /// Loads the files of the folder, which ends with a slash. A missing file holds nothing.
+    /// Loads the files of the folder, which ends with a slash. A missing file holds nothing. One that cannot
+    /// be read, which the log says once, says nothing of what it holds: as long as there is one, no change is
+    /// stored.
     explicit rule_store(const std::string &folder);
     rule_store(const rule_store &) = delete;
     rule_store &operator=(const rule_store &) = delete;
 
+    /// Reads the files that could not be read yet. Whether all are known.
+    bool load();
+    bool is_loaded() const { return is_loaded_; }
     const rule_set &rules() const { return rules_; }
 
     /// Puts a schedule in the place of its host's; `free` also has the host freed.
     stored set_schedule(host_schedule fresh, bool free);
-    /// Puts the drafts in the place of what there is.
+    /// Puts the drafts in the place of what there is. When they are too many, the oldest that restrict
+    /// nothing make room.
     stored set_restrictions(restrictions limits, hosts_to_free to_free);
 
     /// Marks every restriction as to be applied.
@@ -56,17 +62,25 @@ class rule_store {
     /// These hosts are free. False while the disk refuses to say so, which the log says once; to be called
     /// again then, also without hosts.
     bool freed(const std::vector<host_id> &ids);
-    /// Whether the file of the hosts to be freed holds more than these.
+    /// Whether the file of the hosts to be freed holds others than these.
     bool is_behind() const { return free_file_is_old_; }
 
   private:
-    std::optional<std::string> save_hosts_to_free(const hosts_to_free &hosts);
+    struct rule_file {
+        std::string path;
+        bool is_known = false, is_told = false;
+    };
+
+    template <typename Rules>
+    void read(rule_file &file, Rules &rules);
     std::optional<std::string> save(const hosts_to_free &to_free, const std::string &path,
                                     const std::string &text);
+    std::optional<std::string> save_hosts_to_free(const hosts_to_free &hosts) const;
 
-    const std::string schedule_path_, restriction_path_, free_path_;
+    rule_file schedule_file_, restriction_file_, free_file_;
     rule_set rules_;
-    bool free_file_is_old_ = false, refusal_is_told_ = false;
+    std::string why_unknown_;  ///< of a file, by the last try
+    bool is_loaded_ = false, free_file_is_old_ = false, refusal_is_told_ = false;
 };
 
 }  // namespace arvok::access

@@ -100,9 +100,11 @@ void apply_test_mode(options &chosen, const std::string &marker) {
     if (!file_exists(marker))
         return;
     chosen.debug = true;
-    std::string address = read_file(marker, marker_max).value_or("");
+    const file_content content = read_file(marker, marker_max);
+    const auto *text = std::get_if<std::string>(&content);
+    std::string_view address = text ? std::string_view(*text) : std::string_view();
     if (address.ends_with('\n'))
-        address.pop_back();
+        address.remove_suffix(1);
     if (address.empty())
         return;
     chosen.gateway_address = cut(until_zero(address), gateway_address_max);

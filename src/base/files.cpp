@@ -17,16 +17,23 @@ namespace {
 
 constexpr int control_line_max = 1024;
 
-std::string read_whole(std::FILE *file, std::size_t size) {
-    std::string content;
+// What stands in a file's place may be anything: nobody waits for the other end of a pipe.
+descriptor open_there(const std::string &path) {
+    return descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+}
+
+// Adds what there is, up to `size` bytes in all. False when the system refuses.
+bool read_all(int fd, std::size_t size, std::string &content) {
     char part[4096];
     while (content.size() < size) {
-        const std::size_t read = std::fread(part, 1, std::min(sizeof part, size - content.size()), file);
-        if (read == 0)
-            break;
-        content.append(part, read);
+        const ssize_t count = read(fd, part, std::min(sizeof part, size - content.size()));
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            return count == 0;
+        content.append(part, static_cast<std::size_t>(count));
     }
-    return content;
+    return true;
 }
 
 // --- saving; each returns 0 or the system's error number ---
@@ -81,11 +88,6 @@ std::string copy_path(const std::string &path) {
     return path + ".bk";
 }
 
-// What stands in the file's place may be anything: nobody waits for the other end of a pipe.
-descriptor open_old(const std::string &path) {
-    return descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-}
-
 // A file system that cannot do that with a folder has no need to.
 int sync_folder(const descriptor &folder) {
     return fsync(folder.get()) == 0 || errno == EINVAL ? 0 : errno;
@@ -93,18 +95,15 @@ int sync_folder(const descriptor &folder) {
 
 // Puts back what a descriptor still has of the file that was there; nobody is told when that fails as well.
 void put_back(const std::string &path, const descriptor &old) {
-    std::string content;
-    char part[4096];
-    struct stat is {};
-    if (old)
-        fstat(old.get(), &is);
-    for (ssize_t size;
-         static_cast<off_t>(content.size()) < is.st_size && (size = read(old.get(), part, sizeof part)) > 0;)
-        content.append(part, static_cast<std::size_t>(size));
-    if (old)
-        replace(path, copy_path(path), content);
-    else
+    if (!old) {
         unlink(path.c_str());
+        return;
+    }
+    std::string content;
+    struct stat is {};
+    fstat(old.get(), &is);
+    if (read_all(old.get(), static_cast<std::size_t>(is.st_size), content))
+        replace(path, copy_path(path), content);
 }
 
 std::optional<std::string> reason_of(int error) {
@@ -117,15 +116,23 @@ bool file_exists(const std::string &path) {
     return access(path.c_str(), F_OK) == 0;
 }
 
-std::optional<std::string> read_file(const std::string &path, std::size_t size) {
-    const file_handle file(std::fopen(path.c_str(), "re"));
-    if (!file)
-        return std::nullopt;
-    return read_whole(file.get(), size);
+file_content read_file(const std::string &path, std::size_t size) {
+    const descriptor file = open_there(path);
+    struct stat is {};
+    std::string content;
+    if (!file && errno == ENOENT)
+        return no_file();
+    if (!file || fstat(file.get(), &is) != 0)
+        return unreadable_file{std::strerror(errno)};
+    if (!S_ISREG(is.st_mode))
+        return no_file();
+    if (!read_all(file.get(), size, content))
+        return unreadable_file{std::strerror(errno)};
+    return content;
 }
 
 std::optional<std::string> save_file(const std::string &path, std::string_view content) {
-    const descriptor old = open_old(path);
+    const descriptor old = open_there(path);
     if (!old && errno != ENOENT)
         return reason_of(errno);
     const descriptor folder = open_folder_of(path);
@@ -138,7 +145,7 @@ std::optional<std::string> save_file(const std::string &path, std::string_view c
 }
 
 std::optional<std::string> remove_file(const std::string &path) {
-    const descriptor old = open_old(path);
+    const descriptor old = open_there(path);
     if (!old)
         return errno == ENOENT ? std::nullopt : reason_of(errno);
     const descriptor folder = open_folder_of(path);

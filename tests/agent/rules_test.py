@@ -121,6 +121,7 @@ class Holding(RulesCase):
         self.block(PHONE)
         self.wait_for_host(PHONE, internetaccess=0)
         self.patch({"laninfo": {PHONE: {"internetaccess": 2}}})
+        self.agent.seen = len(self.agent.lines())
         self.schedule(TABLET)
         self.agent.expect("extcc next check is")
         self.assertEqual(self.access(PHONE), [2])

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 
@@ -148,14 +146,131 @@ TEST_F(Restrictions, AreAppliedBesideHostsThatThePlatformDoesNotAnswerFor) {
     EXPECT_EQ(std::count_if(device.hosts.begin(), device.hosts.end(), is_blocked), 40);
 }
 
-TEST_F(Restrictions, AreAppliedThoughOneHostAfterAnotherCalls) {
-    EXPECT_EQ(internet(x_is(1)), saved);
-    for (int call = 0; call < 3; call++) {
-        usleep(150000);
-        on_->host_appeared();
+// Two hosts whose records nobody answers for, and one behind them.
+class Silence : public Restrictions {
+  protected:
+    void SetUp() override {
+        Restrictions::SetUp();
+        device.hosts = {{"02C0FFEE0001"}, {"02C0FFEE0002"}, {"02C0FFEE0003"}};
+        device.silent_hosts = 3;
+        const char *rest =
+            R"(,{"MAC":"02C0FFEE0002","InternetAccess":"0"},{"MAC":"02C0FFEE0003","InternetAccess":"0"})";
+        EXPECT_EQ(internet(x_is(0) + rest), saved);
     }
-    uloop_run_timeout(0);
+    // Second by second; which records were written meanwhile.
+    std::vector<unsigned> in(int seconds) {
+        device.written.clear();
+        for (const int end = passed() + seconds; passed() < end;)
+            pass(1);
+        return device.written;
+    }
+    static std::size_t count(const std::vector<unsigned> &written, unsigned host) {
+        return static_cast<std::size_t>(std::count(written.begin(), written.end(), host));
+    }
+};
+
+TEST_F(Silence, OfSomeHostsCostsTheOthersNothing) {
+    in(60);
+    device.silent_hosts = 2;
+    in(60);
+    EXPECT_EQ(device.hosts[2].access, 0);
+    // Each of the others has its own pauses, up to five minutes.
+    in(600);
+    const auto written = in(1800);
+    for (const unsigned host : {1, 2, 3})
+        EXPECT_NEAR(static_cast<double>(count(written, host)), host < 3 ? 6 : 0, host < 3 ? 1 : 0) << host;
+}
+
+TEST_F(Silence, IsNotBrokenBeforeItsTimeWhoeverCalls) {
+    in(900);
+    while (in(1).empty()) {
+    }
+    in(20);
+    device.written.clear();
+    for (int call = 0; call < 20; call++) {
+        on_->host_appeared();
+        pass(2);
+    }
+    EXPECT_TRUE(device.written.empty());
+    // What is wanted anew does not wait for what was refused.
+    EXPECT_EQ(internet(x_is(1)), saved);
+    pass(1);
+    EXPECT_EQ(device.written, std::vector<unsigned>{1});
+    EXPECT_EQ(internet(x_is(1)), saved);
+    pass(1);
+    EXPECT_EQ(device.written, std::vector<unsigned>{1});
+    device.silent_hosts = 0;
+    in(300);
+    for (const fake_host &host : device.hosts)
+        EXPECT_EQ(host.access, host.mac == "02C0FFEE0001" ? 1 : 0);
+}
+
+// Two hundred milliseconds after the last of some, and at the latest a second after the first.
+TEST_F(Restrictions, AreAppliedWhenHostsHaveCome) {
+    EXPECT_EQ(internet(x_is(1)), saved);
+    pass_ms(100);
+    on_->host_appeared();
+    pass_ms(150);
+    EXPECT_EQ(device.hosts[0].access, 0);
+    pass_ms(60);
     EXPECT_EQ(device.hosts[0].access, 1);
+    EXPECT_EQ(internet(x_is(2)), saved);
+    for (int call = 0; call < 6; call++) {
+        on_->host_appeared();
+        pass_ms(150);
+    }
+    EXPECT_EQ(device.hosts[0].access, 1);
+    on_->host_appeared();
+    pass_ms(110);
+    EXPECT_EQ(device.hosts[0].access, 2);
+    const int calls = device.calls;
+    pass(2);
+    EXPECT_EQ(device.calls, calls);
+}
+
+// Who changes a record afterwards may: only a command about restrictions or an arrival asks for them.
+TEST_F(Restrictions, AreLeftAloneByWhatIsNotAboutThem) {
+    device.hosts.push_back({"02C0FFEE0003"});
+    EXPECT_EQ(internet(x_is(0)), saved);
+    pass(1);
+    device.hosts[0].access = 1;
+    const auto is_left = [this](int seconds) {
+        const int calls = device.calls;
+        pass(seconds);
+        EXPECT_GT(device.calls, calls);  // somebody has looked
+        EXPECT_EQ(device.hosts[0].access, 1);
+    };
+    EXPECT_EQ(ask("SET_LANHOST_TIMER", R"({"MAC":"02C0FFEE0003","Info":[
+        {"Mode":"0","StartTime":"12:10","EndTime":"12:20","Enable":"1"}]})"),
+              saved);
+    is_left(1);
+    is_left(600);
+    EXPECT_EQ(device.hosts[1].access, 1);
+    on_->look_at_clock();
+    EXPECT_EQ(device.hosts[0].access, 1);
+    EXPECT_EQ(ask("SET_LANHOST_TIMER", R"({"MAC":"02C0FFEE0003","Info":[]})"), saved);
+    is_left(1);
+    arrival();
+    EXPECT_EQ(device.hosts[0].access, 0);
+}
+
+// A command that the disk refuses leaves nothing to be made good: the file is as it was.
+TEST_F(Restrictions, ThatCannotBeStoredAreRefusedOnce) {
+    device.hosts.clear();
+    put({{"extcc-lhf.cfg", "02C0FFEE0002\n"}});
+    restart();
+    take_log();
+    disk = {.failing = 0, .error = ENOSPC, .repeated = true};
+    EXPECT_EQ(ask("SET_LANHOST_TIMER", R"({"MAC":"02C0FFEE0001","Info":[]})"),
+              R"({"FailReason":"save failed","Status":"-1"})");
+    arrival();
+    pass(60);
+    disk = {};
+    arrival();
+    const std::string log = take_log();
+    EXPECT_TRUE(contains(log, "[ERROR]"));
+    EXPECT_EQ(log.find("[ERROR]"), log.rfind("[ERROR]")) << log;
+    EXPECT_EQ(content(), (files{{"extcc-lhf.cfg", "02C0FFEE0002\n"}}));
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 /// Rules in a folder of their own, on a device that is made up.
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
@@ -89,6 +91,20 @@ class Commands : public RuleFaults {
         if (prepared.contains("extcc-gst-idx.cfg"))
             device.guests[5] = true;
         take_log();
+    }
+    // The power goes before system call `n` of a command. Whether there is one.
+    bool power_goes(int n, const command &asked) const {
+        const pid_t child = fork();
+        if (child == 0) {
+            rules on([] { return now; }, folder_);
+            disk = {.failing = n, .error = 0};
+            answer_of(on, asked);
+            _exit(1);
+        }
+        int status = 0;
+        EXPECT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFEXITED(status)) << status;
+        return WIFEXITED(status) && WEXITSTATUS(status) == 0;
     }
 };
 

@@ -26,7 +26,7 @@ std::time_t now;
 
 namespace {
 
-std::int64_t ahead_s;
+std::int64_t ahead_ms;
 std::string log_so_far;
 
 __attribute__((format(printf, 1, 2))) void add_to_log(const char *text, ...) {
@@ -87,9 +87,17 @@ qzcap_wifi_ap *interface(unsigned index) {
 
 void pass(int seconds) {
     now += seconds;
-    ahead_s += seconds;
+    pass_ms(seconds * 1000);
+}
+
+void pass_ms(int milliseconds) {
+    ahead_ms += milliseconds;
     for (int turn = 0; turn < 3; turn++)
         uloop_run_timeout(0);
+}
+
+int passed() {
+    return static_cast<int>(ahead_ms / 1000);
 }
 
 std::string take_log() {
@@ -112,18 +120,22 @@ constexpr long clock_call = SYS_clock_gettime;
 
 int clock_gettime(clockid_t clock, timespec *time) noexcept {
     const long result = syscall(clock_call, clock, time);
-    if (clock == CLOCK_MONOTONIC)
-        time->tv_sec += static_cast<std::time_t>(ahead_s);
+    if (clock == CLOCK_MONOTONIC) {
+        const long nanoseconds = time->tv_nsec + static_cast<long>(ahead_ms % 1000) * 1000000;
+        time->tv_sec += static_cast<std::time_t>(ahead_ms / 1000 + nanoseconds / 1000000000);
+        time->tv_nsec = nanoseconds % 1000000000;
+    }
     return static_cast<int>(result);
 }
 
 int sysinfo(struct sysinfo *info) noexcept {
     const long result = syscall(SYS_sysinfo, info);
-    info->uptime += static_cast<long>(ahead_s);
+    info->uptime += passed();
     return static_cast<int>(result);
 }
 
 int __real_open(const char *path, int flags, ...);
+ssize_t __real_read(int fd, void *bytes, size_t size);
 ssize_t __real_write(int fd, const void *bytes, size_t size);
 int __real_close(int fd);
 int __real_rename(const char *from, const char *to);
@@ -135,6 +147,9 @@ int __wrap_open(const char *path, int flags, ...) {
     const int bits = flags & O_CREAT ? va_arg(mode, int) : 0;
     va_end(mode);
     return disk_fails("open") ? -1 : __real_open(path, flags, bits);
+}
+ssize_t __wrap_read(int fd, void *bytes, size_t size) {
+    return disk_fails("read") ? -1 : __real_read(fd, bytes, size);
 }
 // A disk that is full takes a part first.
 ssize_t __wrap_write(int fd, const void *bytes, size_t size) {
@@ -179,7 +194,8 @@ int qzcap_list_laninfo(unsigned *count, qzcap_laninfo ***list) {
 
 int qzcap_set_laninfo(uint32_t index, const qzcap_laninfo *record, char **why) {
     const bool silent = index <= static_cast<unsigned>(device.silent_hosts);
-    ahead_s += silent ? 3 : 0;
+    ahead_ms += silent ? 3000 : 0;
+    device.written.push_back(index);
     const bool refused = is_refused() || silent;
     if (!refused)
         device.hosts.at(index - 1) = {record->mac, record->internetaccess, record->uplimit,

@@ -21,6 +21,7 @@ struct fake_platform {
     int calls = 0;                      ///< so far
     int refused = -1;                   ///< this one is, counted from 0
     int silent_hosts = 0;               ///< so many of the first hosts' records are refused after a time-out
+    std::vector<unsigned> written{};    ///< hosts whose records were to be, counted from 1
 };
 extern fake_platform device;
 
@@ -38,6 +39,9 @@ extern fake_disk disk;
 extern std::time_t now;
 /// Lets time pass, and the loop do what is due then.
 void pass(int seconds);
+void pass_ms(int milliseconds);
+/// Seconds that have passed, also in the calls of a platform that does not answer.
+int passed();
 /// What was logged since the last call.
 std::string take_log();
 

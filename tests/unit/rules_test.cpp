@@ -136,9 +136,9 @@ TEST_F(Rules, BlockingAndRatesComeBackReversed) {
     all.drop(restricts_internet);
     EXPECT_EQ(told(all), "D 0 0 0 0;B 1 0 1 2;A 1 2 10 20;");
     all.entry_with(restricts_internet, "a").internet = 1;
-    EXPECT_EQ(told(all), "D 0 0 0 0;B 1 0 1 2;A 3 1 10 20;");
+    EXPECT_EQ(told(all), "D 0 0 0 0;B 1 0 1 2;a 3 1 10 20;");  // as it was given last
     all.entry_with(restricts_rate, "1234567890123456").up_limit = 7;
-    EXPECT_EQ(told(all), "123456789012345 1 0 0 7;D 0 0 0 0;B 1 0 1 2;A 3 1 10 20;");
+    EXPECT_EQ(told(all), "123456789012345 1 0 0 7;D 0 0 0 0;B 1 0 1 2;a 3 1 10 20;");
     EXPECT_EQ(told(store.rules().limits),
               "D 0 0 0 0;123456789012345 2 0 0 0;C 2 1 0 0;B 1 0 1 2;A 3 2 10 20;");
 }
@@ -166,6 +166,29 @@ TEST_F(Rules, ThereIsAnEndToWhatIsKept) {
     limits.entry_with(restricts_rate, "more");
     EXPECT_EQ(store.set_restrictions(limits, {}), stored::too_many);
     EXPECT_EQ(store.rules().limits.entries().size(), rule_store::hosts_max);
+    // What restricts nothing makes room, the oldest first, but not what has yet to lift a limit.
+    limits.entry_with(restricts_rate, "0").up_limit = 0;
+    EXPECT_EQ(store.set_restrictions(limits, {}), stored::too_many);
+    limits = store.rules().limits;
+    for (const char *host : {"2", "1"})
+        limits.entry_with(restricts_rate, host).up_limit = 0;
+    EXPECT_EQ(store.set_restrictions(limits, {}), stored::done);
+    for (const char *host : {"X", "Y"}) {
+        limits.entry_with(restricts_internet, host).internet = 0;
+        EXPECT_EQ(store.set_restrictions(limits, {}), stored::done);
+        limits = store.rules().limits;
+    }
+    EXPECT_EQ(limits.entries().size(), rule_store::hosts_max);
+    EXPECT_TRUE(limits.find(host_id("0")) && limits.find(host_id("3")) && limits.blocks(host_id("X")));
+    EXPECT_FALSE(limits.find(host_id("1")) || limits.find(host_id("2")));
+    for (int i = 0; i < 3; i++)
+        limits.entry_with(restricts_internet, "FREE" + std::to_string(i)).internet = unrestricted;
+    limits.entry_with(restricts_internet, "Z").internet = 0;
+    EXPECT_EQ(store.set_restrictions(limits, {}), stored::too_many);
+    limits = store.rules().limits;
+    for (int i = 0; i < 3; i++)
+        limits.entry_with(restricts_internet, "FREE" + std::to_string(i)).internet = unrestricted;
+    EXPECT_EQ(store.set_restrictions(limits, {}), stored::done);  // they restrict nothing, kept or not
     // Nobody is refused for hosts that never come back: the one that is away the longest gives its place.
     std::string away;
     for (std::size_t i = 0; i < hosts_to_free::max; i++)

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/sysinfo.h>
 #include <unistd.h>
 
@@ -181,13 +182,23 @@ class Files : public ::testing::Test {
 
 TEST_F(Files, AreReadAndReplacedWhole) {
     EXPECT_FALSE(file_exists(path_));
-    EXPECT_EQ(read_file(path_, 4), std::nullopt);
-    const std::string content("01\0xxx", 6);
+    EXPECT_EQ(read_file(path_, 4), file_content(no_file()));
+    EXPECT_EQ(read_file(path_ + "/none", 4), file_content(no_file()));
+    const std::string content = std::string("01\0xxx", 6) + std::string(10000, 'y');
     EXPECT_EQ(save_file(path_, content), std::nullopt);
-    EXPECT_EQ(read_file(path_, 4), content.substr(0, 4));
-    EXPECT_EQ(read_file(path_, 99), content);
+    EXPECT_EQ(read_file(path_, 4), file_content(content.substr(0, 4)));
+    EXPECT_EQ(read_file(path_, 99999), file_content(content));
     EXPECT_EQ(save_file(path_, "x"), std::nullopt);
-    EXPECT_EQ(read_file(path_, 99), "x");
+    EXPECT_EQ(read_file(path_, 99), file_content("x"));
+    // What may be there all the same is not taken for nothing.
+    EXPECT_EQ(read_file(path_ + "/none", 99), file_content(unreadable_file{"Not a directory"}));
+    // Nobody waits for the other end of a pipe.
+    const std::string pipe = folder_ + "/pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    alarm(10);
+    EXPECT_EQ(read_file(pipe, 99), file_content(no_file()));
+    alarm(0);
+    EXPECT_EQ(remove_file(pipe), std::nullopt);
     EXPECT_EQ(save_file(path_ + "/none", "x"), "Not a directory");
     for (int i = 0; i < 2; i++)
         EXPECT_EQ(remove_file(path_), std::nullopt);

@@ -102,7 +102,9 @@ TEST_F(Tasks, SlowWorkRunsAsideAndCompletesOnTheLoopWhenThereIsRoom) {
     ::testing::internal::GetCapturedStderr();
     EXPECT_TRUE(queue_->run_aside(make_task([&] { aside = gettid(); }), make_task(record(2))));
     EXPECT_TRUE(eventually([&] {  // in its wait for room
-        return contains(read_file(format("/proc/self/task/%d/stat", aside.load()), 64).value_or(""), ") S ");
+        const file_content state = read_file(format("/proc/self/task/%d/stat", aside.load()), 64);
+        const auto *text = std::get_if<std::string>(&state);
+        return text && contains(*text, ") S ");
     }));
     EXPECT_NE(aside, gettid());
     run_until(posted + 1);
