@@ -243,7 +243,7 @@ class Hosts(ExtendedCase):
         self.wait_for_host(TABLET, uplimit=7, downlimit=2147483647, internetaccess=2)
         self.assertEqual(self.host(DESK, "uplimit", "downlimit"), (-2147483648, 0))
         self.check(ask, {}, told((TABLET, "7", "2147483647", "True"), (DESK, "-2147483648", "0", "True")))
-        kept = "%s|1|0|2147483647|7\n%s|1|0|0|0\n%s|1|0|0|2147483648\n" % (TABLET, PHONE, DESK)
+        kept = "%s|1|0|2147483647|7\n%s|1|0|0|0\n%s|1|0|0|2147483648\n" % (TABLET, PHONE.lower(), DESK)
         self.assertEqual(self.file(PARENT), kept)
         wrong = ("2147483649", "-1", "", "1.5", "99999999999999999999")
         for member, reason, status in (("MAC", "MAC not found", "-202"), ("MaxUSBandwidth", "invalid US", "-1"),
@@ -257,7 +257,7 @@ class Hosts(ExtendedCase):
         before = self.dump()["ParentRules"]
         self.assertEqual(json.dumps(before), json.dumps([
             {"mac": TABLET, "dsbandwidth": 9, "usbandwidth": 8, "internetaccess": 0, "Exec": "True"},
-            {"mac": PHONE, "dsbandwidth": 0, "usbandwidth": 0, "Exec": "True"},
+            {"mac": PHONE.lower(), "dsbandwidth": 0, "usbandwidth": 0, "Exec": "True"},
             {"mac": DESK, "dsbandwidth": 0, "usbandwidth": -2147483648, "Exec": "True"}]))
         self.restart()
         self.assertEqual(self.dump()["ParentRules"], [{**rule, "Exec": "False"} for rule in before[::-1]])

@@ -300,9 +300,12 @@ class Clock(ExtendedCase):
                                           "SSIDHide": "0"}])
         self.ask("SET_GUEST_WIFI_CLOSE_TIMER", Info=[{"LastTime": "60", "Enable": "1"}])
         wait_until(lambda: "GuestNextCheck" in self.dump(), self.dump)
-        # A day back the time has not begun: closed until it does. A day ahead it is over, for good.
-        for time, value in (("2026-11-18 00:00:00", "no"), ("2026-11-18 23:00:05", "yes"),
-                            ("2026-11-19 23:00:00", "no")):
+        # A day back the clock tells nothing: it stays open, until the time is known. A day ahead it is over, for good.
+        self.clock("2026-11-18 00:00:00")
+        wait_until(lambda: int(self.dump()["GuestNextCheck"].split("s")[0]) <= 60, self.dump)
+        self.assertEqual(enabled(), "yes")
+        self.patch({"wifi_ap": {"2.4G": {"5": {"enable": "no"}}}})
+        for time, value in (("2026-11-18 23:00:05", "yes"), ("2026-11-19 23:00:00", "no")):
             with self.subTest(time=time):
                 self.clock(time)
                 wait_until(lambda: enabled() == value, self.dump)

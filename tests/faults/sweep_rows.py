@@ -231,7 +231,11 @@ def block(t):
     """Whether the rule of a blocked host has been carried out."""
     applied(t, "qzcap_list_laninfo", "SET_LANHOST_INTERNET", Info=[{"MAC": DESK, "InternetAccess": "0"}])
     done = t.ask_app("GET_LANHOST_INTERNET")["Info"][0]["Exec"]
+    # Until it is known that nothing is wanted any more, what was refused waits for its time.
+    looks = lambda: t.agent.lines().count("extcc next check is ")
+    before = looks()
     t.ask_app("SET_LANHOST_INTERNET", Info=[])
+    wait_until(lambda: looks() > before, "a look")
     return done
 
 
