@@ -68,9 +68,9 @@ std::optional<std::string> rule_store::save_hosts_to_free(const hosts_to_free &h
     return hosts.empty() ? remove_file(free_file_.path) : save_file(free_file_.path, hosts.text());
 }
 
-// More hosts to be freed go first, and those that are no more go last: one too many among them says nothing
-// as long as its rule stands, but one too few stays restricted for good when the power goes in between. What
-// the disk refuses then is done at the next look.
+// More hosts to be freed go first: one too few stays restricted for good when the power goes in between.
+// Those that are no more go at the next look or command, whichever is first. One too many until then says
+// nothing: it is blocked, and load() knows that as well.
 std::optional<std::string> rule_store::save(const hosts_to_free &to_free, const std::string &path,
                                             const std::string &text) {
     if (!is_loaded_)
@@ -87,7 +87,7 @@ std::optional<std::string> rule_store::save(const hosts_to_free &to_free, const 
             free_file_is_old_ = save_hosts_to_free(rules_.to_free).has_value();
         return why;
     }
-    free_file_is_old_ = either != to_free && save_hosts_to_free(to_free);
+    free_file_is_old_ = either != to_free;
     return std::nullopt;
 }
 

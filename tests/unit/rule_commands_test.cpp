@@ -170,6 +170,11 @@ class Silence : public Restrictions {
 };
 
 TEST_F(Silence, OfSomeHostsCostsTheOthersNothing) {
+    // There was no time for the third. It waits, though somebody comes, and is first then.
+    EXPECT_EQ(in(1), (std::vector<unsigned>{1, 2}));
+    on_->host_appeared();
+    EXPECT_EQ(in(5), std::vector<unsigned>{});
+    EXPECT_EQ(in(9), (std::vector<unsigned>{1, 3, 2}));
     in(60);
     device.silent_hosts = 2;
     in(60);
@@ -203,6 +208,18 @@ TEST_F(Silence, IsNotBrokenBeforeItsTimeWhoeverCalls) {
     in(300);
     for (const fake_host &host : device.hosts)
         EXPECT_EQ(host.access, host.mac == "02C0FFEE0001" ? 1 : 0);
+}
+
+TEST_F(Silence, OfTheListHasItsOwnPauses) {
+    in(60);
+    device.lists_hosts = false;
+    on_->host_appeared();
+    const int calls = device.calls;
+    in(600);
+    EXPECT_NEAR(device.calls - calls, 7, 1);
+    device.lists_hosts = true;
+    device.silent_hosts = 0;
+    EXPECT_EQ(in(301), (std::vector<unsigned>{1, 2, 3}));
 }
 
 // Two hundred milliseconds after the last of some, and at the latest a second after the first.

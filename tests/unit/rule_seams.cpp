@@ -178,7 +178,7 @@ int __wrap_unlink(const char *path) {
 // --- the platform library ---
 
 int qzcap_list_laninfo(unsigned *count, qzcap_laninfo ***list) {
-    if (is_refused())
+    if (is_refused() || !device.lists_hosts)
         return -1;
     std::vector<qzcap_laninfo *> records;
     for (const fake_host &host : device.hosts) {
