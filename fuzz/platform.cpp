@@ -109,8 +109,9 @@ const records &of_device(const char *name, const char *band) {
 
 void platform_init() {
     long_text.assign(300, 'A');
-    const handle<cJSON, &cJSON_Delete> state(
-        cJSON_Parse(read_file(ARVOK_HOME_JSON, 1 << 20).value_or("").c_str()));
+    const file_content content = read_file(ARVOK_HOME_JSON, 1 << 20);
+    const auto *text = std::get_if<std::string>(&content);
+    const handle<cJSON, &cJSON_Delete> state(text ? cJSON_Parse(text->c_str()) : nullptr);
     if (!state) {
         std::fprintf(stderr, "%s cannot be read\n", ARVOK_HOME_JSON);
         std::exit(1);
