@@ -251,7 +251,7 @@ TEST_F(Restrictions, AreLeftAloneByWhatIsNotAboutThem) {
     EXPECT_EQ(internet(x_is(0)), saved);
     pass(1);
     device.hosts[0].access = 1;
-    const auto is_left = [this](int seconds) {
+    const auto is_left = [](int seconds) {
         const int calls = device.calls;
         pass(seconds);
         EXPECT_GT(device.calls, calls);  // somebody has looked

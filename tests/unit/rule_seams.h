@@ -22,7 +22,7 @@ struct fake_platform {
     int refused = -1;                   ///< this one is, counted from 0
     int silent_hosts = 0;               ///< so many of the first hosts' records are refused after a time-out
     bool lists_hosts = true;
-    std::vector<unsigned> written{};    ///< hosts whose records were to be, counted from 1
+    std::vector<unsigned> written{};  ///< hosts whose records were to be, counted from 1
 };
 extern fake_platform device;
 
