@@ -115,8 +115,9 @@ void enforcer::carry_out(const decision &made, platform::host_list &records,
         if (const auto [entry, is_new] = attempts_.emplace(index, fresh); is_new && fresh.when.is_due(began))
             due.push_back(&entry->second);
     }
-    std::stable_sort(due.begin(), due.end(), [](const attempt *one, const attempt *other) {
-        return one->when.due() < other->when.due();
+    std::sort(due.begin(), due.end(), [](const attempt *one, const attempt *other) {
+        return std::pair(one->when.due(), one->change.host) <
+               std::pair(other->when.due(), other->change.host);
     });
     for (attempt *const now : due) {
         qzcap_laninfo &record = records[now->change.host];
