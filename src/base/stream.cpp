@@ -1,5 +1,7 @@
 #include "base/stream.h"
 
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <utility>
@@ -15,6 +17,12 @@ constexpr std::size_t turn_max = body_max / 2;  // bytes taken before everybody 
 
 stream &stream_of(ustream *s) {
     return owner_of<stream>(container_of(s, ustream_fd, stream));
+}
+
+// What the system holds of a connection: FIONREAD, to be read; SIOCOUTQ, not taken by the other side.
+std::uint64_t held_by_system(int fd, unsigned long which) {
+    int bytes = 0;
+    return ioctl(fd, which, &bytes) == 0 ? static_cast<std::uint64_t>(bytes) : 0;
 }
 
 }  // namespace
@@ -43,6 +51,7 @@ void stream::open(int fd) {
     s.string_data = false;
     fd_ = fd;
     taken_ = 0;
+    read_ = written_ = 0;
     ustream_fd_init(&library_, fd);
 }
 
@@ -86,7 +95,7 @@ void stream::readable() {
 // part.
 void stream::announce() {
     in_read_ = true;
-    handlers_.read(static_cast<std::size_t>(ustream_pending_data(&library_.stream, false)));
+    handlers_.read(static_cast<std::size_t>(buffered()));
     in_read_ = false;
 }
 
@@ -98,7 +107,24 @@ void stream::pause() {
 }
 
 std::size_t stream::unsent() {
-    return static_cast<std::size_t>(ustream_pending_data(&library_.stream, true));
+    return is_open() ? static_cast<std::size_t>(ustream_pending_data(&library_.stream, true)) : 0;
+}
+
+std::uint64_t stream::buffered() {
+    return static_cast<std::uint64_t>(ustream_pending_data(&library_.stream, false));
+}
+
+std::uint64_t stream::arrived() {
+    return is_open() ? read_ + buffered() + held_by_system(fd_, FIONREAD) : read_;
+}
+
+bool stream::has_served(std::uint64_t position) {
+    return position <= (is_open() && !held_ ? read_ + buffered() : read_);
+}
+
+std::uint64_t stream::delivered() {
+    const std::uint64_t waiting = is_open() ? unsent() + held_by_system(fd_, SIOCOUTQ) : 0;
+    return waiting < written_ ? written_ - waiting : 0;
 }
 
 void stream::drained() {
@@ -126,6 +152,7 @@ std::size_t stream::read(char *to, std::size_t size) {
         return 0;
     const auto got = static_cast<std::size_t>(ustream_read(&library_.stream, to, static_cast<int>(size)));
     taken_ += got;
+    read_ += got;
     return got;
 }
 
@@ -133,6 +160,7 @@ void stream::write(std::string_view bytes) {
     if (!is_open())
         return;
     ustream_write(&library_.stream, bytes.data(), static_cast<int>(bytes.size()), false);
+    written_ += bytes.size();
     if (!held_ && unsent() > unsent_max_) {
         held_ = true;
         pause();

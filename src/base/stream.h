@@ -13,6 +13,7 @@ extern "C" {
 }
 
 #include <cstddef>
+#include <cstdint>
 #include <string_view>
 
 #include "base/callback.h"
@@ -57,6 +58,18 @@ class stream {
     std::size_t read(char *to, std::size_t size);
     /// Queues bytes; what the socket does not take at once is sent as it drains.
     void write(std::string_view bytes);
+    /// How many queued bytes the socket has not taken yet.
+    std::size_t unsent();
+
+    // --- how far the connection is, in bytes since it was opened ---
+
+    /// What has come in, read or not.
+    std::uint64_t arrived();
+    /// Whether the read callback has had so much of it.
+    bool has_served(std::uint64_t position);
+    std::uint64_t written() const { return written_; }
+    /// What of that has reached the other side.
+    std::uint64_t delivered();
 
   private:
     void readable();
@@ -65,7 +78,7 @@ class stream {
     void announce();
     void pause();
     void take_down();
-    std::size_t unsent();
+    std::uint64_t buffered();
 
     handlers handlers_;
     std::size_t unsent_max_;
@@ -73,6 +86,7 @@ class stream {
     timer next_turn_;  ///< takes down what was closed from its read callback, or reads on after a pause
     int fd_ = -1;
     std::size_t taken_ = 0;  ///< bytes read since the last pause
+    std::uint64_t read_ = 0, written_ = 0;
     bool in_read_ = false;
     bool closing_ = false;  ///< closed, and to be taken down
     bool held_ = false;

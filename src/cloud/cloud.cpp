@@ -19,8 +19,12 @@ client::client(task_queue &queue, platform::cache &cache, wall_clock clock, cons
 void client::receive(json::view message) {
     const bool connected = connection_.at() == stage::connected;
     dispatch({connection_, enrolment_, plugins_, app_messages_}, message);
-    if (!connected && connection_.at() == stage::connected)
+    if (connection_.at() != stage::connected)
+        return;
+    if (connected)
         plugins_.tell_kept();
+    else
+        plugins_.connected();
 }
 
 void client::wan_up() {

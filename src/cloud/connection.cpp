@@ -37,8 +37,12 @@ connection::connection(task_queue &queue, const platform::cache &cache, const ha
       keys_{rsa_public_key(platform_public_key), std::nullopt, std::nullopt},
       reader_(frames, bind<&connection::receive>(*this)),
       stream_({bind<&connection::readable>(*this), bind<&connection::broken>(*this)}, unsent_max),
+      outbox_(queue, stream_,
+              {.is_ready = bind<&connection::is_connected>(*this), .write = bind<&connection::write>(*this)},
+              {.begin = "[WARNING] (cloud) drop own msgs, ready %d, %d bytes wait\n",
+               .end = "[INFO] (cloud) dropped %lu own msgs\n"}),
       heartbeat_(callbacks.heartbeat_due),
-      acknowledgement_(bind<&connection::unanswered>(*this)) {}
+      acknowledgement_(stream_, bind<&connection::unanswered>(*this)) {}
 
 void connection::open(int fd) {
     stream_.open(fd);
@@ -52,6 +56,7 @@ void connection::disconnect() {
         log_printf("[INFO] (cloud) disconnect fd: %d\n", stream_.fd());
         stream_.close();
     }
+    outbox_.clear();
     keys_.client.reset();
     keys_.server.reset();
     if (stage_ != stage::bootstrap)
@@ -81,21 +86,18 @@ json::object connection::message(const char *method) const {
     return begun;
 }
 
-void connection::post(json::value message, bool awaits) {
-    const bool queued = queue_.post([this, text = std::move(message), awaits] { send(text, awaits); });
-    if (!queued && awaits)
+void connection::ask(json::value message) {
+    if (!queue_.post([this, text = std::move(message)] { send(text); }))
         handlers_.failed(failure::not_queued);  // nothing else would go on
 }
 
-void connection::send(const json::value &message, bool awaits) {
-    if (!is_open() || (!awaits && stage_ != stage::connected))
+void connection::send(const json::value &message) {
+    if (!is_open())
         return;
     write(message);
     // Also when it could not be written: without its acknowledgement the connection has to start over.
-    if (awaits) {
-        heartbeat_.cancel();
-        acknowledgement_.arm(acknowledgement_ms);
-    }
+    heartbeat_.cancel();
+    acknowledgement_.arm(acknowledgement_ms);
 }
 
 void connection::write(const json::value &message) {

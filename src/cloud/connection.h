@@ -5,9 +5,11 @@
 #include <string>
 #include <string_view>
 
+#include "base/deadline.h"
 #include "base/frame_reader.h"
 #include "base/json.h"
 #include "base/loop.h"
+#include "base/outbox.h"
 #include "base/stream.h"
 #include "base/task_queue.h"
 #include "cloud/frame.h"
@@ -57,10 +59,12 @@ class connection {
     json::object message(const char *method) const;
     /// Sends a message on the loop's next turn, where the stage of then decides how. Without a connection it
     /// is dropped. An acknowledgement must come.
-    void ask(json::value message) { post(std::move(message), true); }
-    /// The same, awaiting nothing: what is told of the device's own accord. Unless connected by then it is
-    /// dropped.
-    void tell(json::value message) { post(std::move(message), false); }
+    void ask(json::value message);
+    /// The same, awaiting nothing: what is told of the device's own accord. Unless connected, and when there
+    /// is no room, it is dropped (base/outbox.h).
+    void tell(json::value message) { outbox_.post(std::move(message)); }
+    /// Whether it would not be dropped now.
+    bool can_tell(const json::value &message) { return outbox_.takes(message); }
     /// Writes a reply now.
     void write(const json::value &message);
     /// The acknowledgement has come.
@@ -71,8 +75,8 @@ class connection {
     int acknowledgement_remaining() { return acknowledgement_.remaining(); }
 
   private:
-    void post(json::value message, bool awaits);
-    void send(const json::value &message, bool awaits);
+    void send(const json::value &message);
+    bool is_connected() { return is_open() && stage_ == stage::connected; }
     void readable(std::size_t available);
     void receive(std::string &body);
     void broken();
@@ -85,7 +89,9 @@ class connection {
     key_ring keys_;
     frame_reader reader_;
     stream stream_;
-    timer heartbeat_, acknowledgement_;
+    outbox outbox_;
+    timer heartbeat_;
+    deadline acknowledgement_;
 };
 
 }  // namespace arvok::cloud

@@ -13,7 +13,7 @@ namespace {
 
 struct acknowledgement_row {
     const char *name;
-    bool (enrolment::*handler)(json::view message);  // null: there is nothing to be done
+    bool (enrolment::*handler)(json::view message);  // null: it is no part of the enrolment
     stage awaited_in;                                // what it acknowledges is sent then
 };
 
@@ -63,6 +63,8 @@ void acknowledge(const recipients &to, std::string_view name, json::view message
     }
     if (to.link.at() != row->awaited_in || (row->handler && !(to.enrolling.*row->handler)(message)))
         return log_invalid();
+    if (!row->handler)
+        to.apps.acknowledged(message);
     to.link.acknowledged();
 }
 

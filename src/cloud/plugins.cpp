@@ -1,5 +1,6 @@
 #include "cloud/plugins.h"
 
+#include <algorithm>
 #include <iterator>
 #include <memory>
 #include <optional>
@@ -19,6 +20,7 @@ namespace {
 constexpr std::size_t short_text_max = 15;  // bytes kept of an ordered version and upgrade
 constexpr std::size_t url_max = 255;
 constexpr std::size_t kept_max = 16;  // results; more apps than a device has room for
+constexpr int tellings_max = 2;       // of a result: there are platforms that acknowledge none
 
 using app_list = platform::record_list<qzcap_app, &qzcap_free_applist>;
 
@@ -134,15 +136,16 @@ void plugins::installed(ubus_request *request, blob_attr *message) {
         log_printf("[WARNING] plugin_install_cb: qzcap_run_app failed: %s\n", why.c_str());
 }
 
-json::object plugins::notification(const char *method) const {
+json::object plugins::notification(const char *method, const std::string &id) const {
     json::object begun = link_.message(method);
-    begun.text("ID", random_uuid()).text("Time", time_digits(clock_()));
+    begun.text("ID", id).text("Time", time_digits(clock_()));
     return begun;
 }
 
 void plugins::report(const installation &ended, json::view told) {
     const int result = told["result"].integer().value_or(0);
-    json::object message = notification("InstallNotification");
+    std::string id = random_uuid();
+    json::object message = notification("InstallNotification", id);
     message.text("Plugin_Name", ended.plugin_id)
         .text("Version", ended.version)
         .text("upgrade_ID", ended.upgrade_id)
@@ -150,20 +153,43 @@ void plugins::report(const installation &ended, json::view told) {
         .number("errcode", result);
     if (result != 0)
         message.text("FailReason", told["failreason"].text().value_or(""));
-    kept_.push_back(message.take());
-    if (link_.at() == stage::connected)
-        return tell_kept();
+    kept_.push_back({std::move(id), message.take()});
     if (kept_.size() > kept_max)
         kept_.pop_front();
+    if (link_.at() == stage::connected)
+        tell_kept();
+}
+
+void plugins::connected() {
+    std::erase_if(kept_, [](const ending &one) { return one.told >= tellings_max; });
+    for (ending &one : kept_)
+        one.told_here = false;
+    tell_kept();
 }
 
 void plugins::tell_kept() {
-    for (json::value &result : std::exchange(kept_, {}))
-        link_.tell(std::move(result));
+    for (ending &one : kept_) {
+        if (one.told_here)
+            continue;
+        if (!link_.can_tell(one.message))
+            return;
+        link_.tell(one.message);
+        one.told_here = true;
+        one.told++;
+    }
+}
+
+void plugins::acknowledged(json::view message) {
+    const auto id = message["ID"].text();
+    const auto known = std::find_if(kept_.begin(), kept_.end(), [&](const ending &one) {
+        return one.told_here && (!id || one.id == *id);
+    });
+    if (known != kept_.end())
+        kept_.erase(known);
 }
 
 void plugins::notify(const std::string &message) {
-    link_.tell(notification("PluginNotification")
+    link_.tell(notification("PluginNotification", random_uuid())
                    .text("Plugin_Name", self_plugin_name)
                    .text("Version", product_version)
                    .text("Message", base64_encode(message))

@@ -36,21 +36,33 @@ class plugins {
 
     /// Tells the platform something on the agent's behalf.
     void notify(const std::string &message);
-    /// Tells the platform, which is connected again, what has been installed meanwhile.
+    /// The platform is connected again: it is told what has been installed meanwhile, and once more what it
+    /// was told on an earlier connection and has not acknowledged.
+    void connected();
+    /// Tells what there was no room for.
     void tell_kept();
+    /// The platform has acknowledged a result: the one that the message names, else the oldest one told.
+    void acknowledged(json::view message);
 
   private:
     struct installation;
+    /// How an installation ended.
+    struct ending {
+        std::string id;  ///< of the message
+        json::value message;
+        int told = 0;            ///< on so many connections
+        bool told_here = false;  ///< on this one
+    };
 
     static void installed(ubus_request *request, blob_attr *message);
     void report(const installation &ended, json::view told);
-    json::object notification(const char *method) const;
+    json::object notification(const char *method, const std::string &id) const;
 
     connection &link_;
     const platform::cache &cache_;
     wall_clock clock_;
     std::vector<installation *> under_way_;
-    std::deque<json::value> kept_;  ///< results that could not be told, the oldest first
+    std::deque<ending> kept_;  ///< those that the platform may not know, the oldest first
 };
 
 }  // namespace arvok::cloud

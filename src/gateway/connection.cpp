@@ -62,10 +62,14 @@ connection::connection(task_queue &tasks, platform::cache &cache, options where,
       stream_({.read = bind<&connection::readable>(*this), .broken = bind<&connection::broken>(*this)},
               unsent_max),
       frames_(link_frames, bind<&connection::receive>(*this)),
+      outbox_(tasks, stream_,
+              {.is_ready = bind<&connection::is_ready>(*this), .write = bind<&connection::write>(*this)},
+              {.begin = "[WARNING] (arvok) drop own msgs, ready %d, %d bytes wait\n",
+               .end = "[INFO] (arvok) dropped %lu own msgs\n"}),
       reconnect_(bind<&connection::connect>(*this)),
-      ack_(bind<&connection::ack_missing>(*this)),
       keepalive_(bind<&connection::send_keepalive>(*this)),
-      keepalive_ack_(bind<&connection::keepalive_ack_missing>(*this)) {}
+      ack_(stream_, bind<&connection::ack_missing>(*this)),
+      keepalive_ack_(stream_, bind<&connection::keepalive_ack_missing>(*this)) {}
 
 // --- connecting ---
 
@@ -115,6 +119,7 @@ void connection::connect() {
     frames_.reset();
     sequence_ = 0;
     keepalive_sequence_ = -1;
+    negotiating_ = false;
     listeners_.opened();
 }
 
@@ -127,6 +132,7 @@ void connection::disconnect() {
         log_printf("[INFO] (arvok) disconnect fd: %d\n", stream_.fd());
         stream_.close();
     }
+    outbox_.clear();
     forget_key();
     listeners_.closed();
 }
@@ -137,7 +143,10 @@ void connection::fail() {
 }
 
 void connection::start_over() {
-    tasks_.post([this] {
+    if (starting_over_)
+        return;
+    starting_over_ = tasks_.post([this] {
+        starting_over_ = false;
         log_printf("[DEBUG] ec_arvoksync_on (%d)", __LINE__);
         disconnect();
         reconnect_.arm(reconnect_sync_ms);
@@ -204,6 +213,7 @@ bool connection::was_refused() {
 
 void connection::negotiation_began() {
     negotiating_since_s_ = uptime();
+    negotiating_ = true;
 }
 
 // --- sending ---
@@ -237,10 +247,6 @@ void connection::send(const json::value &body) {
         transmit(body.text(), false);
 }
 
-void connection::post(message what) {
-    tasks_.post([this, what = std::move(what)]() mutable { send(std::move(what)); });
-}
-
 void connection::ack_missing() {
     log_printf("[ERROR] (arvok) wait ack timeout\n");
     fail();
@@ -249,6 +255,7 @@ void connection::ack_missing() {
 // --- keepalives ---
 
 void connection::keep_alive() {
+    negotiating_ = false;
     keepalive_.arm(first_keepalive_ms);
 }
 

@@ -7,9 +7,11 @@
 #include <string_view>
 
 #include "base/crypto.h"
+#include "base/deadline.h"
 #include "base/frame_reader.h"
 #include "base/json.h"
 #include "base/loop.h"
+#include "base/outbox.h"
 #include "base/task_queue.h"
 #include "gateway/gateway.h"
 #include "gateway/request.h"
@@ -46,16 +48,21 @@ class connection {
     void disconnect();
     /// After a fault of the gateway's: disconnects, and connects again 10 seconds later.
     void fail();
-    /// On the loop's next turn: disconnects, and connects again a second later.
+    /// On the loop's next turn, and once whatever the number of calls: disconnects, and connects again a
+    /// second later.
     void start_over();
 
     /// A message with its envelope: "type", "sequence" (a number that it uses up) and "mac".
     message new_message(std::string_view type, int ack_timeout_ms = 0);
-    /// Sends a message; without a connection it goes nowhere.
+    /// Sends a message of the negotiation, a keepalive or a reply; without a connection it goes nowhere.
     void send(message what);
     void send(const json::value &body);
+    /// Sends what nobody has asked for. It is dropped (base/outbox.h) without a connection, before the
+    /// registration, while a key is negotiated anew, for then it would go out in clear, and when there is no
+    /// room.
+    void tell(message what) { outbox_.send(what.body.take()); }
     /// The same on the loop's next turn.
-    void post(message what);
+    void post(message what) { outbox_.post(what.body.take()); }
 
     /// This device's address on the connection.
     std::string local_address() const;
@@ -82,6 +89,8 @@ class connection {
     void broken();
     bool was_refused();
     bool transmit(const std::string &text, bool quiet);
+    bool is_ready() { return stream_.is_open() && state_.linked && !negotiating_; }
+    void write(const json::value &body) { send(body); }
     void ack_missing();
     void send_keepalive();
     void keepalive_ack_missing();
@@ -94,10 +103,14 @@ class connection {
     stream stream_;
     frame_reader frames_;
     std::optional<aes> cipher_;
-    timer reconnect_, ack_, keepalive_, keepalive_ack_;
+    outbox outbox_;
+    timer reconnect_, keepalive_;
+    deadline ack_, keepalive_ack_;
     int sequence_ = 0;              ///< of the next message
     int keepalive_sequence_ = -1;   ///< of the last keepalive; -1: none yet
     bool default_tried_ = false;    ///< the next attempt looks for the gateway
+    bool starting_over_ = false;    ///< on the loop's next turn
+    bool negotiating_ = false;      ///< from "dh" to the registration
     long negotiating_since_s_ = 0;  ///< uptime; 0: not yet
     int short_connections_ = 0;     ///< in a row
 };

@@ -138,7 +138,7 @@ void reports::map_report() {
 void reports::send_event(const json::value &item) {
     message event = link_.new_message("event");
     event.body.add("data", json::array().add(item).take());
-    link_.send(std::move(event));
+    link_.tell(std::move(event));
 }
 
 void reports::send_online_event(std::string_view mac) {

@@ -44,6 +44,7 @@ TEST_F(Link, NegotiationRegistersAndStartsTheKeepalives) {
     negotiate();
     EXPECT_TRUE(agent_->is_linked());
     turn();
+    EXPECT_TRUE(has_logged(R"({"type":"dev_reg","sequence":2,)"));
     // The deadlines of "dh" and "dev_reg" were armed and taken back: only the first keepalive is to come.
     EXPECT_EQ(around.ever_armed, (std::vector{5000, 10000, 20000, 1000}));
     EXPECT_EQ(around.armed.size(), 1u);

@@ -83,33 +83,107 @@ TEST_F(Cloud, WhatCameOfAnAppIsToldWhereItCanBe) {
     }
 }
 
-TEST_F(Cloud, WhatWasInstalledWithoutAConnectionIsToldLater) {
-    constexpr int most = 16;
-    connect_fully();
-    // One install of an app for each number, which its upgrade tells; none has ended yet.
-    std::vector<void *> under_way;
-    for (int number = 0; number <= most; number++) {
+class Installations : public Cloud {
+  protected:
+    // One of an app for each number, which its upgrade tells; none has ended yet.
+    void install(int number) {
         ask("Install", format(R"(,"Version":"1","upgrade_ID":"%d","Plugin_size":"","Download_url":"",)"
                               R"("NeedRun":"0","OS":"","Plugin_Name":"%sa_ipq5018x")",
                               number, prefix.c_str()));
-        under_way.push_back(ending.priv);
+        under_way_.push_back(ending.priv);
     }
-    client_->wan_down();
-    client_->wan_up();
-    accept_one();
-    receive();
-    bus_message good;
-    for (void *one : under_way) {
-        ending.priv = one;
+    void end(int number) {
+        bus_message good;
+        ending.priv = under_way_[static_cast<std::size_t>(number)];
         end_installation(&ending, good.get());
     }
-    answer_challenge();
-    log();
-    become_connected();
+    void end_connection() {
+        client_->wan_down();
+        client_->wan_up();
+        accept_one();
+        receive();
+    }
+    void come_back() {
+        answer_challenge();
+        become_connected();
+    }
+    // The number of the next result; its ID acknowledges it.
+    int take_result() {
+        const std::string text = receive();
+        const json::document told = json::parse(text);
+        EXPECT_TRUE(contains(text, R"("RPCMethod":"InstallNotification")")) << text;
+        id_ = told["ID"].text().value_or("");
+        return std::atoi(std::string(told["upgrade_ID"].text().value_or("-1")).c_str());
+    }
+    void acknowledge(const std::string &id) {
+        send(ack("InstallNotification", R"("ID":")" + id + R"(","Result":0)"));
+    }
+    // The last that the device says is the answer to this.
+    void expect_nothing_told() { EXPECT_TRUE(contains(ask("Nothing"), "UNRECOGNIZE")); }
+
+    std::vector<void *> under_way_;
+    std::string id_;
+};
+
+TEST_F(Installations, TheLastAreToldWhenThereIsAConnectionAgain) {
+    constexpr int most = 16;
+    connect_fully();
+    for (int number = 0; number <= most; number++)
+        install(number);
+    end_connection();
+    for (int number = 0; number <= most; number++)
+        end(number);
+    come_back();
     for (int number = 1; number <= most; number++)  // the first had no room
-        EXPECT_TRUE(contains(receive(), format(R"("upgrade_ID":"%d")", number)));
-    turn();
-    EXPECT_FALSE(contains(log(), R"("upgrade_ID":"0")"));
+        EXPECT_EQ(take_result(), number);
+    expect_nothing_told();
+}
+
+TEST_F(Installations, AreToldTwiceUnlessAcknowledged) {
+    connect_fully();
+    for (int number = 0; number < 5; number++)
+        install(number);
+    for (int number = 0; number < 3; number++) {
+        end(number);
+        EXPECT_EQ(take_result(), number);
+        if (number == 1)
+            acknowledge(id_);
+    }
+    end(3);  // and the connection ends before it is written
+    end_connection();
+    end(4);
+    come_back();
+    for (const int number : {0, 2, 3, 4})
+        EXPECT_EQ(take_result(), number);
+    acknowledge(id_);
+    acknowledge("unknown");
+    send(ack("InstallNotification", R"("Result":0)"));  // the oldest that was told
+    expect_nothing_told();
+    end_connection();
+    come_back();
+    expect_nothing_told();
+}
+
+TEST_F(Installations, WaitForRoom) {
+    connect_fully();
+    install(0);
+    for (int i = 0; i < 1000; i++) {
+        client_->send_notification(std::string(6000, 'n'));
+        run_loop_once();
+    }
+    EXPECT_TRUE(contains(log_text(), "[WARNING] (cloud) drop own msgs, ready 1, "));
+    end(0);
+    send(R"({"RPCMethod":"Nothing","ID":"1"})");
+    std::string message;
+    int results = 0;
+    do {
+        message = receive();
+        results += contains(message, "InstallNotification");
+    } while (contains(message, "PluginNotification"));
+    EXPECT_TRUE(contains(message, "UNRECOGNIZE"));
+    EXPECT_EQ(results, 0);
+    expect_nothing_told();  // until the platform is heard of again
+    EXPECT_EQ(take_result(), 0);
 }
 
 }  // namespace

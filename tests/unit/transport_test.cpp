@@ -139,29 +139,5 @@ TEST_F(Link, ConnectionsThatFailAreTriedAgain) {
     EXPECT_TRUE(is_armed(30000));
 }
 
-TEST_F(Link, AGatewayThatDoesNotTakeItsAnswersIsNotReadFromMeanwhile) {
-    connect();
-    const std::string request = R"({"type":"ubus_call","sequence":1,"mac":"x","method":"m","object":")" +
-                                std::string(7000, 'x') + "\"}";
-    constexpr int requests = 3000;
-    std::string waiting;
-    for (int i = 0; i < requests; i++)
-        waiting += frame(request);
-    std::size_t sent = 0;
-    const auto send_more = [&] {
-        const ssize_t taken = ::send(peer_.get(), waiting.data() + sent, waiting.size() - sent, MSG_NOSIGNAL);
-        sent += taken > 0 ? static_cast<std::size_t>(taken) : 0;
-        log();
-        return taken > 0;
-    };
-    for (int idle = 0; idle < 50; turn())
-        idle = send_more() ? 0 : idle + 1;
-    EXPECT_LT(sent, waiting.size());
-    for (int i = 0; i < requests; i++) {
-        ASSERT_TRUE(receive().starts_with(R"({"type":"ubus_result","sequence":1,)")) << i;
-        send_more();
-    }
-}
-
 }  // namespace
 }  // namespace arvok::gateway
