@@ -27,8 +27,8 @@ constexpr char any_address[] = "0.0.0.0";
 constexpr char default_port[] = "17998";
 constexpr int accept_pause_ms = 1000;
 
-// A client may take 21 KiB: a buffer full of requests, and replies. All of them together stay below 2 MiB,
-// and a host that takes all that it may have leaves half as many to the others.
+// A client may take 20 KiB, a buffer full of requests and replies: all of them together stay below 2 MiB, and
+// a host that takes all that it may have leaves half as many to the others.
 constexpr std::size_t clients_max = 96;
 constexpr std::size_t clients_of_address_max = 64;
 
@@ -37,6 +37,10 @@ constexpr rlim_t own_descriptors = 16;
 
 // A client that does not take its replies is read again when it has taken them down to this.
 constexpr std::size_t unsent_max = 4096;
+
+// A reply may be longer than that, for it repeats what the client said, with escapes. All together wait in no
+// more than this.
+constexpr std::size_t unsent_of_all_max = std::size_t{1024} * 1024;
 
 // The one command, and what it tells beside the MAC.
 constexpr char identity_command[] = "GET_SN_INFO";
@@ -159,6 +163,8 @@ class server::client {
     // Grows with every client that connects or sends: the smallest is the one longest idle.
     std::uint64_t heard() const { return heard_; }
 
+    std::size_t unsent() { return stream_.unsent(); }
+
     // The client goes with its connection: at once, or on the loop's next turn from a request of its own.
     void close() {
         if (!stream_.is_open())
@@ -180,6 +186,7 @@ class server::client {
             return;
         log_printf("[INFO] (local) -> %s (%d)\n", reply->c_str(), static_cast<int>(reply->size()));
         stream_.write(frame_of(*reply));
+        owner_.bound_output();
     }
 
     void remove() {
@@ -254,6 +261,22 @@ void server::make_room(in_addr address) {
         own_longest_idle->close();
     else if (all > 0 && all >= room())
         longest_idle->close();
+}
+
+// Whoever makes most wait goes.
+void server::bound_output() {
+    for (;;) {
+        std::size_t all = 0;
+        client *most = nullptr;
+        for (client &c : clients_) {
+            all += c.unsent();
+            if (!most || c.unsent() > most->unsent())
+                most = &c;
+        }
+        if (all <= unsent_of_all_max)
+            return;
+        most->close();
+    }
 }
 
 void server::accept_client() {

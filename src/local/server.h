@@ -5,7 +5,8 @@
 /// A frame, in both directions, is a u32 length in network byte order and a body of 1 to body_max bytes of
 /// JSON text. Each client may send any number of requests; replies come in their order. There is room for 96
 /// clients, 64 of them from one address: where that is taken, the one longest idle goes when another one
-/// comes. Everything runs on the loop thread.
+/// comes. Of replies that clients do not take, 1 MiB waits in all: beyond that the one with most of it goes.
+/// Everything runs on the loop thread.
 
 #include <netinet/in.h>
 
@@ -40,6 +41,7 @@ class server {
     void resume();
     static std::size_t room();
     void make_room(in_addr address);
+    void bound_output();
 
     const platform::cache &cache_;
     const std::string port_;

@@ -31,7 +31,7 @@ namespace {
 
 std::string logged;
 void keep(const char *format, ...) {
-    char line[32768];
+    char line[131072];
     va_list args;
     va_start(args, format);
     std::vsnprintf(line, sizeof line, format, args);
@@ -255,6 +255,26 @@ TEST_F(Local, AClientThatDoesNotReadIsNotReadFrom) {
         unsent_.erase(0, static_cast<std::size_t>(std::max<ssize_t>(more, 0)));
         ASSERT_EQ(receive(), refusal(id));
     }
+}
+
+// A control character is written as six in a reply.
+TEST_F(Local, RepliesThatNobodyTakesAreBoundedInAll) {
+    constexpr int crowd = 40, small = 4096;
+    const std::string request = frame(R"({"ID":1,"RPCMethod":")" + std::string(16000, '\x01') + "\"}");
+    connect();
+    const int other = peer_;
+    int gone = 0;
+    for (int i = 0; i < crowd; i++) {
+        setsockopt(connect(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+        send_bytes(request + request);
+        pump([] { return contains(logged, "(96064)\n"); }, 0);
+        run_loop_for(1);
+        gone += count_in_log("[INFO] (local) disconnect fd: ");
+    }
+    EXPECT_GT(gone, 4);
+    EXPECT_LT(gone, crowd - 10);  // 1 MiB of 96 KiB each, and what the system takes
+    peer_ = other;
+    expect_served(1);
 }
 
 TEST_F(Local, TheOneLongestIdleMakesRoom) {
