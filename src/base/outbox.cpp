@@ -12,6 +12,9 @@ namespace {
 constexpr std::size_t room = std::size_t{256} * 1024;
 constexpr std::size_t room_again = room / 2;
 
+// A longer message is sent where nothing waits, up to the length that a reply may have.
+constexpr std::size_t message_max = std::size_t{768} * 1024;
+
 // What a short message takes beside its text.
 constexpr std::size_t message_overhead = 64;
 
@@ -28,11 +31,9 @@ std::size_t outbox::waiting() {
     return posted_bytes_ + stream_.unsent();
 }
 
-// Alone, a message may be longer than the room: it would never be sent otherwise.
 bool outbox::takes(const json::value &message) {
-    const std::size_t before = waiting();
-    return owner_.is_ready() &&
-           (before == 0 || before + size_of(message) <= (dropped_ > 0 ? room_again : room));
+    const std::size_t before = waiting(), limit = dropped_ > 0 ? room_again : room;
+    return owner_.is_ready() && before + size_of(message) <= (before == 0 ? message_max : limit);
 }
 
 void outbox::drop() {

@@ -3,7 +3,9 @@
 ///
 /// Nearly everything of the agent may only be touched from the loop thread. Any thread may post a task; tasks
 /// travel through a pipe that the loop watches and run there in the order in which they were posted. What
-/// takes long runs on a thread of its own first and posts its completion.
+/// takes long runs on a thread of its own first and posts its completion. The pipe has room for thousands of
+/// tasks, and is no place to wait: whoever others can make post again and again has one task at a time in it
+/// (base/outbox.h).
 
 #include <memory>
 #include <utility>

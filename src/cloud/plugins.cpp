@@ -19,8 +19,9 @@ namespace {
 
 constexpr std::size_t short_text_max = 15;  // bytes kept of an ordered version and upgrade
 constexpr std::size_t url_max = 255;
-constexpr std::size_t kept_max = 16;  // results; more apps than a device has room for
-constexpr int tellings_max = 2;       // of a result: there are platforms that acknowledge none
+constexpr std::size_t reason_max = 4095;  // of a failure, in the app manager's words: results are kept
+constexpr std::size_t kept_max = 16;      // results; more apps than a device has room for
+constexpr int tellings_max = 2;           // of a result: there are platforms that acknowledge none
 
 using app_list = platform::record_list<qzcap_app, &qzcap_free_applist>;
 
@@ -152,7 +153,7 @@ void plugins::report(const installation &ended, json::view told) {
         .number("Result", result == 0 ? 0 : -1)
         .number("errcode", result);
     if (result != 0)
-        message.text("FailReason", told["failreason"].text().value_or(""));
+        message.text("FailReason", cut(told["failreason"].text().value_or(""), reason_max));
     kept_.push_back({std::move(id), message.take()});
     if (kept_.size() > kept_max)
         kept_.pop_front();
