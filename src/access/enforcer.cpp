@@ -31,7 +31,7 @@ bool write(qzcap_laninfo &record, const host_change &change) {
     record.internetaccess = change.access;
     record.uplimit = change.up_limit;
     record.downlimit = change.down_limit;
-    return qzcap_set_laninfo(record.index, &record, nullptr) == 0;
+    return platform::call(qzcap_set_laninfo, record.index, &record, nullptr) == 0;
 }
 
 }  // namespace

@@ -15,7 +15,7 @@ std::optional<platform::access_point_list> list_interfaces() {
 }
 
 bool set(const qzcap_wifi_ap &interface, platform::reason &why) {
-    return qzcap_wifi_ap_set(QZCAP_AP_2G, interface.index, &interface, why) == 0;
+    return platform::call(qzcap_wifi_ap_set, QZCAP_AP_2G, interface.index, &interface, why) == 0;
 }
 
 void fill(qzcap_wifi_ap &interface, const guest_settings &settings) {
@@ -56,7 +56,7 @@ interface_outcome add_guest_interface(const guest_settings &settings) {
     }
     fill(*interface, settings);
     platform::reason why;
-    const int index = qzcap_wifi_ap_add(QZCAP_AP_2G, interface.get(), why);
+    const int index = platform::call(qzcap_wifi_ap_add, QZCAP_AP_2G, interface.get(), why);
     if (index >= 1 && !why.is_given())
         return {index, {}, true};
     log_printf("_add_guest_wifi (%d): extcc wifi ap add failed: %s, try find available ap\n", __LINE__,
@@ -76,7 +76,8 @@ int encryption_number(std::string_view auth) {
 
 platform::access_point_record get_interface(int index) {
     return platform::access_point_record(
-        index > 0 ? qzcap_wifi_ap_get(QZCAP_AP_2G, static_cast<std::uint32_t>(index)) : nullptr);
+        index > 0 ? platform::call(qzcap_wifi_ap_get, QZCAP_AP_2G, static_cast<std::uint32_t>(index))
+                  : nullptr);
 }
 
 presence find_interface(int index) {
@@ -122,7 +123,7 @@ void undo(const interface_outcome &done) {
 }
 
 std::optional<std::string> delete_interface(int index) {
-    if (qzcap_wifi_ap_delete(QZCAP_AP_2G, static_cast<std::uint32_t>(index), nullptr) == 0)
+    if (platform::call(qzcap_wifi_ap_delete, QZCAP_AP_2G, static_cast<std::uint32_t>(index), nullptr) == 0)
         return std::nullopt;
     platform::reason why;
     const platform::access_point_record interface = get_interface(index);

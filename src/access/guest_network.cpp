@@ -46,7 +46,7 @@ std::int64_t clock_retry(const guest_schedule &schedule, std::time_t now) {
 }
 
 void add_main_ssid(bus_message &reply, const char *name, int band) {
-    const platform::access_point_record interface(qzcap_wifi_ap_get(band, 1));
+    const platform::access_point_record interface(platform::call(qzcap_wifi_ap_get, band, 1));
     reply.text(name, interface ? interface->ssid : nullptr);
 }
 

@@ -50,7 +50,7 @@ void agent::bring_up() {
 }
 
 bool agent::gateway_sync_is_on() {
-    const platform::switches_record switches(qzcap_get_wifi_switch());
+    const platform::switches_record switches(platform::call(qzcap_get_wifi_switch));
     return switches && view_of(switches->arvoksync) == "on";
 }
 
@@ -60,7 +60,7 @@ void agent::build() {
     const bool sync = gateway_sync_is_on();
     if (is_ending())
         return;
-    qzcap_delete_vsie_beacontx_by_name(gateway::beacon_owner, nullptr);
+    platform::call(qzcap_delete_vsie_beacontx_by_name, gateway::beacon_owner, nullptr);
 
     tasks_.emplace();
     modules_.gateway.emplace(*tasks_, cache_, *objects_, where_.clock,

@@ -112,7 +112,7 @@ bool platform_events::catch_up_hosts() {
 bool platform_events::catch_up_wan() {
     if (!modules_)
         return true;
-    const platform::wan_record now(qzcap_get_waninfo());
+    const platform::wan_record now(platform::call(qzcap_get_waninfo));
     if (!now)
         return false;
     const std::string_view status = view_of(now->status);
@@ -126,7 +126,7 @@ bool platform_events::catch_up_wan() {
 bool platform_events::catch_up_sync() {
     if (!modules_)
         return true;
-    const platform::switches_record now(qzcap_get_wifi_switch());
+    const platform::switches_record now(platform::call(qzcap_get_wifi_switch));
     if (!now)
         return false;
     const std::string_view sync = view_of(now->arvoksync);

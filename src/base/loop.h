@@ -6,6 +6,7 @@ extern "C" {
 }
 
 #include "base/callback.h"
+#include "base/descriptor.h"
 
 namespace arvok {
 
@@ -46,6 +47,28 @@ class readable_watch {
   private:
     callback<void()> readable_;
     owned<uloop_fd, readable_watch> watch_;
+};
+
+/// Fires once each time it is armed, as soon as the loop has served every descriptor that was readable then:
+/// whoever waits has their turn first. A timer would not do, for due timers come before all descriptors.
+class next_round {
+  public:
+    explicit next_round(callback<void()> fire);
+    ~next_round() { cancel(); }
+    next_round(const next_round &) = delete;
+    next_round &operator=(const next_round &) = delete;
+
+    /// From now on, and not when it was armed for before.
+    void arm();
+    void cancel();
+
+  private:
+    void pass();
+
+    callback<void()> fire_;
+    descriptor always_readable_;  ///< the loop's descriptors take turns
+    readable_watch turn_;
+    timer instead_;  ///< of the descriptor, when there is none to be had
 };
 
 }  // namespace arvok

@@ -147,6 +147,10 @@ void stream::next_turn() {
         announce();
 }
 
+bool stream::has_input() {
+    return is_open() && arrived() > read_;
+}
+
 std::size_t stream::read(char *to, std::size_t size) {
     if (!is_open())
         return 0;

@@ -54,6 +54,8 @@ class stream {
     /// More than the limit waits to be sent: input waits, also what is buffered.
     bool is_held() const { return held_; }
 
+    /// Whether more has come from the peer, on a connection that is open.
+    bool has_input();
     /// Takes up to `size` buffered bytes. Returns how many there were.
     std::size_t read(char *to, std::size_t size);
     /// Queues bytes; what the socket does not take at once is sent as it drains.

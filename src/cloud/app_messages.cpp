@@ -19,7 +19,7 @@ std::optional<std::string> post_to_app(const std::string &name, const std::strin
     log_printf("[INFO] (%s) <- %s (%d)\n", name.c_str(), text.c_str(), static_cast<int>(text.size()));
     platform::reason why;
     const platform::owned_text answer(
-        qzcap_app_postmsg(qzcap_get_ubus_context(), name.c_str(), text.c_str(), why));
+        platform::call(qzcap_app_postmsg, qzcap_get_ubus_context(), name.c_str(), text.c_str(), why));
     if (answer)
         return answer.get();
     result.fail(format("qzcap_app_postmsg failed: %s", why.c_str()));

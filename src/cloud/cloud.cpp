@@ -17,6 +17,7 @@ client::client(task_queue &queue, platform::cache &cache, wall_clock clock, cons
       app_messages_(connection_, cache, agent) {}
 
 void client::receive(json::view message) {
+    const platform::message_scope scope(&connection_, bind<&connection::has_input>(connection_));
     const bool connected = connection_.at() == stage::connected;
     dispatch({connection_, enrolment_, plugins_, app_messages_}, message);
     if (connection_.at() != stage::connected)

@@ -67,6 +67,8 @@ class connection {
     bool can_tell(const json::value &message) { return outbox_.takes(message); }
     /// Writes a reply now.
     void write(const json::value &message);
+    /// More than the message that is being handled has come.
+    bool has_input() { return stream_.has_input(); }
     /// The acknowledgement has come.
     void acknowledged() { acknowledgement_.cancel(); }
 

@@ -47,7 +47,7 @@ outcome carry_out(json::view request, app_action action, std::string_view vendor
         return result;
     const auto number = static_cast<unsigned>(action);
     platform::reason why;
-    if (actions[number](qzcap_get_ubus_context(), name->c_str(), why) == 0)
+    if (platform::call(actions[number], qzcap_get_ubus_context(), name->c_str(), why) == 0)
         result.code = 0;
     else
         result.fail(format("qzacp app action %u failed: %s", number, why.c_str()));
@@ -96,7 +96,8 @@ void plugins::install(json::view request) {
             this, std::string(*id), std::move(*app_name), std::string(cut(*version, short_text_max)),
             std::string(cut(*upgrade_id, short_text_max)), *run == "1"});
         const std::string from(cut(*url, url_max));
-        if (qzcap_install_app(qzcap_get_ubus_context(), from.c_str(), installed, ordered.get()) < 0) {
+        if (platform::call(qzcap_install_app, qzcap_get_ubus_context(), from.c_str(), installed,
+                           ordered.get()) < 0) {
             result.fail("qzcap_install_app failed");
         } else {
             under_way_.push_back(ordered.release());  // installed's from here on
@@ -133,7 +134,7 @@ void plugins::installed(ubus_request *request, blob_attr *message) {
     if (!ended->run)
         return;
     platform::reason why;
-    if (qzcap_run_app(qzcap_get_ubus_context(), ended->app_name.c_str(), why) != 0)
+    if (platform::call(qzcap_run_app, qzcap_get_ubus_context(), ended->app_name.c_str(), why) != 0)
         log_printf("[WARNING] plugin_install_cb: qzcap_run_app failed: %s\n", why.c_str());
 }
 

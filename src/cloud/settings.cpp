@@ -83,7 +83,7 @@ settings load_settings(const std::optional<server> &given) {
         log_bootstrap(loaded.bootstrap);
         return loaded;
     }
-    const platform::server_record stored(qzcap_get_serverinfo());
+    const platform::server_record stored(platform::call(qzcap_get_serverinfo));
     if (stored)
         read_servers(loaded, *stored);
     else
@@ -113,7 +113,7 @@ void settings::store() const {
     platform::replace_text(record->devtoken, device_token.text());
     platform::replace_text(record->devid, device_id);
     platform::reason why;
-    if (qzcap_set_serverinfo(record.get(), why) < 0)
+    if (platform::call(qzcap_set_serverinfo, record.get(), why) < 0)
         log_printf("[ERROR] qzcap set serverinfo failed: %s\n", why.c_str());
     overwrite(record->devtoken);
 }

@@ -51,8 +51,8 @@ json::value call(request &r, const bus_method &method, const std::string &argume
         return {};
     }
     blob_attr *collected = nullptr;
-    const int status = ubus_invoke(qzcap_get_ubus_context(), object, method.name.c_str(), message.get(),
-                                   qzcap_data_blob_cb, &collected, call_timeout_ms);
+    const int status =
+        platform::invoke(object, method.name, message.get(), qzcap_data_blob_cb, &collected, call_timeout_ms);
     const bus_answer answer(collected);
     if (status != UBUS_STATUS_OK) {
         r.fail(platform_failed, "ubus_invoke failed: %s", ubus_strerror(status));

@@ -64,6 +64,8 @@ class connection {
     /// The same on the loop's next turn.
     void post(message what) { outbox_.post(what.body.take()); }
 
+    /// More than the message that is being handled has come.
+    bool has_input() { return stream_.has_input(); }
     /// This device's address on the connection.
     std::string local_address() const;
 

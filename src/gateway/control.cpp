@@ -88,13 +88,13 @@ void proberesp(request &r, json::view element) {
                                         .data = bytes->data(),
                                         .length = static_cast<std::uint32_t>(bytes->size())};
     platform::reason why;
-    if (qzcap_add_vsie_proberesp(&response, why) < 0)
+    if (platform::call(qzcap_add_vsie_proberesp, &response, why) < 0)
         r.fail(platform_failed, "qzcap_add_vsie_proberesp failed: %s", why.c_str());
 }
 
 void channelscan(request &r, json::view) {
     platform::reason why;
-    if (qzcap_wifi_channelscan(why) < 0)
+    if (platform::call(qzcap_wifi_channelscan, why) < 0)
         r.fail(platform_failed, "qzcap_wifi_channelscan failed: %s", why.c_str());
 }
 
@@ -145,16 +145,16 @@ void beacons::send(request &r, json::view element) {
                                      .data = bytes->data(),
                                      .length = static_cast<std::uint32_t>(bytes->size())};
     platform::reason why;
-    const std::int32_t index = qzcap_add_vsie_beacontx(&beacon, why);
+    const std::int32_t index = platform::call(qzcap_add_vsie_beacontx, &beacon, why);
     if (index < 0)
         return r.fail(platform_failed, "qzcap_add_vsie_beacontx failed: %s", why.c_str());
-    if (qzcap_vsie_beacontx_action(index, "start", why) < 0)
+    if (platform::call(qzcap_vsie_beacontx_action, index, "start", why) < 0)
         return r.fail(platform_failed, "qzcap_vsie_beacontx_action failed: %s", why.c_str());
     const std::int32_t replaced = former == sent_.end() ? index : former->index;
     if (former != sent_.end())
         sent_.erase(former);
     sent_.emplace_front(*this, index, id, lifetime);
-    if (replaced != index && qzcap_vsie_beacontx_action(replaced, "stop", why) < 0)
+    if (replaced != index && platform::call(qzcap_vsie_beacontx_action, replaced, "stop", why) < 0)
         r.fail(platform_failed, "qzcap_vsie_beacontx_action failed: %s", why.c_str());
 }
 
@@ -169,7 +169,7 @@ void beacons::stop(request &r, json::view element) {
     const std::int32_t index = found->index;
     sent_.erase(found);
     platform::reason why;
-    if (qzcap_vsie_beacontx_action(index, "stop", why) < 0)
+    if (platform::call(qzcap_vsie_beacontx_action, index, "stop", why) < 0)
         r.fail(platform_failed, "qzcap_vsie_beacontx_action failed: %s", why.c_str());
 }
 

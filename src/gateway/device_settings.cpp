@@ -95,12 +95,12 @@ void set_thresholds(request &r, const roaming_row &row, json::view value) {
         members.refuse(row.name);
     if (!members.ok())
         return;
-    const roaming_record record(row.get());
+    const roaming_record record(platform::call(row.get));
     if (!record)
         return r.fail(platform_failed, "%s", row.get_failure);
     given.lay_over(*record);
     platform::reason why;
-    if (row.set(record.get(), why) < 0)
+    if (platform::call(row.set, record.get(), why) < 0)
         r.fail(platform_failed, "%s: %s", row.set_failure, why.c_str());
 }
 
@@ -169,7 +169,8 @@ void set_upgrade(request &r, json::view value) {
     request_members members(r, value);
     const software image(members);
     platform::reason why;
-    if (members.ok() && qzcap_upgrade(image.url.data(), image.size, image.chksum.data(), why) < 0)
+    if (members.ok() &&
+        platform::call(qzcap_upgrade, image.url.data(), image.size, image.chksum.data(), why) < 0)
         r.fail(platform_failed, "qzcap_upgrade failed: %s", why.c_str());
 }
 
@@ -177,8 +178,8 @@ void set_upgrade(request &r, json::view value) {
 void set_upgrade_client(request &r, json::view value) {
     request_members members(r, value);
     const software package(members);
-    if (members.ok() &&
-        qzcap_install_app(qzcap_get_ubus_context(), package.url.data(), client_installed, nullptr) < 0)
+    if (members.ok() && platform::call(qzcap_install_app, qzcap_get_ubus_context(), package.url.data(),
+                                       client_installed, nullptr) < 0)
         r.fail(platform_failed, "qzcap_install_app failed");
 }
 
@@ -207,7 +208,8 @@ void set_blacklist(request &r, json::view value) {
     std::transform(listed.begin(), listed.end(), macs.begin(),
                    [](const std::string &mac) { return mac.c_str(); });
     platform::reason why;
-    if (qzcap_set_blacklist(enable.data(), macs.data(), static_cast<unsigned>(macs.size()), why) < 0)
+    if (platform::call(qzcap_set_blacklist, enable.data(), macs.data(), static_cast<unsigned>(macs.size()),
+                       why) < 0)
         r.fail(platform_failed, "qzcap_set_blacklist failed: %s", why.c_str());
 }
 
@@ -216,7 +218,7 @@ void set_map_role(request &r, json::view value) {
     if (std::find(std::begin(mesh_roles), std::end(mesh_roles), role) == std::end(mesh_roles))
         return r.fail(invalid_parameter, "invalid setMapRole");
     platform::reason why;
-    if (qzcap_set_mesh_role(role->data(), why) < 0)
+    if (platform::call(qzcap_set_mesh_role, role->data(), why) < 0)
         r.fail(platform_failed, "qzcap_set_mesh_role failed: %s", why.c_str());
 }
 
@@ -235,7 +237,7 @@ void set_iptv(request &r, json::view value) {
     const qzcap_iptv record{
         .enable = platform::lent(enable), .vlan = static_cast<std::uint32_t>(vlan), .ports = ports.data()};
     platform::reason why;
-    if (qzcap_set_iptv(&record, why) < 0)
+    if (platform::call(qzcap_set_iptv, &record, why) < 0)
         r.fail(platform_failed, "qzcap_set_iptv failed: %s", why.c_str());
 }
 

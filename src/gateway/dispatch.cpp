@@ -70,6 +70,7 @@ bool dispatcher::run(request &r) {
 }
 
 void dispatcher::take(json::view message) {
+    const platform::message_scope scope(&link_, bind<&connection::has_input>(link_));
     request r(message, false, services_);
     if (!run(r))
         return;
@@ -87,9 +88,9 @@ json::value dispatcher::take_from_cloud(json::view message) {
 
 // In this order, whatever the order of the commands was.
 void dispatcher::run_actions() const {
-    if ((actions_ & action_reset) && qzcap_reset() < 0)
+    if ((actions_ & action_reset) && platform::call(qzcap_reset) < 0)
         log_printf("[ERROR] qzcap_reset failed\n");
-    if ((actions_ & action_reboot) && qzcap_reboot() < 0)
+    if ((actions_ & action_reboot) && platform::call(qzcap_reboot) < 0)
         log_printf("[ERROR] qzcap_reboot failed\n");
 }
 
@@ -97,7 +98,7 @@ void dispatcher::switch_to_bridge(const request &r) const {
     if (!(actions_ & action_bridge) || !services_.cache.is_router() || !r.allow_bridge)
         return;
     platform::reason why;
-    if (qzcap_set_workmode("bridge", why) < 0)
+    if (platform::call(qzcap_set_workmode, "bridge", why) < 0)
         log_printf("[ERROR] qzcap_set_workmode failed: %s\n", why.c_str());
 }
 

@@ -82,7 +82,7 @@ void set_hosts(request &r, const host_row &row, json::view value) {
         qzcap_laninfo *host = platform::find_host(*hosts, mac_of(element));
         read_host(r, row, element, host);
         platform::reason why;
-        if (qzcap_set_laninfo(host->index, host, why) < 0)
+        if (platform::call(qzcap_set_laninfo, host->index, host, why) < 0)
             return r.fail(platform_failed, "qzcap_set_laninfo failed: %s", why.c_str());
     }
 }

@@ -88,7 +88,7 @@ json::value negotiation::registration_data() const {
         .text("devtype", device.devtype)
         .number("supportMesh", device.supportMesh);
     if (device.supportMesh != 0)
-        if (const platform::mesh_record mesh{qzcap_get_mesh()})
+        if (const platform::mesh_record mesh{platform::call(qzcap_get_mesh)})
             data.text("mapAlmac", mesh->almac);
     data.text("description", device.description);
     return data.take();

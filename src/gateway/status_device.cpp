@@ -162,14 +162,14 @@ json::value get_eth_lan_port_index(request &r) {
 }
 
 json::value get_terminal_num(request &r) {
-    const handle<qzcap_terminalnum, &qzcap_free_terminalnum> terminals(qzcap_get_terminalnum());
+    const handle<qzcap_terminalnum, &qzcap_free_terminalnum> terminals(platform::call(qzcap_get_terminalnum));
     if (!terminals)
         return r.error_item(platform_failed, "qzcap_get_terminalnum failed");
     return object_of(*terminals, terminal_fields);
 }
 
 json::value get_netstat_ports(request &r) {
-    const handle<qzcap_netstatinfo, &qzcap_free_netstatinfo> ports(qzcap_diagnostics_netstat());
+    const handle<qzcap_netstatinfo, &qzcap_free_netstatinfo> ports(platform::call(qzcap_diagnostics_netstat));
     if (!ports)
         return r.error_item(platform_failed, "qzcap_diagnostics_netstat failed");
     return json::object().add("tcp", number_list(ports->tcp)).add("udp", number_list(ports->udp)).take();

@@ -142,7 +142,8 @@ json::value get_wlanstats(request &r) {
     json::array array;
     for (const platform::band &band : r.services.cache.device_bands())
         for (const qzcap_wifi_ap *access_point : r.services.cache.access_points(band)) {
-            const traffic_record traffic(qzcap_wifi_ap_stats(band.access_point, access_point->index));
+            const traffic_record traffic(
+                platform::call(qzcap_wifi_ap_stats, band.access_point, access_point->index));
             if (!traffic)
                 return r.error_item(platform_failed, "qzcap_wifi_ap_stats failed");
             json::object item;
@@ -216,11 +217,11 @@ json::value get_channel_quality(request &r) {
 }
 
 std::optional<std::string_view> add_map_info(json::object &object) {
-    const platform::mesh_record mesh(qzcap_get_mesh());
+    const platform::mesh_record mesh(platform::call(qzcap_get_mesh));
     if (!mesh)
         return "qzcap_get_mesh failed";
     const bool controller = view_of(mesh->role) == "controller";
-    const backhaul_record backhaul(controller ? qzcap_mesh_backhaulbss() : nullptr);
+    const backhaul_record backhaul(controller ? platform::call(qzcap_mesh_backhaulbss) : nullptr);
     if (controller && !backhaul)
         return "qzcap_mesh_backhaulbss failed";
     object.text("mapRole", mesh->role).text("mapAlmac", mesh->almac);
@@ -242,10 +243,10 @@ json::value get_map_info(request &r) {
 }
 
 json::value get_map_topology(request &r) {
-    const platform::mesh_record mesh(qzcap_get_mesh());
+    const platform::mesh_record mesh(platform::call(qzcap_get_mesh));
     if (!mesh)
         return r.error_item(platform_failed, "qzcap_get_mesh failed");
-    const platform::owned_text text(qzcap_mesh_topo(0));
+    const platform::owned_text text(platform::call(qzcap_mesh_topo, 0));
     const json::document topology = text ? json::parse(text.get()) : json::document();
     if (!topology.root().is_object())
         return r.error_item(platform_failed, "qzcap_mesh_topo failed");

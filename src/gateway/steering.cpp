@@ -100,7 +100,7 @@ void start_rssi_query(request &r, json::view data) {
         .channel = static_cast<std::uint32_t>(channel_of(r.services.cache, band.word)),
         .duration = static_cast<std::uint32_t>(duration) * 1000};
     platform::reason why;
-    if (qzcap_start_rssi_query(&query, why) < 0)
+    if (platform::call(qzcap_start_rssi_query, &query, why) < 0)
         r.fail(platform_failed, "qzcap_start_rssi_query failed: %s", why.c_str());
 }
 
@@ -118,7 +118,7 @@ void move_station(request &r, json::view data) {
                                          .channel = static_cast<std::uint32_t>(channel),
                                          .timeout = 0};
     platform::reason why;
-    if (qzcap_bss_transition(&transition, why) < 0)
+    if (platform::call(qzcap_bss_transition, &transition, why) < 0)
         r.fail(platform_failed, "qzcap_bss_transition failed: %s", why.c_str());
 }
 
@@ -140,7 +140,7 @@ void deassociate(request &r, json::view element) {
     if (!members.ok())
         return;
     platform::reason why;
-    if (qzcap_wifi_deassociation(macs.data(), static_cast<unsigned>(macs.size()), why) < 0)
+    if (platform::call(qzcap_wifi_deassociation, macs.data(), static_cast<unsigned>(macs.size()), why) < 0)
         r.fail(platform_failed, "qzcap_wifi_deassociation failed: %s", why.c_str());
 }
 

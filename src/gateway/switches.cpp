@@ -51,7 +51,7 @@ void note_state(request &r, const switch_row &row, std::string_view state) {
 }
 
 json::value get_switch(request &r, const switch_row &row) {
-    const platform::switches_record switches(qzcap_get_wifi_switch());
+    const platform::switches_record switches(platform::call(qzcap_get_wifi_switch));
     if (!switches)
         return r.error_item(platform_failed, "qzcap_get_wifi_switch failed");
     const char *state = (*switches).*row.state;
@@ -64,8 +64,8 @@ std::optional<std::string> refused(const char *key, std::string_view word) {
     bus_message message;
     message.text(key, word);
     char *reply = nullptr;
-    const int status = ubus_invoke(qzcap_get_ubus_context(), platform::object_id("qzcapd.wifi"), "set",
-                                   message.get(), qzcap_data_cb, &reply, bus_timeout_ms);
+    const int status = platform::invoke(platform::object_id("qzcapd.wifi"), "set", message.get(),
+                                        qzcap_data_cb, &reply, bus_timeout_ms);
     const platform::owned_text answer(reply);
     if (status != 0)
         return ubus_strerror(status);
@@ -76,7 +76,7 @@ std::optional<std::string> refused(const char *key, std::string_view word) {
 }
 
 void set_switch(request &r, const switch_row &row, json::view value) {
-    const platform::switches_record switches(qzcap_get_wifi_switch());
+    const platform::switches_record switches(platform::call(qzcap_get_wifi_switch));
     if (!switches)
         return r.fail(platform_failed, "qzcap_get_wifi_switch failed");
     const std::optional<std::string_view> status = value["status"].text();
@@ -137,21 +137,21 @@ void set_wifitimer(request &r, json::view value) {
     for (const json::view element : value) {
         const qzcap_wifi_timer record = timer_record(element);
         if (i == timers->size()) {
-            if (qzcap_wifi_timer_add(&record, why) < 0)
+            if (platform::call(qzcap_wifi_timer_add, &record, why) < 0)
                 return r.fail(platform_failed, "qzcap_wifi_timer_add failed: %s", why.c_str());
             continue;
         }
         const std::uint32_t id = (*timers)[i++].id;
-        if (qzcap_wifi_timer_set(id, &record, why) < 0)
+        if (platform::call(qzcap_wifi_timer_set, id, &record, why) < 0)
             return fail_timer(r, id, why);
     }
     for (; i < timers->size(); i++)
-        if (const std::uint32_t id = (*timers)[i].id; qzcap_wifi_timer_delete(id, why) < 0)
+        if (const std::uint32_t id = (*timers)[i].id; platform::call(qzcap_wifi_timer_delete, id, why) < 0)
             return fail_timer(r, id, why);
 }
 
 json::value get_ledswitch(request &r) {
-    const platform::owned_text state(qzcap_get_led_switch());
+    const platform::owned_text state(platform::call(qzcap_get_led_switch));
     return state ? status_item(state.get()) : r.error_item(platform_failed, "qzcap_get_led_switch failed");
 }
 
@@ -161,7 +161,7 @@ void set_ledswitch(request &r, json::view value) {
         return r.fail(invalid_parameter, "invalid status");
     const std::optional<std::string_view> word = switch_word(r, *status);
     platform::reason why;
-    if (word && qzcap_set_led_switch(word->data(), why) < 0)
+    if (word && platform::call(qzcap_set_led_switch, word->data(), why) < 0)
         r.fail(platform_failed, "qzcap_set_led_switch failed: %s", why.c_str());
 }
 

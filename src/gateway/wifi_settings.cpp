@@ -117,7 +117,7 @@ class wifi_setting {
             return fail(platform_failed, "update_wifi_info failed");
         for (const band &of : cache_.device_bands()) {
             platform::access_point_record &interface = main_interfaces_[&of - platform::bands];
-            interface.reset(qzcap_wifi_ap_get(of.access_point, main_interface));
+            interface.reset(platform::call(qzcap_wifi_ap_get, of.access_point, main_interface));
             if (!interface)
                 return fail(platform_failed, of.access_point == QZCAP_AP_2G ? "qzcap_wifi_ap_get 2.4G failed"
                                                                             : "qzcap_wifi_ap_get 5G failed");
@@ -241,7 +241,7 @@ class wifi_setting {
         record.txpower = chosen(given.txpower, current.txpower);
         record.bandwidth = *bandwidth;
         record.wifimode = chosen(given.wifimode, current.wifimode);
-        return qzcap_set_wifiinfo_async(of.radio, &record, 0) >= 0 ||
+        return platform::call(qzcap_set_wifiinfo_async, of.radio, &record, 0) >= 0 ||
                fail(platform_failed, "qzcap_set_wifiinfo_async failed");
     }
 
@@ -256,7 +256,8 @@ class wifi_setting {
             for (const interface_member &member : interface_members)
                 if (const given_text given = element[member.key].text(); differs(given, current.*member.text))
                     platform::replace_text(current.*member.text, *given);
-            if (qzcap_wifi_ap_set_async(of.access_point, main_interface, &current, 0, nullptr) < 0)
+            if (platform::call(qzcap_wifi_ap_set_async, of.access_point, main_interface, &current, 0,
+                               nullptr) < 0)
                 return fail(platform_failed, "qzcap_wifi_ap_set_async failed");
         }
         return true;

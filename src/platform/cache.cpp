@@ -15,7 +15,7 @@ template <typename Record>
 bool refresh(bool &current, Record &record, typename Record::pointer (*get)()) {
     if (current)
         return true;
-    Record fetched(get());
+    Record fetched(call(get));
     if (!fetched)
         return false;
     record = std::move(fetched);
@@ -59,14 +59,14 @@ bool cache::refresh_diagnostics() {
 bool cache::refresh_radios() {
     if (radios_current_)
         return true;
-    radio_record radio(qzcap_get_wifiinfo(QZCAP_RADIO_2G));
+    radio_record radio(call(qzcap_get_wifiinfo, QZCAP_RADIO_2G));
     if (!radio) {
         log_printf("[ERROR] update_wifi_info qzcap_get_wifiinfo 2.4G failed\n");
         return false;
     }
     radios_[first] = std::move(radio);
     if (dual_band_) {
-        radio.reset(qzcap_get_wifiinfo(QZCAP_RADIO_5G));
+        radio.reset(call(qzcap_get_wifiinfo, QZCAP_RADIO_5G));
         if (!radio) {
             radios_[first].reset();
             log_printf("[ERROR] update_wifi_info qzcap_get_wifiinfo 5G failed\n");

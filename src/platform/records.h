@@ -9,10 +9,7 @@
 
 #include "base/handle.h"
 #include "base/text.h"
-
-extern "C" {
-#include "platform/qzcap.h"
-}
+#include "platform/gate.h"
 
 namespace arvok::platform {
 
@@ -70,14 +67,14 @@ using access_point_list = record_list<qzcap_wifi_ap, &qzcap_free_wifi_aps>;
 using host_list = record_list<qzcap_laninfo, &qzcap_free_laninfos>;
 
 /// The list that a call `get(first arguments..., &count, &list)` hands out; nothing when it fails. Always
-/// asks the platform.
+/// asks the platform, as far as the gate lets it.
 ///
 ///     const auto timers = fetch_list<timer_list>(qzcap_wifi_timer_list);
 template <typename List, typename Call, typename... First>
 std::optional<List> fetch_list(Call get, First... first) {
     unsigned int count = 0;
     std::remove_const_t<std::remove_pointer_t<decltype(std::declval<List>().begin())>> *records = nullptr;
-    if (get(first..., &count, &records) < 0)
+    if (call(get, first..., &count, &records) < 0)
         return std::nullopt;
     return List(count, records);
 }
@@ -85,7 +82,7 @@ std::optional<List> fetch_list(Call get, First... first) {
 /// The text in which a platform call says why it failed, released at its end.
 ///
 ///     reason why;
-///     if (qzcap_set_led_switch(word, why) < 0)
+///     if (call(qzcap_set_led_switch, word, why) < 0)
 ///         ... why.view() ...
 class reason {
   public:

@@ -1,7 +1,9 @@
 #include "platform/session.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 
 #include "base/log.h"
@@ -23,9 +25,12 @@ session::session() {
                 log_printf("[ERROR] ubus connection lost\n");
             uloop_end();
         };
+    if (open_)
+        gate_.emplace();
 }
 
 session::~session() {
+    gate_.reset();
     if (open_)
         qzcap_ubus_done();
 }
@@ -63,6 +68,7 @@ app_registration *registered;
 app_registration::app_registration(handler answer) : answer_(answer), callbacks_{} {
     callbacks_.postmsg = [](ubus_context *bus, ubus_object *, ubus_request_data *request, const char *,
                             blob_attr *message) {
+        const message_scope scope(registered, bind<&app_registration::has_more>(*registered));
         bus_message reply;
         registered->answer_(message, reply);
         if (request)  // else nobody waits for it
@@ -71,11 +77,22 @@ app_registration::app_registration(handler answer) : answer_(answer), callbacks_
     };
     registered = this;
     handle_ = qzcap_register_appmgtcb(nullptr, &callbacks_);
+    object_ = handle_ ? object_id(std::string("qzapp.") + program_invocation_short_name) : 0;
+}
+
+// Whose it is does not show: whoever waits for an answer here has sent nothing more.
+bool app_registration::has_more() {
+    int unread = 0;
+    return ioctl(qzcap_get_ubus_context()->sock.fd, FIONREAD, &unread) == 0 && unread > 0;
 }
 
 app_registration::~app_registration() {
     qzcap_unregister_appmgtcb(handle_);
     registered = nullptr;
+}
+
+bool is_own_object(std::uint32_t id) {
+    return id != 0 && registered && registered->object() == id;
 }
 
 }  // namespace arvok::platform

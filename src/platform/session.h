@@ -2,10 +2,12 @@
 /// The session with the platform: its bus, the objects on it, this process as one of its apps.
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "base/bus_message.h"
 #include "base/callback.h"
+#include "platform/gate.h"
 #include "platform/records.h"
 
 namespace arvok::platform {
@@ -24,6 +26,7 @@ class session {
 
   private:
     bool open_;
+    std::optional<gate> gate_;
 };
 
 /// While it lives the process waits for the bus's daemon. The library does so without limit, and the daemon
@@ -53,10 +56,19 @@ class app_registration {
     app_registration(const app_registration &) = delete;
     app_registration &operator=(const app_registration &) = delete;
 
+    /// Its id on the bus; 0 when it is not there.
+    std::uint32_t object() const { return object_; }
+
   private:
+    bool has_more();
+
     handler answer_;
     qzcap_appmgtcb callbacks_;
     void *handle_;
+    std::uint32_t object_;
 };
+
+/// Whether this process is to serve the object: whoever called it from here would wait for himself.
+bool is_own_object(std::uint32_t id);
 
 }  // namespace arvok::platform

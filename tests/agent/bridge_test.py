@@ -84,6 +84,17 @@ class Calls(BridgeCase):
         agent.expect("[ERROR] (10004) qzcap_get_objid_by_name failed: odd\n")
 
 
+    def test_own_objects_are_not_called(self):
+        """Nobody would answer: the agent would wait for itself."""
+        self.link()
+        for name in ("qzapp.arvokclt", "qzapp.arvok*"):
+            began = time.monotonic()
+            reply = self.single(name, "postmsg", 40, message={"CmdType": "GET_STATUS"})
+            self.assertLess(time.monotonic() - began, 1)
+            self.assertEqual((reply["errcode"], list(reply)[-1]), (10004, "method"))
+        self.assertEqual(reply["errmsg"], "ubus_invoke failed: Operation not supported")
+
+
 class Refused(UnkeyedCase):
     def test_requests_that_are_not_answered(self):
         self.publish("odd")

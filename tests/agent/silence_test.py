@@ -1,0 +1,121 @@
+"""A platform that does not answer: what it costs a message, those that wait meanwhile, and the end."""
+
+import os
+import threading
+import time
+import unittest
+
+from desk import LinkedCase, call, wait_until
+
+TIMEOUT = 1.5  # seconds until the platform library gives up
+GETTERS = ("qzcap_get_devinfo", "qzcap_diagnostics_get", "qzcap_diagnostics_netstat", "qzcap_get_terminalnum",
+           "qzcap_get_led_switch", "qzcap_get_waninfo", "qzcap_list_laninfo", "qzcap_get_wifi_switch",
+           "qzcap_get_wifiinfo", "qzcap_wifi_ap_list", "qzcap_wifi_ap_get", "qzcap_wifi_ap_stats", "qzcap_wifi_timer_list",
+           "qzcap_get_neighbourinfo", "qzcap_get_channel_score", "qzcap_get_mesh", "qzcap_mesh_topo")
+SETTERS = ("qzcap_set_led_switch", "qzcap_set_mesh_role", "qzcap_set_blacklist", "qzcap_set_wifi_switch")
+ITEMS = ("wifi", "wifitimer", "ledswitch", "wifiswitch", "wpsswitch", "bandsupport", "diaginfo", "cpurate", "cputemp",
+         "uploadspeed", "wlanstats", "channel", "onlineTime", "terminalNum", "load", "real_devinfo", "neighborinfo",
+         "workmode", "netstatPorts", "mapInfo", "mapTopology", "channelQuality", "waninfo")
+
+
+class Silence(LinkedCase):
+    def link(self):
+        self.agent = self.start("-g", os.environ["GATEWAY_ADDR"],
+                                env={**os.environ, "QZCAP_TIMEOUT": str(int(TIMEOUT * 1000))})
+        self.wait_for_message("dev_report")
+        self.forget()
+        return self.agent
+
+    def all_fail(self, functions, mode):
+        for function in functions:
+            self.fail_call(function, times=10000, mode=mode)
+
+    def all_mend(self, functions):
+        for function in functions:
+            self.mend(function)
+
+    def assert_within(self, timeouts, began):
+        self.assertLess(time.monotonic() - began, timeouts * TIMEOUT + 0.5)
+
+    def ask(self, message):
+        return call("lab.gateway", "request", {"message": message, "timeout": 60000}, 70)
+
+    def status(self, *names):
+        reply = self.ask({"type": "get_status", "get": [{"name": name} for name in names]})
+        return reply["errcode"], {name: value for name, value in reply["status"].items() if name != "onlineTime"}
+
+    def test_reading(self):
+        self.link()
+        usual = self.status("cputemp", "ledswitch", "wifiswitch", "wpsswitch", "workmode")
+        self.all_fail(GETTERS, "error")
+        refused = self.status(*ITEMS)
+        self.all_fail(GETTERS, "timeout")
+        self.journal()
+        for attempt in range(2):
+            began = time.monotonic()
+            self.assertEqual(self.status(*ITEMS), refused)
+            self.assert_within(2, began)
+            self.assertEqual(len(self.journal(*GETTERS)), 2)
+        self.all_mend(GETTERS)
+        self.assertEqual(self.status("cputemp", "ledswitch", "wifiswitch", "wpsswitch", "workmode"), usual)
+
+    def test_one_function(self):
+        self.link()
+        self.fail_call("qzcap_get_wifi_switch", 10000, mode="timeout")
+        self.journal()
+        began = time.monotonic()
+        errcode, items = self.status("wifiswitch", "wpsswitch", "syncswitch", "cputemp", "ledswitch")
+        self.assert_within(1, began)
+        self.assertEqual((errcode, items.pop("cputemp"), list(items.pop("ledswitch"))), (10004, 52, ["status"]))
+        self.assertEqual(items, {name: {"errmsg": "qzcap_get_wifi_switch failed"}
+                                 for name in ("wifiswitch", "wpsswitch", "syncswitch")})
+        self.assertEqual(len(self.journal("qzcap_get_wifi_switch")), 1)
+
+    def test_setting(self):
+        """What is given up is as if it had not answered; what was done before stays done."""
+        self.link()
+        self.all_fail(SETTERS[:3], "timeout")
+        self.journal()
+        began = time.monotonic()
+        reply = self.ask({"type": "cfg", "set": {
+            "wpsswitch": {"status": "ON"}, "ledswitch": {"status": "OFF"}, "map_role_set": {"role": "agent"},
+            "syncswitch": {"status": "OFF"}}})
+        self.assert_within(2, began)
+        self.assertEqual(reply["errcode"], 10004)
+        made = [name for name, _ in self.journal(*SETTERS[:3])]
+        self.assertEqual(len(made), len(set(made)))
+
+    def test_those_that_wait(self):
+        """Whoever asks meanwhile waits for two time-outs at most, of others or their own."""
+        self.link()
+        self.all_fail(GETTERS, "timeout")
+        self.notify(5, "devicestatus", {"mac": "02C0FFEE0001", "active": 0})
+        request = {"type": "get_status", "get": [{"name": name} for name in ITEMS]}
+        call("lab.gateway", "send", {"message": request, "repeat": 3})
+        time.sleep(0.3)
+        began = time.monotonic()
+        self.status(*ITEMS)
+        self.assert_within(2, began)
+        self.assertEqual(len(self.received("status")), 4)
+
+    def test_end(self):
+        for sent in ({"type": "get_status", "get": [{"name": name} for name in ITEMS]},
+                     {"type": "cfg", "set": {"ledswitch": {"status": "OFF"}, "wpsswitch": {"status": "ON"}}}):
+            with self.subTest(sent=sent):
+                agent = self.link()
+                self.all_fail(GETTERS + SETTERS, "timeout")
+                self.journal()
+                call("lab.gateway", "send", {"message": sent})
+                wait_until(lambda: call("qzcapd.emulator", "calls")["calls"], "the first call")
+                began = time.monotonic()
+                agent.process.terminate()
+                self.assertEqual(agent.process.wait(60), 0)
+                self.assert_within(1, began)
+                self.agents.clear()
+                self.all_mend(GETTERS + SETTERS)
+                wait_until(lambda: not self.peer()["connected"], "the gateway's connection closed")
+                self.forget()
+
+
+if __name__ == "__main__":
+    unittest.main()
