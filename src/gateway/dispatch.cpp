@@ -134,7 +134,8 @@ void dispatcher::send_first_reports() {
         reports_.wan_up(*cache.wan());
     else
         log_printf("[ERROR] update_wan_info failed\n");
-    reports_.lan_report();
+    platform::host_snapshot hosts;
+    reports_.lan_report(hosts);
 }
 
 }  // namespace arvok::gateway

@@ -10,10 +10,6 @@ namespace {
 constexpr std::size_t access_point_text_max = 63;  // bytes of an event's SSID and BSSID
 constexpr std::size_t vsie_digits_max = 256;       // hex digits of a received element
 
-std::optional<platform::host_list> list_hosts() {
-    return platform::fetch_list<platform::host_list>(qzcap_list_laninfo);
-}
-
 // A member of the platform's message, as it is, under the name that the gateway knows.
 void copy_member(json::object &to, const char *name, json::view from, const char *platform_name) {
     to.add(name, json::copy(from[platform_name]));
@@ -64,18 +60,18 @@ void reports::wan_report(json::view event) {
     send_wan_report(std::move(status));
 }
 
-void reports::lan_report() {
+void reports::lan_report(platform::host_snapshot &hosts) {
     if (!state_.linked)
         return;
     message report = link_.new_message("dev_report");
-    const std::optional<platform::host_list> hosts = list_hosts();
-    if (!hosts) {
+    const platform::host_list *listed = hosts.hosts();
+    if (!listed) {
         log_printf("[ERROR] qzcap_list_laninfo failed");
         return;
     }
     json::array active;
     std::size_t count = 0;
-    for (const qzcap_laninfo *host : *hosts) {
+    for (const qzcap_laninfo *host : *listed) {
         if (!host->active)
             continue;
         json::object item;
@@ -141,14 +137,14 @@ void reports::send_event(const json::value &item) {
     link_.tell(std::move(event));
 }
 
-void reports::send_online_event(std::string_view mac) {
-    const std::optional<platform::host_list> hosts = list_hosts();
-    if (!hosts) {
+void reports::send_online_event(std::string_view mac, platform::host_snapshot &hosts) {
+    const platform::host_list *listed = hosts.hosts();
+    if (!listed) {
         log_printf("[ERROR] send_arvok_lan_event qzcap_list_laninfo failed\n");
         return;
     }
     cache_.refresh_access_points();
-    const qzcap_laninfo *host = platform::find_host(*hosts, mac);
+    const qzcap_laninfo *host = platform::find_host(*listed, mac);
     if (!host)
         return;
     const qzcap_wifi_ap *at = cache_.access_point_of(*host);
@@ -163,13 +159,13 @@ void reports::send_online_event(std::string_view mac) {
     send_event(event.take());
 }
 
-void reports::lan_event(json::view event) {
+void reports::lan_event(json::view event, platform::host_snapshot &hosts) {
     const std::optional<std::string_view> mac = event["mac"].text();
     const std::optional<double> active = event["active"].number();
     if (!mac || !active)
         return;
     if (*active == 1 && is_wanted(event_online))
-        send_online_event(*mac);
+        send_online_event(*mac, hosts);
     else if (*active == 0 && is_wanted(event_offline))
         send_event(json::object().text("event", "offline").text("mac", *mac).take());
 }

@@ -7,6 +7,7 @@
 #include "gateway/connection.h"
 #include "gateway/first_seen.h"
 #include "gateway/request.h"
+#include "platform/host_snapshot.h"
 
 namespace arvok::gateway {
 
@@ -20,7 +21,7 @@ class reports {
     /// The WAN has changed as the platform's notification says; the DNS servers are added.
     void wan_report(json::view event);
     /// The active LAN hosts.
-    void lan_report();
+    void lan_report(platform::host_snapshot &hosts);
     /// The stations that roamed, from the platform's notification.
     void roaming_report(json::view event);
     /// How a station that was asked for is heard, from the platform's notification.
@@ -29,7 +30,7 @@ class reports {
     void map_report();
 
     /// A host came ("active" 1) or went ("active" 0).
-    void lan_event(json::view event);
+    void lan_event(json::view event, platform::host_snapshot &hosts);
     /// The mesh role is now `mode`.
     void map_event(std::string_view mode);
     /// A vendor-specific element was received.
@@ -37,7 +38,7 @@ class reports {
 
   private:
     void send_wan_report(json::object status);
-    void send_online_event(std::string_view mac);
+    void send_online_event(std::string_view mac, platform::host_snapshot &hosts);
     void send_event(const json::value &item);
     bool is_wanted(event_bit event) const { return state_.linked && (state_.events & event); }
 

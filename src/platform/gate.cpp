@@ -90,8 +90,8 @@ int invoke(std::uint32_t object, const std::string &method, blob_attr *message, 
     const attempt made({.object = object, .method = method});
     if (!made.is_allowed())
         return UBUS_STATUS_TIMEOUT;
-    const int status = ubus_invoke(qzcap_get_ubus_context(), object, method.c_str(), message, answered, priv,
-                                   timeout_ms);
+    const int status =
+        ubus_invoke(qzcap_get_ubus_context(), object, method.c_str(), message, answered, priv, timeout_ms);
     if (status == UBUS_STATUS_TIMEOUT)
         made.timed_out();
     return status;

@@ -56,7 +56,8 @@ class gate {
     std::size_t count_ = 0;
     next_round served_;
     const message_scope *message_ = nullptr;  ///< under way
-    const void *without_more_ = nullptr;      ///< the sender of the last message that lost by it, and had sent no other
+    const void *without_more_ =
+        nullptr;  ///< the sender of the last message that lost by it, and had sent no other
 };
 
 /// A message while it is handled.

@@ -1,7 +1,7 @@
 """A platform that does not answer: what it costs a message, those that wait meanwhile, and the end."""
 
 import os
-import threading
+import signal
 import time
 import unittest
 
@@ -18,7 +18,7 @@ ITEMS = ("wifi", "wifitimer", "ledswitch", "wifiswitch", "wpsswitch", "bandsuppo
          "workmode", "netstatPorts", "mapInfo", "mapTopology", "channelQuality", "waninfo")
 
 
-class Silence(LinkedCase):
+class SilenceCase(LinkedCase):
     def link(self):
         self.agent = self.start("-g", os.environ["GATEWAY_ADDR"],
                                 env={**os.environ, "QZCAP_TIMEOUT": str(int(TIMEOUT * 1000))})
@@ -44,6 +44,15 @@ class Silence(LinkedCase):
         reply = self.ask({"type": "get_status", "get": [{"name": name} for name in names]})
         return reply["errcode"], {name: value for name, value in reply["status"].items() if name != "onlineTime"}
 
+    def heard(self, count, active=0):
+        """So many hosts notify at once: the agent hears of all of them together."""
+        self.agent.process.send_signal(signal.SIGSTOP)
+        for number in range(count):
+            self.notify(5, "devicestatus", {"mac": "02AA%08d" % number, "active": active})
+        self.agent.process.send_signal(signal.SIGCONT)
+
+
+class Silence(SilenceCase):
     def test_reading(self):
         self.link()
         usual = self.status("cputemp", "ledswitch", "wifiswitch", "wpsswitch", "workmode")
@@ -115,6 +124,63 @@ class Silence(LinkedCase):
                 self.all_mend(GETTERS + SETTERS)
                 wait_until(lambda: not self.peer()["connected"], "the gateway's connection closed")
                 self.forget()
+
+
+class Flood(SilenceCase):
+    """Many hosts come and go at once."""
+    HOSTS = 300
+
+    def link(self):
+        super().link()
+        self.assertEqual(self.cfg(eventsub=["online", "offline"]), (0, ""))
+        self.journal()
+        return self.agent
+
+    def lists(self):
+        return len(self.journal("qzcap_list_laninfo"))
+
+    def test_each_is_reported(self):
+        """In their order, from few looks at the hosts."""
+        self.link()
+        self.heard(self.HOSTS)
+        self.wait_for_message("dev_report", self.HOSTS)
+        gone = [message["data"][0]["mac"] for message in self.received("event")]
+        self.assertEqual(gone, ["02AA%08d" % number for number in range(self.HOSTS)])
+        self.assertLess(self.lists(), self.HOSTS / 10)
+
+    def test_host_that_comes_during_a_batch_is_found(self):
+        self.link()
+        self.heard(self.HOSTS)
+        self.patch({"laninfo": {"02C0FFEE0005": {"active": 1}}})
+        wait_until(lambda: "02C0FFEE0005" in [m["data"][0]["mac"] for m in self.received("event")], "the event")
+
+    def test_silent_platform(self):
+        """Who asks meanwhile does not wait for all of them."""
+        for active in (0, 1):
+            self.link()
+            self.all_fail(GETTERS, "timeout")
+            self.heard(self.HOSTS, active)
+            for attempt in range(3):
+                began = time.monotonic()
+                self.status(*ITEMS)
+                self.assert_within(2, began)
+            self.all_mend(GETTERS)
+            self.assertEqual(self.status("ledswitch")[0], 0)
+            self.heard(1)
+            self.wait_for_message("dev_report")
+            self.stop_agents()
+            wait_until(lambda: not self.peer()["connected"], "the gateway's connection closed")
+
+    def test_end(self):
+        agent = self.link()
+        self.all_fail(GETTERS, "timeout")
+        self.heard(self.HOSTS)
+        wait_until(self.lists, "the first look")
+        began = time.monotonic()
+        agent.process.terminate()
+        self.assertEqual(agent.process.wait(60), 0)
+        self.assert_within(1, began)
+        self.agents.clear()
 
 
 if __name__ == "__main__":

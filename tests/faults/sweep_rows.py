@@ -194,7 +194,10 @@ def listen(t):
 
 NOTIFICATIONS = [
     Row("qzcap_list_laninfo", sent_on(*HOST_CAME), [online(DESK), "dev_report"], ["dev_report"], ["dev_report"],
-        "[ERROR] send_arvok_lan_event qzcap_list_laninfo failed\n", listen),
+        "[ERROR] send_arvok_lan_event qzcap_list_laninfo failed\n", listen, ("error", "empty", "blank")),
+    # Who has not answered is not asked again for the report.
+    Row("qzcap_list_laninfo", sent_on(*HOST_CAME), [online(DESK), "dev_report"], [], None,
+        "[ERROR] qzcap_list_laninfo failed", listen, ("timeout",)),
     Row("qzcap_wifi_ap_list", sent_on(*HOST_CAME), [online(DESK), "dev_report"], [online(DESK), "dev_report"],
         [online(DESK), "dev_report"], "[ERROR] update_ap_info qzcap_wifi_ap_list 2.4G failed\n", listen),
     Row("qzcap_get_mesh", sent_on(*ROLE), [CHANGED, role("controller")], [CHANGED],

@@ -104,7 +104,8 @@ TEST_F(Gate, OneThatTimedOutIsNotCalledAgainAndAfterTwoNobodyIs) {
 // What has come while the platform was silent has waited already. It is asked again for what comes later.
 TEST_F(Gate, WhatHasComeMeanwhileSharesTheLoss) {
     struct message {
-        explicit message(std::function<void()> take) : handle(std::move(take)), watch(bind<&message::read>(*this)) {
+        explicit message(std::function<void()> take)
+            : handle(std::move(take)), watch(bind<&message::read>(*this)) {
             EXPECT_EQ(pipe(ends), 0);
             EXPECT_TRUE(watch.start(ends[0]));
         }
@@ -144,8 +145,8 @@ TEST_F(Gate, WhatHasComeMeanwhileSharesTheLoss) {
     EXPECT_EQ(third, (std::vector<std::string>{"done", "done"}));
 }
 
-// A sender that has waited for the answer is no such: for its next message the platform is asked again. One that
-// sends on without waiting has the same loss for all of it.
+// A sender that has waited for the answer is no such: for its next message the platform is asked again. One
+// that sends on without waiting has the same loss for all of it.
 TEST_F(Gate, WhoHasHadTheAnswerMayAskAgain) {
     struct sender {
         bool has_more() { return more; }
