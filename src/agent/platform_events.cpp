@@ -15,29 +15,23 @@ constexpr char dev_event[] = "dev_event_cb", wan_event[] = "wan_event_cb", wifi_
                roaming_event[] = "roaming_event_cb", map_event[] = "map_event_cb",
                vsie_event[] = "vsie_event_cb";
 
-std::string text_of(const char *name, std::string_view method, blob_attr *message) {
-    std::string text = json_of(message).value_or("");
-    log_printf("[DEBUG] %s: method %s, json: %s\n", name, method.data(), text.c_str());
-    return text;
-}
-
 }  // namespace
 
 platform_events::platform_events(modules &running, platform::object_watch &objects)
     : modules_(running),
       turn_(bind<&platform_events::serve_next>(*this)),
       host_(objects, QZCAP_OBJ_LANINFO,
-            bind<&platform_events::wait<&platform_events::host, dev_event>>(*this),
+            bind<&platform_events::take<&platform_events::host, dev_event>>(*this),
             bind<&platform_events::catch_up_hosts>(*this)),
-      wan_(objects, QZCAP_OBJ_WAN, bind<&platform_events::wait<&platform_events::wan, wan_event>>(*this),
+      wan_(objects, QZCAP_OBJ_WAN, bind<&platform_events::take<&platform_events::wan, wan_event>>(*this),
            bind<&platform_events::catch_up_wan>(*this)),
-      wifi_(objects, QZCAP_OBJ_WIFI, bind<&platform_events::wait<&platform_events::wifi, wifi_event>>(*this),
+      wifi_(objects, QZCAP_OBJ_WIFI, bind<&platform_events::take<&platform_events::wifi, wifi_event>>(*this),
             bind<&platform_events::catch_up_sync>(*this)),
       roaming_(objects, QZCAP_OBJ_ROAMING,
-               bind<&platform_events::act<&platform_events::roaming, roaming_event>>(*this)),
-      mesh_(objects, QZCAP_OBJ_MESH, bind<&platform_events::wait<&platform_events::mesh, map_event>>(*this)),
+               bind<&platform_events::take<&platform_events::roaming, roaming_event>>(*this)),
+      mesh_(objects, QZCAP_OBJ_MESH, bind<&platform_events::take<&platform_events::mesh, map_event>>(*this)),
       element_(objects, QZCAP_OBJ_VSIE,
-               bind<&platform_events::act<&platform_events::element, vsie_event>>(*this)) {
+               bind<&platform_events::take<&platform_events::element, vsie_event>>(*this)) {
     for (platform::subscription *each : {&host_, &wan_, &wifi_, &roaming_, &mesh_, &element_})
         each->start();
 }
@@ -51,31 +45,34 @@ platform_events::~platform_events() {
     element_.stop(platform::object_id(QZCAP_OBJ_VSIE));
 }
 
-// At once: it asks the platform for nothing.
-template <auto Act, const char *Name>
-int platform_events::act(std::string_view method, blob_attr *message) {
+template <void (platform_events::*Act)(const platform_events::notification &), const char *Name>
+int platform_events::take(std::string_view method, blob_attr *message) {
     if (!message)
         return -1;
-    const heard_notification heard{Act, std::string(method), text_of(Name, method, message), {}};
+    const std::string text = json_of(message).value_or("");
+    log_printf("[DEBUG] %s: method %s, json: %s\n", Name, method.data(), text.c_str());
+    const json::document event = json::parse(text);
     if (modules_)
-        (this->*Act)(heard, json::parse(heard.text).root());
+        (this->*Act)({method, text, event.root()});
     return 0;
 }
 
-template <auto Act, const char *Name>
-int platform_events::wait(std::string_view method, blob_attr *message) {
-    if (!message)
-        return -1;
-    std::string text = text_of(Name, method, message);
-    std::string host(json::parse(text).root()["mac"].text().value_or(""));
+// --- what is reported after asking the platform ---
+
+template <void (platform_events::*Report)(const platform_events::notification &)>
+void platform_events::wait(const notification &heard) {
     if (waiting_.empty())
         turn_.arm();
-    waiting_.add({Act, std::string(method), std::move(text), std::move(host)});
-    return 0;
+    waiting_.add({[](platform_events &events, const waiting_notification &next) {
+                      const json::document event = json::parse(next.text);
+                      (events.*Report)({next.method, next.text, event.root()});
+                  },
+                  std::string(heard.method), heard.text,
+                  std::string(heard.event["mac"].text().value_or(""))});
 }
 
 void platform_events::serve_next() {
-    const std::optional<heard_notification> next = waiting_.take();
+    const std::optional<waiting_notification> next = waiting_.take();
     if (!next || !modules_)
         return;
     if (next->number > batch_end_) {
@@ -83,19 +80,18 @@ void platform_events::serve_next() {
         hosts_.forget();
         appeared_ = false;
     }
-    const json::document event = json::parse(next->text);
-    (this->*next->act)(*next, event.root());
+    next->serve(*this, *next);
     if (waiting_.empty())
         hosts_.forget();
     else
         turn_.arm();
 }
 
-void platform_events::host(const heard_notification &heard, json::view event) {
+void platform_events::report_host(const notification &heard) {
     if (heard.method == "devicestatus") {
-        modules_.gateway->reporting().lan_event(event, hosts_);
+        modules_.gateway->reporting().lan_event(heard.event, hosts_);
         modules_.gateway->reporting().lan_report(hosts_);
-        if (event["active"].number().value_or(0) == 1)
+        if (heard.event["active"].number().value_or(0) == 1)
             host_appeared();
     } else if (heard.method == "newdevice") {
         host_appeared();
@@ -108,40 +104,54 @@ void platform_events::host_appeared() {
         modules_.access->host_appeared();
 }
 
+void platform_events::report_wan(const notification &heard) {
+    modules_.gateway->reporting().wan_report(heard.event);
+}
+
+void platform_events::report_mesh(const notification &heard) {
+    modules_.gateway->reporting().map_report();
+    if (const auto mode = heard.event["mode"].text())
+        modules_.gateway->reporting().map_event(*mode);
+}
+
+// --- what follows at once ---
+
+void platform_events::host(const notification &heard) {
+    wait<&platform_events::report_host>(heard);
+}
+
 // The cloud is behind the WAN. The states are looked for in the text, wherever in the notification they
 // stand.
-void platform_events::wan(const heard_notification &heard, json::view event) {
+void platform_events::wan(const notification &heard) {
     if (!contains(heard.text, R"("status":"down")") || !modules_.cloud->wan_down())
         if (contains(heard.text, R"("status":"up")"))
             modules_.cloud->wan_up();
-    if (event)
-        modules_.gateway->reporting().wan_report(event);
+    if (heard.event)
+        wait<&platform_events::report_wan>(heard);
 }
 
-void platform_events::wifi(const heard_notification &, json::view event) {
-    const std::string_view sync = event["arvoksync"].text().value_or("");
+void platform_events::wifi(const notification &heard) {
+    const std::string_view sync = heard.event["arvoksync"].text().value_or("");
     if (sync == "on")
         modules_.gateway->sync_turned_on();
     else if (sync == "off")
         modules_.gateway->set_sync(false);
 }
 
-void platform_events::roaming(const heard_notification &heard, json::view event) {
-    if (event && heard.method == "aprssi")
-        modules_.gateway->reporting().rssi_report(event);
-    else if (event)
-        modules_.gateway->reporting().roaming_report(event);
+void platform_events::mesh(const notification &heard) {
+    wait<&platform_events::report_mesh>(heard);
 }
 
-void platform_events::mesh(const heard_notification &, json::view event) {
-    modules_.gateway->reporting().map_report();
-    if (const auto mode = event["mode"].text())
-        modules_.gateway->reporting().map_event(*mode);
+void platform_events::roaming(const notification &heard) {
+    if (heard.event && heard.method == "aprssi")
+        modules_.gateway->reporting().rssi_report(heard.event);
+    else if (heard.event)
+        modules_.gateway->reporting().roaming_report(heard.event);
 }
 
-void platform_events::element(const heard_notification &, json::view event) {
-    if (event)
-        modules_.gateway->reporting().vsie_event(event);
+void platform_events::element(const notification &heard) {
+    if (heard.event)
+        modules_.gateway->reporting().vsie_event(heard.event);
 }
 
 // --- what an object that was away did not tell ---
@@ -152,12 +162,9 @@ bool platform_events::catch_up_hosts() {
     return true;
 }
 
-// What is read is newer than what waits to be acted on.
 bool platform_events::catch_up_wan() {
     if (!modules_)
         return true;
-    if (waiting_.has(&platform_events::wan))
-        return false;
     const platform::wan_record now(platform::call(qzcap_get_waninfo));
     if (!now)
         return false;
@@ -172,8 +179,6 @@ bool platform_events::catch_up_wan() {
 bool platform_events::catch_up_sync() {
     if (!modules_)
         return true;
-    if (waiting_.has(&platform_events::wifi))
-        return false;
     const platform::switches_record now(platform::call(qzcap_get_wifi_switch));
     if (!now)
         return false;

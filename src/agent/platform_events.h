@@ -1,11 +1,11 @@
 #pragma once
 /// The platform's notifications: hosts that come and go, WAN, gateway sync, roaming, mesh, received elements.
 ///
-/// Each is logged and turned into a report or event for the gateway or a change of state. What asks the
-/// platform for that waits for its turn: one is served at a time, and everybody else who waits comes in
-/// between. Those that wait together share one look at the hosts. Of an object that
-/// has been away, what it would have notified is read: the state of the WAN, gateway sync; and the access
-/// rules are applied to the hosts that there are then.
+/// Each is logged and turned into a report or event for the gateway or a change of state. A report that asks
+/// the platform waits for its turn: one is made at a time, and everybody else who waits comes in between.
+/// Those that wait together share one look at the hosts. Of an object that has been away, what it would have
+/// notified is read: the state of the WAN, gateway sync; and the access rules are applied to the hosts that
+/// there are then.
 
 #include <string>
 #include <string_view>
@@ -29,23 +29,34 @@ class platform_events {
     platform_events &operator=(const platform_events &) = delete;
 
   private:
-    void host(const heard_notification &heard, json::view event);
-    void wan(const heard_notification &heard, json::view event);
-    void wifi(const heard_notification &heard, json::view event);
-    void roaming(const heard_notification &heard, json::view event);
-    void mesh(const heard_notification &heard, json::view event);
-    void element(const heard_notification &heard, json::view event);
+    /// A notification as text, and what that parses to.
+    struct notification {
+        std::string_view method;
+        const std::string &text;
+        json::view event;
+    };
+
+    template <void (platform_events::*Act)(const notification &), const char *Name>
+    int take(std::string_view method, blob_attr *message);
+
+    void host(const notification &heard);
+    void wan(const notification &heard);
+    void wifi(const notification &heard);
+    void roaming(const notification &heard);
+    void mesh(const notification &heard);
+    void element(const notification &heard);
+
+    template <void (platform_events::*Report)(const notification &)>
+    void wait(const notification &heard);
+    void serve_next();
+    void report_host(const notification &heard);
+    void report_wan(const notification &heard);
+    void report_mesh(const notification &heard);
+    void host_appeared();
 
     bool catch_up_hosts();
     bool catch_up_wan();
     bool catch_up_sync();
-
-    template <auto Act, const char *Name>
-    int act(std::string_view method, blob_attr *message);
-    template <auto Act, const char *Name>
-    int wait(std::string_view method, blob_attr *message);
-    void serve_next();
-    void host_appeared();
 
     modules &modules_;
     waiting_notifications waiting_;

@@ -8,13 +8,13 @@
 namespace arvok {
 namespace {
 
-std::size_t size_of(const heard_notification &heard) {
+std::size_t size_of(const waiting_notification &heard) {
     return heard.method.size() + heard.text.size() + heard.host.size();
 }
 
 }  // namespace
 
-void waiting_notifications::add(heard_notification heard) {
+void waiting_notifications::add(waiting_notification heard) {
     while (waiting_.size() >= count_max || (!empty() && bytes_ + size_of(heard) > bytes_max))
         drop(heard.host);
     heard.number = ++newest_;
@@ -28,27 +28,22 @@ void waiting_notifications::drop(const std::string &host) {
     auto oldest = waiting_.begin();
     if (!host.empty())
         oldest = std::find_if(waiting_.begin(), waiting_.end(),
-                              [&host](const heard_notification &waiting) { return waiting.host == host; });
+                              [&host](const waiting_notification &waiting) { return waiting.host == host; });
     if (oldest == waiting_.end())
         oldest = waiting_.begin();
     bytes_ -= size_of(*oldest);
     waiting_.erase(oldest);
 }
 
-std::optional<heard_notification> waiting_notifications::take() {
+std::optional<waiting_notification> waiting_notifications::take() {
     if (empty())
         return std::nullopt;
-    heard_notification oldest = std::move(waiting_.front());
+    waiting_notification oldest = std::move(waiting_.front());
     waiting_.pop_front();
     bytes_ -= size_of(oldest);
     if (empty() && dropped_ > 0)
         log_printf("[INFO] %zu notifications of the platform were dropped\n", std::exchange(dropped_, 0));
     return oldest;
-}
-
-bool waiting_notifications::has(decltype(heard_notification::act) act) const {
-    return std::any_of(waiting_.begin(), waiting_.end(),
-                       [act](const heard_notification &waiting) { return waiting.act == act; });
 }
 
 }  // namespace arvok

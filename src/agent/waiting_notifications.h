@@ -8,15 +8,13 @@
 #include <optional>
 #include <string>
 
-#include "base/json.h"
-
 namespace arvok {
 
 class platform_events;
 
-/// A notification, and what is to be done with it.
-struct heard_notification {
-    void (platform_events::*act)(const heard_notification &heard, json::view event);
+/// A notification, and who serves it.
+struct waiting_notification {
+    void (*serve)(platform_events &events, const waiting_notification &next);
     std::string method;
     std::string text;        ///< as JSON
     std::string host;        ///< whom it is about; empty: no host
@@ -31,20 +29,18 @@ class waiting_notifications {
 
     /// Adds it behind all others. Where that is too much the oldest of the same host goes, what it said being
     /// the oldest news; without one, the oldest of all.
-    void add(heard_notification heard);
+    void add(waiting_notification heard);
     /// Takes the oldest; nothing when there is none.
-    std::optional<heard_notification> take();
+    std::optional<waiting_notification> take();
 
     bool empty() const { return waiting_.empty(); }
-    /// Whether one waits that is to be acted on so.
-    bool has(decltype(heard_notification::act) act) const;
     /// Of the newest that was added.
     std::uint64_t newest() const { return newest_; }
 
   private:
     void drop(const std::string &host);
 
-    std::list<heard_notification> waiting_;
+    std::list<waiting_notification> waiting_;
     std::size_t bytes_ = 0;  ///< of the texts
     std::uint64_t newest_ = 0;
     std::size_t dropped_ = 0;  ///< since there was none

@@ -25,7 +25,7 @@ void keep(const char *format, ...) {
     logged.emplace_back(line);
 }
 
-heard_notification of(const std::string &text, const std::string &host = {}) {
+waiting_notification of(const std::string &text, const std::string &host = {}) {
     return {nullptr, "method", text, host};
 }
 std::vector<std::string> drained(waiting &from) {
