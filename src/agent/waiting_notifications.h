@@ -25,7 +25,7 @@ class waiting_notifications {
   public:
     /// More hosts than a home has; with their texts a quarter of a megabyte.
     static constexpr std::size_t count_max = 1024;
-    static constexpr std::size_t bytes_max = 256 * 1024;
+    static constexpr std::size_t bytes_max = std::size_t{256} * 1024;
 
     /// Adds it behind all others. Where that is too much the oldest of the same host goes, what it said being
     /// the oldest news; without one, the oldest of all.
