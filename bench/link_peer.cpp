@@ -47,7 +47,9 @@ void gateway::register_agent() {
 }
 
 std::string gateway::encode(const std::string &text) {
-    return arvok::gateway::frame_of(cipher_ ? cipher_->encrypt(text).value() : text);
+    std::string frame = text;
+    arvok::gateway::make_frame(frame, cipher_ ? &*cipher_ : nullptr);
+    return frame;
 }
 
 std::string gateway::round_trip(const std::string &request) {
@@ -64,8 +66,10 @@ std::string gateway::next_frame() {
 }
 
 json::document gateway::decode(const std::string &frame) {
-    const std::string body = frame.substr(header_size);
-    return json::parse(cipher_ ? cipher_->decrypt(body).value_or("") : body);
+    std::string body = frame.substr(header_size);
+    if (cipher_)
+        cipher_->decrypt(body);
+    return json::parse(body);
 }
 
 void gateway::serve() {

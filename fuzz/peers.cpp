@@ -80,19 +80,23 @@ bool Peer::take_answers() {
 
 std::string GatewayPeer::message(std::string_view line) {
     const bool clear = byte_at(line, 0) == '=';
-    const std::string text(line.substr(clear));
+    std::string text(line.substr(clear));
     const json::document sent = json::parse(text);
     if (const auto public_value = sent["data"]["dh_key"].text())
         offered_ = agents_exchange().agree(*public_value).key;
-    return frame(clear || !key_ ? text : aes(aes_mode::cbc, *key_).encrypt(text).value_or(""));
+    if (!clear && key_)
+        aes(aes_mode::cbc, *key_).encrypt(text);
+    return frame(text);
 }
 
 void GatewayPeer::answered(const std::string &body) {
-    for (const std::optional<aes_key> &key : {offered_, key_, std::optional<aes_key>()})
-        if (is_message(key ? aes(aes_mode::cbc, *key).decrypt(body) : body)) {
+    for (const std::optional<aes_key> &key : {offered_, key_, std::optional<aes_key>()}) {
+        std::string text = body;
+        if ((!key || aes(aes_mode::cbc, *key).decrypt(text)) && is_message(text)) {
             key_ = key;
             return;
         }
+    }
     require(!at_once, "sends what is not JSON");
 }
 
@@ -110,10 +114,12 @@ std::string CloudPeer::message(std::string_view line) {
 }
 
 std::string CloudPeer::encrypted(std::string_view text) const {
+    std::string data(text);
     if (cipher_ == cipher::none)
-        return std::string(text);
+        return data;
     const aes_key key = cipher_ == cipher::server_key ? key_ : aes_key_of(random_text(aes_key_size));
-    return aes(aes_mode::ecb, key).encrypt(text).value_or("");
+    aes(aes_mode::ecb, key).encrypt(data);
+    return data;
 }
 
 void CloudPeer::answered(const std::string &body) {
@@ -123,11 +129,13 @@ void CloudPeer::answered(const std::string &body) {
     if (is_message(data))
         return;
     cipher_ = cipher::server_key;
-    for (const aes_key &key : {offered_, key_})
-        if (is_message(aes(aes_mode::ecb, key).decrypt(data))) {
+    for (const aes_key &key : {offered_, key_}) {
+        std::string text = data;
+        if (aes(aes_mode::ecb, key).decrypt(text) && is_message(text)) {
             key_ = key;
             return;
         }
+    }
     cipher_ = cipher::client_key;
     for (char &byte : data)
         byte = static_cast<char>(byte ^ high_bit);

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <string>
 #include <string_view>
@@ -17,26 +18,12 @@ namespace {
 /// The next character written begins a line. Threads may log at the same time; each call is one write.
 std::atomic<bool> at_line_start{true};
 
-std::string formatted(const char *format, std::va_list args) {
-    char small[17 * 1024];  // the longest message of any protocol and what is said around it
-    std::va_list again;
-    va_copy(again, args);
-    const int length = std::vsnprintf(small, sizeof(small), format, args);
-    std::string text;
-    if (length >= 0 && static_cast<std::size_t>(length) < sizeof(small)) {
-        text.assign(small, static_cast<std::size_t>(length));
-    } else if (length >= 0) {
-        text.resize(static_cast<std::size_t>(length));
-        std::vsnprintf(text.data(), text.size() + 1, format, again);
-    }
-    va_end(again);
-    explicit_bzero(small, std::min(sizeof(small), static_cast<std::size_t>(std::max(length, 0)) +
-                                                      1));  // messages may hold keys
-    return text;
-}
+constexpr std::size_t prefix_size = 13;
+constexpr std::size_t usual_max =
+    17 * 1024;  // the longest message of any protocol and what is said around it
 
-/// "HH:MM:SS.mmm ". What a second is called is kept for the next lines of it.
-std::string time_prefix() {
+/// Writes "HH:MM:SS.mmm ". What a second is called is kept for the next lines of it.
+void put_time(char *prefix) {
     thread_local std::time_t named = -1;
     thread_local char text[32];
     timespec now{};
@@ -48,11 +35,10 @@ std::string time_prefix() {
         named = now.tv_sec;
     }
     const int ms = static_cast<int>(now.tv_nsec / 1000000);
-    std::string prefix(text);
+    std::memcpy(prefix, text, prefix_size);
     prefix[9] = static_cast<char>('0' + ms / 100);
     prefix[10] = static_cast<char>('0' + ms / 10 % 10);
     prefix[11] = static_cast<char>('0' + ms % 10);
-    return prefix;
 }
 
 void write_all(std::string_view text) {
@@ -68,25 +54,54 @@ void write_all(std::string_view text) {
     }
 }
 
+/// Writes text of any length and number of lines behind the time.
+void write_lines(std::string_view time, std::string_view text, bool start) {
+    std::string out;
+    out.reserve(time.size() + text.size());
+    for (std::string_view rest = text; !rest.empty(); start = true) {
+        const std::string_view line = rest.substr(0, rest.find('\n') + (rest.find('\n') != rest.npos));
+        out.append(start ? time : std::string_view()).append(line);
+        rest.remove_prefix(line.size());
+    }
+    write_all(out);
+}
+
 }  // namespace
 
 void qzcap_printf(const char *format, ...) {
     const int saved_errno = errno;  // "%m" reads it, and callers log between a failure and its handling
-    std::va_list args;
+    char line[prefix_size + usual_max + 1];
+    char *const said = line + prefix_size;
+    std::va_list args, again;
     va_start(args, format);
-    const std::string text = formatted(format, args);
-    va_end(args);
-    if (!text.empty()) {
-        const std::string prefix = time_prefix();
-        std::string out;
-        out.reserve(prefix.size() + text.size());
-        bool start = at_line_start.exchange(text.back() == '\n');
-        for (std::string_view rest = text; !rest.empty(); start = true) {
-            const std::string_view line = rest.substr(0, rest.find('\n') + (rest.find('\n') != rest.npos));
-            out.append(start ? prefix : std::string()).append(line);
-            rest.remove_prefix(line.size());
+    va_copy(again, args);
+    std::string_view text;
+    std::string longer;
+    if (std::strcmp(format, "%s") == 0) {  // ready-made
+        text = va_arg(args, const char *);
+    } else {
+        const auto length =
+            static_cast<std::size_t>(std::max(std::vsnprintf(said, usual_max + 1, format, args), 0));
+        text = {said, std::min(length, usual_max)};
+        if (length > usual_max) {
+            longer.resize(length);
+            std::vsnprintf(longer.data(), length + 1, format, again);
+            text = longer;
         }
-        write_all(out);
     }
+    va_end(again);
+    va_end(args);
+    const std::size_t size = std::min(text.size(), usual_max);
+    if (!text.empty()) {
+        put_time(line);
+        const bool start = at_line_start.exchange(text.back() == '\n');
+        if (text.size() > usual_max || text.substr(0, text.size() - 1).find('\n') != text.npos) {
+            write_lines({line, prefix_size}, text, start);
+        } else {
+            std::memmove(said, text.data(), size);
+            write_all({start ? line : said, size + (start ? prefix_size : 0)});
+        }
+    }
+    explicit_bzero(line, prefix_size + size);  // messages may hold keys
     errno = saved_errno;
 }

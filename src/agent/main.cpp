@@ -5,7 +5,6 @@
 
 #include "agent/agent.h"
 #include "base/held_signals.h"
-#include "base/json.h"
 
 namespace {
 
@@ -24,7 +23,6 @@ void keep_standard_descriptors() {
 
 int main(int argc, char **argv) {
     arvok::held_signals signals;
-    arvok::json::overwrite_released();
     keep_standard_descriptors();
     arvok::options chosen = arvok::parse_options(argc, argv);
     arvok::apply_test_mode(chosen, arvok::test_mode_marker);

@@ -5,6 +5,7 @@
 #include <openssl/rsa.h>
 
 #include <algorithm>
+#include <utility>
 
 extern "C" {
 #include <libubox/utils.h>
@@ -19,10 +20,7 @@ using pkey_context = handle<EVP_PKEY_CTX, &EVP_PKEY_CTX_free>;
 using bio = handle<BIO, &BIO_free>;
 
 constexpr unsigned char zero_vector[aes_key_size] = {};
-
-const unsigned char *bytes_of(std::string_view text) {
-    return reinterpret_cast<const unsigned char *>(text.data());
-}
+constexpr std::size_t block_size = aes_key_size;
 
 unsigned char *bytes_of(std::string &text) {
     return reinterpret_cast<unsigned char *>(text.data());
@@ -35,10 +33,16 @@ const char *name_of(aes_mode mode) {
 }  // namespace
 
 std::string base64_encode(std::string_view bytes) {
-    std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');
-    const int length = b64_encode(bytes.data(), bytes.size(), text.data(), text.size());
-    text.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
+    std::string text;
+    append_base64(text, bytes);
     return text;
+}
+
+void append_base64(std::string &text, std::string_view bytes) {
+    const std::size_t begin = text.size(), room = (bytes.size() + 2) / 3 * 4 + 1;
+    text.resize(begin + room);
+    const int length = b64_encode(bytes.data(), bytes.size(), text.data() + begin, room);
+    text.resize(length < 0 ? begin : begin + static_cast<std::size_t>(length));
 }
 
 std::optional<std::string> base64_decode(std::string_view text) {
@@ -58,47 +62,75 @@ aes_key aes_key_of(std::string_view bytes) {
 }
 
 aes::aes(aes_mode mode, const aes_key &key)
-    : mode_(mode), encryption_(make(key, true)), decryption_(make(key, false)) {}
+    : mode_(mode), encryption_{make(key, true)}, decryption_{make(key, false)} {}
+
+// Blocks are chained by adding the one before to each; adding it once more takes it out.
+void aes::take_out(unsigned char *first, const block &before) const {
+    if (mode_ == aes_mode::cbc)
+        for (std::size_t i = 0; i < block_size; i++)
+            first[i] ^= before[i];
+}
 
 aes::context aes::make(const aes_key &key, bool encrypt) const {
     const EVP_CIPHER *cipher = mode_ == aes_mode::cbc ? EVP_aes_128_cbc() : EVP_aes_128_ecb();
     context made(EVP_CIPHER_CTX_new());
     if (!made || !EVP_CipherInit_ex(made.get(), cipher, nullptr, key.data(), zero_vector, encrypt))
         return nullptr;
-    EVP_CIPHER_CTX_set_padding(made.get(), mode_ == aes_mode::ecb);
+    EVP_CIPHER_CTX_set_padding(made.get(), 0);
     return made;
 }
 
-std::optional<std::string> aes::encrypt(std::string_view plain) {
-    return run(encryption_.get(), plain, "encrypt");
+bool aes::encrypt(std::string &text, std::size_t begin) {
+    const std::size_t missing = block_size - (text.size() - begin) % block_size;
+    if (mode_ == aes_mode::ecb)
+        text.append(missing, static_cast<char>(missing));
+    else if (missing < block_size)
+        text.append(missing, '\0');
+    const std::size_t size = text.size() - begin;
+    if (size == 0)
+        return true;
+    unsigned char *blocks = bytes_of(text) + begin;
+    take_out(blocks, encryption_.chained);
+    if (!run(encryption_, blocks, size, "encrypt"))
+        return false;
+    std::copy_n(blocks + size - block_size, block_size, encryption_.chained.begin());
+    return true;
 }
 
-std::optional<std::string> aes::decrypt(std::string_view cipher) {
-    return run(decryption_.get(), cipher, "decrypt");
+bool aes::decrypt(std::string &text) {
+    if (mode_ == aes_mode::cbc)
+        text.resize((text.size() + block_size - 1) / block_size * block_size, '\0');
+    const std::size_t size = text.size() / block_size * block_size;
+    if (size > 0) {
+        unsigned char *blocks = bytes_of(text);
+        block last;
+        std::copy_n(blocks + size - block_size, block_size, last.begin());
+        if (!run(decryption_, blocks, size, "decrypt"))
+            return false;
+        take_out(blocks, std::exchange(decryption_.chained, last));
+    }
+    return mode_ == aes_mode::cbc || remove_filling(text);
 }
 
-std::optional<std::string> aes::run(EVP_CIPHER_CTX *keyed, std::string_view in, const char *word) {
-    // The key stays; what the last message left behind goes.
-    if (!keyed || !EVP_CipherInit_ex(keyed, nullptr, nullptr, nullptr, zero_vector, -1))
-        return std::nullopt;
-    std::string filled;
-    if (mode_ == aes_mode::cbc && in.size() % aes_key_size != 0) {
-        filled = in;
-        filled.resize((in.size() / aes_key_size + 1) * aes_key_size, '\0');
-        in = filled;
+bool aes::run(direction &which, unsigned char *blocks, std::size_t size, const char *word) const {
+    int updated = 0;
+    if (which.keyed && EVP_CipherUpdate(which.keyed.get(), blocks, &updated, blocks, static_cast<int>(size)))
+        return true;
+    log_printf("[ERROR] %s %s failed: EVP_CipherUpdate\n", name_of(mode_), word);
+    return false;
+}
+
+// Takes the bytes off that filled the last block of a text; each of them says how many there are.
+bool aes::remove_filling(std::string &text) const {
+    const std::size_t count = text.empty() ? 0 : static_cast<unsigned char>(text.back());
+    if (text.size() % block_size == 0 && count >= 1 && count <= block_size &&
+        std::all_of(text.end() - static_cast<std::ptrdiff_t>(count), text.end(),
+                    [&text](char c) { return c == text.back(); })) {
+        text.resize(text.size() - count);
+        return true;
     }
-    std::string out(in.size() + aes_key_size, '\0');
-    int updated = 0, final = 0;
-    if (!EVP_CipherUpdate(keyed, bytes_of(out), &updated, bytes_of(in), static_cast<int>(in.size()))) {
-        log_printf("[ERROR] %s %s failed: EVP_CipherUpdate\n", name_of(mode_), word);
-        return std::nullopt;
-    }
-    if (!EVP_CipherFinal_ex(keyed, bytes_of(out) + updated, &final)) {
-        log_printf("[ERROR] %s %s failed: EVP_CipherFinal_ex, tmplen %d\n", name_of(mode_), word, final);
-        return std::nullopt;
-    }
-    out.resize(static_cast<std::size_t>(updated) + static_cast<std::size_t>(final));
-    return out;
+    log_printf("[ERROR] %s decrypt failed: EVP_CipherFinal_ex, tmplen %d\n", name_of(mode_), 0);
+    return false;
 }
 
 bool rsa_public_key::read() {

@@ -16,6 +16,8 @@
 namespace arvok {
 
 std::string base64_encode(std::string_view bytes);
+/// The same behind a text.
+void append_base64(std::string &text, std::string_view bytes);
 
 /// The bytes that a base64 text stands for. White space is skipped, padding must be right. Nothing when it is
 /// no base64.
@@ -37,24 +39,35 @@ enum class aes_mode {
     ecb,  ///< PKCS#7 padding
 };
 
-/// AES-128 with one key, which is set up once for any number of messages.
+/// AES-128 with one key, which is set up once for any number of messages. These are encrypted and decrypted
+/// in their place; what they are after a failure is not defined.
 class aes {
   public:
     aes(aes_mode mode, const aes_key &key);
 
-    /// Nothing after a failure.
-    std::optional<std::string> encrypt(std::string_view plain);
-    /// Nothing when what was encrypted is not whole.
-    std::optional<std::string> decrypt(std::string_view cipher);
+    /// What stands before `begin` stays as it is.
+    bool encrypt(std::string &text, std::size_t begin = 0);
+    /// False when what was encrypted is not whole.
+    bool decrypt(std::string &text);
 
   private:
     using context = handle<EVP_CIPHER_CTX, &EVP_CIPHER_CTX_free>;
+    using block = std::array<unsigned char, aes_key_size>;
+
+    // One direction. It is never initialised again, so in CBC mode it goes on from the last block of the
+    // message before, which is known and is taken out again.
+    struct direction {
+        context keyed;
+        block chained{};
+    };
 
     context make(const aes_key &key, bool encrypt) const;
-    std::optional<std::string> run(EVP_CIPHER_CTX *keyed, std::string_view in, const char *word);
+    void take_out(unsigned char *first, const block &before) const;
+    bool run(direction &which, unsigned char *blocks, std::size_t size, const char *word) const;
+    bool remove_filling(std::string &text) const;
 
     aes_mode mode_;
-    context encryption_, decryption_;
+    direction encryption_, decryption_;
 };
 
 /// A public RSA key, read from its PEM text (SubjectPublicKeyInfo) when it is first used.

@@ -35,7 +35,7 @@ struct field {
 template <typename Record>
 class field_writer {
   public:
-    field_writer(json::object &object, const Record &record, const char *key)
+    field_writer(json::writer &object, const Record &record, const char *key)
         : object_(object), record_(record), key_(key) {}
     void operator()(char *Record::*member) const { object_.text(key_, record_.*member); }
     void operator()(std::uint32_t Record::*member) const { object_.number(key_, record_.*member); }
@@ -50,24 +50,24 @@ class field_writer {
     }
 
   private:
-    json::object &object_;
+    json::writer &object_;
     const Record &record_;
     const char *key_;
 };
 
 /// Adds the fields of a record in the order of the table.
 template <typename Record, std::size_t N>
-void add_fields(json::object &object, const Record &record, const field<Record> (&table)[N]) {
+void add_fields(json::writer &object, const Record &record, const field<Record> (&table)[N]) {
     for (const field<Record> &f : table)
         std::visit(field_writer<Record>(object, record, f.key), f.source);
 }
 
-/// An object of exactly those fields.
+/// An object of exactly those fields, as the value that is next.
 template <typename Record, std::size_t N>
-json::value object_of(const Record &record, const field<Record> (&table)[N]) {
-    json::object object;
-    add_fields(object, record, table);
-    return object.take();
+void add_object(json::writer &to, const Record &record, const field<Record> (&table)[N]) {
+    to.open_object();
+    add_fields(to, record, table);
+    to.close();
 }
 
 }  // namespace arvok

@@ -3,59 +3,54 @@
 #include <malloc.h>
 #include <string.h>
 
+#include <algorithm>
+#include <array>
 #include <charconv>
 #include <cstdlib>
+#include <cstring>
+#include <new>
+#include <utility>
 
-#include "base/text.h"
+#include "base/hex.h"
 
 namespace arvok::json {
 namespace {
 
 constexpr double exact_max = 9007199254740992;  // 2^53
-constexpr std::size_t usual_size = 128;         // of an object: it need not grow from the beginning
+constexpr std::size_t usual_size = 255;         // of an object: it need not grow from the beginning
 
+// By character: what stands behind the backslash, 'u' for its number, 0 for what is written as it is.
+constexpr auto escapes = [] {
+    std::array<char, 256> table{};
+    for (std::size_t c = 0; c < ' '; c++)
+        table[c] = 'u';
+    table['"'] = '"';
+    table['\\'] = '\\';
+    table['\b'] = 'b';
+    table['\f'] = 'f';
+    table['\n'] = 'n';
+    table['\r'] = 'r';
+    table['\t'] = 't';
+    return table;
+}();
+
+// An escape is six characters for one: what becomes too long is not written to its end.
 void append_quoted(std::string &out, std::string_view characters) {
     out += '"';
     std::size_t plain = 0;  // from here on nothing had to be escaped yet
     for (std::size_t at = 0; at < characters.size(); at++) {
-        const char c = characters[at];
-        if (static_cast<unsigned char>(c) >= ' ' && c != '"' && c != '\\')
+        const char c = characters[at], escape = escapes[static_cast<unsigned char>(c)];
+        if (escape == 0)
             continue;
-        out.append(characters, plain, at - plain);
+        if (out.size() > text_max)
+            return;
+        out.append(characters, plain, at - plain).append({'\\', escape});
+        if (escape == 'u')
+            out.append({'0', '0', hex_digit(c >> 4), hex_digit(c)});
         plain = at + 1;
-        switch (c) {
-            case '"':
-                out += "\\\"";
-                break;
-            case '\\':
-                out += "\\\\";
-                break;
-            case '\b':
-                out += "\\b";
-                break;
-            case '\f':
-                out += "\\f";
-                break;
-            case '\n':
-                out += "\\n";
-                break;
-            case '\r':
-                out += "\\r";
-                break;
-            case '\t':
-                out += "\\t";
-                break;
-            default:
-                out += format("\\u%04x", static_cast<unsigned>(c));
-        }
     }
-    out.append(characters, plain);
+    out.append(characters.data() + plain, characters.size() - plain);
     out += '"';
-}
-
-std::string print_node(const cJSON *node) {
-    const malloc_text text(node ? cJSON_PrintUnformatted(node) : nullptr);
-    return std::string(view_of(text.get()));
 }
 
 void append_digits(std::string &out, std::int64_t n) {
@@ -64,35 +59,82 @@ void append_digits(std::string &out, std::int64_t n) {
     out.append(digits, end);
 }
 
-// Exactly so, without a call into the mathematical library.
-bool is_whole(double n) {
-    return n >= -exact_max && n <= exact_max && static_cast<double>(static_cast<std::int64_t>(n)) == n;
+}  // namespace
+
+// --- what came in ---
+
+// One of the pieces in which memory is got, with what is taken from it behind it.
+struct document::block {
+    block *before;
+    std::size_t size, used;
+
+    void *take(std::size_t bytes) {
+        void *begin = reinterpret_cast<char *>(this + 1) + used;
+        used += bytes;
+        return begin;
+    }
+};
+
+// Texts of a message may be keys and tokens: they are overwritten as all memory is that is deleted.
+void document::release::operator()(block *newest) const {
+    while (newest)
+        ::operator delete(std::exchange(newest, newest->before));
 }
 
-// Whole numbers are written here: the JSON library writes those beyond int with 15 digits when that comes
-// close, and all of them by way of printing, reading back and comparing a floating-point number.
-void append_number(std::string &out, double n) {
-    if (!is_whole(n)) {
-        const handle<cJSON, &cJSON_Delete> node(cJSON_CreateNumber(n));
-        out += print_node(node.get());
+namespace {
+
+// The newest block of the document that is being parsed, if one is. The library asks for memory without
+// saying what for.
+document::block **filling;
+
+constexpr std::size_t first_block = 1008;  // enough for most messages
+constexpr std::size_t block_max = std::size_t{32} * 1024;
+
+void *take(std::size_t size) {
+    if (!filling)
+        return std::malloc(size);
+    size = (size + alignof(cJSON) - 1) / alignof(cJSON) * alignof(cJSON);
+    document::block *const newest = *filling;
+    if (newest && newest->size - newest->used >= size)
+        return newest->take(size);
+    const std::size_t usual = newest ? std::min(newest->size * 2, block_max) : first_block;
+    const std::size_t room = std::max(usual, size);
+    *filling = new (::operator new(sizeof(document::block) + room)) document::block{newest, room, 0};
+    return (*filling)->take(size);
+}
+
+void give_back(void *memory) {
+    if (filling || !memory)
         return;
-    }
-    append_digits(out, static_cast<std::int64_t>(n));
+    explicit_bzero(memory, malloc_usable_size(memory));
+    std::free(memory);
+}
+
+std::string print_node(const cJSON *node) {
+    const handle<char, &give_back> text(node ? cJSON_PrintUnformatted(node) : nullptr);
+    return std::string(view_of(text.get()));
 }
 
 }  // namespace
 
-void overwrite_released() {
-    cJSON_Hooks hooks{.malloc_fn = std::malloc, .free_fn = [](void *memory) {
-                          if (memory)
-                              explicit_bzero(memory, malloc_usable_size(memory));
-                          std::free(memory);
-                      }};
+document parse(const char *text) {
+    cJSON_Hooks hooks{.malloc_fn = take, .free_fn = give_back};
     cJSON_InitHooks(&hooks);
+    document::block *newest = nullptr;
+    document parsed;
+    filling = &newest;
+    parsed.root_ = cJSON_Parse(text);
+    filling = nullptr;
+    parsed.memory_.reset(newest);
+    return parsed;
 }
 
 view view::operator[](const char *name) const {
-    return view(cJSON_GetObjectItemCaseSensitive(node_, name));
+    for (const view member : *this)
+        if (member.node_->string && *member.node_->string == *name &&
+            std::strcmp(member.node_->string, name) == 0)
+            return member;
+    return {};
 }
 
 std::optional<std::string_view> view::text() const {
@@ -117,16 +159,32 @@ std::string view::print() const {
     return print_node(node_);
 }
 
-document parse(const char *text) {
-    document parsed;
-    parsed.root_.reset(cJSON_Parse(text));
-    return parsed;
+// --- what goes out ---
+
+namespace {
+
+// Exactly so, without a call into the mathematical library.
+bool is_whole(double n) {
+    return n >= -exact_max && n <= exact_max && static_cast<double>(static_cast<std::int64_t>(n)) == n;
 }
+
+// Whole numbers are written here: the JSON library writes those beyond int with 15 digits when that comes
+// close, and all of them by way of printing, reading back and comparing a floating-point number.
+void append_number(std::string &out, double n) {
+    if (!is_whole(n)) {
+        const handle<cJSON, &cJSON_Delete> node(cJSON_CreateNumber(n));
+        out += print_node(node.get());
+        return;
+    }
+    append_digits(out, static_cast<std::int64_t>(n));
+}
+
+}  // namespace
 
 value text(std::string_view characters) {
     std::string quoted;
     append_quoted(quoted, characters);
-    return value(std::move(quoted));
+    return quoted.size() > text_max ? value() : value(std::move(quoted));
 }
 
 value number(double n) {
@@ -139,81 +197,108 @@ value copy(view of) {
     return value(of.print());
 }
 
-object::object(view begun) : text_(begun.is_object() ? begun.print() : "") {
-    if (text_.empty())
-        text_ = "{}";
+writer::writer(char bracket, bool is_array) : open_(is_array ? 3 : 2) {
+    text_.reserve(usual_size);
+    text_ += bracket;
+}
+
+writer::writer(std::string object) : text_(std::move(object)), open_(2) {
     text_.pop_back();
 }
 
-void object::begin() {
-    text_.reserve(usual_size);
-    text_ += '{';
-}
+object::object(view begun) : writer(begun.is_object() ? begun.print() : "{}") {}
 
-void object::begin_member(const char *literal) {
-    text_.append(text_.size() > 1 ? ",\"" : "\"").append(literal).append("\":");
-}
-
-object &object::text(const char *name, std::string_view characters) {
-    begin_member(name);
-    append_quoted(text_, characters);
-    return *this;
-}
-
-object &object::text(const char *name, const char *characters) {
-    return text(name, view_of(characters));
-}
-
-object &object::number(const char *name, double n) {
-    begin_member(name);
-    append_number(text_, n);
-    return *this;
-}
-
-object &object::digits(const char *name, std::int64_t n) {
-    begin_member(name);
-    text_ += '"';
-    append_digits(text_, n);
-    text_ += '"';
-    return *this;
-}
-
-object &object::add(const char *name, const value &v) {
-    if (v) {
-        begin_member(name);
-        text_ += v.text();
+// Whether there is room for a value of that size, with what stands between it and what is before it.
+bool writer::begin_value(std::size_t size) {
+    if (too_long_ || text_.size() + size >= text_max) {
+        too_long_ = true;
+        return false;
     }
+    if (const char last = text_.back(); last != '{' && last != '[' && last != ':')
+        text_ += ',';
+    return true;
+}
+
+writer &writer::member(const char *literal) {
+    const std::string_view name = literal;
+    if (!begin_value(name.size()))
+        return *this;
+    text_ += '"';
+    text_ += name;
+    text_ += '"';
+    text_ += ':';
     return *this;
 }
 
-object &object::add(std::string_view name, const value &v) {
-    if (v) {
-        if (text_.size() > 1)
-            text_ += ',';
-        append_quoted(text_, name);
+writer &writer::colon() {
+    if (!too_long_)
         text_ += ':';
-        text_ += v.text();
+    return *this;
+}
+
+writer &writer::text(std::string_view characters) {
+    if (begin_value(characters.size()))
+        append_quoted(text_, characters);
+    return *this;
+}
+
+writer &writer::number(double n) {
+    if (begin_value(0))
+        append_number(text_, n);
+    return *this;
+}
+
+writer &writer::digits(const char *name, std::int64_t n) {
+    if (member(name).begin_value(0)) {
+        text_ += '"';
+        append_digits(text_, n);
+        text_ += '"';
     }
     return *this;
 }
 
-value object::take() {
-    text_ += '}';
-    return value(std::move(text_));
-}
-
-array &array::add(const value &v) {
-    if (v) {
-        if (text_.size() > 1)
-            text_ += ',';
+writer &writer::add(const value &v) {
+    if (v && begin_value(v.text().size()))
         text_ += v.text();
-    }
     return *this;
 }
 
-value array::take() {
-    text_ += ']';
-    return value(std::move(text_));
+writer &writer::open(char bracket, bool is_array) {
+    if (begin_value(0))
+        text_ += bracket;
+    open_ = open_ << 1 | is_array;
+    return *this;
+}
+
+writer &writer::close() {
+    if (!too_long_)
+        text_ += open_ & 1 ? ']' : '}';
+    open_ >>= 1;
+    return *this;
+}
+
+void writer::back_to(position earlier) {
+    text_.resize(earlier.size);
+    open_ = earlier.open;
+    too_long_ = false;
+}
+
+writer &writer::again(std::size_t begin, std::size_t size) {
+    if (begin_value(size))
+        text_.append(text_, begin, size);
+    return *this;
+}
+
+void writer::begin_with(writer &members) {
+    if (text_.size() > 1)
+        members.text_ += ',';
+    text_.replace(0, 1, members.text_);
+}
+
+value writer::take() {
+    while (open_ > 1)
+        close();
+    return is_too_long() ? value() : value(std::move(text_));
 }
 
 }  // namespace arvok::json

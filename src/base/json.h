@@ -5,11 +5,13 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "base/handle.h"
+#include "base/text.h"
 
 namespace arvok::json {
 
@@ -72,23 +74,32 @@ class document {
 
     /// Whether the text was JSON.
     explicit operator bool() const { return root_ != nullptr; }
-    view root() const { return view(root_.get()); }
+    view root() const { return view(root_); }
     view operator[](const char *name) const { return root()[name]; }
+
+    /// What a message is parsed into, released as a whole.
+    struct block;
 
   private:
     friend document parse(const char *text);
-    handle<cJSON, &cJSON_Delete> root_;
-};
+    struct release {
+        void operator()(block *newest) const;
+    };
 
-/// From here on what messages were parsed into is overwritten before it is released. Before the first is
-/// read.
-void overwrite_released();
+    std::unique_ptr<block, release> memory_;
+    const cJSON *root_ = nullptr;
+};
 
 /// Reads the JSON value at the beginning of the text; what follows it is ignored.
 document parse(const char *text);
 inline document parse(const std::string &text) {
     return parse(text.c_str());
 }
+
+/// Bytes of a message that goes out, at most. The longest is what a thousand hosts need to be told of in all
+/// detail; filled up, encrypted and in base64 it makes a frame of 1 MiB. A device has a few MiB to spare for
+/// it.
+constexpr std::size_t text_max = std::size_t{768} * 1024 - 32;
 
 /// A value that goes out, as the text that travels. None by default, which is not written where it is added.
 class value {
@@ -100,8 +111,7 @@ class value {
     std::string take() { return std::move(text_); }
 
   private:
-    friend class object;
-    friend class array;
+    friend class writer;
     friend value text(std::string_view characters);
     friend value number(double n);
     friend value copy(view of);
@@ -110,51 +120,93 @@ class value {
     std::string text_;
 };
 
+/// None when it is too long.
 value text(std::string_view characters);
 /// A whole number is written with all its digits up to 2^53.
 value number(double n);
 /// A value that came in, as it is; none for nothing.
 value copy(view of);
 
-/// An object, member by member in the order of the calls, which is the order on the wire. Names are literals
-/// without anything to escape.
-class object {
+/// A text that goes out, written piece by piece in the order of the calls, which is the order on the wire.
+/// Whatever is written goes into the innermost array or object that is open. Names are literals without
+/// anything to escape.
+///
+/// It does not grow beyond text_max: what would go beyond is not written, and the text is too long from then
+/// on, unless it is taken back.
+class writer {
   public:
-    object() { begin(); }
-    /// Goes on behind the last member of an object that came in.
-    explicit object(view begun);
+    // --- members of an object ---
 
-    object &text(const char *name, std::string_view characters);
+    writer &text(const char *name, std::string_view characters) { return member(name).text(characters); }
     /// A literal, or a text of a platform record: null is written as "".
-    object &text(const char *name, const char *characters);
-    object &number(const char *name, double n);
+    writer &text(const char *name, const char *characters) { return text(name, view_of(characters)); }
+    writer &number(const char *name, double n) { return member(name).number(n); }
     /// A number as its decimal text.
-    object &digits(const char *name, std::int64_t n);
-    object &add(const char *name, const value &v);
+    writer &digits(const char *name, std::int64_t n);
+    writer &add(const char *name, const value &v) { return v ? member(name).add(v) : *this; }
+    writer &open_object(const char *name) { return member(name).open_object(); }
+    writer &open_array(const char *name) { return member(name).open_array(); }
+    /// The value that is written next is the member of that name.
+    writer &member(const char *literal);
     /// The same under a name that is not a literal.
-    object &add(std::string_view name, const value &v);
+    writer &member(std::string_view name) { return text(name).colon(); }
 
-    /// Gives the object away.
+    // --- elements of an array ---
+
+    writer &text(std::string_view characters);
+    /// A whole number is written with all its digits up to 2^53.
+    writer &number(double n);
+    writer &add(const value &v);
+    writer &open_object() { return open('{', false); }
+    writer &open_array() { return open('[', true); }
+
+    /// Closes the innermost.
+    writer &close();
+
+    // --- the text ---
+
+    /// How far it has been written.
+    struct position {
+        std::size_t size;
+        std::uint32_t open;
+    };
+    position here() const { return {text_.size(), open_}; }
+    /// Takes back what has been written since.
+    void back_to(position earlier);
+    bool is_too_long() const { return too_long_ || text_.size() > text_max; }
+    /// Writes what stands there once more.
+    writer &again(std::size_t begin, std::size_t size);
+    /// Puts the members of an object, which has some and is used up, before those of this one.
+    void begin_with(writer &members);
+
+    /// Closes what is open and gives the text away; none when it is too long.
     value take();
 
+  protected:
+    writer(char bracket, bool is_array);
+    /// Goes on behind the last member of the text of an object.
+    explicit writer(std::string object);
+
   private:
-    void begin();
-    void begin_member(const char *literal);
+    writer &open(char bracket, bool is_array);
+    writer &colon();
+    bool begin_value(std::size_t size);
+
     std::string text_;
+    std::uint32_t open_ = 1;  ///< what is, from the innermost on, a bit each: 1 for an array; then a 1
+    bool too_long_ = false;
 };
 
-/// An array, element by element.
-class array {
+class object : public writer {
   public:
-    array() : text_("[") {}
+    object() : writer('{', false) {}
+    /// Goes on behind the last member of an object that came in.
+    explicit object(view begun);
+};
 
-    array &add(const value &v);
-
-    /// Gives the array away.
-    value take();
-
-  private:
-    std::string text_;
+class array : public writer {
+  public:
+    array() : writer('[', true) {}
 };
 
 }  // namespace arvok::json

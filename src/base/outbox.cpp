@@ -12,11 +12,11 @@ namespace {
 constexpr std::size_t room = std::size_t{256} * 1024;
 constexpr std::size_t room_again = room / 2;
 
-// A longer message is sent where nothing waits, up to the length that a reply may have.
-constexpr std::size_t message_max = std::size_t{768} * 1024;
-
 // What a short message takes beside its text.
 constexpr std::size_t message_overhead = 64;
+
+// A longer message is sent where nothing waits, up to the length that a reply may have.
+constexpr std::size_t message_max = json::text_max + message_overhead;
 
 std::size_t size_of(const json::value &message) {
     return message.text().size() + message_overhead;
@@ -51,9 +51,9 @@ bool outbox::admit(const json::value &message) {
     return true;
 }
 
-void outbox::send(const json::value &message) {
+void outbox::send(json::value message) {
     if (admit(message))
-        owner_.write(message);
+        owner_.write(std::move(message));
 }
 
 void outbox::post(json::value message) {
@@ -68,9 +68,9 @@ void outbox::post(json::value message) {
 void outbox::send_waiting() {
     queued_ = false;
     posted_bytes_ = 0;
-    for (const json::value &message : std::exchange(posted_, {})) {
+    for (json::value &message : std::exchange(posted_, {})) {
         if (owner_.is_ready())
-            owner_.write(message);
+            owner_.write(std::move(message));
         else
             drop();
     }

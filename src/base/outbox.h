@@ -22,7 +22,7 @@ class outbox {
     struct handlers {
         /// The other side is there and expects such messages.
         callback<bool()> is_ready;
-        callback<void(const json::value &message)> write;
+        callback<void(json::value message)> write;
     };
     struct lines {
         const char *begin;  ///< whether it is ready (0 or 1), bytes that wait
@@ -35,7 +35,7 @@ class outbox {
     /// Whether a message would be taken now.
     bool takes(const json::value &message);
     /// Writes a message now, or drops it.
-    void send(const json::value &message);
+    void send(json::value message);
     /// The same on the loop's next turn, in the order of the calls. Until then it waits here: whatever the
     /// number of messages, one task is queued for them.
     void post(json::value message);

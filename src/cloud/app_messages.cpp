@@ -29,11 +29,16 @@ std::optional<std::string> post_to_app(const std::string &name, const std::strin
 }  // namespace
 
 void app_messages::deliver(json::view request) {
-    outcome result;
     agent_.forget_link_actions();
-    const json::value answer = answer_to(request, result);
-    link_.write(reply_to(request, result, "return_Parameter", answer));
+    link_.write(run(request));
     agent_.run_link_actions();
+}
+
+// Its reply, which stays alone: it may be long.
+json::value app_messages::run(json::view request) const {
+    outcome result;
+    const json::value answer = answer_to(request, result);
+    return reply_to(request, result, "return_Parameter", answer);
 }
 
 // The answer in base64; none when there is none, and the outcome says why.
@@ -52,11 +57,17 @@ json::value app_messages::answer_to(json::view request, outcome &result) const {
         result.fail("Parameter base64 encode failed");
         return {};
     }
-    const auto answer = hand_over(*app_name, std::string(until_zero(*decoded)), result);
+    auto answer = hand_over(*app_name, std::string(until_zero(*decoded)), result);
     if (!answer)
         return {};
-    result.code = 0;
-    return json::text(base64_encode(*answer));
+    const std::string encoded = base64_encode(*answer);
+    answer.reset();
+    json::value text = json::text(encoded);
+    if (text)
+        result.code = 0;
+    else
+        result.fail(too_long);
+    return text;
 }
 
 std::optional<std::string> app_messages::hand_over(const std::string &app_name, const std::string &text,

@@ -35,6 +35,7 @@ class app_messages {
     void deliver(json::view request);
 
   private:
+    json::value run(json::view request) const;
     json::value answer_to(json::view request, outcome &result) const;
     std::optional<std::string> hand_over(const std::string &app_name, const std::string &text,
                                          outcome &result) const;

@@ -87,26 +87,26 @@ json::object connection::message(const char *method) const {
 }
 
 void connection::ask(json::value message) {
-    if (!queue_.post([this, text = std::move(message)] { send(text); }))
+    if (!queue_.post([this, text = std::move(message)]() mutable { send(std::move(text)); }))
         handlers_.failed(failure::not_queued);  // nothing else would go on
 }
 
-void connection::send(const json::value &message) {
+void connection::send(json::value message) {
     if (!is_open())
         return;
-    write(message);
+    write(std::move(message));
     // Also when it could not be written: without its acknowledgement the connection has to start over.
     heartbeat_.cancel();
     acknowledgement_.arm(acknowledgement_ms);
 }
 
-void connection::write(const json::value &message) {
+void connection::write(json::value message) {
     if (!is_open())
         return;
-    const std::string &text = message.text();
-    if (is_logged(text))
-        log_printf("[INFO] (cloud) -> %s (%d)\n", text.c_str(), static_cast<int>(text.size()));
-    const std::string frame = encode_frame(stage_, keys_, text);
+    if (is_logged(message.text()))
+        log_printf("[INFO] (cloud) -> %s (%d)\n", message.text().c_str(),
+                   static_cast<int>(message.text().size()));
+    const std::string frame = encode_frame(stage_, keys_, message.take());
     if (!frame.empty())
         stream_.write(frame);
 }

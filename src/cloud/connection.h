@@ -66,7 +66,7 @@ class connection {
     /// Whether it would not be dropped now.
     bool can_tell(const json::value &message) { return outbox_.takes(message); }
     /// Writes a reply now.
-    void write(const json::value &message);
+    void write(json::value message);
     /// More than the message that is being handled has come.
     bool has_input() { return stream_.has_input(); }
     /// The acknowledgement has come.
@@ -77,7 +77,7 @@ class connection {
     int acknowledgement_remaining() { return acknowledgement_.remaining(); }
 
   private:
-    void send(const json::value &message);
+    void send(json::value message);
     bool is_connected() { return is_open() && stage_ == stage::connected; }
     void readable(std::size_t available);
     void receive(std::string &body);

@@ -62,7 +62,7 @@ void enrolment::begin() {
         send_get_challenge();
 }
 
-json::object &enrolment::add_device(json::object &message) const {
+json::writer &enrolment::add_device(json::writer &message) const {
     const qzcap_devinfo &device = cache_.device();
     return message.text("Vendor", device.vendor)
         .text("Model", device.model)

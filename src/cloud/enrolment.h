@@ -42,7 +42,7 @@ class enrolment {
     void request_connect_bootstrap(json::view request);
 
   private:
-    json::object &add_device(json::object &message) const;
+    json::writer &add_device(json::writer &message) const;
     void send_boot();
     void send_get_challenge();
     void send_activate(std::string_view challenge);

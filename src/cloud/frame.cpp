@@ -18,20 +18,22 @@ std::uint32_t word_at(std::string_view bytes, std::size_t at) {
     return word;
 }
 
-std::optional<std::string> encrypt(stage at, key_ring &keys, std::string_view text) {
+bool encrypt(stage at, key_ring &keys, std::string &text) {
     if (at == stage::challenge)
-        return std::string(text);
-    if (at != stage::connected)
-        return keys.platform.encrypt(text);
+        return true;
+    if (at != stage::connected) {
+        text = keys.platform.encrypt(text);
+        return !text.empty();
+    }
     if (keys.server)
         return keys.server->encrypt(text);
     log_printf("[ERROR] encrypt server key is null\n");
-    return std::nullopt;
+    return false;
 }
 
-std::optional<std::string> decrypt(stage at, key_ring &keys, std::string data) {
+bool decrypt(stage at, key_ring &keys, std::string &data) {
     if (at == stage::challenge)
-        return data;
+        return true;
     if (at == stage::connected) {
         if (keys.server)
             return keys.server->decrypt(data);
@@ -41,23 +43,21 @@ std::optional<std::string> decrypt(stage at, key_ring &keys, std::string data) {
             return aes(aes_mode::ecb, *keys.client).decrypt(data);
         log_printf("[ERROR] decrypt client key is null\n");
     }
-    return std::nullopt;
+    return false;
 }
 
 }  // namespace
 
-std::string encode_frame(stage at, key_ring &keys, std::string_view text) {
-    const std::optional<std::string> data = encrypt(at, keys, text);
-    if (!data || data->empty())
+std::string encode_frame(stage at, key_ring &keys, std::string text) {
+    if (!encrypt(at, keys, text) || text.empty())
         return {};
-    const std::string base64 = base64_encode(*data);
-    const std::size_t length = base64.size() + frame_end.size();
+    const std::size_t length = (text.size() + 2) / 3 * 4 + frame_end.size();
     std::string frame;
     frame.reserve(frame_header_size + length);
     frame += magic;
     for (const int shift : {24, 16, 8, 0})
         frame += static_cast<char>(length >> shift);
-    frame += base64;
+    append_base64(frame, text);
     frame += frame_end;
     return frame;
 }
@@ -84,7 +84,9 @@ std::optional<std::string> decode_body(stage at, key_ring &keys, std::string_vie
     std::optional<std::string> data = base64_decode(body);
     if (!data || data->empty())
         return std::nullopt;
-    return decrypt(at, keys, std::move(*data));
+    if (!decrypt(at, keys, *data))
+        return std::nullopt;
+    return data;
 }
 
 }  // namespace arvok::cloud

@@ -33,7 +33,7 @@ constexpr std::size_t frame_header_size = 12;
 
 /// The whole frame of a text. Empty, after a log line where there is something to say, when it cannot be
 /// built. The length limit binds the receiver only.
-std::string encode_frame(stage at, key_ring &keys, std::string_view text);
+std::string encode_frame(stage at, key_ring &keys, std::string text);
 
 /// The body length that a header tells; nothing after the log lines that say why not.
 std::optional<std::size_t> body_length(std::string_view header);

@@ -22,7 +22,11 @@ json::value reply_to(json::view request, const outcome &result, const char *key,
         .number("Result", result.code);
     if (result.code != 0 && !result.reason.empty())
         reply.text("FailReason", result.reason);
-    return reply.add(key, item).take();
+    if (json::value whole = reply.add(key, item).take())
+        return whole;
+    outcome failed;
+    failed.fail(too_long);
+    return reply_to(request, failed);
 }
 
 }  // namespace arvok::cloud

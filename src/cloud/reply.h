@@ -17,7 +17,11 @@ struct outcome {
     void fail(std::string_view why);
 };
 
-/// The reply with the result, the reason of a failure, and what else there is to tell: `item` under `key`.
+/// The reason of a reply that would be longer than a message may be.
+inline constexpr char too_long[] = "reply too long";
+
+/// The reply with the result, the reason of a failure, and what else there is to tell: `item` under `key`. It
+/// has failed instead if that makes it too long.
 json::value reply_to(json::view request, const outcome &result, const char *key = "",
                      const json::value &item = {});
 

@@ -166,12 +166,8 @@ void connection::readable(std::size_t available) {
 
 // What is not JSON ends the connection.
 void connection::receive(std::string &body) {
-    if (cipher_) {
-        std::optional<std::string> plain = cipher_->decrypt(body);
-        if (!plain)
-            return;
-        body = std::move(*plain);
-    }
+    if (cipher_ && !cipher_->decrypt(body))
+        return;
     body.resize(until_zero(body).size());
     const json::document document = json::parse(body);
     if (!is_keepalive_ack(document.root()))
@@ -224,27 +220,29 @@ message connection::new_message(std::string_view type, int ack_timeout_ms) {
     return begun;
 }
 
-bool connection::transmit(const std::string &text, bool quiet) {
+// The text becomes its frame.
+bool connection::transmit(json::value body, bool quiet) {
+    std::string text = body.take();
+    if (text.empty()) {
+        log_printf("[ERROR] (arvok) own msg too long\n");
+        return false;
+    }
     if (!quiet)
         log_printf("[INFO] (arvok) -> %s (%d)\n", text.c_str(), static_cast<int>(text.size()));
-    if (!cipher_) {
-        stream_.write(frame_of(text));
-        return true;
-    }
-    const std::optional<std::string> sealed = cipher_->encrypt(text);
-    if (sealed)
-        stream_.write(frame_of(*sealed));
-    return sealed.has_value();
+    if (!make_frame(text, cipher_ ? &*cipher_ : nullptr))
+        return false;
+    stream_.write(text);
+    return true;
 }
 
 void connection::send(message what) {
-    if (stream_.is_open() && transmit(what.body.take().text(), what.quiet) && what.ack_timeout_ms > 0)
+    if (stream_.is_open() && transmit(what.body.take(), what.quiet) && what.ack_timeout_ms > 0)
         ack_.arm(what.ack_timeout_ms);
 }
 
-void connection::send(const json::value &body) {
+void connection::send(json::value body) {
     if (stream_.is_open())
-        transmit(body.text(), false);
+        transmit(std::move(body), false);
 }
 
 void connection::ack_missing() {

@@ -54,9 +54,10 @@ class connection {
 
     /// A message with its envelope: "type", "sequence" (a number that it uses up) and "mac".
     message new_message(std::string_view type, int ack_timeout_ms = 0);
-    /// Sends a message of the negotiation, a keepalive or a reply; without a connection it goes nowhere.
+    /// Sends a message of the negotiation, a keepalive or a reply. Without a connection it goes nowhere; one
+    /// that is too long goes nowhere either, after a log line.
     void send(message what);
-    void send(const json::value &body);
+    void send(json::value body);
     /// Sends what nobody has asked for. It is dropped (base/outbox.h) without a connection, before the
     /// registration, while a key is negotiated anew, for then it would go out in clear, and when there is no
     /// room.
@@ -90,9 +91,9 @@ class connection {
     void receive(std::string &body);
     void broken();
     bool was_refused();
-    bool transmit(const std::string &text, bool quiet);
+    bool transmit(json::value body, bool quiet);
     bool is_ready() { return stream_.is_open() && state_.linked && !negotiating_; }
-    void write(const json::value &body) { send(body); }
+    void write(json::value body) { send(std::move(body)); }
     void ack_missing();
     void send_keepalive();
     void keepalive_ack_missing();

@@ -75,7 +75,7 @@ void dispatcher::take(json::view message) {
     if (!run(r))
         return;
     if (r.reply)
-        link_.send(r.reply);
+        link_.send(std::move(r.reply));
     run_actions();
     switch_to_bridge(r);
 }

@@ -43,13 +43,14 @@ const frame_format link_frames{
     .forgets_length = true,
 };
 
-std::string frame_of(std::string_view body) {
-    const frame_header header{htonl(magic), htonl(static_cast<std::uint32_t>(body.size()))};
-    std::string frame;
-    frame.reserve(sizeof header + body.size());
-    frame.append(reinterpret_cast<const char *>(&header), sizeof header);
-    frame.append(body);
-    return frame;
+bool make_frame(std::string &text, aes *cipher) {
+    constexpr std::size_t size = sizeof(frame_header);
+    text.insert(0, size, '\0');
+    if (cipher && !cipher->encrypt(text, size))
+        return false;
+    const frame_header header{htonl(magic), htonl(static_cast<std::uint32_t>(text.size() - size))};
+    std::memcpy(text.data(), &header, size);
+    return true;
 }
 
 }  // namespace arvok::gateway

@@ -3,8 +3,8 @@
 /// which is JSON text in the clear until a key has been agreed, and AES-CBC under that key from then on.
 
 #include <string>
-#include <string_view>
 
+#include "base/crypto.h"
 #include "base/frame_reader.h"
 
 namespace arvok::gateway {
@@ -12,7 +12,8 @@ namespace arvok::gateway {
 /// For the receiver, whom alone the length limit binds.
 extern const frame_format link_frames;
 
-/// The frame of that body.
-std::string frame_of(std::string_view body);
+/// Makes a text the body of a frame, encrypted if there is something to encrypt it with. Nothing is sent of
+/// it when that fails: false.
+bool make_frame(std::string &text, aes *cipher);
 
 }  // namespace arvok::gateway

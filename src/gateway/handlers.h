@@ -26,6 +26,6 @@ void deassociate(request &, json::view element);
 
 /// Adds this device's part in the mesh, for "mapInfo" and the mesh report: "mapRole", "mapAlmac" and, for a
 /// controller, "backhaulBSS". When a platform call fails, nothing is added; the text says which.
-std::optional<std::string_view> add_map_info(json::object &);
+std::optional<std::string_view> add_map_info(json::writer &);
 
 }  // namespace arvok::gateway

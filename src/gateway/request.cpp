@@ -22,12 +22,12 @@ void request::fail(error_code code, const char *format, ...) {
     va_end(args);
 }
 
-json::value request::error_item(error_code code, const char *format, ...) {
+bool request::fail_item(error_code code, const char *format, ...) {
     std::va_list args;
     va_start(args, format);
     record(code, format, args);
     va_end(args);
-    return json::object().text("errmsg", errmsg_).take();
+    return false;
 }
 
 bool request::has_envelope() const {

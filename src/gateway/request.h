@@ -60,8 +60,8 @@ class request {
 
     /// Records and logs an error; its text is cut at error_text_max bytes.
     void fail(error_code code, const char *format, ...) __attribute__((format(printf, 3, 4)));
-    /// Records an error and returns the object {"errmsg": text} that stands for a failed item.
-    json::value error_item(error_code code, const char *format, ...) __attribute__((format(printf, 3, 4)));
+    /// The same; false, for an item that has none.
+    bool fail_item(error_code code, const char *format, ...) __attribute__((format(printf, 3, 4)));
 
     int errcode() const { return errcode_; }
     const std::string &errmsg() const { return errmsg_; }
@@ -83,6 +83,9 @@ class request {
     int errcode_ = 0;
     std::string errmsg_;
 };
+
+/// The error of an item that would make the reply longer than a message may be; its code is platform_failed.
+inline constexpr char too_long[] = "reply too long";
 
 /// Bytes of an error's text.
 constexpr std::size_t error_text_max = 255;

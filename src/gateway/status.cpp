@@ -9,21 +9,23 @@
 namespace arvok::gateway {
 namespace {
 
-json::value get_online_time(request &) {
-    return json::text(std::to_string(uptime()));
+bool get_online_time(request &, json::writer &item) {
+    item.text(std::to_string(uptime()));
+    return true;
 }
 
-json::value get_arvokstat(request &r) {
-    return json::object().text("connectedGateway", r.services.link.linked ? "yes" : "no").take();
+bool get_arvokstat(request &r, json::writer &item) {
+    item.open_object().text("connectedGateway", r.services.link.linked ? "yes" : "no").close();
+    return true;
 }
 
-json::value get_access_list(request &r) {
-    return r.error_item(not_supported, "V2019.1.0 without this interface");
+bool get_access_list(request &r, json::writer &) {
+    return r.fail_item(not_supported, "V2019.1.0 without this interface");
 }
 
 struct item_row {
     std::string_view name;
-    json::value (*get)(request &);
+    bool (*get)(request &, json::writer &item);
 };
 
 constexpr item_row items[] = {
@@ -66,13 +68,83 @@ constexpr item_row items[] = {
     {"waninfo", get_waninfo},
 };
 
-// The one table whose names match in either case.
-json::value get_item(request &r, std::string_view name) {
-    for (const item_row &item : items)
-        if (same_ignoring_case(item.name, name))
-            return item.get(r);
-    return r.error_item(not_supported, "unrecognized request");
+// The one table whose names match in either case. Most differ from each other in size or beginning.
+const item_row *find_item(std::string_view name) {
+    constexpr char case_bit = 'a' ^ 'A';
+    for (const item_row &row : items)
+        if (row.name.size() == name.size() && (row.name[0] | case_bit) == (name[0] | case_bit) &&
+            same_ignoring_case(row.name, name))
+            return &row;
+    return nullptr;
 }
+
+/// Bytes of what stands before the items, at most.
+constexpr std::size_t envelope_max = 1024;
+
+// Bytes that an item takes at most if it becomes an error.
+std::size_t error_size(std::string_view name) {
+    constexpr std::size_t longest_error = 96, longest_escape = 6;
+    return longest_error + longest_escape * name.size();
+}
+
+// The items of a reply. One that is asked for again is what it was before: a message that names one hundreds
+// of times is no more work than one that names all.
+class status_items {
+  public:
+    status_items(request &r, json::view get) : request_(r) {
+        reply_.open_object("status");
+        for (const json::view element : get)
+            if (const std::optional<std::string_view> name = element["name"].text())
+                room_ -= error_size(*name);
+    }
+
+    void add(std::string_view name) {
+        const json::writer::position before = reply_.here();
+        room_ += error_size(name);  // what comes behind it still has room for its errors
+        reply_.member(name);
+        if (get(find_item(name)))
+            return;
+        reply_.back_to(before);
+        reply_.member(name).open_object().text("errmsg", request_.errmsg()).close();
+    }
+
+    json::value take() {
+        reply_.begin_with(request_.reply_of("status").number("errcode", request_.errcode()));
+        return reply_.take();
+    }
+
+  private:
+    struct written {
+        std::uint32_t begin = 0, size = 0;
+        bool too_long = false;
+    };
+
+    bool get(const item_row *row) {
+        if (!row)
+            return request_.fail_item(not_supported, "unrecognized request");
+        written &item = written_[row - items];
+        const std::size_t begin = reply_.here().size;
+        if (item.size > 0)
+            item.too_long = begin + item.size > room_;
+        if (!item.too_long) {
+            if (item.size > 0)
+                reply_.again(item.begin, item.size);
+            else if (!row->get(request_, reply_))
+                return false;
+            item.too_long = reply_.is_too_long() || reply_.here().size > room_;
+        }
+        if (item.too_long)
+            return request_.fail_item(platform_failed, too_long);
+        item.begin = static_cast<std::uint32_t>(begin);
+        item.size = static_cast<std::uint32_t>(reply_.here().size - begin);
+        return true;
+    }
+
+    request &request_;
+    json::object reply_;
+    std::size_t room_ = json::text_max - envelope_max;
+    written written_[std::size(items)];
+};
 
 }  // namespace
 
@@ -84,11 +156,11 @@ bool handle_get_status(request &r) {
         log_printf("[ERROR] invalid get\n");
         return false;
     }
-    json::object status;
+    status_items items(r, get);
     for (const json::view element : get)
         if (const std::optional<std::string_view> name = element["name"].text())
-            status.add(*name, get_item(r, *name));
-    r.reply = r.reply_of("status").number("errcode", r.errcode()).add("status", status.take()).take();
+            items.add(*name);
+    r.reply = items.take();
     return true;
 }
 

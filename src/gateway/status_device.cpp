@@ -6,36 +6,35 @@
 namespace arvok::gateway {
 namespace {
 
-json::value text_value(const char *text) {
-    return json::text(view_of(text));
-}
-
-// What `value` makes of a record that is made current first, or the error item.
-template <typename Value>
-json::value of_device(request &r, Value value) {
+// Has `write` make the item of a record that is made current first.
+template <typename Write>
+bool of_device(request &r, Write write) {
     if (!r.services.cache.refresh_device())
-        return r.error_item(platform_failed, "qzcap_get_devinfo failed");
-    return value(r.services.cache.device());
+        return r.fail_item(platform_failed, "qzcap_get_devinfo failed");
+    write(r.services.cache.device());
+    return true;
 }
 
-template <typename Value>
-json::value of_diagnostics(request &r, Value value) {
+template <typename Write>
+bool of_diagnostics(request &r, Write write) {
     if (!r.services.cache.refresh_diagnostics())
-        return r.error_item(platform_failed, "qzcap_diagnostics_get failed");
-    return value(r.services.cache.diagnostics());
+        return r.fail_item(platform_failed, "qzcap_diagnostics_get failed");
+    write(r.services.cache.diagnostics());
+    return true;
 }
 
-template <typename Value>
-json::value of_wan(request &r, Value value) {
+template <typename Write>
+bool of_wan(request &r, Write write) {
     if (!r.services.cache.refresh_wan())
-        return r.error_item(platform_failed, "qzcap_get_waninfo failed");
-    return value(*r.services.cache.wan());
+        return r.fail_item(platform_failed, "qzcap_get_waninfo failed");
+    write(*r.services.cache.wan());
+    return true;
 }
 
 constexpr std::size_t percent_text_max = 7;  // what does not fit is cut, also for the gateway
 
-json::value percent(std::uint32_t n) {
-    return json::text(cut(format("%u%%", n), percent_text_max));
+void add_percent(json::writer &item, std::uint32_t n) {
+    item.text(cut(format("%u%%", n), percent_text_max));
 }
 
 constexpr field<qzcap_diagnostics> diagnostics_fields[] = {
@@ -85,94 +84,102 @@ constexpr field<qzcap_terminalnum> terminal_fields[] = {{"wiredNum", &qzcap_term
                                                         {"5GwirelessNum", &qzcap_terminalnum::wireless_5g}};
 
 // A zero-terminated list of numbers; null is an empty list.
-json::value number_list(const std::uint32_t *numbers) {
-    json::array array;
+void add_numbers(json::writer &to, const std::uint32_t *numbers) {
+    to.open_array();
     for (; numbers && *numbers; numbers++)
-        array.add(json::number(*numbers));
-    return array.take();
+        to.number(*numbers);
+    to.close();
 }
 
-json::value port_list(request &r, std::uint32_t *qzcap_devinfo::*ports, const char *missing) {
-    return of_device(r, [&](const qzcap_devinfo &device) {
-        return device.*ports ? number_list(device.*ports) : r.error_item(platform_failed, "%s", missing);
-    });
+bool add_ports(request &r, json::writer &item, std::uint32_t *qzcap_devinfo::*ports, const char *missing) {
+    if (!r.services.cache.refresh_device())
+        return r.fail_item(platform_failed, "qzcap_get_devinfo failed");
+    const std::uint32_t *numbers = r.services.cache.device().*ports;
+    if (!numbers)
+        return r.fail_item(platform_failed, "%s", missing);
+    add_numbers(item, numbers);
+    return true;
 }
 
 }  // namespace
 
-json::value get_bandsupport(request &r) {
-    return of_device(r, [](const qzcap_devinfo &device) {
+bool get_bandsupport(request &r, json::writer &item) {
+    return of_device(r, [&](const qzcap_devinfo &device) {
         const bool second = view_of(device.support_5g2) == "yes";
-        json::array words;
-        words.add(json::text("2.4G"));
+        item.open_array().text("2.4G");
         if (second)
-            words.add(json::text("5G-2"));
+            item.text("5G-2");
         if (second || view_of(device.support_5g) == "yes")
-            words.add(json::text("5G"));
-        return words.take();
+            item.text("5G");
+        item.close();
     });
 }
 
-json::value get_diaginfo(request &r) {
-    return of_diagnostics(r, [](const qzcap_diagnostics &d) { return object_of(d, diagnostics_fields); });
+bool get_diaginfo(request &r, json::writer &item) {
+    return of_diagnostics(r, [&](const qzcap_diagnostics &d) { add_object(item, d, diagnostics_fields); });
 }
-json::value get_cpurate(request &r) {
-    return of_diagnostics(r, [](const qzcap_diagnostics &d) { return percent(d.cpurate); });
+bool get_cpurate(request &r, json::writer &item) {
+    return of_diagnostics(r, [&](const qzcap_diagnostics &d) { add_percent(item, d.cpurate); });
 }
-json::value get_memoryuserate(request &r) {
-    return of_diagnostics(r, [](const qzcap_diagnostics &d) { return percent(d.memoryusage); });
+bool get_memoryuserate(request &r, json::writer &item) {
+    return of_diagnostics(r, [&](const qzcap_diagnostics &d) { add_percent(item, d.memoryusage); });
 }
-json::value get_cputemp(request &r) {
-    return of_diagnostics(r, [](const qzcap_diagnostics &d) { return json::number(d.cputemp); });
+bool get_cputemp(request &r, json::writer &item) {
+    return of_diagnostics(r, [&](const qzcap_diagnostics &d) { item.number(d.cputemp); });
 }
-json::value get_flashusage(request &r) {
-    return of_diagnostics(r, [](const qzcap_diagnostics &d) { return json::number(d.flashusage); });
+bool get_flashusage(request &r, json::writer &item) {
+    return of_diagnostics(r, [&](const qzcap_diagnostics &d) { item.number(d.flashusage); });
 }
-json::value get_flashfree(request &r) {
-    return of_diagnostics(r, [](const qzcap_diagnostics &d) { return json::number(d.flashfree); });
+bool get_flashfree(request &r, json::writer &item) {
+    return of_diagnostics(r, [&](const qzcap_diagnostics &d) { item.number(d.flashfree); });
 }
-json::value get_flash_stat(request &r) {
-    return of_diagnostics(r, [](const qzcap_diagnostics &d) { return object_of(d, flash_fields); });
-}
-
-json::value get_uploadspeed(request &r) {
-    return of_wan(r, [](const qzcap_waninfo &wan) { return text_value(wan.uploadspeed); });
-}
-json::value get_downloadspeed(request &r) {
-    return of_wan(r, [](const qzcap_waninfo &wan) { return text_value(wan.downloadspeed); });
-}
-json::value get_networktype(request &r) {
-    return of_wan(r, [](const qzcap_waninfo &wan) { return text_value(wan.networktype); });
-}
-json::value get_waninfo(request &r) {
-    return of_wan(r, [](const qzcap_waninfo &wan) { return object_of(wan, wan_fields); });
+bool get_flash_stat(request &r, json::writer &item) {
+    return of_diagnostics(r, [&](const qzcap_diagnostics &d) { add_object(item, d, flash_fields); });
 }
 
-json::value get_workmode(request &r) {
-    return of_device(r, [](const qzcap_devinfo &device) { return text_value(device.mode); });
+bool get_uploadspeed(request &r, json::writer &item) {
+    return of_wan(r, [&](const qzcap_waninfo &wan) { item.text(view_of(wan.uploadspeed)); });
 }
-json::value get_web_server(request &r) {
-    return of_device(r, [](const qzcap_devinfo &device) { return object_of(device, web_server_fields); });
+bool get_downloadspeed(request &r, json::writer &item) {
+    return of_wan(r, [&](const qzcap_waninfo &wan) { item.text(view_of(wan.downloadspeed)); });
 }
-json::value get_eth_wan_port_index(request &r) {
-    return port_list(r, &qzcap_devinfo::wanports, "wanports is null");
+bool get_networktype(request &r, json::writer &item) {
+    return of_wan(r, [&](const qzcap_waninfo &wan) { item.text(view_of(wan.networktype)); });
 }
-json::value get_eth_lan_port_index(request &r) {
-    return port_list(r, &qzcap_devinfo::lanports, "lanports is null");
+bool get_waninfo(request &r, json::writer &item) {
+    return of_wan(r, [&](const qzcap_waninfo &wan) { add_object(item, wan, wan_fields); });
 }
 
-json::value get_terminal_num(request &r) {
+bool get_workmode(request &r, json::writer &item) {
+    return of_device(r, [&](const qzcap_devinfo &device) { item.text(view_of(device.mode)); });
+}
+bool get_web_server(request &r, json::writer &item) {
+    return of_device(r, [&](const qzcap_devinfo &device) { add_object(item, device, web_server_fields); });
+}
+bool get_eth_wan_port_index(request &r, json::writer &item) {
+    return add_ports(r, item, &qzcap_devinfo::wanports, "wanports is null");
+}
+bool get_eth_lan_port_index(request &r, json::writer &item) {
+    return add_ports(r, item, &qzcap_devinfo::lanports, "lanports is null");
+}
+
+bool get_terminal_num(request &r, json::writer &item) {
     const handle<qzcap_terminalnum, &qzcap_free_terminalnum> terminals(platform::call(qzcap_get_terminalnum));
     if (!terminals)
-        return r.error_item(platform_failed, "qzcap_get_terminalnum failed");
-    return object_of(*terminals, terminal_fields);
+        return r.fail_item(platform_failed, "qzcap_get_terminalnum failed");
+    add_object(item, *terminals, terminal_fields);
+    return true;
 }
 
-json::value get_netstat_ports(request &r) {
+bool get_netstat_ports(request &r, json::writer &item) {
     const handle<qzcap_netstatinfo, &qzcap_free_netstatinfo> ports(platform::call(qzcap_diagnostics_netstat));
     if (!ports)
-        return r.error_item(platform_failed, "qzcap_diagnostics_netstat failed");
-    return json::object().add("tcp", number_list(ports->tcp)).add("udp", number_list(ports->udp)).take();
+        return r.fail_item(platform_failed, "qzcap_diagnostics_netstat failed");
+    item.open_object();
+    add_numbers(item.member("tcp"), ports->tcp);
+    add_numbers(item.member("udp"), ports->udp);
+    item.close();
+    return true;
 }
 
 }  // namespace arvok::gateway

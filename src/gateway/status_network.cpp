@@ -32,25 +32,26 @@ constexpr field<qzcap_wifi_apstat> traffic_fields[] = {
 
 // One member for each band that has a radio record.
 template <typename Add>
-json::value by_band(request &r, Add add) {
+bool by_band(request &r, json::writer &item, Add add) {
     if (!r.services.cache.refresh_radios())
-        return r.error_item(platform_failed, "update_wifi_info failed");
-    json::object object;
+        return r.fail_item(platform_failed, "update_wifi_info failed");
+    item.open_object();
     for (const platform::band &band : r.services.cache.device_bands())
         if (const qzcap_wifiinfo *radio = r.services.cache.radio(band))
-            add(object, band.word, *radio);
-    return object.take();
+            add(band.word, *radio);
+    item.close();
+    return true;
 }
 
 // What a radio may be set to, whatever the country.
 constexpr int first_channels[] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13};
 constexpr int second_channels[] = {36, 40, 44, 48, 52, 56, 60, 64, 149, 153, 157, 161, 165};
 
-json::value fixed_channels(const platform::band &band) {
-    json::array channels;
+void add_fixed_channels(json::writer &to, const platform::band &band) {
+    to.open_array("channel");
     for (const int channel : std::span(band.radio == QZCAP_RADIO_2G ? first_channels : second_channels))
-        channels.add(json::number(channel));
-    return channels.take();
+        to.number(channel);
+    to.close();
 }
 
 // --- LAN hosts ---
@@ -86,20 +87,20 @@ constexpr field<qzcap_laninfo> host_fields_behind_rate[] = {
     {"model", &qzcap_laninfo::model},
 };
 
-json::value host_item(const qzcap_laninfo &host, const qzcap_wifi_ap *access_point) {
+void add_host(json::writer &to, const qzcap_laninfo &host, const qzcap_wifi_ap *access_point) {
     const std::string_view ssid = view_of(access_point ? access_point->ssid : nullptr);
     const std::uint32_t mbits = host.negorate / 1000;
-    json::object item;
-    add_fields(item, host, host_fields_before_ssid);
-    item.text("ssid", cut(ssid, host_ssid_max)).number("negorate", mbits);
-    add_fields(item, host, host_fields_behind_rate);
-    return item.take();
+    to.open_object();
+    add_fields(to, host, host_fields_before_ssid);
+    to.text("ssid", cut(ssid, host_ssid_max)).number("negorate", mbits);
+    add_fields(to, host, host_fields_behind_rate);
+    to.close();
 }
 
 // --- neighbourhood ---
 
-json::value neighbour_item(const qzcap_neighbourinfo &heard) {
-    return json::object()
+void add_neighbour(json::writer &to, const qzcap_neighbourinfo &heard) {
+    to.open_object()
         .text("rfband", heard.rfband)
         .text("ssidname", heard.ssidname)
         .text("bssid", heard.bssid)
@@ -108,115 +109,114 @@ json::value neighbour_item(const qzcap_neighbourinfo &heard) {
         .digits("rssi", heard.rssi)
         .text("standard", heard.standard)
         .text("bandwidth", bandwidth_text(heard.bandwidth))
-        .take();
+        .close();
 }
 
-// The scores of one band; none when the platform does not tell.
-json::value channel_scores(const platform::band &band) {
+// The scores of one band, if the platform tells them.
+bool add_channel_scores(json::writer &to, const platform::band &band) {
     const auto scores = platform::fetch_list<score_list>(qzcap_get_channel_score, band.radio);
     if (!scores)
-        return {};
-    json::array quality;
+        return false;
+    to.open_object().text("band", band.word).open_array("quality");
     for (const qzcap_channel_score *of : *scores)
-        quality.add(json::object().number("ch", of->channel).number("score", of->score).take());
-    return json::object().text("band", band.word).add("quality", quality.take()).take();
+        to.open_object().number("ch", of->channel).number("score", of->score).close();
+    to.close().close();
+    return true;
 }
 
 }  // namespace
 
-json::value get_channel(request &r) {
-    return by_band(r, [](json::object &object, const char *word, const qzcap_wifiinfo &radio) {
-        object.number(word, radio.current_channel);
+bool get_channel(request &r, json::writer &item) {
+    return by_band(r, item, [&](const char *word, const qzcap_wifiinfo &radio) {
+        item.number(word, radio.current_channel);
     });
 }
 
-json::value get_load(request &r) {
-    return by_band(r, [](json::object &object, const char *word, const qzcap_wifiinfo &radio) {
-        object.text(word, radio.load);
-    });
+bool get_load(request &r, json::writer &item) {
+    return by_band(r, item,
+                   [&](const char *word, const qzcap_wifiinfo &radio) { item.text(word, radio.load); });
 }
 
-json::value get_wlanstats(request &r) {
+bool get_wlanstats(request &r, json::writer &item) {
     if (!r.services.cache.refresh_access_points())
-        return r.error_item(platform_failed, "update_ap_info failed");
-    json::array array;
+        return r.fail_item(platform_failed, "update_ap_info failed");
+    item.open_array();
     for (const platform::band &band : r.services.cache.device_bands())
         for (const qzcap_wifi_ap *access_point : r.services.cache.access_points(band)) {
             const traffic_record traffic(
                 platform::call(qzcap_wifi_ap_stats, band.access_point, access_point->index));
             if (!traffic)
-                return r.error_item(platform_failed, "qzcap_wifi_ap_stats failed");
-            json::object item;
-            item.number("apidx", static_cast<double>(access_point->index) - 1)
+                return r.fail_item(platform_failed, "qzcap_wifi_ap_stats failed");
+            item.open_object()
+                .number("apidx", static_cast<double>(access_point->index) - 1)
                 .text("ssid", access_point->ssid)
                 .text("band", band.word);
             add_fields(item, *traffic, traffic_fields);
-            array.add(item.take());
+            item.close();
         }
-    return array.take();
+    item.close();
+    return true;
 }
 
-json::value get_capability(request &r) {
+bool get_capability(request &r, json::writer &item) {
     if (!r.services.cache.refresh_device())
-        return r.error_item(platform_failed, "qzcap_get_devinfo failed");
+        return r.fail_item(platform_failed, "qzcap_get_devinfo failed");
     if (!r.services.cache.refresh_radios())
-        return r.error_item(platform_failed, "update_wifi_info failed");
-    json::array wifi, vsie;
-    for (const platform::band &band : r.services.cache.device_bands()) {
-        const qzcap_wifiinfo *radio = r.services.cache.radio(band);
-        if (!radio)
-            continue;
-        wifi.add(json::object()
-                     .text("band", band.word)
-                     .text("auth", radio->supported_auth)
-                     .text("wifimode", radio->supported_modes)
-                     .add("channel", fixed_channels(band))
-                     .take());
-        vsie.add(json::object().text("band", band.word).number("maxCnt", 3).number("maxLen", 255).take());
-    }
-    return json::object()
-        .number("supportMesh", r.services.cache.device().supportMesh)
-        .add("WiFi", wifi.take())
-        .add("vsie", vsie.take())
-        .take();
+        return r.fail_item(platform_failed, "update_wifi_info failed");
+    item.open_object().number("supportMesh", r.services.cache.device().supportMesh).open_array("WiFi");
+    for (const platform::band &band : r.services.cache.device_bands())
+        if (const qzcap_wifiinfo *radio = r.services.cache.radio(band)) {
+            item.open_object()
+                .text("band", band.word)
+                .text("auth", radio->supported_auth)
+                .text("wifimode", radio->supported_modes);
+            add_fixed_channels(item, band);
+            item.close();
+        }
+    item.close().open_array("vsie");
+    for (const platform::band &band : r.services.cache.device_bands())
+        if (r.services.cache.radio(band))
+            item.open_object().text("band", band.word).number("maxCnt", 3).number("maxLen", 255).close();
+    item.close().close();
+    return true;
 }
 
-json::value get_real_devinfo(request &r) {
+bool get_real_devinfo(request &r, json::writer &item) {
     const auto hosts = platform::fetch_list<platform::host_list>(qzcap_list_laninfo);
     if (!hosts)
-        return r.error_item(platform_failed, "qzcap_list_laninfo failed");
+        return r.fail_item(platform_failed, "qzcap_list_laninfo failed");
     if (!r.services.cache.refresh_access_points())
-        return r.error_item(platform_failed, "update_ap_info failed");
-    json::array array;
+        return r.fail_item(platform_failed, "update_ap_info failed");
+    item.open_array();
     for (const qzcap_laninfo *host : *hosts)
         if (host->active)
-            array.add(host_item(*host, r.services.cache.access_point_of(*host)));
-    return array.take();
+            add_host(item, *host, r.services.cache.access_point_of(*host));
+    item.close();
+    return true;
 }
 
-json::value get_neighborinfo(request &r) {
+bool get_neighborinfo(request &r, json::writer &item) {
     const auto neighbours = platform::fetch_list<neighbour_list>(qzcap_get_neighbourinfo);
     if (!neighbours)
-        return r.error_item(platform_failed, "qzcap_get_neighbourinfo failed");
-    json::array array;
+        return r.fail_item(platform_failed, "qzcap_get_neighbourinfo failed");
+    item.open_array();
     for (const qzcap_neighbourinfo *heard : *neighbours)
-        array.add(neighbour_item(*heard));
-    return array.take();
+        add_neighbour(item, *heard);
+    item.close();
+    return true;
 }
 
 // Both bands are asked for on every device, and stand or fall together.
-json::value get_channel_quality(request &r) {
-    json::array array;
-    for (const platform::band &band : platform::bands) {
-        const json::value scores = channel_scores(band);
-        if (!scores)
-            return r.error_item(platform_failed, "qzcap_get_channel_score failed");
-        array.add(scores);
-    }
-    return array.take();
+bool get_channel_quality(request &r, json::writer &item) {
+    item.open_array();
+    for (const platform::band &band : platform::bands)
+        if (!add_channel_scores(item, band))
+            return r.fail_item(platform_failed, "qzcap_get_channel_score failed");
+    item.close();
+    return true;
 }
 
-std::optional<std::string_view> add_map_info(json::object &object) {
+std::optional<std::string_view> add_map_info(json::writer &object) {
     const platform::mesh_record mesh(platform::call(qzcap_get_mesh));
     if (!mesh)
         return "qzcap_get_mesh failed";
@@ -226,33 +226,35 @@ std::optional<std::string_view> add_map_info(json::object &object) {
         return "qzcap_mesh_backhaulbss failed";
     object.text("mapRole", mesh->role).text("mapAlmac", mesh->almac);
     if (backhaul)
-        object.add("backhaulBSS", json::object()
-                                      .text("ssid", backhaul->ssid)
-                                      .text("key", backhaul->key)
-                                      .text("auth", backhaul->auth)
-                                      .text("encrypt", backhaul->encrypt)
-                                      .take());
+        object.open_object("backhaulBSS")
+            .text("ssid", backhaul->ssid)
+            .text("key", backhaul->key)
+            .text("auth", backhaul->auth)
+            .text("encrypt", backhaul->encrypt)
+            .close();
     return std::nullopt;
 }
 
-json::value get_map_info(request &r) {
-    json::object object;
-    if (const auto failure = add_map_info(object))
-        return r.error_item(platform_failed, "%s", failure->data());
-    return object.take();
+bool get_map_info(request &r, json::writer &item) {
+    item.open_object();
+    if (const auto failure = add_map_info(item))
+        return r.fail_item(platform_failed, "%s", failure->data());
+    item.close();
+    return true;
 }
 
-json::value get_map_topology(request &r) {
+bool get_map_topology(request &r, json::writer &item) {
     const platform::mesh_record mesh(platform::call(qzcap_get_mesh));
     if (!mesh)
-        return r.error_item(platform_failed, "qzcap_get_mesh failed");
+        return r.fail_item(platform_failed, "qzcap_get_mesh failed");
     const platform::owned_text text(platform::call(qzcap_mesh_topo, 0));
     const json::document topology = text ? json::parse(text.get()) : json::document();
     if (!topology.root().is_object())
-        return r.error_item(platform_failed, "qzcap_mesh_topo failed");
+        return r.fail_item(platform_failed, "qzcap_mesh_topo failed");
     json::object object(topology.root());
     object.text("mapRole", mesh->role).text("mapAlmac", mesh->almac).number("onlineTime", mesh->onlinetime);
-    return json::array().add(object.take()).take();
+    item.open_array().add(object.take()).close();
+    return true;
 }
 
 }  // namespace arvok::gateway

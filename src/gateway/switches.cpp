@@ -12,8 +12,8 @@ using timer_list = platform::record_list<qzcap_wifi_timer, &qzcap_free_wifi_time
 
 constexpr int bus_timeout_ms = 2000;
 
-json::value status_item(const char *state) {
-    return json::object().text("status", view_of(state) == "on" ? "ON" : "OFF").take();
+void add_status(json::writer &item, const char *state) {
+    item.open_object().text("status", view_of(state) == "on" ? "ON" : "OFF").close();
 }
 
 // The platform's word for the "status" that a request gives, "ON" or "OFF"; nothing after recording that it
@@ -50,13 +50,14 @@ void note_state(request &r, const switch_row &row, std::string_view state) {
         r.services.link.sync_on = state == "on";
 }
 
-json::value get_switch(request &r, const switch_row &row) {
+bool get_switch(request &r, json::writer &item, const switch_row &row) {
     const platform::switches_record switches(platform::call(qzcap_get_wifi_switch));
     if (!switches)
-        return r.error_item(platform_failed, "qzcap_get_wifi_switch failed");
+        return r.fail_item(platform_failed, "qzcap_get_wifi_switch failed");
     const char *state = (*switches).*row.state;
     note_state(r, row, view_of(state));
-    return status_item(state);
+    add_status(item, state);
+    return true;
 }
 
 // Has the platform set one switch. Nothing when it did, else why not.
@@ -110,18 +111,19 @@ void fail_timer(request &r, std::uint32_t id, const platform::reason &why) {
 
 }  // namespace
 
-json::value get_wifitimer(request &r) {
+bool get_wifitimer(request &r, json::writer &item) {
     const auto timers = platform::fetch_list<timer_list>(qzcap_wifi_timer_list);
     if (!timers)
-        return r.error_item(platform_failed, "qzcap_wifi_timer_list failed");
-    json::array array;
+        return r.fail_item(platform_failed, "qzcap_wifi_timer_list failed");
+    item.open_array();
     for (const qzcap_wifi_timer *timer : *timers)
-        array.add(json::object()
-                      .text("weekday", timer->weekday)
-                      .text("time", timer->time)
-                      .text("enable", view_of(timer->enable) == "yes" ? "1" : "0")
-                      .take());
-    return array.take();
+        item.open_object()
+            .text("weekday", timer->weekday)
+            .text("time", timer->time)
+            .text("enable", view_of(timer->enable) == "yes" ? "1" : "0")
+            .close();
+    item.close();
+    return true;
 }
 
 // The device's schedule becomes the request's list; the ids of existing entries are used again in their
@@ -150,9 +152,12 @@ void set_wifitimer(request &r, json::view value) {
             return fail_timer(r, id, why);
 }
 
-json::value get_ledswitch(request &r) {
+bool get_ledswitch(request &r, json::writer &item) {
     const platform::owned_text state(platform::call(qzcap_get_led_switch));
-    return state ? status_item(state.get()) : r.error_item(platform_failed, "qzcap_get_led_switch failed");
+    if (!state)
+        return r.fail_item(platform_failed, "qzcap_get_led_switch failed");
+    add_status(item, state.get());
+    return true;
 }
 
 void set_ledswitch(request &r, json::view value) {
@@ -165,14 +170,14 @@ void set_ledswitch(request &r, json::view value) {
         r.fail(platform_failed, "qzcap_set_led_switch failed: %s", why.c_str());
 }
 
-json::value get_wifiswitch(request &r) {
-    return get_switch(r, wifi_switch);
+bool get_wifiswitch(request &r, json::writer &item) {
+    return get_switch(r, item, wifi_switch);
 }
-json::value get_wpsswitch(request &r) {
-    return get_switch(r, wps_switch);
+bool get_wpsswitch(request &r, json::writer &item) {
+    return get_switch(r, item, wps_switch);
 }
-json::value get_syncswitch(request &r) {
-    return get_switch(r, sync_switch);
+bool get_syncswitch(request &r, json::writer &item) {
+    return get_switch(r, item, sync_switch);
 }
 void set_wifiswitch(request &r, json::view value) {
     set_switch(r, wifi_switch, value);

@@ -29,26 +29,25 @@ constexpr field<qzcap_wifi_ap> interface_fields[] = {
     {"key", &qzcap_wifi_ap::key},       {"auth", &qzcap_wifi_ap::auth}, {"encrypt", &qzcap_wifi_ap::encrypt},
 };
 
-json::value radio_item(const band &of, const qzcap_wifiinfo &radio) {
-    return json::object()
+void add_radio(json::writer &to, const band &of, const qzcap_wifiinfo &radio) {
+    to.open_object("radio")
         .text("mode", of.word)
         .number("channel", radio.channel)
         .number("currentChannel", radio.current_channel)
         .text("txpower", radio.txpower)
         .text("bandwidth", bandwidth_text(radio.bandwidth))
         .text("wifimode", radio.wifimode)
-        .take();
+        .close();
 }
 
-json::value interface_items(std::span<qzcap_wifi_ap *const> interfaces) {
-    json::array array;
+void add_interfaces(json::writer &to, std::span<qzcap_wifi_ap *const> interfaces) {
+    to.open_array("ap");
     for (const qzcap_wifi_ap *interface : interfaces) {
-        json::object item;
-        item.number("apidx", static_cast<double>(interface->index) - 1);
-        add_fields(item, *interface, interface_fields);
-        array.add(item.take());
+        to.open_object().number("apidx", static_cast<double>(interface->index) - 1);
+        add_fields(to, *interface, interface_fields);
+        to.close();
     }
-    return array.take();
+    to.close();
 }
 
 // --- setting ---
@@ -275,19 +274,21 @@ class wifi_setting {
 
 }  // namespace
 
-json::value get_wifi(request &r) {
+bool get_wifi(request &r, json::writer &item) {
     if (!r.services.cache.refresh_radios())
-        return r.error_item(platform_failed, "update_wifi_info failed");
+        return r.fail_item(platform_failed, "update_wifi_info failed");
     if (!r.services.cache.refresh_access_points())
-        return r.error_item(platform_failed, "update_ap_info failed");
-    json::array array;
+        return r.fail_item(platform_failed, "update_ap_info failed");
+    item.open_array();
     for (const band &of : r.services.cache.device_bands())
-        if (const qzcap_wifiinfo *radio = r.services.cache.radio(of))
-            array.add(json::object()
-                          .add("radio", radio_item(of, *radio))
-                          .add("ap", interface_items(r.services.cache.access_points(of)))
-                          .take());
-    return array.take();
+        if (const qzcap_wifiinfo *radio = r.services.cache.radio(of)) {
+            item.open_object();
+            add_radio(item, of, *radio);
+            add_interfaces(item, r.services.cache.access_points(of));
+            item.close();
+        }
+    item.close();
+    return true;
 }
 
 void set_wifi(request &r, json::view value) {

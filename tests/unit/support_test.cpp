@@ -66,7 +66,7 @@ TEST(Json, IsWrittenAsTheLibraryWouldWriteIt) {
     for (const double n : numbers)
         cJSON_AddNumberToObject(reference.get(), "n", n);
     json::object object;
-    object.add(std::string_view(every), json::text(every)).text("", "");
+    object.member(std::string_view(every)).text(every).text("", "");
     for (const double n : numbers)
         object.number("n", n);
     const std::string text = object.take().take();
