@@ -71,7 +71,7 @@ FrameReader::Next FrameReader::next(std::string &body, std::uint32_t &length) {
     length = 0;
     for (std::size_t at = frame_magic.size(); at < frame_header; at++)
         length = (length << 8) | static_cast<unsigned char>(pending_[at]);
-    if (length == 0 || length > frame_max_body)
+    if (length == 0 || length > frame_max_received)
         return Next::bad_length;
     if (pending_.size() - frame_header < length)
         return Next::incomplete;

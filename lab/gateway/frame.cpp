@@ -35,7 +35,7 @@ FrameReader::Next FrameReader::next(std::string &body, std::uint32_t &word) {
     if (word != frame_magic)
         return Next::bad_magic;
     word = word_at(pending_, 4);
-    if (word == 0 || word > frame_max_body)
+    if (word == 0 || word > frame_max_received)
         return Next::bad_length;
     if (pending_.size() - frame_header < word)
         return Next::incomplete;

@@ -5,6 +5,7 @@
 
 #include "agent/agent.h"
 #include "base/held_signals.h"
+#include "base/memory.h"
 
 namespace {
 
@@ -23,6 +24,7 @@ void keep_standard_descriptors() {
 
 int main(int argc, char **argv) {
     arvok::held_signals signals;
+    arvok::return_large_memory();
     keep_standard_descriptors();
     arvok::options chosen = arvok::parse_options(argc, argv);
     arvok::apply_test_mode(chosen, arvok::test_mode_marker);

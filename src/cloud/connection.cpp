@@ -109,6 +109,7 @@ void connection::write(json::value message) {
     const std::string frame = encode_frame(stage_, keys_, message.take());
     if (!frame.empty())
         stream_.write(frame);
+    memory_.sent(frame.size());
 }
 
 // --- receiving ---

@@ -9,6 +9,7 @@
 #include "base/frame_reader.h"
 #include "base/json.h"
 #include "base/loop.h"
+#include "base/memory.h"
 #include "base/outbox.h"
 #include "base/stream.h"
 #include "base/task_queue.h"
@@ -94,6 +95,7 @@ class connection {
     outbox outbox_;
     timer heartbeat_;
     deadline acknowledgement_;
+    memory_return memory_;
 };
 
 }  // namespace arvok::cloud

@@ -232,6 +232,7 @@ bool connection::transmit(json::value body, bool quiet) {
     if (!make_frame(text, cipher_ ? &*cipher_ : nullptr))
         return false;
     stream_.write(text);
+    memory_.sent(text.size());
     return true;
 }
 

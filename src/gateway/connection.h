@@ -11,6 +11,7 @@
 #include "base/frame_reader.h"
 #include "base/json.h"
 #include "base/loop.h"
+#include "base/memory.h"
 #include "base/outbox.h"
 #include "base/task_queue.h"
 #include "gateway/gateway.h"
@@ -109,6 +110,7 @@ class connection {
     outbox outbox_;
     timer reconnect_, keepalive_;
     deadline ack_, keepalive_ack_;
+    memory_return memory_;
     int sequence_ = 0;              ///< of the next message
     int keepalive_sequence_ = -1;   ///< of the last keepalive; -1: none yet
     bool default_tried_ = false;    ///< the next attempt looks for the gateway

@@ -171,7 +171,7 @@ class GatewayTest(PeerCase):
         """A peer that lets it pass hides a fault of the agent."""
         for name, act in {
             "bad magic": lambda point: point.socket.sendall(b"GET / HTTP/1.1\r\n"),
-            "body too long": lambda point: point.socket.sendall(MAGIC + (16385).to_bytes(4, "big")),
+            "body too long": lambda point: point.socket.sendall(MAGIC + (1024 * 1024 + 1).to_bytes(4, "big")),
             "no sequence": lambda point: point.socket.sendall(frame(b'{"type":"keyngreq"}')),
             "key before request": lambda point: point.exchange(),
             "public value beyond p": lambda point: (point.ask_for_key(), point.exchange(dh_key=to_text(SAFE_PRIME + 2))),

@@ -51,6 +51,7 @@ arvok.experts = experts
 -- ---- links ---------------------------------------------------------------------------------------------------------
 
 local longest_body = 16384
+local longest_of_device = 1024 * 1024  -- to the gateway and the cloud, which it connects to
 
 local links = {
     {
@@ -63,6 +64,7 @@ local links = {
         members = { kind = { "type" }, id = "sequence", result = "errcode" },
         -- Either side counts its own messages, so the number alone does not tell.
         replies = { keyngack = true, dh = true, ack = true, status = true, ubus_result = true },
+        longest_request = longest_of_device,
     },
     {
         name = "cloud",
@@ -72,6 +74,7 @@ local links = {
         magic = "QZSGWMP2",
         read = bodies.cloud,
         members = { kind = { "RPCMethod", "Ack" }, id = "ID", result = "Result" },
+        longest_request = longest_of_device,
     },
     {
         name = "local",
@@ -222,7 +225,8 @@ local function measure(link, tvb, offset, pinfo)
     local header = #link.magic + 4
     if tvb:len() - offset < header then return nil end
     local length = tvb(offset + #link.magic, 4):uint()
-    local longest = pinfo.src_port == pinfo.match_uint and link.longest_reply or longest_body
+    local from_server = pinfo.src_port == pinfo.match_uint
+    local longest = (from_server and link.longest_reply or not from_server and link.longest_request) or longest_body
     if length == 0 or length > longest then return nil, "bad_length" end
     return header + length
 end

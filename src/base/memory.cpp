@@ -1,0 +1,39 @@
+#include "base/memory.h"
+
+#include <malloc.h>
+
+namespace arvok {
+namespace {
+
+constexpr int large = 64 * 1024;  // bytes, of a piece of memory and of a message
+constexpr int times = 2;          // a peer may take a while to read a long message
+constexpr int pause_ms = 4000;
+
+}  // namespace
+
+// Only this C library keeps for itself what was released.
+#ifdef __GLIBC__
+void return_large_memory() {
+    mallopt(M_MMAP_THRESHOLD, large);
+    mallopt(M_TRIM_THRESHOLD, large);
+}
+#else
+void return_large_memory() {}
+#endif
+
+void memory_return::sent(std::size_t bytes) {
+    if (bytes <= large)
+        return;
+    left_ = times;
+    next_.arm(pause_ms);
+}
+
+void memory_return::give_back() {
+#ifdef __GLIBC__
+    malloc_trim(0);
+#endif
+    if (--left_ > 0)
+        next_.arm(pause_ms);
+}
+
+}  // namespace arvok

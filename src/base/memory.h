@@ -1,0 +1,31 @@
+#pragma once
+/// Memory that goes back to the system when it is not needed any more. The device has little, and the agent
+/// runs for years: what one long message took must not be the agent's for ever.
+
+#include <cstddef>
+
+#include "base/loop.h"
+
+namespace arvok {
+
+/// From here on a large piece of memory is the system's again as soon as it is released, and so is the end of
+/// the rest.
+void return_large_memory();
+
+/// The memory of the small pieces that long messages are made of, and wait in to be sent.
+class memory_return {
+  public:
+    memory_return() : next_(bind<&memory_return::give_back>(*this)) {}
+
+    /// A message of so many bytes goes out. After a long one everything that is free by then is given back,
+    /// within ten seconds.
+    void sent(std::size_t bytes);
+
+  private:
+    void give_back();
+
+    timer next_;
+    int left_ = 0;
+};
+
+}  // namespace arvok
