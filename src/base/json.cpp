@@ -67,6 +67,7 @@ void append_digits(std::string &out, std::int64_t n) {
 struct document::block {
     block *before;
     std::size_t size, used;
+    std::size_t whole;  ///< size of all blocks up to this one
 
     void *take(std::size_t bytes) {
         void *begin = reinterpret_cast<char *>(this + 1) + used;
@@ -87,8 +88,12 @@ namespace {
 // saying what for.
 document::block **filling;
 
-constexpr std::size_t first_block = 1008;  // enough for most messages
+constexpr std::size_t first_block = 1000;  // enough for most messages
 constexpr std::size_t block_max = std::size_t{32} * 1024;
+
+// Of a document. The longest message of a peer takes a quarter of it; what objects of the bus say has other
+// bounds, and a number of it can take six times as much here.
+constexpr std::size_t document_max = std::size_t{2} * 1024 * 1024;
 
 void *take(std::size_t size) {
     if (!filling)
@@ -99,7 +104,10 @@ void *take(std::size_t size) {
         return newest->take(size);
     const std::size_t usual = newest ? std::min(newest->size * 2, block_max) : first_block;
     const std::size_t room = std::max(usual, size);
-    *filling = new (::operator new(sizeof(document::block) + room)) document::block{newest, room, 0};
+    const std::size_t whole = room + (newest ? newest->whole : 0);
+    if (whole > document_max)
+        return nullptr;
+    *filling = new (::operator new(sizeof(document::block) + room)) document::block{newest, room, 0, whole};
     return (*filling)->take(size);
 }
 

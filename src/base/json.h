@@ -90,7 +90,8 @@ class document {
     const cJSON *root_ = nullptr;
 };
 
-/// Reads the JSON value at the beginning of the text; what follows it is ignored.
+/// Reads the JSON value at the beginning of the text; what follows it is ignored. One whose values would take
+/// more than 2 MiB is none.
 document parse(const char *text);
 inline document parse(const std::string &text) {
     return parse(text.c_str());

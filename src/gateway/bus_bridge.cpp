@@ -10,6 +10,9 @@ namespace arvok::gateway {
 namespace {
 
 constexpr int call_timeout_ms = 20000;
+
+// Bytes of a list's results, so that there is room for all that a request can repeat in its reply, escaped.
+constexpr std::size_t results_max = json::text_max - 8 * body_max;
 constexpr std::size_t subscriptions_max =
     256;  // more than a bus has objects; each is a record in the bus daemon, too
 constexpr std::size_t object_name_max = 127;  // a longer name is known by what there is of it
@@ -69,28 +72,31 @@ json::value call(request &r, const bus_method &method, const std::string &argume
     return json::copy(result.root());
 }
 
-// Runs the elements in their order. No results at the first invalid one: what was called before stays called,
-// and nobody is told. None also when the process is to end: each call may take its whole time.
-std::optional<json::array> call_each(request &r, json::view elements) {
-    json::array results;
+// Runs the elements in their order and adds their results. False at the first invalid one: what was called
+// before stays called, and nobody is told. Also when the process is to end: each call may take its whole
+// time.
+bool call_each(request &r, json::view elements, json::writer &results) {
     for (const json::view element : elements) {
         if (is_ending())
-            return std::nullopt;
+            return false;
         const std::optional<bus_method> method = method_of(element);
         if (!method)
-            return std::nullopt;
+            return false;
         const json::view message = element["message"];
         if (!message.is_object()) {
             log_printf("[ERROR] invalid message\n");
-            return std::nullopt;
+            return false;
         }
-        json::object result;
-        result.text("object", method->object)
-            .text("method", method->name)
-            .add("message", call(r, *method, message.print()));
-        results.add(result.take());
+        results.open_object().text("object", method->object).text("method", method->name);
+        const json::writer::position before = results.here();
+        results.add("message", call(r, *method, message.print()));
+        if (results.is_too_long() || results.here().size > results_max) {
+            results.back_to(before);
+            r.fail(platform_failed, too_long);
+        }
+        results.close();
     }
-    return results;
+    return true;
 }
 
 json::object result_reply(const request &r) {
@@ -106,22 +112,32 @@ bool bus_bridge::handle_call(request &r) {
         return false;
     const json::view data = r.root["data"];
     if (data.is_array()) {
-        std::optional<json::array> results = call_each(r, data);
-        if (!results)
+        json::object reply;
+        if (!call_each(r, data, reply.open_array("data")))
             return false;
-        r.reply = result_reply(r).add("data", results->take()).take();
+        reply.close();
+        json::object envelope = result_reply(r);
+        reply.begin_with(envelope);
+        r.reply = reply.take();
         return true;
     }
     const std::optional<bus_method> method = method_of(r.root);
     if (!method)
         return false;
     const json::view message = r.root["message"];
+    const auto reply_with = [&](const json::value &result) {
+        return result_reply(r)
+            .text("object", method->object)
+            .text("method", method->name)
+            .add("data", result)
+            .take();
+    };
     const json::value result = call(r, *method, message.is_object() ? message.print() : "{}");
-    r.reply = result_reply(r)
-                  .text("object", method->object)
-                  .text("method", method->name)
-                  .add("data", result)
-                  .take();
+    r.reply = reply_with(result);
+    if (!r.reply) {
+        r.fail(platform_failed, too_long);
+        r.reply = reply_with({});
+    }
     return true;
 }
 

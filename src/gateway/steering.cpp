@@ -75,12 +75,12 @@ json::array heard_stations(request &r) {
         filter.all = true;
     for (const qzcap_laninfo *host : *hosts)
         if (host->active && is_wireless(host) && filter.passes(*host))
-            stations.add(json::object()
-                             .text("mac", host->mac)
-                             .text("band", host->band)
-                             .number("rssi", host->rssi)
-                             .number("channel", channel_of(r.services.cache, view_of(host->band)))
-                             .take());
+            stations.open_object()
+                .text("mac", host->mac)
+                .text("band", host->band)
+                .number("rssi", host->rssi)
+                .number("channel", channel_of(r.services.cache, view_of(host->band)))
+                .close();
     return stations;
 }
 
@@ -151,11 +151,15 @@ bool handle_deassociation(request &r) {
 bool handle_getrssiinfo(request &r) {
     if (!r.has_envelope())
         return false;
-    json::array stations = heard_stations(r);
+    json::value stations = heard_stations(r).take();
+    if (!stations) {
+        r.fail(platform_failed, too_long);
+        stations = json::array().take();
+    }
     r.reply = r.reply_of("rssiinfo")
                   .number("errcode", r.errcode())
                   .text("errmsg", r.errmsg())
-                  .add("data", stations.take())
+                  .add("data", stations)
                   .take();
     return true;
 }

@@ -102,6 +102,34 @@ TEST(Json, KeepsTheOrderOfTheCallsAndLeavesOutWhatIsNone) {
     EXPECT_FALSE(json::value());
 }
 
+TEST(Json, WritesNoMoreThanAMessageMayHave) {
+    const std::string half(json::text_max / 2, 'x'), controls(json::text_max / 4, '\x01');
+    json::object object;
+    object.text("a", "b").open_array("l").text(half);
+    const json::writer::position before = object.here();
+    for (int i = 0; i < 3; i++) {
+        EXPECT_TRUE(object.open_object().text("n", half).close().is_too_long());
+        object.back_to(before);
+        EXPECT_TRUE(object.text(controls).is_too_long());
+        EXPECT_LT(object.here().size, json::text_max + 100);
+        object.back_to(before);
+    }
+    object.again(object.here().size - 3, 3).number(1).close();
+    json::object first;
+    first.number("f", 1);
+    object.begin_with(first);
+    EXPECT_EQ(object.take().text(), R"({"f":1,"a":"b","l":[")" + half + R"(",xx",1]})");
+
+    // To the last byte, and one more.
+    for (const std::size_t more : {0, 1}) {
+        json::object whole;
+        whole.text("a", std::string(json::text_max - 8 + more, 'x'));
+        const std::string text = whole.take().take();
+        EXPECT_EQ(text.size(), more ? 0 : json::text_max);
+    }
+    EXPECT_FALSE(json::text(controls + half));
+}
+
 TEST(Json, AMemberIsOfItsTypeOrNothing) {
     const json::document in = json::parse(R"({"n":7.9,"big":1e12,"t":"5","e":"","a":[3,{"x":"y"}]})");
     EXPECT_EQ(in["n"].integer(), 7);
@@ -117,6 +145,15 @@ TEST(Json, AMemberIsOfItsTypeOrNothing) {
             elements += element.print() + ";";
     EXPECT_EQ(elements, R"(3;{"x":"y"};)");
     EXPECT_FALSE(json::parse("{"));
+    // What would take too much memory is none.
+    const auto ones = [](int count) {
+        std::string text = "[1";
+        for (int i = 1; i < count; i++)
+            text += ",1";
+        return text + "]";
+    };
+    EXPECT_TRUE(json::parse(ones(8000)));
+    EXPECT_FALSE(json::parse(ones(40000)));
 }
 
 TEST(Hex, DigitsAndMacs) {
@@ -150,6 +187,16 @@ TEST(Log, NobodyElseMakesLines) {
     EXPECT_EQ(logged("%s\n", "é€😀\n\n"), "é€😀\\x0a\\x0a\n");
     EXPECT_EQ(logged("no end %s", "\n"), "no end \\x0a");
     EXPECT_EQ(logged("\n", ""), "\n");
+    EXPECT_EQ(logged("%s %d %%", "a%s"), "a%s 7 %");
+    // Wherever it stands in a word, and none beside it.
+    for (std::size_t at = 0; at < 20; at++)
+        for (const char c : {'\x01', '\x1f', '\x7f', ' ', '\x80', '\xff'}) {
+            std::string text(20, '~'), shown = text;
+            text[at] = c;
+            const bool control = c == '\x7f' || (c > 0 && c < ' ');
+            shown.replace(at, 1, control ? format("\\x%02x", c) : std::string(1, c));
+            EXPECT_EQ(logged("%s\n", text), shown + "\n");
+        }
     const std::string longest(40000, 'x');
     EXPECT_EQ(logged("%s\n\n", "\x01" + longest), "\\x01" + longest + "\n\n");
 }
