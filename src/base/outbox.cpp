@@ -15,9 +15,6 @@ constexpr std::size_t room_again = room / 2;
 // What a short message takes beside its text.
 constexpr std::size_t message_overhead = 64;
 
-// A longer message is sent where nothing waits, up to the length that a reply may have.
-constexpr std::size_t message_max = json::text_max + message_overhead;
-
 std::size_t size_of(const json::value &message) {
     return message.text().size() + message_overhead;
 }
@@ -33,7 +30,7 @@ std::size_t outbox::waiting() {
 
 bool outbox::takes(const json::value &message) {
     const std::size_t before = waiting(), limit = dropped_ > 0 ? room_again : room;
-    return owner_.is_ready() && before + size_of(message) <= (before == 0 ? message_max : limit);
+    return owner_.is_ready() && (before == 0 || before + size_of(message) <= limit);
 }
 
 void outbox::drop() {

@@ -5,7 +5,7 @@
 /// make more than 256 KiB wait to be sent, or comes while the other side is not ready for it, is dropped. One
 /// line of the log tells that dropping begins, one how many messages it has cost when one is taken again.
 /// That needs half of the room: a peer that reads slowly does not make lines by the message. Where nothing
-/// waits, a message may have 768 KiB: it would never be sent otherwise. What goes through the same stream
+/// waits, a longer message is taken, too: it would never be sent otherwise. What goes through the same stream
 /// without the outbox, answers above all, counts as waiting but is never dropped.
 
 #include <cstddef>
