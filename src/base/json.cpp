@@ -4,64 +4,12 @@
 #include <string.h>
 
 #include <algorithm>
-#include <array>
-#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 #include <utility>
 
-#include "base/hex.h"
-
 namespace arvok::json {
-namespace {
-
-constexpr double exact_max = 9007199254740992;  // 2^53
-constexpr std::size_t usual_size = 255;         // of an object: it need not grow from the beginning
-
-// By character: what stands behind the backslash, 'u' for its number, 0 for what is written as it is.
-constexpr auto escapes = [] {
-    std::array<char, 256> table{};
-    for (std::size_t c = 0; c < ' '; c++)
-        table[c] = 'u';
-    table['"'] = '"';
-    table['\\'] = '\\';
-    table['\b'] = 'b';
-    table['\f'] = 'f';
-    table['\n'] = 'n';
-    table['\r'] = 'r';
-    table['\t'] = 't';
-    return table;
-}();
-
-// An escape is six characters for one: what becomes too long is not written to its end.
-void append_quoted(std::string &out, std::string_view characters) {
-    out += '"';
-    std::size_t plain = 0;  // from here on nothing had to be escaped yet
-    for (std::size_t at = 0; at < characters.size(); at++) {
-        const char c = characters[at], escape = escapes[static_cast<unsigned char>(c)];
-        if (escape == 0)
-            continue;
-        if (out.size() > text_max)
-            return;
-        out.append(characters, plain, at - plain).append({'\\', escape});
-        if (escape == 'u')
-            out.append({'0', '0', hex_digit(c >> 4), hex_digit(c)});
-        plain = at + 1;
-    }
-    out.append(characters.data() + plain, characters.size() - plain);
-    out += '"';
-}
-
-void append_digits(std::string &out, std::int64_t n) {
-    char digits[24];
-    const auto end = std::to_chars(digits, digits + sizeof digits, n).ptr;
-    out.append(digits, end);
-}
-
-}  // namespace
-
-// --- what came in ---
 
 // One of the pieces in which memory is got, with what is taken from it behind it.
 struct document::block {
@@ -137,6 +85,14 @@ document parse(const char *text) {
     return parsed;
 }
 
+namespace {
+
+bool finite(const cJSON *number) {
+    return number->valuedouble - number->valuedouble == 0;
+}
+
+}  // namespace
+
 view view::operator[](const char *name) const {
     for (const view member : *this)
         if (member.node_->string && *member.node_->string == *name &&
@@ -154,159 +110,17 @@ std::optional<std::string_view> view::text() const {
 std::optional<double> view::number() const {
     if (!is_number())
         return std::nullopt;
-    return node_->valuedouble;
+    return finite(node_) ? node_->valuedouble : 0;
 }
 
 std::optional<int> view::integer() const {
     if (!is_number())
         return std::nullopt;
-    return node_->valueint;
+    return finite(node_) ? node_->valueint : 0;
 }
 
 std::string view::print() const {
     return print_node(node_);
-}
-
-// --- what goes out ---
-
-namespace {
-
-// Exactly so, without a call into the mathematical library.
-bool is_whole(double n) {
-    return n >= -exact_max && n <= exact_max && static_cast<double>(static_cast<std::int64_t>(n)) == n;
-}
-
-// Whole numbers are written here: the JSON library writes those beyond int with 15 digits when that comes
-// close, and all of them by way of printing, reading back and comparing a floating-point number.
-void append_number(std::string &out, double n) {
-    if (!is_whole(n)) {
-        const handle<cJSON, &cJSON_Delete> node(cJSON_CreateNumber(n));
-        out += print_node(node.get());
-        return;
-    }
-    append_digits(out, static_cast<std::int64_t>(n));
-}
-
-}  // namespace
-
-value text(std::string_view characters) {
-    std::string quoted;
-    append_quoted(quoted, characters);
-    return quoted.size() > text_max ? value() : value(std::move(quoted));
-}
-
-value number(double n) {
-    std::string digits;
-    append_number(digits, n);
-    return value(std::move(digits));
-}
-
-value copy(view of) {
-    return value(of.print());
-}
-
-writer::writer(char bracket, bool is_array) : open_(is_array ? 3 : 2) {
-    text_.reserve(usual_size);
-    text_ += bracket;
-}
-
-writer::writer(std::string object) : text_(std::move(object)), open_(2) {
-    text_.pop_back();
-}
-
-object::object(view begun) : writer(begun.is_object() ? begun.print() : "{}") {}
-
-// Whether there is room for a value of that size, with what stands between it and what is before it.
-bool writer::begin_value(std::size_t size) {
-    if (too_long_ || text_.size() + size >= text_max) {
-        too_long_ = true;
-        return false;
-    }
-    if (const char last = text_.back(); last != '{' && last != '[' && last != ':')
-        text_ += ',';
-    return true;
-}
-
-writer &writer::member(const char *literal) {
-    const std::string_view name = literal;
-    if (!begin_value(name.size()))
-        return *this;
-    text_ += '"';
-    text_ += name;
-    text_ += '"';
-    text_ += ':';
-    return *this;
-}
-
-writer &writer::colon() {
-    if (!too_long_)
-        text_ += ':';
-    return *this;
-}
-
-writer &writer::text(std::string_view characters) {
-    if (begin_value(characters.size()))
-        append_quoted(text_, characters);
-    return *this;
-}
-
-writer &writer::number(double n) {
-    if (begin_value(0))
-        append_number(text_, n);
-    return *this;
-}
-
-writer &writer::digits(const char *name, std::int64_t n) {
-    if (member(name).begin_value(0)) {
-        text_ += '"';
-        append_digits(text_, n);
-        text_ += '"';
-    }
-    return *this;
-}
-
-writer &writer::add(const value &v) {
-    if (v && begin_value(v.text().size()))
-        text_ += v.text();
-    return *this;
-}
-
-writer &writer::open(char bracket, bool is_array) {
-    if (begin_value(0))
-        text_ += bracket;
-    open_ = open_ << 1 | is_array;
-    return *this;
-}
-
-writer &writer::close() {
-    if (!too_long_)
-        text_ += open_ & 1 ? ']' : '}';
-    open_ >>= 1;
-    return *this;
-}
-
-void writer::back_to(position earlier) {
-    text_.resize(earlier.size);
-    open_ = earlier.open;
-    too_long_ = false;
-}
-
-writer &writer::again(std::size_t begin, std::size_t size) {
-    if (begin_value(size))
-        text_.append(text_, begin, size);
-    return *this;
-}
-
-void writer::begin_with(writer &members) {
-    if (text_.size() > 1)
-        members.text_ += ',';
-    text_.replace(0, 1, members.text_);
-}
-
-value writer::take() {
-    while (open_ > 1)
-        close();
-    return is_too_long() ? value() : value(std::move(text_));
 }
 
 }  // namespace arvok::json

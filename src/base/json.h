@@ -34,6 +34,7 @@ class view {
 
     /// A text's characters, terminated by a zero.
     std::optional<std::string_view> text() const;
+    /// What is not finite counts as 0.
     std::optional<double> number() const;
     /// A number without its fraction, limited to the range of int.
     std::optional<int> integer() const;
@@ -103,11 +104,13 @@ inline document parse(const std::string &text) {
 constexpr std::size_t text_max = std::size_t{768} * 1024 - 32;
 
 /// A value that goes out, as the text that travels. None by default, which is not written where it is added.
+/// One that is too long has no text either, but what it is added to is too long with it.
 class value {
   public:
     value() = default;
 
     explicit operator bool() const { return !text_.empty(); }
+    bool is_too_long() const { return too_long_; }
     const std::string &text() const { return text_; }
     std::string take() { return std::move(text_); }
 
@@ -116,12 +119,15 @@ class value {
     friend value text(std::string_view characters);
     friend value number(double n);
     friend value copy(view of);
-    explicit value(std::string text) : text_(std::move(text)) {}
+    explicit value(std::string text) : text_(std::move(text)), too_long_(text_.size() > text_max) {
+        if (too_long_)
+            std::string().swap(text_);
+    }
 
     std::string text_;
+    bool too_long_ = false;
 };
 
-/// None when it is too long.
 value text(std::string_view characters);
 /// A whole number is written with all its digits up to 2^53.
 value number(double n);
@@ -144,7 +150,7 @@ class writer {
     writer &number(const char *name, double n) { return member(name).number(n); }
     /// A number as its decimal text.
     writer &digits(const char *name, std::int64_t n);
-    writer &add(const char *name, const value &v) { return v ? member(name).add(v) : *this; }
+    writer &add(const char *name, const value &v) { return (v ? member(name) : *this).add(v); }
     writer &open_object(const char *name) { return member(name).open_object(); }
     writer &open_array(const char *name) { return member(name).open_array(); }
     /// The value that is written next is the member of that name.
@@ -180,7 +186,7 @@ class writer {
     /// Puts the members of an object, which has some and is used up, before those of this one.
     void begin_with(writer &members);
 
-    /// Closes what is open and gives the text away; none when it is too long.
+    /// Closes what is open and gives the text away.
     value take();
 
   protected:

@@ -74,6 +74,12 @@ TEST(Json, IsWrittenAsTheLibraryWouldWriteIt) {
     EXPECT_EQ(text, expected.get());
     EXPECT_EQ(json::parse(text).root().print(), text);
 
+    for (const char *endless : {"1e999", "-1e999"}) {
+        const json::document read = json::parse(endless);
+        EXPECT_EQ(read.root().number(), 0);
+        EXPECT_EQ(read.root().integer(), 0);
+    }
+
     // Whole numbers have all their digits, and a zero within a text is written.
     const struct {
         double n;
