@@ -15,9 +15,7 @@ STALL = 1.0
 PLATFORM_TIMEOUT = 3.0
 # A message may find out of two functions that they do not answer, and then no third; what runs besides has its second, too.
 STALL_SILENT = 2 * PLATFORM_TIMEOUT + STALL
-
-# What is under way when SIGTERM comes takes its time; then everything ends.
-END, END_SILENT = STALL, STALL_SILENT
+# Of the end after SIGTERM, too: what is under way takes its time, then everything ends.
 
 # How soon the agent is registered and enrolled again, once it is called: a name is looked up, keys are made, at most one
 # delay of the retry policy is waited for.

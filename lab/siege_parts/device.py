@@ -10,23 +10,19 @@ from . import bus
 FLOOD_OF_HOSTS = 1000
 PATCH = 50  # hosts, what fits a bus message
 BIG = "x" * 900_000  # a bus message has at most a megabyte
-NOISY = 4  # objects
+NOISY, GUESTS = ([f"siege.{kind}.{number}" for number in range(4)] for kind in ("noise", "guest"))  # objects
 
 
-def noise_names():
-    return [f"siege.noise.{number}" for number in range(NOISY)]
-
-
-def make_noise(count=NOISY, big=True):
-    """Objects that notify without end: small ones, long bursts of them, and the largest that the bus carries."""
+def make_noise(names=NOISY):
+    """Objects that notify without end: long bursts of small ones, and the largest that the bus carries."""
     noise = bus.Noise()
-    objects = [noise.add(name) for name in noise_names()[:count]]
+    objects = [noise.add(name) for name in names]
     small = b"".join(noise.notification(number, "noise", {"n": n, "text": "x" * 100}) for n in range(200) for number in objects)
     large = [noise.notification(number, "noise", {"text": BIG}) for number in objects]
     nested = noise.notification(objects[0], "noise", {"list": [{"a": [1, 2, 3], "b": {"c": "d"}}] * 5000})
     for turn in itertools.count():
         noise.send(small)
-        if big and turn % 4 == 0:
+        if turn % 4 == 0:
             noise.send(large[turn % len(large)])
             noise.send(nested)
         time.sleep(0.05)
@@ -60,7 +56,7 @@ def objects_come_and_go():
     """Objects that gateway and cloud hear leave the bus and come back, hundreds of times a second"""
     noise = bus.Noise()
     for turn in itertools.count():
-        numbers = [noise.add(name) for name in noise_names()]
+        numbers = [noise.add(name) for name in GUESTS]
         noise.send(b"".join(noise.notification(number, "noise", {"turn": turn}) for number in numbers))
         if turn % 20 == 0:
             time.sleep(0.5)  # long enough to be found and heard

@@ -11,7 +11,8 @@ from . import messages, wire
 from .device import make_noise
 from .peers import as_gateway
 
-SUBSCRIPTIONS = ("qzcapd.laninfo", "qzcapd.emulator", "siege.noise.0")
+OWN_NOISE = "siege.gateway"
+SUBSCRIPTIONS = ("qzcapd.laninfo", "qzcapd.emulator", OWN_NOISE)
 
 
 def subscribe(link):
@@ -38,7 +39,7 @@ def large():
 
 def mute():
     """Asks for a great deal, has everything told, and does not read"""
-    threading.Thread(target=make_noise, args=(1,), daemon=True).start()
+    threading.Thread(target=make_noise, args=([OWN_NOISE],), daemon=True).start()
 
     def play(link):
         link.register()

@@ -82,7 +82,7 @@ class Friend:
                 self.link = None
             self.changed.notify_all()
 
-    def ask(self, patience=0.0):
+    def ask(self):
         """Asks for the status and waits for the answer. False when there is no connection, or none any more."""
         with self.changed:
             link = self.link
@@ -107,7 +107,7 @@ class Friend:
 class Gateway(Friend):
     def __init__(self):
         super().__init__(wire.GATEWAY, 32768, wire.Link)
-        self.subscribed = set()
+        self.items = ["arvokstat", "terminalNum"]  # which ask the platform once
 
     @staticmethod
     def is_ready(link):
@@ -117,9 +117,8 @@ class Gateway(Friend):
     def number_of(message):
         return message.get("sequence") if message.get("type") == "status" else None
 
-    @staticmethod
-    def send_question(link, number):
-        link.send({"type": "get_status", "sequence": number, "get": [{"name": "arvokstat"}, {"name": "terminalNum"}]})
+    def send_question(self, link, number):
+        link.send({"type": "get_status", "sequence": number, "get": [{"name": name} for name in self.items]})
 
     def send(self, message):
         link = self.link

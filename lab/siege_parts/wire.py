@@ -10,6 +10,7 @@ import secrets
 import socket
 import struct
 import subprocess
+import threading
 
 AP, GATEWAY, CLOUD = (os.environ.get(name, "") for name in ("AP_ADDR", "GATEWAY_ADDR", "CLOUD_ADDR"))
 LINK_MAGIC, CLOUD_MAGIC = bytes.fromhex("3f721fb5"), b"QZSGWMP2"
@@ -97,6 +98,7 @@ class Wire:
         self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.socket.settimeout(30)
         self.input = b""
+        self.sending = threading.Lock()  # frames of several threads stay whole
 
     def close(self, reset=False):
         if reset:
@@ -107,7 +109,8 @@ class Wire:
         return self.magic + struct.pack(">I", len(body)) + body
 
     def raw(self, data):
-        self.socket.sendall(data)
+        with self.sending:
+            self.socket.sendall(data)
 
     def receive_body(self):
         """The next frame's body. What came of it stays when a time-out ends the wait."""
