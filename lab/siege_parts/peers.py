@@ -8,15 +8,18 @@ import time
 from . import bus, wire
 from .messages import MAC
 
-PATIENCE = 1.5  # seconds without a connection, before the agent is called
+PATIENCE = 1.5  # seconds without a connection, before the agent is called again
+SOON = 0.1  # before it is called for the first time: it has noticed that the one before has gone
 
 
 def serve(address, port, kind, recall, play, receive_buffer=0):
     """Plays with every connection of the agent, one at a time, for ever. An agent that stays away is called."""
     listener = wire.listen(address, port, receive_buffer)
+    patience = SOON
     while True:
-        if not select.select([listener], [], [], PATIENCE)[0]:
+        if not select.select([listener], [], [], patience)[0]:
             recall()
+            patience = PATIENCE
             continue
         connection = kind(listener.accept()[0])
         try:

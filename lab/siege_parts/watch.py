@@ -12,6 +12,7 @@ from . import clients, wire
 
 MEMORY_PERIOD = 0.05  # seconds between looks; what is shorter is not held
 QUESTION_PERIOD = 0.1
+PATIENCE = 600  # longer than anybody may have to wait
 LOG_MAX = 32 << 20  # bytes, before it is cut
 REFUSALS = re.compile(rb"\[(?:WARNING|ERROR)\] ([^\n]*)")
 SANITIZER = re.compile(rb"(?:ERROR: \w+Sanitizer|runtime error: )[^\n]*")
@@ -109,7 +110,7 @@ class Client:
     def ask(self):
         try:
             if not self.socket:
-                self.socket = socket.create_connection((wire.AP, clients.PORT), 60, (self.ADDRESS, 0))
+                self.socket = socket.create_connection((wire.AP, clients.PORT), PATIENCE, (self.ADDRESS, 0))
             self.socket.sendall(clients.QUESTION)
             header = self._exactly(4)
             self._exactly(struct.unpack(">I", header)[0])
