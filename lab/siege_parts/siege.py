@@ -47,7 +47,7 @@ class Siege:
                 continue
             if role in roles:
                 self.friends[role] = (peers.Gateway if role == "gateway" else peers.Cloud)()
-                self.questions[role] = watch.Question(role, self.friends[role].ask)
+                self.questions[role] = watch.Question(self.agent.pid, self.friends[role].ask)
             else:
                 self.questions.pop(role).open = False
                 self.friends.pop(role).close()
@@ -116,11 +116,11 @@ class Siege:
         self.plays_log = open(os.path.join(os.environ["LAB_DIR"], "siege.log"), "ab")
         self.be_friends("gateway", "cloud")
         self.await_friends(bounds.BACK * self.slower)
-        self.questions["client"] = watch.Question("client", self.client.ask)
+        self.questions["client"] = watch.Question(self.agent.pid, self.client.ask)
         time.sleep(SETTLED)
         self.memory = watch.Memory(self.agent.pid)
         time.sleep(0.2)
-        self.idle = self.memory.take()
+        self.idle, self.descriptors = self.memory.take(), watch.descriptors(self.agent.pid)
 
     def is_silent(self):
         """Whether the platform is silent or slow, or was so lately that somebody may still wait for it."""
@@ -160,6 +160,8 @@ class Siege:
             self.await_friends(bounds.BACK * self.slower)
             time.sleep(QUIET_SANITIZED if self.sanitized else bounds.REST_AFTER)
             rest = self.memory.last - self.idle
+            if (left := watch.descriptors(self.agent.pid) - self.descriptors) > 0:
+                faults.append(f"{left} descriptors kept")
             self.attack(name, 1 if self.sanitized else AGAIN, lambda: self.look(name))
             silent_end, began = self.is_silent(), time.monotonic()
             self.agent.terminate()

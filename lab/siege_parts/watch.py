@@ -24,6 +24,19 @@ def anonymous(pid):
         return int(re.search(r"(?m)^Anonymous:\s*(\d+)", text.read())[1])
 
 
+def own_time(pid):
+    """Seconds, less those for which the process was ready to run and the machine was busy with others."""
+    try:
+        with open(f"/proc/{pid}/schedstat") as text:
+            return time.monotonic() - int(text.read().split()[1]) / 1e9
+    except (OSError, IndexError):
+        return time.monotonic()  # it has ended
+
+
+def descriptors(pid):
+    return len(os.listdir(f"/proc/{pid}/fd"))
+
+
 class Memory:
     """The highest value since the last look."""
 
@@ -74,20 +87,21 @@ class Log:
 class Question:
     """Asks the agent the same thing all the time, on a thread; keeps how long it waited.
 
-    `ask` asks once and waits for the answer; it is false when the question did not reach the agent.
+    `ask` asks once and waits for the answer; it is false when the question did not reach the agent. What the agent itself waited
+    for the machine, which others use, too, does not count.
     """
 
-    def __init__(self, name, ask):
-        self.name, self.ask = name, ask
+    def __init__(self, pid, ask):
+        self.pid, self.ask = pid, ask
         self.since, self.longest, self.answers = None, 0.0, 0
         self.open = True
         threading.Thread(target=self._run, daemon=True).start()
 
     def _run(self):
         while self.open:
-            self.since = time.monotonic()
+            self.since = own_time(self.pid)
             if self.ask():
-                self.longest = max(self.longest, time.monotonic() - self.since)
+                self.longest = max(self.longest, own_time(self.pid) - self.since)
                 self.answers += 1
             self.since = None
             time.sleep(QUESTION_PERIOD)
@@ -96,7 +110,7 @@ class Question:
         """The longest wait since the last time, also one that is not over."""
         since, longest = self.since, self.longest
         self.longest = 0.0
-        return max(longest, time.monotonic() - since if since else 0.0)
+        return max(longest, own_time(self.pid) - since if since else 0.0)
 
 
 class Client:
