@@ -22,11 +22,11 @@ def wait_until(condition, what):
         time.sleep(0.05)
 
 
-def set_hosts(count):
-    """A state with that many hosts, a tenth of them active: the report of many more would be longer than a frame."""
+def set_hosts(count, active):
+    """A state with that many hosts, so many of them active."""
     known = call("qzcapd.emulator", "state")["laninfo"]
     for first in range(0, count, 50):  # what fits a bus message
-        hosts = {f"02C0FFEE{i:04X}": {**known["02C0FFEE0002"], "index": i, "ipaddr": f"192.168.1.{i % 250}", "active": int(i % 10 == 0)}
+        hosts = {f"02C0FFEE{i:04X}": {**known["02C0FFEE0002"], "index": i, "ipaddr": f"192.168.1.{i % 250}", "active": int(i <= active)}
                  for i in range(first + 1, min(first + 50, count) + 1)}
         call("qzcapd.emulator", "patch", {"patch": {"laninfo": hosts}})
 
