@@ -1,6 +1,6 @@
 // Status items about the device itself: diagnostics, ports, WAN, identity.
 
-#include "base/fields.h"
+#include "gateway/status_fields.h"
 #include "gateway/status_items.h"
 
 namespace arvok::gateway {
@@ -37,51 +37,10 @@ void add_percent(json::writer &item, std::uint32_t n) {
     item.text(cut(format("%u%%", n), percent_text_max));
 }
 
-constexpr field<qzcap_diagnostics> diagnostics_fields[] = {
-    {"cputemp", &qzcap_diagnostics::cputemp},         {"cpurate", &qzcap_diagnostics::cpurate},
-    {"memoryusage", &qzcap_diagnostics::memoryusage}, {"flashusage", &qzcap_diagnostics::flashusage},
-    {"flashfree", &qzcap_diagnostics::flashfree},
-};
-
 constexpr field<qzcap_diagnostics> flash_fields[] = {
     {"userate", &qzcap_diagnostics::flashusage},
     {"free", &qzcap_diagnostics::flashfree},
 };
-
-constexpr field<qzcap_waninfo> wan_fields[] = {
-    {"ipaddr", &qzcap_waninfo::ipaddr},
-    {"subnetmask", &qzcap_waninfo::subnetmask},
-    {"gateway", &qzcap_waninfo::gateway},
-    {"dns1", &qzcap_waninfo::dns1},
-    {"dns2", &qzcap_waninfo::dns2},
-    {"status", &qzcap_waninfo::status},
-    {"ipaddr6", &qzcap_waninfo::ipaddr6},
-    {"prefix6", &qzcap_waninfo::prefix6},
-    {"prefixlen6", &qzcap_waninfo::prefixlen6},
-    {"gateway6", &qzcap_waninfo::gateway6},
-    {"dns61", &qzcap_waninfo::dns61},
-    {"dns62", &qzcap_waninfo::dns62},
-    {"status6", &qzcap_waninfo::status6},
-    {"negorate", &qzcap_waninfo::negorate},
-    {"duplexmode", &qzcap_waninfo::duplexmode},
-    {"bytessent", &qzcap_waninfo::bytessent},
-    {"bytesreceived", &qzcap_waninfo::bytesreceived},
-    {"packetssent", &qzcap_waninfo::packetssent},
-    {"packetsreceived", &qzcap_waninfo::packetsreceived},
-    {"crcerror", &qzcap_waninfo::crcerror},
-    {"uploadspeed", &qzcap_waninfo::uploadspeed},
-    {"downloadspeed", &qzcap_waninfo::downloadspeed},
-    {"onlinetime", &qzcap_waninfo::onlinetime},
-    {"networktype", &qzcap_waninfo::networktype},
-};
-
-constexpr field<qzcap_devinfo> web_server_fields[] = {{"support", &qzcap_devinfo::support},
-                                                      {"wepIp", &qzcap_devinfo::wepIp},
-                                                      {"webUrl", &qzcap_devinfo::webUrl}};
-
-constexpr field<qzcap_terminalnum> terminal_fields[] = {{"wiredNum", &qzcap_terminalnum::wired},
-                                                        {"2.4GwirelessNum", &qzcap_terminalnum::wireless_2g},
-                                                        {"5GwirelessNum", &qzcap_terminalnum::wireless_5g}};
 
 // A zero-terminated list of numbers; null is an empty list.
 void add_numbers(json::writer &to, const std::uint32_t *numbers) {

@@ -2,9 +2,9 @@
 
 #include <span>
 
-#include "base/fields.h"
 #include "gateway/bandwidth.h"
 #include "gateway/handlers.h"
+#include "gateway/status_fields.h"
 #include "gateway/status_items.h"
 
 namespace arvok::gateway {
@@ -15,20 +15,7 @@ using backhaul_record = handle<qzcap_backhaulbss, &qzcap_free_backhaulbss>;
 using neighbour_list = platform::record_list<qzcap_neighbourinfo, &qzcap_free_neighbourinfo>;
 using score_list = platform::record_list<qzcap_channel_score, &qzcap_free_channel_score>;
 
-constexpr std::size_t host_ssid_max = 63;
-
 // --- radios ---
-
-constexpr field<qzcap_wifi_apstat> traffic_fields[] = {
-    {"totalBytesSent", decimal{&qzcap_wifi_apstat::bytessent}},
-    {"totalBytesReceived", decimal{&qzcap_wifi_apstat::bytesreceived}},
-    {"totalPacketsSent", decimal{&qzcap_wifi_apstat::packetssent}},
-    {"totalPacketsReceived", decimal{&qzcap_wifi_apstat::packetsreceived}},
-    {"errorsSent", &qzcap_wifi_apstat::errorssent},
-    {"errorsReceived", &qzcap_wifi_apstat::errorsreceived},
-    {"discardPacketsSent", &qzcap_wifi_apstat::discardsent},
-    {"discardPacketsReceived", &qzcap_wifi_apstat::discardreceived},
-};
 
 // One member for each band that has a radio record.
 template <typename Add>
@@ -55,37 +42,6 @@ void add_fixed_channels(json::writer &to, const platform::band &band) {
 }
 
 // --- LAN hosts ---
-
-constexpr field<qzcap_laninfo> host_fields_before_ssid[] = {
-    {"mac", &qzcap_laninfo::mac},
-    {"vmac", &qzcap_laninfo::vmac},
-    {"hostname", &qzcap_laninfo::hostname},
-    {"onlineTime", printed<qzcap_laninfo, std::uint32_t>{&qzcap_laninfo::onlinetime}},
-    {"uploadspeed", &qzcap_laninfo::uploadspeed},
-    {"downloadspeed", &qzcap_laninfo::downloadspeed},
-    {"connecttype", &qzcap_laninfo::connecttype},
-    {"band", &qzcap_laninfo::band},
-    {"rssi", printed<qzcap_laninfo, std::int32_t>{&qzcap_laninfo::rssi}},
-    {"ipaddr", &qzcap_laninfo::ipaddr},
-    {"port", &qzcap_laninfo::port},
-};
-
-constexpr field<qzcap_laninfo> host_fields_behind_rate[] = {
-    {"duplexmode", &qzcap_laninfo::duplexmode},
-    {"bytessent", decimal{&qzcap_laninfo::bytessent}},
-    {"bytesreceived", decimal{&qzcap_laninfo::bytesreceived}},
-    {"packetssent", decimal{&qzcap_laninfo::packetssent}},
-    {"packetsreceived", decimal{&qzcap_laninfo::packetsreceived}},
-    {"crcerror", &qzcap_laninfo::crcerror},
-    {"ipaddr6", &qzcap_laninfo::ipaddr6},
-    {"internetaccess", &qzcap_laninfo::internetaccess},
-    {"storageaccess", &qzcap_laninfo::storageaccess},
-    {"active", &qzcap_laninfo::active},
-    {"activetime", &qzcap_laninfo::activetime},
-    {"inactivetime", &qzcap_laninfo::inactivetime},
-    {"brand", &qzcap_laninfo::brand},
-    {"model", &qzcap_laninfo::model},
-};
 
 void add_host(json::writer &to, const qzcap_laninfo &host, const qzcap_wifi_ap *access_point) {
     const std::string_view ssid = view_of(access_point ? access_point->ssid : nullptr);

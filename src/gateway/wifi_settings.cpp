@@ -8,10 +8,10 @@
 #include <cstdlib>
 #include <iterator>
 
-#include "base/fields.h"
 #include "base/log.h"
 #include "gateway/bandwidth.h"
 #include "gateway/settings.h"
+#include "gateway/status_fields.h"
 #include "gateway/status_items.h"
 
 namespace arvok::gateway {
@@ -23,11 +23,6 @@ using given_text = std::optional<std::string_view>;
 constexpr std::uint32_t main_interface = 1;
 
 // --- status ---
-
-constexpr field<qzcap_wifi_ap> interface_fields[] = {
-    {"enable", &qzcap_wifi_ap::enable}, {"ssid", &qzcap_wifi_ap::ssid}, {"bssid", &qzcap_wifi_ap::bssid},
-    {"key", &qzcap_wifi_ap::key},       {"auth", &qzcap_wifi_ap::auth}, {"encrypt", &qzcap_wifi_ap::encrypt},
-};
 
 void add_radio(json::writer &to, const band &of, const qzcap_wifiinfo &radio) {
     to.open_object("radio")
