@@ -17,7 +17,7 @@ CMAKE_ARGS ?=
 # What is built: what a home needs, unless something else is named. That wants few packages; for anything else the tests,
 # benchmarks and the replay of the fuzzers' inputs are configured as well, and theirs are installed.
 TARGETS    ?= desk
-TESTS      ?= $(if $(filter-out desk arvokclt qzcapd ubusd ubus_command lab-gateway lab-cloud,$(TARGETS)),ON)
+TESTS      ?= $(if $(filter-out desk arvokclt qzcap-probe qzcapd ubusd ubus_command lab-gateway lab-cloud,$(TARGETS)),ON)
 
 # Where the loop and bus libraries of a device are, and what is built against them. QUICK: only what depends on them most.
 PREFIX     ?=
