@@ -18,6 +18,7 @@ auto timed(report &to, const std::string &call, Call function, Arguments... argu
     to.begin(call);
     const auto result = function(arguments...);
     to.end();
+    to.check_time();
     return result;
 }
 

@@ -21,6 +21,8 @@ class report {
     /// The call of that name, with its arguments, begins now; with end() it has come back.
     void begin(const std::string &call);
     void end();
+    /// Whether the agent could afford to wait for it as long.
+    void check_time();
     /// Writes the call's line: its time, what came of it as member `kind`, and the remarks.
     void write(const char *kind, const json::value &outcome);
 
