@@ -4,6 +4,7 @@ The package's own Makefile does the work, in a build tree of which there is only
 """
 
 import glob
+import json
 import os
 import re
 import subprocess
@@ -32,7 +33,7 @@ class Packaging(LinkedCase):
         cls.addClassCleanup(folder.cleanup)
         cls.work = folder.name
         cls.make("stage", "CMAKE_BINARY_DIR=" + BUILD)
-        cls.stage = os.path.join(cls.work, "stage")
+        cls.stage = os.path.join(cls.work, "stage/arvokclt")
 
     @classmethod
     def make(cls, *arguments):
@@ -57,10 +58,20 @@ class Packaging(LinkedCase):
         folders = ("/etc", "/etc/config", "/etc/init.d", "/qzcap", "/qzcap/apps", RULES[:-1], "/usr", "/usr/bin")
         self.assertEqual(found, {**{folder: "0o755" for folder in folders}, "/usr/bin/arvokclt": "0o755",
                                  "/etc/init.d/arvokclt": "0o755", "/etc/config/arvokclt": "0o644"})
+        probe = os.path.join(self.work, "stage/qzcap-probe")
+        self.assertEqual([path[len(probe):] for path in glob.glob(probe + "/**", recursive=True) if os.path.isfile(path)],
+                         ["/usr/bin/qzcap-probe"])
         with open(os.path.join(self.stage, "etc/init.d/arvokclt")) as script:
             self.assertEqual(script.readline(), "#!/bin/sh /etc/rc.common\n")
         with open(os.path.join(self.stage, "usr/bin/arvokclt"), "rb") as program:
             self.assertNotIn(os.path.join(BUILD, "lib").encode() + b"\0", program.read(), "a path to libraries")
+
+    def test_probe_runs_from_its_package_with_the_libraries_of_its_package(self):
+        program = os.path.join(self.work, "stage/qzcap-probe/usr/bin/qzcap-probe")
+        done = subprocess.run(["lab-ap", "env", "LD_LIBRARY_PATH=" + LIBRARIES, program], stdout=subprocess.PIPE, check=True)
+        self.assertTrue(json.loads(done.stdout)["usable"])
+        dynamic = subprocess.run(["readelf", "-d", program], check=True, stdout=subprocess.PIPE, text=True).stdout
+        self.assertFalse({"libcrypto", "libssl", "libuuid"} & set(re.findall(r"NEEDED.*\[(.*)\.so", dynamic)))
 
     def test_program_has_the_runtime_in_it_and_shares_nothing(self):
         def shown(*command):
