@@ -69,7 +69,7 @@ void probe_list(report &to, const std::string &call, Call get, void (*release)(u
 }
 
 void probe_led(report &to) {
-    const platform::owned_text state(timed(to, "qzcap_get_led_switch()", qzcap_get_led_switch));
+    const platform::owned_text state(timed(to, "qzcap_get_led_switch", qzcap_get_led_switch));
     if (state)
         item(to, "").check_word("status", state.get(), {"on", "off"});
     else
@@ -78,7 +78,7 @@ void probe_led(report &to) {
 }
 
 void probe_topology(report &to) {
-    const platform::owned_text text(timed(to, "qzcap_mesh_topo(0)", qzcap_mesh_topo, 0));
+    const platform::owned_text text(timed(to, "qzcap_mesh_topo", qzcap_mesh_topo, 0));
     const json::document topology = text ? json::parse(text.get()) : json::document();
     if (!text)
         tell_failure(to);
@@ -103,26 +103,26 @@ constexpr struct {
 
 void probe_bus(report &to) {
     for (const auto &object : objects)
-        probe_object(to, format("qzcap_get_objid_by_id(%s)", object.name), qzcap_get_objid_by_id,
+        probe_object(to, format("qzcap_get_objid_by_id %s", object.name), qzcap_get_objid_by_id,
                      object.number);
-    probe_object(to, "qzcap_get_objid_by_name(qzcapd.wifi)", qzcap_get_objid_by_name, "qzcapd.wifi");
-    ubus_context *const bus = timed(to, "qzcap_get_ubus_context()", qzcap_get_ubus_context);
-    probe_list(to, "qzcap_get_applist()", qzcap_get_applist, qzcap_free_applist, bus);
+    probe_object(to, "qzcap_get_objid_by_name qzcapd.wifi", qzcap_get_objid_by_name, "qzcapd.wifi");
+    ubus_context *const bus = timed(to, "qzcap_get_ubus_context", qzcap_get_ubus_context);
+    probe_list(to, "qzcap_get_applist", qzcap_get_applist, qzcap_free_applist, bus);
 }
 
 void probe_device(report &to) {
-    probe_record(to, "qzcap_get_devinfo()", qzcap_get_devinfo, qzcap_free_devinfo);
-    probe_record(to, "qzcap_diagnostics_get()", qzcap_diagnostics_get, qzcap_free_diagnostics);
-    probe_record(to, "qzcap_diagnostics_netstat()", qzcap_diagnostics_netstat, qzcap_free_netstatinfo);
-    probe_record(to, "qzcap_get_terminalnum()", qzcap_get_terminalnum, qzcap_free_terminalnum);
+    probe_record(to, "qzcap_get_devinfo", qzcap_get_devinfo, qzcap_free_devinfo);
+    probe_record(to, "qzcap_diagnostics_get", qzcap_diagnostics_get, qzcap_free_diagnostics);
+    probe_record(to, "qzcap_diagnostics_netstat", qzcap_diagnostics_netstat, qzcap_free_netstatinfo);
+    probe_record(to, "qzcap_get_terminalnum", qzcap_get_terminalnum, qzcap_free_terminalnum);
     probe_led(to);
-    probe_record(to, "qzcap_get_serverinfo()", qzcap_get_serverinfo, qzcap_free_serverinfo);
-    probe_record(to, "qzcap_get_waninfo()", qzcap_get_waninfo, qzcap_free_waninfo);
-    probe_list(to, "qzcap_list_laninfo()", qzcap_list_laninfo, qzcap_free_laninfos);
+    probe_record(to, "qzcap_get_serverinfo", qzcap_get_serverinfo, qzcap_free_serverinfo);
+    probe_record(to, "qzcap_get_waninfo", qzcap_get_waninfo, qzcap_free_waninfo);
+    probe_list(to, "qzcap_list_laninfo", qzcap_list_laninfo, qzcap_free_laninfos);
 }
 
 void probe_band(report &to, const platform::band &band) {
-    const auto of = [&band](const char *name) { return format("%s(%s)", name, band.word); };
+    const auto of = [&band](const char *name) { return format("%s %s", name, band.word); };
     probe_record(to, of("qzcap_get_wifiinfo"), qzcap_get_wifiinfo, qzcap_free_wifiinfo, band.radio);
     probe_list(to, of("qzcap_get_channel_score"), qzcap_get_channel_score, qzcap_free_channel_score,
                band.radio);
@@ -133,21 +133,21 @@ void probe_band(report &to, const platform::band &band) {
 }
 
 void probe_wifi(report &to) {
-    probe_record(to, "qzcap_get_wifi_switch()", qzcap_get_wifi_switch, qzcap_free_wifi_switch);
-    probe_list(to, "qzcap_wifi_timer_list()", qzcap_wifi_timer_list, qzcap_free_wifi_timers);
-    probe_list(to, "qzcap_get_neighbourinfo()", qzcap_get_neighbourinfo, qzcap_free_neighbourinfo);
+    probe_record(to, "qzcap_get_wifi_switch", qzcap_get_wifi_switch, qzcap_free_wifi_switch);
+    probe_list(to, "qzcap_wifi_timer_list", qzcap_wifi_timer_list, qzcap_free_wifi_timers);
+    probe_list(to, "qzcap_get_neighbourinfo", qzcap_get_neighbourinfo, qzcap_free_neighbourinfo);
     for (const platform::band &band : platform::bands)
         probe_band(to, band);
-    probe_record(to, "qzcap_get_roaming()", qzcap_get_roaming, qzcap_free_roaming);
-    probe_record(to, "qzcap_get_mesh_roaming()", qzcap_get_mesh_roaming, qzcap_free_roaming);
-    probe_record(to, "qzcap_get_mesh()", qzcap_get_mesh, qzcap_free_mesh);
-    probe_record(to, "qzcap_mesh_backhaulbss()", qzcap_mesh_backhaulbss, qzcap_free_backhaulbss);
+    probe_record(to, "qzcap_get_roaming", qzcap_get_roaming, qzcap_free_roaming);
+    probe_record(to, "qzcap_get_mesh_roaming", qzcap_get_mesh_roaming, qzcap_free_roaming);
+    probe_record(to, "qzcap_get_mesh", qzcap_get_mesh, qzcap_free_mesh);
+    probe_record(to, "qzcap_mesh_backhaulbss", qzcap_mesh_backhaulbss, qzcap_free_backhaulbss);
     probe_topology(to);
 }
 
 int run() {
     report to;
-    to.begin("qzcap_ubus_start(0)");
+    to.begin("qzcap_ubus_start");
     const platform::session session;
     to.end();
     if (!session.is_open())

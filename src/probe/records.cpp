@@ -79,8 +79,9 @@ void describe(item &to, const qzcap_waninfo &wan) {
 }
 
 void describe(item &to, const qzcap_laninfo &host) {
+    const std::uint32_t mbits = host.negorate / 1000;
     to.add(host, gateway::host_fields_before_ssid);
-    to.members.number("negorate", host.negorate / 1000);
+    to.members.number("negorate", mbits);
     to.add(host, gateway::host_fields_behind_rate);
     to.check_mac("mac", host.mac);
     to.check_range("connecttype", host.connecttype, 0, platform::connected_wireless);
