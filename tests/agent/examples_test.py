@@ -22,7 +22,8 @@ PAGES = sorted(glob.glob(os.path.join(ROOT, "docs", "*.md"))) + [os.path.join(RO
 COMMANDS = ("ubus ", "exec ", "printf ", "head ")  # with which those of a page begin that are run
 SUBSCRIBE = "ubus subscribe "
 # What is neither sent nor exchanged: a part of it, and why.
-ELSEWHERE = {"-z expert,error": "a comment beside a command of the dissector, which has a test of its own"}
+ELSEWHERE = {"-z expert,error": "a comment beside a command of the dissector, which has a test of its own",
+             '"qzcap_diagnostics_get"': "what the probe shows, which has a test of its own"}
 NO_REQUESTS = ("keyngack", "dh", "ack")  # of the gateway
 
 
