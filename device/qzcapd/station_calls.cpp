@@ -2,6 +2,7 @@
 #include <strings.h>
 
 #include <array>
+#include <cstdlib>
 
 #include "calls_table.h"
 #include "state.h"
@@ -107,13 +108,39 @@ Reply hear_out(World &world, const cJSON *args) {
     return reply;
 }
 
-/// A station moves, and the roaming object reports it.
+/// An access-point interface, by its band and its index there; null when no interface has that BSSID.
+struct Place {
+    const char *band = nullptr, *index = nullptr;
+};
+
+Place find_access_point(const World &world, const char *bssid) {
+    const cJSON *band = nullptr;
+    cJSON_ArrayForEach(band, get(world.state, "wifi_ap")) {
+        const cJSON *interface = nullptr;
+        cJSON_ArrayForEach(interface, band) {
+            const char *own = get_text(interface, "bssid");
+            if (bssid != nullptr && own != nullptr && strcasecmp(own, bssid) == 0) {
+                return {band->string, interface->string};
+            }
+        }
+    }
+    return {};
+}
+
+/// A station moves to another of the device's access points, and the roaming object reports it.
 Reply move(World &world, const cJSON *args) {
-    const char *mac = get_text(get(args, "record"), "mac");
-    const cJSON *station = find_station(world, mac);
+    const cJSON *record = get(args, "record");
+    const char *mac = get_text(record, "mac");
+    cJSON *station = find_station(world, mac);
+    const Place target = find_access_point(world, get_text(record, "bssid"));
     if (station == nullptr) {
         return no_station(mac);
     }
+    if (target.band == nullptr) {
+        return refused("bssid: no such access point");
+    }
+    put_text(station, "band", target.band);
+    put_number(station, "port", std::atoi(target.index));
     Reply reply = done();
     reply.notifications.push_back(roaming_report(world, station));
     return reply;

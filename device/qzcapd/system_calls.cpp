@@ -1,4 +1,5 @@
 // The device itself, its switches and modes, its WAN and its cloud servers.
+#include <algorithm>
 #include <array>
 
 #include "apps.h"
@@ -65,8 +66,20 @@ Reply reboot(World &world, const cJSON *) {
     return done();
 }
 
-Reply upgrade(World &, const cJSON *args) {
-    return get_text(args, "url")[0] != '\0' ? done() : refused("url: must not be empty");
+/// The device restarts with the new firmware, whose version stands in the file's name: NAME-VERSION.SUFFIX.
+Reply upgrade(World &world, const cJSON *args) {
+    std::string version = get_text(args, "url");
+    if (version.empty()) {
+        return refused("url: must not be empty");
+    }
+    version.erase(0, version.rfind('/') + 1);
+    version.erase(std::min(version.rfind('.'), version.size()));
+    const std::size_t dash = version.rfind('-');
+    cJSON *device = get(world.state, "devinfo");
+    if (device != nullptr && dash != std::string::npos) {
+        put_text(device, "swversion", version.substr(dash + 1));
+    }
+    return reboot(world, args);
 }
 
 /// Replaces the whole record: a server or an identity that is not given is dropped.

@@ -234,6 +234,9 @@ def software_is_ordered(tour):
         require(entry, f"the platform was not called: {name}")
         tour.screen.note(f"the platform was called: {name} {json.dumps(entry['args'])}")
     tour.screen.line("      " + tour.log_line("client upgrade failed"))
+    version = call("qzcapd.emulator", "state")["devinfo"]["swversion"]
+    require(version == "2.4.2", f"the device runs {version}")
+    tour.screen.note(f"the device has restarted with firmware {version}")
 
 
 def stations_are_steered(tour):
@@ -252,7 +255,9 @@ def stations_are_steered(tour):
                         "data": {"mac": mac, "bssid": "02:5A:10:00:01:01", "band": "2.4G", "channel": 11}})
     report = tour.link.from_ap("cfg", after=report)
     tour.screen.message(report)
-    require(report["message"]["roaming_report"][0]["mac"] == mac, "another station is said to roam")
+    roamed = report["message"]["roaming_report"][0]
+    channel = call("qzcapd.emulator", "state")["wifiinfo"]["2.4G"]["current_channel"]
+    require((roamed["mac"], roamed["channel"]) == (mac, channel), "another station is said to roam, or elsewhere")
     acknowledged(tour, {"type": "deassociation", "data": {"mac": [mac]}})
     gone = tour.link.from_ap("event", after=report)
     tour.screen.message(gone)

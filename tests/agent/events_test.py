@@ -95,7 +95,7 @@ class Changes(EventCase):
             (lambda: call("qzcapd.roaming", "bss_transition", {"record": {
                 "mac": "02C0FFEE0004", "bssid": "02:5A:10:00:02:01", "channel": 36, "timeout": 0}}),
              [{"type": "cfg", "roaming_report": [
-                 {"mac": "02C0FFEE0004", "connect_time": 86000, "rssi": -70, "channel": 6}]}]),
+                 {"mac": "02C0FFEE0004", "connect_time": 86000, "rssi": -70, "channel": 36}]}]),
             (lambda: self.notify(VSIE, "vsie", {"band": 0, "mac": "m", "vsie": [221, 5]}),
              [event("vsie", band="2.4G", mac="m", data="ZGQwNQ==")]))
 

@@ -286,7 +286,7 @@ class Stations(VocabularyCase):
         self.link()
         good = {"mac": PHONE, "bssid": "02:5A:10:00:01:01", "band": "2.4G", "channel": 6}
         send = lambda members: self.ask("startstabsstransitionrequest", **members)
-        self.members(send, good, {"mac": (NO_TEXT, ()), "bssid": (NO_TEXT, ("",)),
+        self.members(send, good, {"mac": (NO_TEXT, ()), "bssid": (NO_TEXT, ("02:5A:10:00:02:01",)),
                                   "band": ((*NO_TEXT, "6G"), ("2.4G", "5G")), "channel": number(1, 255)})
         self.forget()
         self.assertEqual(send(good), DONE)

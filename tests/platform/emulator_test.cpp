@@ -75,11 +75,14 @@ TEST_F(Emulator, ChangesAreAnnouncedWhoeverMakesThem) {
                 ElementsAre(R"(aprssi {"mac":"02C0FFEE0002","rssi":-48})"));
     EXPECT_THAT(heard(QZCAP_OBJ_ROAMING,
                       [] {
-                          qzcap_bsstransition move{const_cast<char *>("02c0ffee0002"), nullptr, 6, 0};
-                          qzcap_bss_transition(&move, nullptr);
+                          qzcap_bsstransition move{const_cast<char *>("02c0ffee0002"),
+                                                   const_cast<char *>("02:5a:10:00:01:02"), 6, 0};
+                          EXPECT_EQ(qzcap_bss_transition(&move, nullptr), 0);
+                          move.bssid = const_cast<char *>("02:5a:10:00:09:02");
+                          EXPECT_EQ(qzcap_bss_transition(&move, nullptr), -1);
                       }),
                 ElementsAre(R"(roamingreport {"roamingreport":[{"mac":"02C0FFEE0002","connecttime":3600,)"
-                            R"("rssi":-48,"channel":36}]})"));
+                            R"("rssi":-48,"channel":6}]})"));
     EXPECT_THAT(
         heard(QZCAP_OBJ_VSIE,
               [&] { emulator("notify", R"({"object":30,"method":"vsie","message":{"vsie":[221,5]}})"); }),

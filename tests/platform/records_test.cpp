@@ -257,6 +257,8 @@ TEST_F(Records, SettingsAreReadBack) {
         {"app removed", [] { return qzcap_uninstall_app(nullptr, "weather", nullptr); }, "app.weather",
          "(none)"},
         {"reboot", qzcap_reboot, "waninfo.onlinetime", "0"},
+        {"upgrade", [] { return qzcap_upgrade("http://192.168.1.1/ax30-2.4.2.bin", 1, "", nullptr); },
+         "devinfo.swversion", R"("2.4.2")"},
         {"reset", qzcap_reset, "led_switch", R"("on")"},
     };
     patch(R"({"serverinfo":{"abi":"100.64.0.2:9000"}})");  // to be dropped
