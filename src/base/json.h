@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -32,6 +33,8 @@ class view {
     bool is_text() const { return cJSON_IsString(node_); }
     bool is_number() const { return cJSON_IsNumber(node_); }
 
+    /// A member's own name.
+    std::string_view name() const { return view_of(node_->string); }
     /// A text's characters, terminated by a zero.
     std::optional<std::string_view> text() const;
     /// What is not finite counts as 0.
@@ -191,8 +194,6 @@ class writer {
 
   protected:
     writer(char bracket, bool is_array);
-    /// Goes on behind the last member of the text of an object.
-    explicit writer(std::string object);
 
   private:
     writer &open(char bracket, bool is_array);
@@ -207,8 +208,8 @@ class writer {
 class object : public writer {
   public:
     object() : writer('{', false) {}
-    /// Goes on behind the last member of an object that came in.
-    explicit object(view begun);
+    /// Goes on behind the members of an object that came in, without those of these names.
+    object(view begun, std::initializer_list<std::string_view> replaced);
 };
 
 class array : public writer {

@@ -1,5 +1,6 @@
 // What goes out.
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <utility>
@@ -92,11 +93,12 @@ writer::writer(char bracket, bool is_array) : open_(is_array ? 3 : 2) {
     text_ += bracket;
 }
 
-writer::writer(std::string object) : text_(std::move(object)), open_(2) {
-    text_.pop_back();
+object::object(view begun, std::initializer_list<std::string_view> replaced) : writer('{', false) {
+    if (begun.is_object())
+        for (const view each : begun)
+            if (std::find(replaced.begin(), replaced.end(), each.name()) == replaced.end())
+                member(each.name()).add(copy(each));
 }
-
-object::object(view begun) : writer(begun.is_object() ? begun.print() : "{}") {}
 
 // Whether there is room for a value of that size, with what stands between it and what is before it.
 bool writer::begin_value(std::size_t size) {

@@ -29,17 +29,25 @@ struct software {
     std::string_view chksum;
 };
 
-// The gateway was answered when the installation began; how it ended is for the log.
+// The gateway was answered when the installation began; how it ended is for the log. An app is left stopped
+// by its installation. Starting the agent's may end this process: nothing is left to do behind it.
 void client_installed(ubus_request *, blob_attr *message) {
     const json::document outcome = json::parse(json_of(message).value_or(""));
     const std::string_view name = outcome["name"].text().value_or("");
-    if (outcome["result"].integer() != 0)
+    ubus_context *const bus = qzcap_get_ubus_context();
+    platform::reason why;
+    if (outcome["result"].integer() != 0) {
         log_printf("[ERROR] client upgrade failed: %s\n", outcome["failreason"].text().value_or("").data());
-    else if (name != own_package)
-        log_printf("[WARNING] client upgrade installed %s\n", name.data());
-    else
+    } else if (name == own_package) {
         log_printf("[INFO] client upgrade installed %s %s\n", name.data(),
                    outcome["version"].text().value_or("").data());
+        if (platform::call(qzcap_run_app, bus, own_package, why) != 0)
+            log_printf("[ERROR] client upgrade: qzcap_run_app failed: %s\n", why.c_str());
+    } else {
+        log_printf("[ERROR] client upgrade installed %s\n", name.data());
+        if (!name.empty() && platform::call(qzcap_uninstall_app, bus, name.data(), why) != 0)
+            log_printf("[ERROR] client upgrade: qzcap_uninstall_app failed: %s\n", why.c_str());
+    }
 }
 
 // --- roaming ---

@@ -6,6 +6,7 @@
 #include "gateway/dispatch.h"
 #include "gateway/negotiation.h"
 #include "gateway/reports.h"
+#include "gateway/rssi_queries.h"
 
 namespace arvok::gateway {
 
@@ -18,13 +19,14 @@ struct client::modules {
                  .received = bind<&dispatcher::take>(dispatcher_),
                  .closed = bind<&negotiation::forget>(negotiation_)}),
           negotiation_(link_, cache, state_),
-          reports_(link_, cache, state_, now),
+          reports_(link_, cache, state_, queries_, now, notify_cloud),
           bus_bridge_(link_, state_, objects, notify_cloud),
-          dispatcher_({cache, state_, beacons_, bus_bridge_}, link_, negotiation_, reports_) {}
+          dispatcher_({cache, state_, beacons_, bus_bridge_, queries_}, link_, negotiation_, reports_) {}
 
     link_state state_;
     connection link_;
     negotiation negotiation_;
+    rssi_queries queries_;
     reports reports_;
     beacons beacons_;
     bus_bridge bus_bridge_;

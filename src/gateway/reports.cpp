@@ -3,6 +3,7 @@
 #include "base/hex.h"
 #include "base/log.h"
 #include "gateway/handlers.h"
+#include "gateway/rssi_queries.h"
 
 namespace arvok::gateway {
 namespace {
@@ -54,7 +55,8 @@ void reports::wan_up(const qzcap_waninfo &wan) {
 void reports::wan_report(json::view event) {
     if (!state_.linked)
         return;
-    json::object status(event);
+    cache_.expire_wan();  // its DNS servers may be what has changed
+    json::object status(event, {"dns"});
     if (!event["status"])
         status.text("status", "ip_changed");
     send_wan_report(std::move(status));
@@ -108,14 +110,21 @@ void reports::roaming_report(json::view event) {
 }
 
 void reports::rssi_report(json::view event) {
-    if (!state_.linked || !event["mac"].is_text() || !event["rssi"].is_number())
+    const auto mac = event["mac"].text();
+    if (!mac || !event["rssi"].is_number())
+        return;
+    const bool for_cloud = queries_.end_for_cloud(*mac);
+    if (!for_cloud && !state_.linked)
         return;
     message report = link_.new_message("aprssi");
     json::object data;
     copy_member(data, "mac", event, "mac");
     copy_member(data, "rssi", event, "rssi");
     report.body.add("data", data.take());
-    link_.post(std::move(report));
+    if (for_cloud)
+        notify_cloud_(report.body.take().text());
+    else
+        link_.post(std::move(report));
 }
 
 void reports::map_report() {

@@ -13,8 +13,15 @@ namespace arvok::gateway {
 
 class reports {
   public:
-    reports(connection &link, platform::cache &cache, const link_state &state, wall_clock now)
-        : link_(link), cache_(cache), state_(state), first_seen_(now) {}
+    /// `notify_cloud` is handed what the cloud asked for.
+    reports(connection &link, platform::cache &cache, const link_state &state, rssi_queries &queries,
+            wall_clock now, callback<void(const std::string &notification)> notify_cloud)
+        : link_(link),
+          cache_(cache),
+          state_(state),
+          queries_(queries),
+          notify_cloud_(notify_cloud),
+          first_seen_(now) {}
 
     /// The WAN is up: the first report of every connection.
     void wan_up(const qzcap_waninfo &wan);
@@ -24,7 +31,7 @@ class reports {
     void lan_report(platform::host_snapshot &hosts);
     /// The stations that roamed, from the platform's notification.
     void roaming_report(json::view event);
-    /// How a station that was asked for is heard, from the platform's notification.
+    /// How a station is heard, from the platform's notification: for the cloud when that has asked.
     void rssi_report(json::view event);
     /// The device's part in the mesh.
     void map_report();
@@ -45,6 +52,8 @@ class reports {
     connection &link_;
     platform::cache &cache_;
     const link_state &state_;
+    rssi_queries &queries_;
+    const callback<void(const std::string &notification)> notify_cloud_;
     first_seen first_seen_;
 };
 

@@ -35,6 +35,7 @@ struct link_state {
 
 class beacons;
 class bus_bridge;
+class rssi_queries;
 
 /// What requests work on; lives longer than any of them.
 struct request_services {
@@ -42,6 +43,7 @@ struct request_services {
     link_state &link;
     gateway::beacons &beacons;
     bus_bridge &bridge;
+    rssi_queries &queries;
 };
 
 class request {

@@ -207,7 +207,7 @@ bool get_map_topology(request &r, json::writer &item) {
     const json::document topology = text ? json::parse(text.get()) : json::document();
     if (!topology.root().is_object())
         return r.fail_item(platform_failed, "qzcap_mesh_topo failed");
-    json::object object(topology.root());
+    json::object object(topology.root(), {"mapRole", "mapAlmac", "onlineTime"});
     object.text("mapRole", mesh->role).text("mapAlmac", mesh->almac).number("onlineTime", mesh->onlinetime);
     item.open_array().add(object.take()).close();
     return true;

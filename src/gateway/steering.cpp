@@ -4,6 +4,7 @@
 
 #include "gateway/handlers.h"
 #include "gateway/request_members.h"
+#include "gateway/rssi_queries.h"
 
 namespace arvok::gateway {
 namespace {
@@ -101,7 +102,8 @@ void start_rssi_query(request &r, json::view data) {
         .duration = static_cast<std::uint32_t>(duration) * 1000};
     platform::reason why;
     if (platform::call(qzcap_start_rssi_query, &query, why) < 0)
-        r.fail(platform_failed, "qzcap_start_rssi_query failed: %s", why.c_str());
+        return r.fail(platform_failed, "qzcap_start_rssi_query failed: %s", why.c_str());
+    r.services.queries.begun(mac, r.from_cloud);
 }
 
 // The station is free not to go: it is not disconnected.

@@ -45,6 +45,10 @@ bool cache::refresh_device() {
     }
     is_router_ = view_of(device_->mode) == "router";
     dual_band_ = view_of(device_->support_5g) == "yes";
+    if (!dual_band_) {  // what comes back is another radio
+        radios_[second].reset();
+        access_points_[second] = {};
+    }
     return true;
 }
 

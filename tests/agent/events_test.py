@@ -89,6 +89,7 @@ class Changes(EventCase):
             (state(waninfo={"status": "down"}), [wan(status="down", ipaddr="192.168.1.2")]),
             (state(waninfo={"status": "up", "ipaddr": "10.0.0.2"}), [wan(status="up", ipaddr="10.0.0.2")]),
             (state(waninfo={"ipaddr": "10.0.0.3"}), [wan(ipaddr="10.0.0.3", status="ip_changed")]),
+            (lambda: self.notify(WAN, "wan", {"dns": ["1.1.1.1"], "status": "up"}), [wan(status="up")]),
             (state(mesh={"role": "agent"}), [event("rolechange", role="agent"), role("agent")]),
             (state(mesh={"role": "controller"}), [event("rolechange", role="controller"), role("controller")]),
             (state(wifi_switch={"wpsswitch": "on"}), []),

@@ -209,6 +209,13 @@ class Parameters(PluginCase):
             self.assertEqual(self.acknowledged({"type": kind, **members}), {"errcode": 10002, "errmsg": "invalid mac"})
         self.assertEqual([station["mac"] for station in self.params({"type": "getrssiinfo"})["data"]],
                          ["02C0FFEE0002", "02C0FFEE0003", "02C0FFEE0004"])
+        # A result goes to who asked for it.
+        query = {"type": "startaprssiquery", "data": {"mac": "02c0ffee0002", "band": "5G", "duration": 1}}
+        self.assertEqual(self.acknowledged(query), {"errcode": 0, "errmsg": ""})
+        (_, told), = wait_until(lambda: self.heard("PluginNotification"), "the result")
+        told = json.loads(base64.b64decode(told["Message"]))
+        self.assertEqual((told["type"], told["data"]), ("aprssi", {"mac": "02C0FFEE0002", "rssi": -48}))
+        self.assertEqual(self.received("aprssi"), [])
         # What is none, and what the agent takes from its gateway only, or does not answer there either.
         for message in ("", "no JSON", [], {"type": "nonsense"}, {"type": "qlink"}, {"type": "ack"}, {"type": "dh"},
                         {"type": "ubus_call", "object": "x"}, {"type": "get_status", "CmdType": "x"},

@@ -67,10 +67,14 @@ class DeviceRows(VocabularyCase):
         client = lambda value: self.cfg(upgrade_client=value)
         self.assertEqual(client({**good, "fileSize": 0, "chksum": 5}), invalid("fileSize"))
         for name, line in (("arvokclt", "[INFO] client upgrade installed arvokclt 9.1\n"),
-                           ("radio", "[WARNING] client upgrade installed radio\n")):
+                           ("radio", "[ERROR] client upgrade installed radio\n")):
             package = subprocess.check_output([MKAPP, name, "9.1"], text=True).strip()
             self.assertEqual(client({**good, "downurl": "http://100.64.0.9/" + package}), DONE)
             agent.expect(line)
+        self.assertEqual(wait_until(lambda: self.journal("qzcap_run_app", "qzcap_uninstall_app")[1:], "what follows"),
+                         [("qzcap_uninstall_app", {"name": "radio"})])
+        self.assertEqual(self.state()["app"]["arvokclt"]["state"], "running")
+        self.assertNotIn("radio", self.state()["app"])
         self.assertEqual(client({**good, "downurl": "http://100.64.0.9/nothing"}), DONE)
         agent.expect("[ERROR] client upgrade failed: ")
 

@@ -96,11 +96,11 @@ TEST(Json, IsWrittenAsTheLibraryWouldWriteIt) {
 }
 
 TEST(Json, KeepsTheOrderOfTheCallsAndLeavesOutWhatIsNone) {
-    const json::document in = json::parse(R"({"o":{"b":1},"e":{},"a":[1,"x"],"t":"é"} and more)");
+    const json::document in = json::parse(R"({"o":{"b":1,"d":2},"e":{},"a":[1,"x"],"t":"é"} and more)");
     char *const missing = nullptr;
     json::array array;
     array.add({}).add(json::number(1)).add(json::copy(in["t"])).add(json::copy(in["none"]));
-    json::object object(in["o"]), fresh(in["e"]), replaced(in["a"]);
+    json::object object(in["o"], {"d"}), fresh(in["e"], {}), replaced(in["a"], {});
     object.text("a", missing).add("none", {}).add("l", array.take()).add("e", json::array().take());
     EXPECT_EQ(object.take().text(), R"({"b":1,"a":"","l":[1,"é"],"e":[]})");
     EXPECT_EQ(fresh.number("n", 1).take().text(), R"({"n":1})");
