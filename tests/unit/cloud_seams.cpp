@@ -4,10 +4,9 @@
 #include <sys/sysinfo.h>
 
 #include <atomic>
-#include <cstdarg>
 
 #include "base/descriptor.h"
-#include "base/log.h"
+#include "captured_log.h"
 #include "cloud_fixture.h"
 #include "own_network.h"
 
@@ -19,9 +18,6 @@ std::mutex look_up;
 namespace {
 
 std::atomic<std::int64_t> ahead_ms;
-
-std::mutex log_lock;
-std::string log_so_far;
 
 #ifdef SYS_clock_gettime64
 constexpr long clock_call = SYS_clock_gettime64;
@@ -37,16 +33,6 @@ Record *make() {
     return static_cast<Record *>(qzcap_calloc(1, sizeof(Record)));
 }
 
-__attribute__((format(printf, 1, 2))) void take_log(const char *text, ...) {
-    static char line[40000];
-    const std::lock_guard<std::mutex> guard(log_lock);
-    va_list args;
-    va_start(args, text);
-    std::vsnprintf(line, sizeof line, text, args);
-    va_end(args);
-    log_so_far += line;
-}
-
 struct found_address {
     addrinfo entry;
     sockaddr_in address;
@@ -59,18 +45,16 @@ void advance(std::int64_t ms) {
 }
 
 std::string log_text() {
-    const std::lock_guard<std::mutex> guard(log_lock);
-    return log_so_far;
+    return logged.so_far();
 }
 
 std::string log() {
-    const std::lock_guard<std::mutex> guard(log_lock);
-    return std::exchange(log_so_far, {});
+    return logged.take();
 }
 
 bool enter_surroundings() {
     static const bool entered = [] {
-        log_output = take_log;
+        capture_log();
         if (!enter_own_network())
             return false;
         const descriptor any(socket(AF_INET, SOCK_DGRAM, 0));

@@ -8,7 +8,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <cstdarg>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -17,7 +16,7 @@
 #include <vector>
 
 #include "../loop.h"
-#include "base/log.h"
+#include "captured_log.h"
 #include "gateway/gateway.h"
 #include "lab/gateway/crypto.h"
 #include "own_network.h"
@@ -33,7 +32,6 @@ inline struct surroundings {
     std::string elements;           ///< what was done to them, each as "ACTION INDEX "
     std::string looked_up;          ///< bus objects, each with a blank behind
     bool ends_at_lookup = false;
-    std::string log;
 } around;
 
 inline std::string be32(std::uint32_t n) {
@@ -57,7 +55,7 @@ class Link : public ::testing::Test {
     void SetUp() override {
         around = {};
         uloop_init();
-        log_output = remember;
+        capture_log();
         const int on = 1, small = 4096;  // a gateway that does not read is soon full
         setsockopt(listener_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
         setsockopt(listener_.get(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
@@ -66,15 +64,6 @@ class Link : public ::testing::Test {
         ASSERT_EQ(listen(listener_.get(), 4), 0);
         ASSERT_TRUE(cache_.refresh_device());
         build({"127.0.0.1"});
-    }
-
-    static void remember(const char *format, ...) {
-        char text[65536];
-        va_list args;
-        va_start(args, format);
-        std::vsnprintf(text, sizeof text, format, args);
-        va_end(args);
-        around.log += text;
     }
 
     void build(const options &where) {
@@ -87,7 +76,7 @@ class Link : public ::testing::Test {
 
     void accept_one() {
         pollfd ready{listener_.get(), POLLIN, 0};
-        ASSERT_EQ(poll(&ready, 1, 2000), 1) << "nobody connects; log so far:\n" << around.log;
+        ASSERT_EQ(poll(&ready, 1, 2000), 1) << "nobody connects; log so far:\n" << logged.text;
         peer_.reset(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK));
         inbox_.clear();
         key_.reset();
@@ -152,7 +141,7 @@ class Link : public ::testing::Test {
                 return;
             run_loop_for(1);
         }
-        FAIL() << "did not happen; log so far:\n" << around.log;
+        FAIL() << "did not happen; log so far:\n" << logged.text;
     }
     void turn() {
         for (int i = 0; i < 3; i++)
@@ -160,8 +149,8 @@ class Link : public ::testing::Test {
     }
 
     /// Everything logged since the last call.
-    std::string log() { return std::exchange(around.log, {}); }
-    bool has_logged(const std::string &line) { return around.log.find(line) != std::string::npos; }
+    std::string log() { return logged.take(); }
+    bool has_logged(const std::string &line) { return logged.text.find(line) != std::string::npos; }
     void expect_log(const std::string &line) {
         pump([&] { return has_logged(line); });
     }

@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstring>
 #include <functional>
 #include <optional>
@@ -21,23 +20,13 @@
 
 #include "../loop.h"
 #include "base/crypto.h"
-#include "base/log.h"
 #include "base/stream.h"
 #include "base/text.h"
+#include "captured_log.h"
 #include "own_network.h"
 
 namespace arvok {
 namespace {
-
-std::string logged;
-void keep(const char *format, ...) {
-    char line[131072];
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(line, sizeof line, format, args);
-    va_end(args);
-    logged += line;
-}
 
 std::string be32(std::uint32_t n) {
     n = htonl(n);
@@ -55,7 +44,7 @@ std::string refusal(int id) {
 }
 int count_in_log(const std::string &text) {
     int count = 0;
-    for (std::size_t at = 0; (at = logged.find(text, at)) != std::string::npos; at++)
+    for (std::size_t at = 0; (at = logged.text.find(text, at)) != std::string::npos; at++)
         count++;
     return count;
 }
@@ -65,10 +54,10 @@ class Local : public ::testing::Test {
     static void SetUpTestSuite() { ASSERT_TRUE(enter_own_network()) << "no network namespaces here"; }
     void SetUp() override {
         uloop_init();
-        log_output = keep;
+        capture_log();
         server_.emplace(cache_, "");
         ASSERT_TRUE(server_->start());
-        logged.clear();
+        logged.text.clear();
     }
     void TearDown() override {
         server_.reset();
@@ -84,15 +73,15 @@ class Local : public ::testing::Test {
                 return;
             run_loop_for(turn_ms);
         }
-        FAIL() << "did not happen; log so far:\n" << logged.substr(0, 2000);
+        FAIL() << "did not happen; log so far:\n" << logged.text.substr(0, 2000);
     }
     static void expect_log(const std::string &text) {
-        pump([&] { return contains(logged, text); });
+        pump([&] { return contains(logged.text, text); });
     }
     // A client that the server has accepted, which sends and receives from now on. Returns the server's
     // descriptor of it.
     int connect(const char *from = "127.0.0.1") {
-        logged.clear();
+        logged.text.clear();
         const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         const sockaddr_in address{AF_INET, htons(17998), {htonl(INADDR_LOOPBACK)}, {}};
         const sockaddr_in own{AF_INET, 0, {inet_addr(from)}, {}};
@@ -104,8 +93,8 @@ class Local : public ::testing::Test {
         opened_.insert(fd);
         peer_ = fd;
         expect_log("accept client \"" + std::string(from) + "\" ");
-        const int accepted = std::atoi(logged.c_str() + logged.find("1\" ") + 3);
-        logged.clear();
+        const int accepted = std::atoi(logged.text.c_str() + logged.text.find("1\" ") + 3);
+        logged.text.clear();
         return accepted;
     }
     void send_bytes(const std::string &bytes) {
@@ -157,13 +146,13 @@ TEST_F(Local, AFrameIsHandledWhereverItIsSplit) {
     connect();
     const std::string whole = unknown(1);
     for (std::size_t cut = 1; cut < whole.size(); cut++) {
-        logged.clear();
+        logged.text.clear();
         send_bytes(whole.substr(0, cut));
         for (int i = 0; i < 3; i++)
             run_loop_for(1);
         const std::string wait = format("[INFO] (local) wait for the TCP fragmentation, %d/%d\n",
                                         static_cast<int>(cut) - 4, static_cast<int>(whole.size()) - 4);
-        EXPECT_EQ(logged, cut > 8 ? wait : "") << cut;
+        EXPECT_EQ(logged.text, cut > 8 ? wait : "") << cut;
         send_bytes(whole.substr(cut));
         EXPECT_EQ(receive(), refusal(1)) << cut;
     }
@@ -196,13 +185,13 @@ TEST_F(Local, AMessageFaultIsLoggedOrAnswered) {
     for (const char *body : {R"({"RPCMethod":"Post1","ID":"1"})", R"({"RPCMethod":7,"ID":1})",
                              R"({"ID":1,"rpcmethod":"Post1"})", R"(["RPCMethod","ID"])",
                              "null"}) {  // the last is no longer than a header: it waits for what follows it
-        logged.clear();
+        logged.text.clear();
         send_bytes(frame(body));
         expect_served(6);
         const std::string lines =
             format("[INFO] (local) <- %s (%d)\n", body, static_cast<int>(std::strlen(body))) +
             "[ERROR] (local) RPCMethod or ID not found\n[ERROR] (local) invalid server msg\n";
-        EXPECT_EQ(logged.substr(0, lines.size()), lines);
+        EXPECT_EQ(logged.text.substr(0, lines.size()), lines);
     }
     send_bytes(frame(std::string("{\"RPC\0\":1}", 10)));
     expect_log("[INFO] (local) <- {\"RPC (10)\n[ERROR] (local) invalid msg (not json format)\n");
@@ -230,10 +219,10 @@ TEST_F(Local, AClientThatDoesNotReadIsNotReadFrom) {
     const int stuck = connect(), deaf = peer_, small = 65536;
     setsockopt(stuck, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
     for (int quiet = 0; quiet < 50;) {
-        const std::size_t before = logged.size();
+        const std::size_t before = logged.text.size();
         flood();
         run_loop_for(1);
-        quiet = logged.size() == before ? quiet + 1 : 0;
+        quiet = logged.text.size() == before ? quiet + 1 : 0;
     }
     // Of what was answered, no more than a reply beyond the limit waits outside of the system's buffers.
     std::size_t answered = 0;
@@ -267,7 +256,7 @@ TEST_F(Local, RepliesThatNobodyTakesAreBoundedInAll) {
     for (int i = 0; i < crowd; i++) {
         setsockopt(connect(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
         send_bytes(request + request);
-        pump([] { return contains(logged, "(96064)\n"); }, 0);
+        pump([] { return contains(logged.text, "(96064)\n"); }, 0);
         run_loop_for(1);
         gone += count_in_log("[INFO] (local) disconnect fd: ");
     }
@@ -338,11 +327,11 @@ TEST_F(Local, ClientsGoWithTheirConnectionsAndWithTheServer) {
     connect();
     const int faulty = peer_;
     send_bytes(be32(0) + "x");
-    pump([] { return contains(logged, "invalid msg header"); }, 0);
+    pump([] { return contains(logged.text, "invalid msg header"); }, 0);
 
-    logged.clear();
+    logged.text.clear();
     server_.reset();
-    EXPECT_EQ(logged.find("[INFO] (local) server stop "), 0u);
+    EXPECT_EQ(logged.text.find("[INFO] (local) server stop "), 0u);
     EXPECT_EQ(count_in_log("disconnect fd: "), 2);
     for (const int fd : {idle, in_frame, faulty}) {
         peer_ = fd;

@@ -30,7 +30,7 @@ class Greedy : public Link {
     bool ask_more() {
         const ssize_t taken = ::send(peer_.get(), unasked_.data(), unasked_.size(), MSG_NOSIGNAL);
         unasked_.erase(0, taken > 0 ? static_cast<std::size_t>(taken) : 0);
-        around.log.clear();
+        logged.text.clear();
         return taken > 0;
     }
     void send_keepalive() {
@@ -135,7 +135,7 @@ class Telling : public Link {
     }
     std::size_t times_logged(const std::string &line) const {
         std::size_t times = 0;
-        for (std::size_t at = 0; (at = around.log.find(line, at)) != std::string::npos; at++)
+        for (std::size_t at = 0; (at = logged.text.find(line, at)) != std::string::npos; at++)
             times++;
         return times;
     }
@@ -143,9 +143,9 @@ class Telling : public Link {
     std::size_t written() const { return times_logged(R"(-> {"type":"aprssi")"); }
     int waited() const {
         EXPECT_EQ(times_logged("[WARNING]"), 1u);
-        const std::size_t at = around.log.find("[WARNING]");
+        const std::size_t at = logged.text.find("[WARNING]");
         int bytes = -1;
-        std::sscanf(around.log.c_str() + at, "[WARNING] (arvok) drop own msgs, ready 1, %d bytes wait\n",
+        std::sscanf(logged.text.c_str() + at, "[WARNING] (arvok) drop own msgs, ready 1, %d bytes wait\n",
                     &bytes);
         return bytes;
     }

@@ -7,11 +7,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <utility>
 
-#include "base/log.h"
+#include "captured_log.h"
 #include "platform/records.h"
 
 extern "C" {
@@ -27,18 +26,7 @@ std::time_t now;
 namespace {
 
 std::int64_t ahead_ms;
-std::string log_so_far;
-
-__attribute__((format(printf, 1, 2))) void add_to_log(const char *text, ...) {
-    char line[1024];
-    va_list args;
-    va_start(args, text);
-    std::vsnprintf(line, sizeof line, text, args);
-    va_end(args);
-    log_so_far += line;
-}
-
-const bool logs = (log_output = add_to_log, true);
+const bool logs = (capture_log(), true);
 
 bool is_refused() {
     return device.calls++ == device.refused;
@@ -101,7 +89,7 @@ int passed() {
 }
 
 std::string take_log() {
-    return std::exchange(log_so_far, {});
+    return logged.take();
 }
 
 }  // namespace arvok::access
