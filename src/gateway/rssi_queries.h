@@ -21,7 +21,8 @@ class rssi_queries {
         queries_.push_back({normalised_mac(mac), from_cloud});
     }
 
-    /// A result has come. Whether the cloud asked for it; of several who wait for that station, the first did.
+    /// A result has come. Whether the cloud asked for it; of several who wait for that station, the first
+    /// did.
     bool end_for_cloud(std::string_view mac) {
         const std::string station = normalised_mac(mac);
         const auto found = std::find_if(queries_.begin(), queries_.end(), [&station](const query &one) {
