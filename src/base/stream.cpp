@@ -14,6 +14,7 @@ namespace arvok {
 namespace {
 
 constexpr std::size_t turn_max = body_max / 2;  // bytes taken before everybody else has a turn
+constexpr int reading_ms = 10;  // until it is looked again whether the loop has read what lies there
 
 stream &stream_of(ustream *s) {
     return owner_of<stream>(container_of(s, ustream_fd, stream));
@@ -42,16 +43,13 @@ void stream::open(int fd) {
     ustream &s = library_.stream;
     s.notify_read = [](ustream *at, int) { stream_of(at).readable(); };
     s.notify_write = [](ustream *at, int) { stream_of(at).drained(); };
-    s.notify_state = [](ustream *at) {
-        stream &broken = stream_of(at);
-        if (!broken.closing_)
-            broken.handlers_.broken();
-    };
+    s.notify_state = [](ustream *at) { stream_of(at).end(); };
     s.r.buffer_len = static_cast<int>(body_max);
     s.string_data = false;
     fd_ = fd;
     taken_ = 0;
     read_ = written_ = 0;
+    end_.reset();
     ustream_fd_init(&library_, fd);
 }
 
@@ -139,12 +137,31 @@ void stream::next_turn() {
             handlers_.down();
         return;
     }
+    if (end_)
+        return end();
     if (held_ && unsent() > unsent_max_)
         return;  // drained comes back
     ustream_set_read_blocked(&library_.stream, false);
     // What is buffered is not announced again.
     if (std::exchange(held_, false))
         announce();
+}
+
+// The library tells of a failed write before what has come in meanwhile is read. A peer that takes nothing
+// any more does not hold its requests up; but where what they are answered with would grow, they go.
+void stream::end() {
+    if (closing_)
+        return;
+    const bool advances = end_ != read_ + buffered();
+    end_ = read_ + buffered();
+    ustream_set_read_blocked(&library_.stream, false);
+    if (std::exchange(held_, false))
+        announce();
+    if (closing_)
+        return;
+    if (advances && held_by_system(fd_, FIONREAD) > 0 && unsent() <= unsent_max_)
+        return next_turn_.arm(reading_ms);
+    handlers_.broken();
 }
 
 bool stream::has_input() {
@@ -165,7 +182,7 @@ void stream::write(std::string_view bytes) {
         return;
     ustream_write(&library_.stream, bytes.data(), static_cast<int>(bytes.size()), false);
     written_ += bytes.size();
-    if (!held_ && unsent() > unsent_max_) {
+    if (!held_ && !end_ && unsent() > unsent_max_) {
         held_ = true;
         pause();
     }

@@ -14,6 +14,7 @@ extern "C" {
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string_view>
 
 #include "base/callback.h"
@@ -29,7 +30,7 @@ class stream {
     struct handlers {
         /// So many bytes are buffered. May close the stream. Leaves a held stream's input alone.
         callback<void(std::size_t available)> read;
-        /// End of stream or a write error. May close the stream.
+        /// End of stream or a write error, and what had come before has been announced. May close the stream.
         callback<void()> broken;
         /// A closed connection has been taken down: the stream may be destroyed. May be left out.
         callback<void()> down = {};
@@ -79,6 +80,7 @@ class stream {
     void next_turn();
     void announce();
     void pause();
+    void end();
     void take_down();
     std::uint64_t buffered();
 
@@ -89,6 +91,7 @@ class stream {
     int fd_ = -1;
     std::size_t taken_ = 0;  ///< bytes read since the last pause
     std::uint64_t read_ = 0, written_ = 0;
+    std::optional<std::uint64_t> end_;  ///< no more will come; what had, when it was last looked
     bool in_read_ = false;
     bool closing_ = false;  ///< closed, and to be taken down
     bool held_ = false;

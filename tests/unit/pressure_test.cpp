@@ -8,6 +8,13 @@
 namespace arvok::gateway {
 namespace {
 
+std::size_t times_logged(const std::string &line) {
+    std::size_t times = 0;
+    for (std::size_t at = 0; (at = logged.text.find(line, at)) != std::string::npos; at++)
+        times++;
+    return times;
+}
+
 // A gateway that asks for more and more, and reads only what it is told to.
 class Greedy : public Link {
   protected:
@@ -120,6 +127,16 @@ TEST_F(Link, WhatCameInTimeCountsThoughItIsReadLate) {
     EXPECT_TRUE(is_armed(10000));
 }
 
+// What is buffered, at most two requests, and what the system holds.
+TEST_F(Greedy, WhatItAskedBeforeItWentCounts) {
+    connect();
+    ask();
+    log();
+    peer_.reset();
+    expect_log("tcp connection broken");
+    EXPECT_GT(times_logged("<- "), 3u);
+}
+
 class Telling : public Link {
   protected:
     void SetUp() override {
@@ -132,12 +149,6 @@ class Telling : public Link {
     }
     void tell(const std::string &mac) {
         agent_->reporting().rssi_report(json::parse(R"({"rssi":-1,"mac":")" + mac + "\"}").root());
-    }
-    std::size_t times_logged(const std::string &line) const {
-        std::size_t times = 0;
-        for (std::size_t at = 0; (at = logged.text.find(line, at)) != std::string::npos; at++)
-            times++;
-        return times;
     }
     // How many reports were written, and how many bytes waited when the first was dropped; one line says so.
     std::size_t written() const { return times_logged(R"(-> {"type":"aprssi")"); }
