@@ -296,13 +296,14 @@ std::span<const Row> station_rows() {
             true,
             {record_of(capi::roaming)},
             [](World &world, const cJSON *args) { return set_roaming(world, "mesh_roaming", args); }},
-        Row{&call_of("qzcap_add_vsie_beacontx"), true, {record_of(capi::vsie_beacontx)}, add_beacontx},
+        // The same holds for the elements.
+        Row{&call_of("qzcap_add_vsie_beacontx"), false, {record_of(capi::vsie_beacontx)}, add_beacontx},
         Row{&call_of("qzcap_vsie_beacontx_action"),
-            true,
+            false,
             {{Type::number, "index"}, {Type::text, "action"}},
             beacontx_action},
-        Row{&call_of("qzcap_delete_vsie_beacontx_by_name"), true, {{Type::text, "name"}}, delete_beacontx},
-        Row{&call_of("qzcap_add_vsie_proberesp"), true, {record_of(capi::vsie_proberesp)}, add_proberesp},
+        Row{&call_of("qzcap_delete_vsie_beacontx_by_name"), false, {{Type::text, "name"}}, delete_beacontx},
+        Row{&call_of("qzcap_add_vsie_proberesp"), false, {record_of(capi::vsie_proberesp)}, add_proberesp},
     };
     return rows;
 }

@@ -76,6 +76,7 @@ void enforcer::enforce() {
     latest_.cancel();
     const std::time_t now = clock_();
     bool is_known = store_.load();
+    const std::size_t held_back = platform::gate::held_back();
     std::optional<platform::host_list> records;
     const bool is_wanted = is_needed();
     if (is_wanted) {
@@ -94,7 +95,8 @@ void enforcer::enforce() {
     if (is_known)
         unknown_.reset();
     else
-        (unknown_ ? *unknown_ : unknown_.emplace()).refused(uptime());
+        (unknown_ ? *unknown_ : unknown_.emplace())
+            .failed(uptime(), platform::gate::held_back() == held_back);
     arm(made, now, records.has_value());
 }
 
@@ -120,13 +122,14 @@ void enforcer::carry_out(const decision &made, platform::host_list &records,
                std::pair(other->when.due(), other->change.host);
     });
     for (attempt *const now : due) {
+        const std::size_t held_back = platform::gate::held_back();
         qzcap_laninfo &record = records[now->change.host];
         if (uloop_cancelling() || uptime() >= began + round_s)
             now->when.put_off(uptime());
         else if (write(record, now->change))
             attempts_.erase(record.index);
         else
-            now->when.refused(uptime());
+            now->when.failed(uptime(), platform::gate::held_back() == held_back);
     }
 }
 

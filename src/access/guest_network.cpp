@@ -66,10 +66,10 @@ void guest_network::look_again(std::int64_t seconds) {
 }
 
 // `change`: seconds until it is to be otherwise; 0: never.
-void guest_network::try_again(std::int64_t change) {
+void guest_network::try_again(std::int64_t change, bool was_tried) {
     if (!refused_)
         refused_.emplace();
-    refused_->refused(uptime());
+    refused_->failed(uptime(), was_tried);
     const std::int64_t next_try = refused_->remaining(uptime());
     look_again(change > 0 ? std::min(change, next_try) : next_try);
 }
@@ -86,8 +86,9 @@ void guest_network::follow_times() {
         return look_again(clock_retry(*closing->schedule, now));
     const guest_action action = guest_action_at(*closing->schedule, now);
     const std::optional<guest_index> known = files_.index();
+    const std::size_t held_back = platform::gate::held_back();
     if (!known || !switch_interface(known->index, action.on))
-        return try_again(action.delay);
+        return try_again(action.delay, platform::gate::held_back() == held_back);
     refused_.reset();
     if (action.delay > 0)
         look_again(action.delay);

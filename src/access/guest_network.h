@@ -39,7 +39,7 @@ class guest_network {
 
   private:
     void look_again(std::int64_t seconds);
-    void try_again(std::int64_t change);
+    void try_again(std::int64_t change, bool was_tried = true);
     bool contradicts(const guest_schedule &schedule, bool enable, bool is_enabled) const;
 
     const guest_files files_;

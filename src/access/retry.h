@@ -16,6 +16,8 @@ class retry {
     }
     /// There was no time to try it: it waits, and keeps its place before what became due later.
     void put_off(long now) { put_off_until_ = now + first_s; }
+    /// It failed: refused, unless the gate to the platform held it back, so that it was not tried.
+    void failed(long now, bool was_tried) { was_tried ? refused(now) : put_off(now); }
     bool is_due(long now) const { return now >= next(); }
     /// Since when it has been due, or when it will be; 0 for what was never refused.
     long due() const { return due_; }

@@ -88,6 +88,7 @@ json::value dispatcher::take_from_cloud(json::view message) {
 
 // In this order, whatever the order of the commands was.
 void dispatcher::run_actions() const {
+    platform::gate::message_answered();
     if ((actions_ & action_reset) && platform::call(qzcap_reset) < 0)
         log_printf("[ERROR] qzcap_reset failed\n");
     if ((actions_ & action_reboot) && platform::call(qzcap_reboot) < 0)

@@ -1,9 +1,12 @@
 // Settings of single hosts on the LAN: what they are called and may reach, and how fast.
 //
 // A request is an array of hosts. Members are checked first, then whether each host is known, and only then
-// is anything set; the first setting that the platform refuses ends the request.
+// is anything set; the first setting that the platform refuses ends the request. A host that is named again
+// is set once, to what was said of it last: a request may hold hundreds of them.
 
+#include <algorithm>
 #include <span>
+#include <vector>
 
 #include "gateway/request_members.h"
 #include "gateway/settings.h"
@@ -75,12 +78,16 @@ void set_hosts(request &r, const host_row &row, json::view value) {
     const auto hosts = platform::fetch_list<platform::host_list>(qzcap_list_laninfo);
     if (!hosts)
         return r.fail(platform_failed, "qzcap_list_laninfo failed");
-    for (const json::view element : value)
-        if (!platform::find_host(*hosts, mac_of(element)))
-            return r.fail(invalid_parameter, "unknown mac %s", mac_of(element).data());
+    std::vector<qzcap_laninfo *> named;
     for (const json::view element : value) {
         qzcap_laninfo *host = platform::find_host(*hosts, mac_of(element));
+        if (!host)
+            return r.fail(invalid_parameter, "unknown mac %s", mac_of(element).data());
         read_host(r, row, element, host);
+        if (std::find(named.begin(), named.end(), host) == named.end())
+            named.push_back(host);
+    }
+    for (qzcap_laninfo *const host : named) {
         platform::reason why;
         if (platform::call(qzcap_set_laninfo, host->index, host, why) < 0)
             return r.fail(platform_failed, "qzcap_set_laninfo failed: %s", why.c_str());

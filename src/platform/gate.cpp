@@ -32,6 +32,11 @@ gate::~gate() {
     opened = nullptr;
 }
 
+bool gate::is_silent(const callee &to) const {
+    const auto end = silent_.begin() + static_cast<std::ptrdiff_t>(count_);
+    return count_ == silent_.size() || std::find(silent_.begin(), end, to) != end;
+}
+
 void gate::add(const callee &to) {
     if (count_ == silent_.size())
         return;
@@ -60,12 +65,37 @@ message_scope::~message_scope() {
         opened->message_ = nullptr;
 }
 
+bool message_scope::has_share() const {
+    using share = message_share;
+    return calls_.took_ms - calls_.longest_ms < (calls_.count < share::few ? share::few_ms : share::many_ms);
+}
+
+void message_scope::made(std::int64_t took_ms) {
+    calls_.count++;
+    calls_.took_ms += took_ms;
+    calls_.longest_ms = std::max(calls_.longest_ms, took_ms);
+}
+
+std::size_t gate::held_back() {
+    return opened ? opened->held_back_ : 0;
+}
+
+void gate::message_answered() {
+    if (opened && opened->message_)
+        opened->message_->calls_ = {};
+}
+
 attempt::attempt(callee to) : to_(std::move(to)), allowed_(true), began_ms_(now_ms()) {
     if (!opened)
         return;
-    const auto end = opened->silent_.begin() + static_cast<std::ptrdiff_t>(opened->count_);
-    allowed_ = opened->count_ < opened->silent_.size() &&
-               std::find(opened->silent_.begin(), end, to_) == end && !is_ending();
+    allowed_ =
+        !opened->is_silent(to_) && !is_ending() && (!opened->message_ || opened->message_->has_share());
+    opened->held_back_ += !allowed_;
+}
+
+attempt::~attempt() {
+    if (allowed_ && opened && opened->message_)
+        opened->message_->made(now_ms() - began_ms_);
 }
 
 void attempt::failed() const {

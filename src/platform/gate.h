@@ -8,6 +8,9 @@
 /// platform is asked again, and for a message that its sender sent only after the answer. Once the process is
 /// to end (`is_ending`), every call fails at once.
 ///
+/// Nor can a message with many calls that are answered, or refused, hold the loop: those that go beyond its
+/// share fail in the same way.
+///
 /// Calls of this kind come from the loop thread only. Releasing records, copying texts, the log and the
 /// session (session.h, subscription.h) ask no platform daemon and do without.
 
@@ -37,6 +40,16 @@ struct callee {
 class attempt;
 class message_scope;
 
+/// How long the calls of one message may take together, in milliseconds. The longest does not count: one that
+/// is slow by itself, as a change of channel may be, costs the others nothing.
+struct message_share {
+    /// Whoever asks for everything once, sets everything once, or sets all hosts of a home is through with so
+    /// many calls; they take about as long as one that is not answered.
+    static constexpr int few = 64, few_ms = 3000;
+    /// Those behind them are made only as long as nobody who waits would notice.
+    static constexpr int many_ms = 400;
+};
+
 /// What has timed out. There is one, for as long as the session lasts; without one every call is made.
 class gate {
   public:
@@ -45,17 +58,24 @@ class gate {
     gate(const gate &) = delete;
     gate &operator=(const gate &) = delete;
 
+    /// How many calls were not made so far: who tries again what failed can tell whether it was tried.
+    static std::size_t held_back();
+    /// The message under way has its answer: what was put off until then does not depend on its share.
+    static void message_answered();
+
   private:
     friend attempt;
     friend message_scope;
 
+    bool is_silent(const callee &to) const;
     void add(const callee &to);
     void forget();
 
     std::array<callee, 2> silent_;
     std::size_t count_ = 0;
+    std::size_t held_back_ = 0;
     next_round served_;
-    const message_scope *message_ = nullptr;  ///< under way
+    message_scope *message_ = nullptr;  ///< under way
     const void *without_more_ =
         nullptr;  ///< the sender of the last message that lost by it, and had sent no other
 };
@@ -70,16 +90,27 @@ class message_scope {
     message_scope &operator=(const message_scope &) = delete;
 
   private:
+    friend attempt;
     friend gate;
+
+    bool has_share() const;
+    void made(std::int64_t took_ms);
 
     const void *const sender_;
     const callback<bool()> has_more_;
+    struct {
+        int count = 0;
+        std::int64_t took_ms = 0, longest_ms = 0;
+    } calls_;
 };
 
 /// One call, from its beginning on.
 class attempt {
   public:
     explicit attempt(callee to);
+    ~attempt();
+    attempt(const attempt &) = delete;
+    attempt &operator=(const attempt &) = delete;
 
     /// Whether it may be made.
     bool is_allowed() const { return allowed_; }

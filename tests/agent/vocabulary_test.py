@@ -180,6 +180,16 @@ class DeviceRows(VocabularyCase):
         self.assertEqual(limit({"mac": DESK, "uplimit": 1, "downlimit": 1}, {"mac": ""}), invalid("uplimit"))
         self.assertEqual(self.journal("qzcap_set_laninfo"), [])
 
+    def test_hosts_that_are_named_again(self):
+        """Each is set once, in the order in which they came, to what was said last; what was not said again stays."""
+        self.link()
+        self.journal()
+        self.assertEqual(self.cfg(real_devinfo=[
+            {"mac": PHONE, "hostname": "first", "internetaccess": 1}, {"mac": TABLET, "hostname": "tablet"},
+            *[{"mac": PHONE.lower(), "hostname": f"name {n}"} for n in range(150)]]), DONE)
+        records = [args["record"] for _, args in self.journal("qzcap_set_laninfo")]
+        self.assertEqual([(record["hostname"], record["internetaccess"]) for record in records], [("name 149", 1), ("tablet", 2)])
+
     def test_several_rows(self):
         self.link()
         self.assertEqual(self.cfg(speedlimit=[{"mac": "nobody", "uplimit": 0, "downlimit": 0}], setMapRole="agent",

@@ -9,6 +9,7 @@
 #include <csignal>
 #include <functional>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "../loop.h"
@@ -164,6 +165,35 @@ TEST_F(Gate, WhoHasHadTheAnswerMayAskAgain) {
     }
     run_loop_once();
     EXPECT_EQ(set_once(), "no");
+}
+
+// Of what is answered, a message has its share; what it has deferred until its answer does not depend on
+// that.
+TEST_F(Gate, AMessageWithManyCallsDoesNotHoldUpTheOthers) {
+    struct sender {
+        bool has_more() { return true; }
+    } many;
+    for (const auto &[takes, least, most] : {std::tuple(0, 300, 300), {20, 64, 64}, {100, 30, 32}}) {
+        SCOPED_TRACE(takes);
+        made.clear();
+        const std::size_t before = gate::held_back();
+        {
+            const message_scope scope(&many, bind<&sender::has_more>(many));
+            be(silent_ms, false);  // one that is slow by itself
+            EXPECT_EQ(set_once(), "done");
+            be(takes, false);
+            for (int n = 1; n < 300; n++)
+                set_once();
+            const int times = static_cast<int>(made.size());
+            EXPECT_GE(times, least);
+            EXPECT_LE(times, most);
+            EXPECT_EQ(call(add), times == 300 ? 7 : -1);
+            EXPECT_EQ(gate::held_back() > before, times < 300);
+            gate::message_answered();
+            EXPECT_EQ(call(add), 7);
+        }
+        EXPECT_EQ(set_once(), "done");
+    }
 }
 
 TEST_F(Gate, NobodyIsCalledOnceTheProcessIsToEnd) {

@@ -210,6 +210,14 @@ TEST_F(Silence, IsNotBrokenBeforeItsTimeWhoeverCalls) {
         EXPECT_EQ(host.access, host.mac == "02C0FFEE0001" ? 1 : 0);
 }
 
+// Once the first was not answered for, the gate lets nobody ask for the others.
+TEST_F(Silence, IsHeldAgainstThoseOnlyWhoWereTried) {
+    const platform::gate gate;
+    device.silent_hosts = 1;
+    EXPECT_EQ(in(1), std::vector<unsigned>{1});
+    EXPECT_EQ(in(12), (std::vector<unsigned>{2, 3, 1}));
+}
+
 TEST_F(Silence, OfTheListHasItsOwnPauses) {
     in(60);
     device.lists_hosts = false;
