@@ -19,6 +19,15 @@ constexpr std::size_t object_name_max = 127;  // a longer name is known by what 
 
 using bus_answer = handle<blob_attr, &qzcap_free>;
 
+// What a notification says, as it goes out. It may be a megabyte: no form of it is kept for longer than the
+// next one takes.
+json::value data_of(blob_attr *message) {
+    std::optional<std::string> text = json_of(message);
+    const json::document data = text ? json::parse(*text) : json::document();
+    text.reset();
+    return json::copy(data.root());
+}
+
 // --- ubus_call ---
 
 struct bus_method {
@@ -222,10 +231,8 @@ void bus_bridge::pass_on(const subscription &from, std::string_view method, blob
     // In the middle of a key negotiation it would go out in clear and end the connection.
     if (from.from_cloud ? !notify_cloud_ : !state_.linked)
         return;
-    const std::optional<std::string> text = json_of(message);
-    const json::document data = text ? json::parse(*text) : json::document();
     gateway::message notification = link_.new_message("ubus_notify");
-    notification.body.text("object", from.object).text("method", method).add("data", json::copy(data.root()));
+    notification.body.text("object", from.object).text("method", method).add("data", data_of(message));
     if (from.from_cloud)
         notify_cloud_(notification.body.take().text());
     else
