@@ -3,7 +3,6 @@
 
 #include <malloc.h>
 #include <string.h>
-#include <sys/types.h>
 
 #include <cstdarg>
 #include <cstdio>
@@ -11,14 +10,10 @@
 #include <new>
 
 #include "base/log.h"
+#include "base/memory.h"
 
-// Out of memory there is nothing left but to say so and to be started again.
 void *operator new(std::size_t size) {
-    if (void *memory = std::malloc(size))
-        return memory;
-    arvok::log_printf("[ERROR] %s %d alloc failed: %zd\n", "runtime.cpp", __LINE__,
-                      static_cast<ssize_t>(size));
-    std::exit(1);
+    return arvok::allocate(size);
 }
 
 // Keys and tokens go through the texts of messages, of log lines and of what is made of them. So all memory

@@ -9,6 +9,8 @@
 #include <new>
 #include <utility>
 
+#include "base/memory.h"
+
 namespace arvok::json {
 
 // One of the pieces in which memory is got, with what is taken from it behind it.
@@ -45,7 +47,7 @@ constexpr std::size_t document_max = std::size_t{2} * 1024 * 1024;
 
 void *take(std::size_t size) {
     if (!filling)
-        return std::malloc(size);
+        return allocate(size);
     size = (size + alignof(cJSON) - 1) / alignof(cJSON) * alignof(cJSON);
     document::block *const newest = *filling;
     if (newest && newest->size - newest->used >= size)

@@ -1,6 +1,13 @@
 #include "base/memory.h"
 
 #include <malloc.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+
+#include "base/log.h"
 
 namespace arvok {
 namespace {
@@ -10,6 +17,16 @@ constexpr int times = 2;          // a peer may take a while to read a long mess
 constexpr int pause_ms = 4000;
 
 }  // namespace
+
+// The line is of texts and ints only, which take no memory; nor may anything that would be done at a usual
+// end.
+void *allocate(std::size_t size) {
+    if (void *memory = std::malloc(size))
+        return memory;
+    log_printf("[ERROR] %s %d alloc failed: %d\n", "memory.cpp", __LINE__,
+               static_cast<int>(std::min<std::size_t>(size, INT_MAX)));
+    _exit(1);
+}
 
 // Only this C library keeps for itself what was released.
 #ifdef __GLIBC__

@@ -8,6 +8,10 @@
 
 namespace arvok {
 
+/// Memory for whoever gives it back with std::free. Never null: out of memory there is nothing left but to
+/// say so in one line, to end with status 1 and to be started again.
+void *allocate(std::size_t size);
+
 /// From here on a large piece of memory is the system's again as soon as it is released, and so is the end of
 /// the rest.
 void return_large_memory();

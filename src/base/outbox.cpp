@@ -56,10 +56,10 @@ void outbox::send(json::value message) {
 void outbox::post(json::value message) {
     if (!admit(message))
         return;
+    if (!queued_ && !(queued_ = tasks_.post([this] { send_waiting(); })))
+        return drop();
     posted_bytes_ += size_of(message);
     posted_.push_back(std::move(message));
-    if (!queued_)
-        queued_ = tasks_.post([this] { send_waiting(); });
 }
 
 void outbox::send_waiting() {

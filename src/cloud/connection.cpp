@@ -103,6 +103,8 @@ void connection::send(json::value message) {
 void connection::write(json::value message) {
     if (!is_open())
         return;
+    if (message.text().empty())  // longer than any message may be
+        return log_printf("[ERROR] (cloud) own msg too long\n");
     if (is_logged(message.text()))
         log_printf("[INFO] (cloud) -> %s (%d)\n", message.text().c_str(),
                    static_cast<int>(message.text().size()));

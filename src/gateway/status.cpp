@@ -117,20 +117,27 @@ class status_items {
     struct written {
         std::uint32_t begin = 0, size = 0;
         bool too_long = false;
+        int errcode = 0;  ///< of the error that it is
+        std::string errmsg;
     };
 
     bool get(const item_row *row) {
         if (!row)
             return request_.fail_item(not_supported, "unrecognized request");
         written &item = written_[row - items];
+        if (item.errcode != 0)
+            return request_.fail_item(static_cast<error_code>(item.errcode), "%s", item.errmsg.c_str());
         const std::size_t begin = reply_.here().size;
         if (item.size > 0)
             item.too_long = begin + item.size > room_;
         if (!item.too_long) {
             if (item.size > 0)
                 reply_.again(item.begin, item.size);
-            else if (!row->get(request_, reply_))
+            else if (!row->get(request_, reply_)) {
+                item.errcode = request_.errcode();
+                item.errmsg = request_.errmsg();
                 return false;
+            }
             item.too_long = reply_.is_too_long() || reply_.here().size > room_;
         }
         if (item.too_long)

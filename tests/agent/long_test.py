@@ -3,6 +3,8 @@
 import json
 import os
 import re
+import resource
+import subprocess
 import unittest
 
 from cloud_test import CloudCase
@@ -73,9 +75,34 @@ class Replies(CloudCase):
                 self.assertEqual(calls().count("qzcap_list_laninfo"), 1)
                 self.assertLess(self.memory("VmHWM") - idle, 4096)
                 wait_until(lambda: self.memory("RssAnon") - anonymous < 512, "the memory given back", 12)
+        # One that fails is not tried again either.
+        self.fail_call("qzcap_get_wifiinfo", 10000)
+        calls()
+        _, reply = self.ask(*["load"] * MANY)
+        self.assertEqual([item for _, item in dict(reply)["status"]], [[("errmsg", "update_wifi_info failed")]] * MANY)
+        self.assertEqual(calls().count("qzcap_get_wifiinfo"), 1)
+        call("qzcapd.emulator", "fail", {"call": "qzcap_get_wifiinfo", "times": 0})
         # What fits comes whole.
         self.assertEqual(self.through_cloud(status(*["real_devinfo"] * 8))["Result"], 0)
         self.assertFalse("(arvok) disconnect" in self.agent.lines())
+
+    def test_no_memory_for_it(self):
+        self.hosts(64)
+        self.run_agent()
+        wait_until(lambda: self.received("dev_report"), "the first reports")
+        if self.memory("VmRSS") == 0:
+            self.skipTest("the sanitizer has its own end")
+        process = self.agent.process
+        with open("/proc/%d/statm" % process.pid) as sizes:
+            size = int(sizes.read().split()[0]) * resource.getpagesize()
+        resource.prlimit(process.pid, resource.RLIMIT_AS, (size, size))
+        try:
+            call("lab.gateway", "send", {"message": status(*["real_devinfo"] * MANY)})
+        except subprocess.CalledProcessError:
+            pass  # a report has needed some before
+        self.assertEqual(process.wait(10), 1)
+        self.assertRegex(self.agent.lines(), r"\n\[ERROR\] memory\.cpp \d+ alloc failed: \d+\n$")
+        self.agents.clear()
 
     @staticmethod
     def through_cloud(message):

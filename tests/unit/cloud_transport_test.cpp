@@ -170,6 +170,12 @@ TEST_F(Cloud, NotificationsThatAreNotReadAreDroppedWithTwoLines) {
     receive();
     EXPECT_TRUE(log().starts_with(format("[INFO] (cloud) dropped %d own msgs\n", told - sent)));
 
+    client_->send_notification(std::string(700 * 1024, 'n'));  // a third more in its message
+    turn();
+    EXPECT_EQ(log(), "[ERROR] (cloud) own msg too long\n");
+    client_->send_notification("x");
+    receive();
+
     // Nor is there anybody to read them before status 5.
     client_->wan_down();
     log();
