@@ -24,6 +24,7 @@
 #include "base/hex.h"
 #include "base/json.h"
 #include "base/log.h"
+#include "base/memory.h"
 #include "base/random.h"
 #include "base/text.h"
 #include "platform/middleware.h"
@@ -205,6 +206,16 @@ TEST(Log, NobodyElseMakesLines) {
         }
     const std::string longest(40000, 'x');
     EXPECT_EQ(logged("%s\n\n", "\x01" + longest), "\\x01" + longest + "\n\n");
+}
+
+// Nothing is there to make a line with either, nor for what is done at a usual end.
+TEST(Memory, IsThereOrTheProcessEndsWithALine) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer has an end of its own";
+#endif
+    EXPECT_EXIT(allocate(std::size_t{1} << 62), ::testing::ExitedWithCode(1),
+                R"(^\[ERROR\] memory\.cpp [0-9]+ alloc failed: 2147483647
+$)");
 }
 
 TEST(Random, ValuesStayInTheirRange) {
