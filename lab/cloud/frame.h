@@ -13,8 +13,8 @@ namespace arvok::lab {
 inline constexpr std::string_view frame_magic = "QZSGWMP2";
 inline constexpr std::string_view end_of_line = "\r\n";
 inline constexpr std::size_t frame_header = 12;
-inline constexpr std::size_t frame_max_body = 16384;            ///< that the device takes
-inline constexpr std::size_t frame_max_received = 1024 * 1024;  ///< that it may send here
+inline constexpr std::size_t frame_max_body = 16384;                         ///< that the device takes
+inline constexpr std::size_t frame_max_received = std::size_t{1024} * 1024;  ///< that it may send here
 
 /// A header with any magic of 8 characters and any length, also wrong ones.
 std::string make_header(std::string_view magic, std::uint32_t length);

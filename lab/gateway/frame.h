@@ -10,8 +10,8 @@ namespace arvok::lab {
 
 inline constexpr std::uint32_t frame_magic = 0x3f721fb5;
 inline constexpr std::size_t frame_header = 8;
-inline constexpr std::size_t frame_max_body = 16384;            ///< that the access point takes
-inline constexpr std::size_t frame_max_received = 1024 * 1024;  ///< that it may send here
+inline constexpr std::size_t frame_max_body = 16384;                         ///< that the access point takes
+inline constexpr std::size_t frame_max_received = std::size_t{1024} * 1024;  ///< that it may send here
 
 /// A header with any magic and any length, also wrong ones.
 std::string make_header(std::uint32_t magic, std::uint32_t length);
