@@ -1,6 +1,7 @@
 #include "gateway/bus_bridge.h"
 
 #include <algorithm>
+#include <chrono>
 
 #include "base/bus_message.h"
 #include "base/held_signals.h"
@@ -10,6 +11,11 @@ namespace arvok::gateway {
 namespace {
 
 constexpr int call_timeout_ms = 20000;
+
+// For the calls of one list together: everybody else waits for as long. Many objects answer within a
+// millisecond; a list of hosts takes some tens of them, and a request can name it almost two hundred times.
+constexpr std::chrono::milliseconds calls_time_max{400};
+constexpr char no_time_left[] = "no time left";
 
 // Bytes of a list's results, so that there is room for all that a request can repeat in its reply, escaped.
 constexpr std::size_t results_max = json::text_max - 8 * body_max;
@@ -81,10 +87,12 @@ json::value call(request &r, const bus_method &method, const std::string &argume
     return json::copy(result.root());
 }
 
-// Runs the elements in their order and adds their results. False at the first invalid one: what was called
-// before stays called, and nobody is told. Also when the process is to end: each call may take its whole
-// time.
+// Runs the elements in their order and adds their results, until there is no more room or time: the others
+// are not called. False at the first invalid one: what was called before stays called, and nobody is told.
+// Also when the process is to end: each call may take its whole time.
 bool call_each(request &r, json::view elements, json::writer &results) {
+    const auto end = std::chrono::steady_clock::now() + calls_time_max;
+    bool is_full = false;
     for (const json::view element : elements) {
         if (is_ending())
             return false;
@@ -97,11 +105,18 @@ bool call_each(request &r, json::view elements, json::writer &results) {
             return false;
         }
         results.open_object().text("object", method->object).text("method", method->name);
-        const json::writer::position before = results.here();
-        results.add("message", call(r, *method, message.print()));
-        if (results.is_too_long() || results.here().size > results_max) {
-            results.back_to(before);
+        if (is_full) {
             r.fail(platform_failed, too_long);
+        } else if (std::chrono::steady_clock::now() >= end) {
+            r.fail(platform_failed, no_time_left);
+        } else {
+            const json::writer::position before = results.here();
+            results.add("message", call(r, *method, message.print()));
+            if (results.is_too_long() || results.here().size > results_max) {
+                results.back_to(before);
+                r.fail(platform_failed, too_long);
+                is_full = true;
+            }
         }
         results.close();
     }

@@ -83,6 +83,21 @@ class Calls(BridgeCase):
         self.assertEqual(self.single("odd", "echo")["errmsg"], "qzcap_get_objid_by_name failed: odd")
         agent.expect("[ERROR] (10004) qzcap_get_objid_by_name failed: odd\n")
 
+    def test_list_that_takes_too_much_is_not_gone_through(self):
+        self.link()
+        self.publish("odd")
+        element = lambda ms, size: {"object": "odd", "method": "work", "message": {"ms": ms, "size": size}}
+        for each, error in ((element(0, 250_000), "reply too long"), (element(100, 10), "no time left")):
+            with self.subTest(error):
+                before = self.single("odd", "work", message=element(0, 0)["message"])["data"]["count"]
+                call("lab.gateway", "send", {"message": {"type": "ubus_call", "sequence": 1, "mac": "x", "data": [each] * 20}})
+                after = self.single("odd", "work", message=element(0, 0)["message"])["data"]["count"]
+                reply = json.loads(self.received_texts("ubus_result")[-2])
+                self.assertEqual((reply["errcode"], reply["errmsg"], len(reply["data"])), (10004, error, 20))
+                answered = [item for item in reply["data"] if "message" in item]
+                self.assertEqual(answered, reply["data"][:len(answered)])
+                self.assertIn(len(answered), range(2, 9))
+                self.assertLessEqual(after - before - 1, len(answered) + 1)
 
     def test_own_objects_are_not_called(self):
         """Nobody would answer: the agent would wait for itself."""

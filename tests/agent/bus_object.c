@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 static struct blob_buf buf;
 static struct ubus_request_data pending;
@@ -53,6 +54,29 @@ static int hang(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_r
     fflush(stdout);
     ubus_defer_request(ctx, req, &pending);
     return UBUS_STATUS_OK;
+}
+
+/* Answers after `ms` milliseconds with how often it was called and a text of `size` bytes. */
+static int work(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
+                const char *method, struct blob_attr *msg) {
+    enum { MS, SIZE };
+    static const struct blobmsg_policy policy[] = {
+        [MS] = {"ms", BLOBMSG_TYPE_INT32}, [SIZE] = {"size", BLOBMSG_TYPE_INT32}};
+    static uint32_t count;
+    struct blob_attr *tb[ARRAY_SIZE(policy)];
+    char *text;
+
+    (void)obj, (void)method;
+    blobmsg_parse(policy, ARRAY_SIZE(policy), tb, blob_data(msg), blob_len(msg));
+    if (!tb[MS] || !tb[SIZE] || !(text = calloc(1, blobmsg_get_u32(tb[SIZE]) + 1)))
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    usleep(blobmsg_get_u32(tb[MS]) * 1000);
+    memset(text, 'x', blobmsg_get_u32(tb[SIZE]));
+    blob_buf_init(&buf, 0);
+    blobmsg_add_u32(&buf, "count", ++count);
+    blobmsg_add_string(&buf, "text", text);
+    free(text);
+    return ubus_send_reply(ctx, req, buf.head);
 }
 
 /* Goes away without an answer. */
@@ -120,7 +144,7 @@ static const struct ubus_method methods[] = {
     UBUS_METHOD_NOARG("refuse", refuse), UBUS_METHOD_NOARG("deep", deep),
     UBUS_METHOD_NOARG("hang", hang),     UBUS_METHOD_NOARG("vanish", vanish),
     UBUS_METHOD_NOARG("notify", notify), UBUS_METHOD_NOARG("burst", burst),
-    UBUS_METHOD_NOARG("heard", heard),
+    UBUS_METHOD_NOARG("heard", heard),   UBUS_METHOD_NOARG("work", work),
 };
 static struct ubus_object_type type = UBUS_OBJECT_TYPE("bus_object", methods);
 

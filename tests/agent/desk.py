@@ -144,6 +144,12 @@ class AgentCase(unittest.TestCase):
         messages = [entry["message"] for entry in call("lab.gateway", "messages")["messages"]]
         return [m for m in messages if kind is None or m.get("type") == kind]
 
+    @staticmethod
+    def received_texts(kind):
+        """The texts of that type: the bus does not carry the longest messages."""
+        with open(os.path.join(os.environ["LAB_DIR"], "gateway.log"), errors="replace") as log:
+            return re.findall(r'(?m)^\S+ #\d+ <- (\{"type":"%s",.*\})$' % kind, log.read())
+
     def wait_for_message(self, kind, count=1, deadline=DEADLINE):
         return wait_until(lambda: len(self.received(kind)) >= count and self.received(kind),
                           "%d of type %s" % (count, kind), deadline)

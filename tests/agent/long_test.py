@@ -1,7 +1,6 @@
 """Long replies: what they are bounded by, and what they take of the agent's memory."""
 
 import json
-import os
 import re
 import unittest
 
@@ -27,17 +26,11 @@ class Replies(CloudCase):
                      for i in range(first, min(count, first + 200))}
             call("qzcapd.emulator", "patch", {"patch": {"laninfo": added}})
 
-    @staticmethod
-    def received(kind):
-        """The texts of that type that the gateway has received: the bus does not carry the longest."""
-        with open(os.path.join(os.environ["LAB_DIR"], "gateway.log"), errors="replace") as log:
-            return re.findall(r'(?m)^\S+ #\d+ <- (\{"type":"%s",.*\})$' % kind, log.read())
-
     def ask(self, *names):
         """Status items in their order, with the text that they came in."""
-        before = len(self.received("status"))
+        before = len(self.received_texts("status"))
         call("lab.gateway", "send", {"message": status(*names)})
-        text = wait_until(lambda: self.received("status")[before:], "a reply")[0]
+        text = wait_until(lambda: self.received_texts("status")[before:], "a reply")[0]
         return text, json.loads(text, object_pairs_hook=lambda pairs: pairs)
 
     def memory(self, name):
@@ -49,7 +42,7 @@ class Replies(CloudCase):
     def test_one_item_named_hundreds_of_times(self):
         self.hosts(64)
         self.enrol()
-        wait_until(lambda: self.received("dev_report"), "the first reports")
+        wait_until(lambda: self.received_texts("dev_report"), "the first reports")
         self.ask("real_devinfo")
         calls = lambda: [c["call"] for c in call("qzcapd.emulator", "calls", {"clear": True})["calls"]]
         for where in ("gateway", "cloud"):
@@ -94,7 +87,7 @@ class Replies(CloudCase):
     def test_a_thousand_hosts(self):
         self.hosts(1000)
         self.run_agent()
-        report = json.loads(wait_until(lambda: self.received("dev_report"), "the report of all hosts")[-1])
+        report = json.loads(wait_until(lambda: self.received_texts("dev_report"), "the report of all hosts")[-1])
         self.assertGreaterEqual(len(report["dev"]), 1000)
         text, reply = self.ask("real_devinfo")
         self.assertGreaterEqual(len(dict(dict(reply)["status"])["real_devinfo"]), 1000)
