@@ -50,7 +50,7 @@ class agent {
     void start();
 
     // --- what the modules need of one another ---
-    void pass_notification(const std::string &message) { modules_.cloud->send_notification(message); }
+    void pass_notification(std::string message) { modules_.cloud->send_notification(std::move(message)); }
     json::value run_link_message(json::view message) {
         return modules_.gateway->handle_cloud_message(message);
     }

@@ -10,10 +10,17 @@ extern "C" {
 #include <string>
 #include <string_view>
 
+#include "base/json.h"
+
 namespace arvok {
 
 /// The table as compact JSON text; nothing for null and for what cannot be rendered.
 std::optional<std::string> json_of(blob_attr *message);
+
+/// Writes the members of a message into the object that is open, in their order: what may be long needs no
+/// other copy. False when one of them cannot be rendered, or there are more than 48 levels; what has been
+/// written until then is the caller's to take back.
+bool write_members(json::writer &to, blob_attr *message);
 
 class bus_message {
   public:

@@ -141,8 +141,8 @@ value copy(view of);
 /// Whatever is written goes into the innermost array or object that is open. Names are literals without
 /// anything to escape.
 ///
-/// It does not grow beyond text_max: what would go beyond is not written, and the text is too long from then
-/// on, unless it is taken back.
+/// No more than 63 arrays and objects are open at once. It does not grow beyond text_max: what would go
+/// beyond is not written, and the text is too long from then on, unless it is taken back.
 class writer {
   public:
     // --- members of an object ---
@@ -167,6 +167,8 @@ class writer {
     /// A whole number is written with all its digits up to 2^53.
     writer &number(double n);
     writer &add(const value &v);
+    /// null, true or false.
+    writer &word(std::string_view literal);
     writer &open_object() { return open('{', false); }
     writer &open_array() { return open('[', true); }
 
@@ -178,7 +180,7 @@ class writer {
     /// How far it has been written.
     struct position {
         std::size_t size;
-        std::uint32_t open;
+        std::uint64_t open;
     };
     position here() const { return {text_.size(), open_}; }
     /// Takes back what has been written since.
@@ -201,7 +203,7 @@ class writer {
     bool begin_value(std::size_t size);
 
     std::string text_;
-    std::uint32_t open_ = 1;  ///< what is, from the innermost on, a bit each: 1 for an array; then a 1
+    std::uint64_t open_ = 1;  ///< what is, from the innermost on, a bit each: 1 for an array; then a 1
     bool too_long_ = false;
 };
 

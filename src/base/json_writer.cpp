@@ -149,6 +149,12 @@ writer &writer::digits(const char *name, std::int64_t n) {
     return *this;
 }
 
+writer &writer::word(std::string_view literal) {
+    if (begin_value(literal.size()))
+        text_ += literal;
+    return *this;
+}
+
 writer &writer::add(const value &v) {
     too_long_ |= v.is_too_long();
     if (v && begin_value(v.text().size()))
@@ -159,7 +165,7 @@ writer &writer::add(const value &v) {
 writer &writer::open(char bracket, bool is_array) {
     if (begin_value(0))
         text_ += bracket;
-    open_ = open_ << 1 | is_array;
+    open_ = open_ << 1 | static_cast<std::uint64_t>(is_array);
     return *this;
 }
 

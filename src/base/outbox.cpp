@@ -28,9 +28,17 @@ std::size_t outbox::waiting() {
     return posted_bytes_ + stream_.unsent();
 }
 
-bool outbox::takes(const json::value &message) {
+bool outbox::takes(std::size_t bytes) {
     const std::size_t before = waiting(), limit = dropped_ > 0 ? room_again : room;
-    return owner_.is_ready() && (before == 0 || before + size_of(message) <= limit);
+    return owner_.is_ready() && bytes <= json::text_max &&
+           (before == 0 || before + bytes + message_overhead <= limit);
+}
+
+bool outbox::expects(std::size_t bytes) {
+    if (takes(bytes))
+        return true;
+    drop();
+    return false;
 }
 
 void outbox::drop() {
@@ -39,7 +47,7 @@ void outbox::drop() {
 }
 
 bool outbox::admit(const json::value &message) {
-    if (!takes(message)) {
+    if (!takes(message.text().size())) {
         drop();
         return false;
     }

@@ -32,8 +32,11 @@ class outbox {
     /// Queue and stream are borrowed. No task may run after its end.
     outbox(task_queue &tasks, stream &to, const handlers &owner, const lines &log);
 
-    /// Whether a message would be taken now.
-    bool takes(const json::value &message);
+    /// Whether a message of so many bytes would be taken now.
+    bool takes(std::size_t bytes);
+    /// The same of one that has at least so many. When it would not, it counts as dropped, and need not be
+    /// made.
+    bool expects(std::size_t bytes);
     /// Writes a message now, or drops it.
     void send(json::value message);
     /// The same on the loop's next turn, in the order of the calls. Until then it waits here: whatever the

@@ -51,7 +51,7 @@ class client {
     bool wan_down();
 
     /// Tells the platform something on the agent's behalf, on the loop's next turn.
-    void send_notification(const std::string &message) { plugins_.notify(message); }
+    void send_notification(std::string message) { plugins_.notify(std::move(message)); }
 
     // --- for GET_STATUS ---
 

@@ -64,8 +64,10 @@ class connection {
     /// The same, awaiting nothing: what is told of the device's own accord. Unless connected, and when there
     /// is no room, it is dropped (base/outbox.h).
     void tell(json::value message) { outbox_.post(std::move(message)); }
-    /// Whether it would not be dropped now.
-    bool can_tell(const json::value &message) { return outbox_.takes(message); }
+    /// Whether one of so many bytes would not be dropped now.
+    bool can_tell(std::size_t bytes) { return outbox_.takes(bytes); }
+    /// The same; one that would is counted, and need not be made.
+    bool expects(std::size_t bytes) { return outbox_.expects(bytes); }
     /// Writes a reply now.
     void write(json::value message);
     /// More than the message that is being handled has come.

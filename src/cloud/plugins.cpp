@@ -173,7 +173,7 @@ void plugins::tell_kept() {
     for (ending &one : kept_) {
         if (one.told_here)
             continue;
-        if (!link_.can_tell(one.message))
+        if (!link_.can_tell(one.message.text().size()))
             return;
         link_.tell(one.message);
         one.told_here = true;
@@ -190,12 +190,15 @@ void plugins::acknowledged(json::view message) {
         kept_.erase(known);
 }
 
-void plugins::notify(const std::string &message) {
-    link_.tell(notification("PluginNotification", random_uuid())
-                   .text("Plugin_Name", self_plugin_name)
-                   .text("Version", product_version)
-                   .text("Message", base64_encode(message))
-                   .take());
+// It may be long: no more of it is kept than one copy and what is made of it.
+void plugins::notify(std::string message) {
+    if (!link_.expects(message.empty() ? json::text_max + 1 : message.size() / 3 * 4))
+        return;
+    message = base64_encode(message);
+    json::object told = notification("PluginNotification", random_uuid());
+    told.text("Plugin_Name", self_plugin_name).text("Version", product_version).text("Message", message);
+    std::string().swap(message);
+    link_.tell(told.take());
 }
 
 void plugins::act(json::view request, app_action action) {

@@ -34,8 +34,8 @@ class plugins {
     /// Tells which apps are installed, and whether they run.
     void list(json::view request);
 
-    /// Tells the platform something on the agent's behalf.
-    void notify(const std::string &message);
+    /// Tells the platform something on the agent's behalf; what became too long is empty, and is dropped.
+    void notify(std::string message);
     /// The platform is connected again: it is told what has been installed meanwhile, and once more what it
     /// was told on an earlier connection and has not acknowledged.
     void connected();

@@ -21,18 +21,10 @@ constexpr char no_time_left[] = "no time left";
 constexpr std::size_t results_max = json::text_max - 8 * body_max;
 constexpr std::size_t subscriptions_max =
     256;  // more than a bus has objects; each is a record in the bus daemon, too
+constexpr std::size_t blob_per_text = 8;      // bytes of a bus message for one of its text: it takes no more
 constexpr std::size_t object_name_max = 127;  // a longer name is known by what there is of it
 
 using bus_answer = handle<blob_attr, &qzcap_free>;
-
-// What a notification says, as it goes out. It may be a megabyte: no form of it is kept for longer than the
-// next one takes.
-json::value data_of(blob_attr *message) {
-    std::optional<std::string> text = json_of(message);
-    const json::document data = text ? json::parse(*text) : json::document();
-    text.reset();
-    return json::copy(data.root());
-}
 
 // --- ubus_call ---
 
@@ -56,35 +48,35 @@ std::optional<bus_method> method_of(json::view element) {
     return bus_method{std::string(*object), std::string(*name)};
 }
 
-// One bounded call; `arguments` is an object. Its answer, or nothing with the error recorded.
-json::value call(request &r, const bus_method &method, const std::string &arguments) {
+// Adds a message as the member of that name; false when it cannot be rendered.
+bool add_message(json::writer &to, const char *name, blob_attr *message) {
+    const json::writer::position before = to.here();
+    if (!write_members(to.open_object(name), message)) {
+        to.back_to(before);
+        return false;
+    }
+    to.close();
+    return true;
+}
+
+// One bounded call; `arguments` is an object. Adds its answer as the member of that name, or nothing with the
+// error recorded.
+void call(request &r, const bus_method &method, const std::string &arguments, json::writer &to,
+          const char *name) {
     const std::uint32_t object = platform::object_id(method.object);
-    if (object == 0) {
-        r.fail(platform_failed, "qzcap_get_objid_by_name failed: %s", method.object.c_str());
-        return {};
-    }
+    if (object == 0)
+        return r.fail(platform_failed, "qzcap_get_objid_by_name failed: %s", method.object.c_str());
     bus_message message;
-    if (!message.add_json(arguments)) {
-        r.fail(platform_failed, "blobmsg_add_json_from_string failed");
-        return {};
-    }
+    if (!message.add_json(arguments))
+        return r.fail(platform_failed, "blobmsg_add_json_from_string failed");
     blob_attr *collected = nullptr;
     const int status =
         platform::invoke(object, method.name, message.get(), qzcap_data_blob_cb, &collected, call_timeout_ms);
     const bus_answer answer(collected);
-    if (status != UBUS_STATUS_OK) {
-        r.fail(platform_failed, "ubus_invoke failed: %s", ubus_strerror(status));
-        return {};
-    }
-    const std::optional<std::string> text = json_of(answer.get());
-    if (!text) {
+    if (status != UBUS_STATUS_OK)
+        return r.fail(platform_failed, "ubus_invoke failed: %s", ubus_strerror(status));
+    if (!add_message(to, name, answer.get()))
         r.fail(platform_failed, "blobmsg_format_json failed");
-        return {};
-    }
-    const json::document result = json::parse(*text);
-    if (!result)
-        r.fail(platform_failed, "cJSON_Parse failed");
-    return json::copy(result.root());
 }
 
 // Runs the elements in their order and adds their results, until there is no more room or time: the others
@@ -111,7 +103,7 @@ bool call_each(request &r, json::view elements, json::writer &results) {
             r.fail(platform_failed, no_time_left);
         } else {
             const json::writer::position before = results.here();
-            results.add("message", call(r, *method, message.print()));
+            call(r, *method, message.print(), results, "message");
             if (results.is_too_long() || results.here().size > results_max) {
                 results.back_to(before);
                 r.fail(platform_failed, too_long);
@@ -149,18 +141,19 @@ bool bus_bridge::handle_call(request &r) {
     if (!method)
         return false;
     const json::view message = r.root["message"];
-    const auto reply_with = [&](const json::value &result) {
-        return result_reply(r)
-            .text("object", method->object)
-            .text("method", method->name)
-            .add("data", result)
-            .take();
+    json::object reply;
+    call(r, *method, message.is_object() ? message.print() : "{}", reply, "data");
+    const auto envelope = [&] {
+        json::object begun = result_reply(r);
+        begun.text("object", method->object).text("method", method->name);
+        return begun;
     };
-    const json::value result = call(r, *method, message.is_object() ? message.print() : "{}");
-    r.reply = reply_with(result);
+    json::object begun = envelope();
+    reply.begin_with(begun);
+    r.reply = reply.take();
     if (!r.reply) {
         r.fail(platform_failed, too_long);
-        r.reply = reply_with({});
+        r.reply = envelope().take();
     }
     return true;
 }
@@ -246,11 +239,13 @@ void bus_bridge::pass_on(const subscription &from, std::string_view method, blob
     // In the middle of a key negotiation it would go out in clear and end the connection.
     if (from.from_cloud ? !notify_cloud_ : !state_.linked)
         return;
+    if (!from.from_cloud && !link_.expects(blobmsg_data_len(message) / blob_per_text))
+        return;
     gateway::message notification = link_.new_message("ubus_notify");
-    notification.body.text("object", from.object).text("method", method).add("data", data_of(message));
+    add_message(notification.body.text("object", from.object).text("method", method), "data", message);
     if (from.from_cloud)
-        notify_cloud_(notification.body.take().text());
-    else
+        notify_cloud_(notification.body.take().take());
+    else if (!notification.body.is_too_long() || link_.expects(json::text_max + 1))
         link_.post(std::move(notification));
 }
 

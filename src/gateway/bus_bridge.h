@@ -14,9 +14,10 @@ namespace arvok::gateway {
 
 class bus_bridge {
   public:
-    /// Notifications go to whoever subscribed: on the link, or as a text to `notify_cloud`.
+    /// Notifications go to whoever subscribed: on the link, or as a text to `notify_cloud`, an empty one for
+    /// one that is too long.
     bus_bridge(connection &link, const link_state &state, platform::object_watch &objects,
-               callback<void(const std::string &)> notify_cloud)
+               callback<void(std::string)> notify_cloud)
         : link_(link), state_(state), objects_(objects), notify_cloud_(notify_cloud) {}
     /// Ends all subscriptions; nobody is told anything meanwhile.
     ~bus_bridge();
@@ -47,8 +48,8 @@ class bus_bridge {
     connection &link_;
     const link_state &state_;
     platform::object_watch &objects_;
-    callback<void(const std::string &)> notify_cloud_;  ///< empty at the end
-    subscriptions subscriptions_;                       ///< the newest first
+    callback<void(std::string)> notify_cloud_;  ///< empty at the end
+    subscriptions subscriptions_;               ///< the newest first
 };
 
 }  // namespace arvok::gateway

@@ -63,6 +63,8 @@ class connection {
     /// registration, while a key is negotiated anew, for then it would go out in clear, and when there is no
     /// room.
     void tell(message what) { outbox_.send(what.body.take()); }
+    /// Whether it would be taken if it had at least so many bytes; else it counts as dropped.
+    bool expects(std::size_t bytes) { return outbox_.expects(bytes); }
     /// The same on the loop's next turn.
     void post(message what) { outbox_.post(what.body.take()); }
 

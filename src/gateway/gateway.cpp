@@ -12,7 +12,7 @@ namespace arvok::gateway {
 
 struct client::modules {
     modules(task_queue &tasks, platform::cache &cache, platform::object_watch &objects, wall_clock now,
-            options where, callback<void(const std::string &)> notify_cloud)
+            options where, callback<void(std::string)> notify_cloud)
         // Bound here, called only after connect(): what is bound is made after the link.
         : link_(tasks, cache, std::move(where), state_,
                 {.opened = bind<&negotiation::request_key>(negotiation_),
@@ -34,7 +34,7 @@ struct client::modules {
 };
 
 client::client(task_queue &tasks, platform::cache &cache, platform::object_watch &objects, wall_clock now,
-               options where, callback<void(const std::string &)> notify_cloud)
+               options where, callback<void(std::string)> notify_cloud)
     : modules_(std::make_unique<modules>(tasks, cache, objects, now, std::move(where), notify_cloud)) {}
 
 // While the modules are there that the connection tells of its end; after its own end it would find none.

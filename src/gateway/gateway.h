@@ -45,7 +45,7 @@ class client {
     /// `notify_cloud` is handed the notifications of those bus objects that the cloud subscribed to. The
     /// cache has a device record when the link starts.
     client(task_queue &tasks, platform::cache &cache, platform::object_watch &objects, wall_clock now,
-           options where, callback<void(const std::string &notification)> notify_cloud);
+           options where, callback<void(std::string notification)> notify_cloud);
     /// Disconnects, and ends the subscriptions to bus objects without telling anybody any more.
     ~client();
 

@@ -84,6 +84,27 @@ class Replies(CloudCase):
             "Parameter": message}, "timeout": 15000}, 20)
         return {name: reply[name] for name in ("Result", "FailReason") if name in reply}
 
+    def test_notifications(self):
+        """What is too long to be passed on is not made, and of the rest there is one copy at a time."""
+        self.enrol()
+        wait_until(lambda: self.received_texts("dev_report"), "the first reports")
+        self.publish("odd")
+        subscription = {"type": "ubus_subscribe", "sequence": 1, "mac": "x", "object": "odd", "enable": 1}
+        call("lab.gateway", "request", {"message": subscription, "timeout": 10000}, 15)
+        self.assertEqual(self.through_cloud(subscription)["Result"], 0)
+        told = lambda: len(self.received_texts("ubus_notify"))
+        for size, passed_on in ((500_000, True), (900_000, False)):
+            with self.subTest(size), open("/proc/%d/clear_refs" % self.agent.process.pid, "w") as peak:
+                idle, before = self.memory("VmRSS"), told()
+                peak.write("5")
+                peak.flush()
+                for _ in range(5):
+                    call("odd", "burst", {"count": 3, "size": size}, 60)
+                    call("qzapp.arvokclt", "postmsg", {"CmdType": "GET_STATUS"}, 60)
+                    self.ask("cputemp")
+                self.assertEqual(told() > before, passed_on)
+                self.assertLess(self.memory("VmHWM") - idle, 4096 if passed_on else 2048)
+
     def test_a_thousand_hosts(self):
         self.hosts(1000)
         self.run_agent()

@@ -177,7 +177,7 @@ class Link : public ::testing::Test {
         EXPECT_FALSE(agent_->is_linked());
     }
 
-    void hear(const std::string &notification) { heard_ += notification; }
+    void hear(std::string notification) { heard_ += notification; }
     json::value through_cloud(const std::string &message) {
         return agent_->handle_cloud_message(json::parse(message).root());
     }

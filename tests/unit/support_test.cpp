@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "agent/options.h"
+#include "base/bus_message.h"
 #include "base/clock.h"
 #include "base/command.h"
 #include "base/files.h"
@@ -135,6 +136,41 @@ TEST(Json, WritesNoMoreThanAMessageMayHave) {
         EXPECT_EQ(text.size(), more ? 0 : json::text_max);
     }
     EXPECT_FALSE(json::text(controls + half));
+}
+
+TEST(BusMessage, IsWrittenAsItsTextWouldBe) {
+    bus_message message;
+    ASSERT_TRUE(message.add_json(
+        R"({"text":"ä\n\"\\","":7,"big":123456789012345,"negative":-1,"low":-2147483648,"fraction":1.5,)"
+        R"("yes":true,"no":false,"none":null,"list":[1,"two",{"three":3},[]],"table":{"a":{}},"x\"y":""})"));
+    blob_buf buffer{};
+    blob_buf_init(&buffer, 0);
+    blobmsg_add_u16(&buffer, "short", 0xfffe);
+    blobmsg_add_u64(&buffer, "long", static_cast<std::uint64_t>(-9007199254740991));
+    for (blob_attr *each : {message.get(), buffer.head}) {
+        json::object written;
+        EXPECT_TRUE(write_members(written, each));
+        const std::string text = json_of(each).value_or("");
+        EXPECT_EQ(written.take().text(),
+                  each == buffer.head ? text : json::copy(json::parse(text).root()).text());
+    }
+
+    // Which it may not be: too deep, none, longer than any message.
+    std::vector<void *> open;
+    for (int level = 0; level < 1000; level++)
+        open.push_back(blobmsg_open_table(&buffer, "level"));
+    for (; !open.empty(); open.pop_back())
+        blobmsg_close_table(&buffer, open.back());
+    json::object to;
+    EXPECT_FALSE(write_members(to, buffer.head));
+    EXPECT_FALSE(write_members(to, nullptr));
+    blob_buf_init(&buffer, 0);
+    for (int i = 0; i < 2; i++)
+        blobmsg_add_string(&buffer, "half", std::string(json::text_max * 2 / 3, 'x').c_str());
+    EXPECT_TRUE(write_members(to, buffer.head));
+    EXPECT_TRUE(to.is_too_long());
+    EXPECT_LE(to.here().size, json::text_max);
+    blob_buf_free(&buffer);
 }
 
 TEST(Json, AMemberIsOfItsTypeOrNothing) {
