@@ -12,8 +12,8 @@
 namespace arvok {
 namespace {
 
-constexpr int large = 64 * 1024;  // bytes, of a piece of memory and of a message
-constexpr int times = 2;          // a peer may take a while to read a long message
+constexpr int large_piece = 64 * 1024;  // bytes
+constexpr int times = 2;                // a peer may take a while to read a long message
 constexpr int pause_ms = 4000;
 
 }  // namespace
@@ -31,16 +31,14 @@ void *allocate(std::size_t size) {
 // Only this C library keeps for itself what was released.
 #ifdef __GLIBC__
 void return_large_memory() {
-    mallopt(M_MMAP_THRESHOLD, large);
-    mallopt(M_TRIM_THRESHOLD, large);
+    mallopt(M_MMAP_THRESHOLD, large_piece);
+    mallopt(M_TRIM_THRESHOLD, large_piece);
 }
 #else
 void return_large_memory() {}
 #endif
 
-void memory_return::sent(std::size_t bytes) {
-    if (bytes <= large)
-        return;
+void memory_return::soon() {
     left_ = times;
     next_.arm(pause_ms);
 }

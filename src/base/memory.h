@@ -16,16 +16,23 @@ void *allocate(std::size_t size);
 /// the rest.
 void return_large_memory();
 
-/// The memory of the small pieces that long messages are made of, and wait in to be sent.
+/// The memory of the small pieces that long messages are made of and wait in to be sent, and of what belonged
+/// to peers that have gone.
 class memory_return {
   public:
     memory_return() : next_(bind<&memory_return::give_back>(*this)) {}
 
-    /// A message of so many bytes goes out. After a long one everything that is free by then is given back,
-    /// within ten seconds.
-    void sent(std::size_t bytes);
+    /// Everything that is free by then is given back, within ten seconds.
+    void soon();
+    /// A message of so many bytes goes out: the same after a long one.
+    void sent(std::size_t bytes) {
+        if (bytes > large)
+            soon();
+    }
 
   private:
+    static constexpr std::size_t large = 64 * 1024;
+
     void give_back();
 
     timer next_;

@@ -190,6 +190,7 @@ class server::client {
     }
 
     void remove() {
+        owner_.memory_.soon();
         owner_.clients_.remove_if([this](const client &other) { return &other == this; });
     }
 

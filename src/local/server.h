@@ -18,6 +18,7 @@
 
 #include "base/descriptor.h"
 #include "base/loop.h"
+#include "base/memory.h"
 #include "platform/cache.h"
 
 namespace arvok::local {
@@ -49,6 +50,7 @@ class server {
     readable_watch watch_;
     timer accept_pause_;         ///< ends the pause that a failure to accept makes
     std::uint64_t heard_ = 0;    ///< numbers what is heard of clients
+    memory_return memory_;       ///< of clients that have gone
     std::list<client> clients_;  ///< a closed one stays until its stream has been taken down
 };
 

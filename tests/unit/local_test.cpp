@@ -25,6 +25,13 @@
 #include "captured_log.h"
 #include "own_network.h"
 
+static int times_trimmed;
+
+extern "C" int malloc_trim(std::size_t) {
+    times_trimmed++;
+    return 0;
+}
+
 namespace arvok {
 namespace {
 
@@ -309,6 +316,19 @@ TEST_F(Local, AClientThatKeepsSendingGetsNoMoreThanItsTurn) {
     ASSERT_LT(before, 1500);  // three buffers full
     peer_ = busy;
     pump([&] { return count_in_log("->") > 2 * before; });
+}
+
+TEST_F(Local, MemoryOfClientsThatHaveGoneIsGivenBack) {
+    connect();
+    expect_served(1);
+    times_trimmed = 0;
+    for (int i = 0; i < 20; i++)
+        run_loop_for(1);
+    close(peer_);
+    opened_.erase(peer_);
+    expect_log("[INFO] (local) disconnect fd: ");
+    EXPECT_EQ(times_trimmed, 0);
+    pump([] { return times_trimmed > 0; }, 2);
 }
 
 TEST_F(Local, ClientsGoWithTheirConnectionsAndWithTheServer) {
