@@ -1,6 +1,7 @@
 #include "access/enforcer.h"
 
 #include <algorithm>
+#include <chrono>
 #include <iterator>
 #include <utility>
 
@@ -12,7 +13,16 @@ namespace {
 
 constexpr int change_delay_ms = 200, change_delay_max_ms = 1000;
 constexpr std::time_t day_s = 86400;
-constexpr long round_s = 5;  // for the writes of one look
+
+// For the writes of one look at a time: whoever asks meanwhile waits for as long, a call of the platform
+// more, and the list of hosts. And for all of them.
+constexpr std::int64_t round_max_ms = 300;
+constexpr std::int64_t writing_max_ms = 5000;
+
+std::int64_t monotonic_ms() {
+    const auto passed = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(passed).count();
+}
 
 std::vector<listed_host> told(const platform::host_list &records) {
     std::vector<listed_host> hosts;
@@ -41,7 +51,8 @@ enforcer::enforcer(rule_store &store, wall_clock clock)
       clock_(clock),
       next_(bind<&enforcer::enforce>(*this)),
       soon_(bind<&enforcer::enforce>(*this)),
-      latest_(bind<&enforcer::enforce>(*this)) {}
+      latest_(bind<&enforcer::enforce>(*this)),
+      rest_(bind<&enforcer::enforce>(*this)) {}
 
 void enforcer::enforce_soon() {
     soon_.arm(change_delay_ms);
@@ -74,6 +85,7 @@ bool enforcer::is_needed() const {
 void enforcer::enforce() {
     soon_.cancel();
     latest_.cancel();
+    rest_.cancel();
     const std::time_t now = clock_();
     bool is_known = store_.load();
     const std::size_t held_back = platform::gate::held_back();
@@ -100,11 +112,14 @@ void enforcer::enforce() {
     arm(made, now, records.has_value());
 }
 
-// A platform that answers nothing blocks the loop at every call: what there is no time for comes later. What
-// was never tried is first, then what has been due the longest.
+// A platform that is slow blocks the loop at every call. So what there is no time for is left to a look in
+// the loop's next round, and when that has gone on for some seconds, it comes later. What was never tried is
+// first, then what has been due the longest.
 void enforcer::carry_out(const decision &made, platform::host_list &records,
                          const std::vector<listed_host> &hosts) {
-    const long began = uptime();
+    const long now_s = uptime();
+    const std::int64_t began = monotonic_ms(), written_before = std::exchange(written_ms_, 0);
+    bool is_left = false;
     const attempts before = std::exchange(attempts_, {});
     std::vector<attempt *> due;
     for (const host_change &change : made.changes) {
@@ -114,7 +129,7 @@ void enforcer::carry_out(const decision &made, platform::host_list &records,
         const bool goes_on =
             last != before.end() && last->second.id == id && is_same(last->second.change, change);
         const attempt fresh{id, change, goes_on ? last->second.when : retry()};
-        if (const auto [entry, is_new] = attempts_.emplace(index, fresh); is_new && fresh.when.is_due(began))
+        if (const auto [entry, is_new] = attempts_.emplace(index, fresh); is_new && fresh.when.is_due(now_s))
             due.push_back(&entry->second);
     }
     std::sort(due.begin(), due.end(), [](const attempt *one, const attempt *other) {
@@ -124,12 +139,19 @@ void enforcer::carry_out(const decision &made, platform::host_list &records,
     for (attempt *const now : due) {
         const std::size_t held_back = platform::gate::held_back();
         qzcap_laninfo &record = records[now->change.host];
-        if (uloop_cancelling() || uptime() >= began + round_s)
+        const std::int64_t passed = monotonic_ms() - began;
+        if (uloop_cancelling() || written_before + passed >= writing_max_ms)
             now->when.put_off(uptime());
+        else if (passed >= round_max_ms)
+            is_left = true;
         else if (write(record, now->change))
             attempts_.erase(record.index);
         else
             now->when.failed(uptime(), platform::gate::held_back() == held_back);
+    }
+    if (is_left) {
+        written_ms_ = written_before + monotonic_ms() - began;
+        rest_.arm();
     }
 }
 

@@ -2,7 +2,8 @@
 /// Makes the platform's records of the LAN hosts what the rules want, and is the only one that writes them
 /// for the rules' sake. Only differences are written. A record that the platform refuses is written again
 /// when its time has come, whatever makes the enforcer look before, and at once when the rules want something
-/// else of it. The platform's list and the rules' files are looked at again likewise, until they can be read.
+/// else of it. Many writes take turns with everybody else on the loop. The platform's list and the rules'
+/// files are looked at again likewise, until they can be read.
 
 #include <cstdint>
 #include <ctime>
@@ -54,8 +55,10 @@ class enforcer {
     const wall_clock clock_;
     std::optional<bool> keeps_utc_;  ///< decided once, when the clock is set
     attempts attempts_;
+    std::int64_t written_ms_ = 0;   ///< time of the writes so far when some are left to the loop's next round
     std::optional<retry> unknown_;  ///< for the list and the files
     timer next_, soon_, latest_;
+    next_round rest_;
 };
 
 }  // namespace arvok::access

@@ -146,6 +146,42 @@ TEST_F(Restrictions, AreAppliedBesideHostsThatThePlatformDoesNotAnswerFor) {
     EXPECT_EQ(std::count_if(device.hosts.begin(), device.hosts.end(), is_blocked), 40);
 }
 
+// Somebody who always wants their turn.
+struct other {
+    void served() {
+        longest_ms = std::max(longest_ms, passed_ms() - last_ms);
+        last_ms = passed_ms();
+        turn.arm();
+    }
+    next_round turn{bind<&other::served>(*this)};
+    std::int64_t last_ms = passed_ms(), longest_ms = 0;
+};
+
+TEST_F(Restrictions, AreAppliedInTurnWithOthersOnASlowPlatform) {
+    std::string all;
+    device.hosts.clear();
+    for (int i = 0; i < 70; i++) {
+        device.hosts.push_back({format("02C0FFEE01%02d", i)});
+        all += format(R"(%s{"MAC":"02C0FFEE01%02d","InternetAccess":"0"})", i ? "," : "", i);
+    }
+    device.write_ms = 100;
+    other waiting;
+    waiting.served();
+    EXPECT_EQ(internet(all), saved);
+    const auto blocked = [] {
+        return std::count_if(device.hosts.begin(), device.hosts.end(),
+                             [](const fake_host &host) { return host.access == 0; });
+    };
+    for (const int before = passed(); passed() < before + 8;)
+        pass_ms(50);
+    EXPECT_LE(waiting.longest_ms, 500);
+    EXPECT_NEAR(static_cast<double>(blocked()), 50, 5);  // the rest after a while
+    pass(11);
+    for (int turn = 0; turn < 50; turn++)
+        pass_ms(1);
+    EXPECT_EQ(blocked(), 70);
+}
+
 // Two hosts whose records nobody answers for, and one behind them.
 class Silence : public Restrictions {
   protected:

@@ -84,6 +84,10 @@ void pass_ms(int milliseconds) {
         uloop_run_timeout(0);
 }
 
+std::int64_t passed_ms() {
+    return ahead_ms;
+}
+
 int passed() {
     return static_cast<int>(ahead_ms / 1000);
 }
@@ -182,7 +186,7 @@ int qzcap_list_laninfo(unsigned *count, qzcap_laninfo ***list) {
 
 int qzcap_set_laninfo(uint32_t index, const qzcap_laninfo *record, char **why) {
     const bool silent = index <= static_cast<unsigned>(device.silent_hosts);
-    ahead_ms += silent ? 3000 : 0;
+    ahead_ms += silent ? 3000 : device.write_ms;
     device.written.push_back(index);
     const bool refused = is_refused() || silent;
     if (!refused)

@@ -2,6 +2,7 @@
 /// What the rules meet while they are tested in one process: a platform that refuses, a disk that fails, a
 /// clock and timers in the test's hand.
 
+#include <cstdint>
 #include <ctime>
 #include <map>
 #include <string>
@@ -21,6 +22,7 @@ struct fake_platform {
     int calls = 0;                      ///< so far
     int refused = -1;                   ///< this one is, counted from 0
     int silent_hosts = 0;               ///< so many of the first hosts' records are refused after a time-out
+    int write_ms = 0;                   ///< what each write of another one's takes
     bool lists_hosts = true;
     std::vector<unsigned> written{};  ///< hosts whose records were to be, counted from 1
 };
@@ -43,6 +45,7 @@ void pass(int seconds);
 void pass_ms(int milliseconds);
 /// Seconds that have passed, also in the calls of a platform that does not answer.
 int passed();
+std::int64_t passed_ms();
 /// What was logged since the last call.
 std::string take_log();
 
