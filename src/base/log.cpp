@@ -87,8 +87,7 @@ class line {
 
   private:
     void append(std::string_view text) {
-        std::memcpy(text_ + size_, text.data(), text.size());
-        size_ += text.size();
+        size_ += text.copy(text_ + size_, text.size());
     }
 
     char text_[piece_max + 1];
