@@ -86,9 +86,7 @@ class line {
     }
 
   private:
-    void append(std::string_view text) {
-        size_ += text.copy(text_ + size_, text.size());
-    }
+    void append(std::string_view text) { size_ += text.copy(text_ + size_, text.size()); }
 
     char text_[piece_max + 1];
     std::size_t size_ = 0, longest_ = 0;
