@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <utility>
 
 #include "base/bus_message.h"
 #include "base/held_signals.h"
@@ -10,11 +11,12 @@
 namespace arvok::gateway {
 namespace {
 
-constexpr int call_timeout_ms = 20000;
-
-// For the calls of one list together: everybody else waits for as long. Many objects answer within a
-// millisecond; a list of hosts takes some tens of them, and a request can name it almost two hundred times.
-constexpr std::chrono::milliseconds calls_time_max{400};
+// Everybody else waits meanwhile. So the calls of a message have so much time together, and behind one that
+// is not answered none is made until everybody has had their turn. Most objects answer within a millisecond.
+constexpr std::chrono::milliseconds calls_time_max{800};
+// After so much of it none is begun: a list of hosts takes some tens of milliseconds, and a request can name
+// it almost two hundred times, as can the platform's next one.
+constexpr std::chrono::milliseconds list_time_max{400};
 constexpr char no_time_left[] = "no time left";
 
 // Bytes of a list's results, so that there is room for all that a request can repeat in its reply, escaped.
@@ -27,11 +29,6 @@ constexpr std::size_t object_name_max = 127;  // a longer name is known by what 
 using bus_answer = handle<blob_attr, &qzcap_free>;
 
 // --- ubus_call ---
-
-struct bus_method {
-    std::string object;
-    std::string name;
-};
 
 // The method that a request or an element of its list names; nothing after a log line.
 std::optional<bus_method> method_of(json::view element) {
@@ -59,10 +56,22 @@ bool add_message(json::writer &to, const char *name, blob_attr *message) {
     return true;
 }
 
-// One bounded call; `arguments` is an object. Adds its answer as the member of that name, or nothing with the
-// error recorded.
-void call(request &r, const bus_method &method, const std::string &arguments, json::writer &to,
-          const char *name) {
+std::chrono::milliseconds since(std::chrono::steady_clock::time_point began) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - began);
+}
+
+json::object result_reply(const request &r) {
+    json::object reply = r.reply_of("ubus_result");
+    reply.number("errcode", r.errcode()).text("errmsg", r.errmsg());
+    return reply;
+}
+
+}  // namespace
+
+// One call of a message that began then; `arguments` is an object. Adds its answer as the member of that
+// name, or nothing with the error recorded.
+void bus_bridge::call(request &r, const bus_method &method, const std::string &arguments, time_point began,
+                      json::writer &to, const char *name) {
     const std::uint32_t object = platform::object_id(method.object);
     if (object == 0)
         return r.fail(platform_failed, "qzcap_get_objid_by_name failed: %s", method.object.c_str());
@@ -70,9 +79,13 @@ void call(request &r, const bus_method &method, const std::string &arguments, js
     if (!message.add_json(arguments))
         return r.fail(platform_failed, "blobmsg_add_json_from_string failed");
     blob_attr *collected = nullptr;
-    const int status =
-        platform::invoke(object, method.name, message.get(), qzcap_data_blob_cb, &collected, call_timeout_ms);
+    const auto time_left = std::max(calls_time_max - since(began), std::chrono::milliseconds(1));
+    const int status = is_silent_ ? UBUS_STATUS_TIMEOUT
+                                  : platform::invoke(object, method.name, message.get(), qzcap_data_blob_cb,
+                                                     &collected, static_cast<int>(time_left.count()));
     const bus_answer answer(collected);
+    if (status == UBUS_STATUS_TIMEOUT && !std::exchange(is_silent_, true))
+        served_.arm();
     if (status != UBUS_STATUS_OK)
         return r.fail(platform_failed, "ubus_invoke failed: %s", ubus_strerror(status));
     if (!add_message(to, name, answer.get()))
@@ -82,8 +95,8 @@ void call(request &r, const bus_method &method, const std::string &arguments, js
 // Runs the elements in their order and adds their results, until there is no more room or time: the others
 // are not called. False at the first invalid one: what was called before stays called, and nobody is told.
 // Also when the process is to end: each call may take its whole time.
-bool call_each(request &r, json::view elements, json::writer &results) {
-    const auto end = std::chrono::steady_clock::now() + calls_time_max;
+bool bus_bridge::call_each(request &r, json::view elements, json::writer &results) {
+    const time_point began = std::chrono::steady_clock::now();
     bool is_full = false;
     for (const json::view element : elements) {
         if (is_ending())
@@ -99,11 +112,11 @@ bool call_each(request &r, json::view elements, json::writer &results) {
         results.open_object().text("object", method->object).text("method", method->name);
         if (is_full) {
             r.fail(platform_failed, too_long);
-        } else if (std::chrono::steady_clock::now() >= end) {
+        } else if (!is_silent_ && since(began) >= list_time_max) {
             r.fail(platform_failed, no_time_left);
         } else {
             const json::writer::position before = results.here();
-            call(r, *method, message.print(), results, "message");
+            call(r, *method, message.print(), began, results, "message");
             if (results.is_too_long() || results.here().size > results_max) {
                 results.back_to(before);
                 r.fail(platform_failed, too_long);
@@ -114,14 +127,6 @@ bool call_each(request &r, json::view elements, json::writer &results) {
     }
     return true;
 }
-
-json::object result_reply(const request &r) {
-    json::object reply = r.reply_of("ubus_result");
-    reply.number("errcode", r.errcode()).text("errmsg", r.errmsg());
-    return reply;
-}
-
-}  // namespace
 
 bool bus_bridge::handle_call(request &r) {
     if (!r.has_envelope())
@@ -142,7 +147,8 @@ bool bus_bridge::handle_call(request &r) {
         return false;
     const json::view message = r.root["message"];
     json::object reply;
-    call(r, *method, message.is_object() ? message.print() : "{}", reply, "data");
+    call(r, *method, message.is_object() ? message.print() : "{}", std::chrono::steady_clock::now(), reply,
+         "data");
     const auto envelope = [&] {
         json::object begun = result_reply(r);
         begun.text("object", method->object).text("method", method->name);

@@ -1,6 +1,7 @@
 #pragma once
 /// "ubus_call" and "ubus_subscribe": the platform's bus, for whoever may ask the device for its status.
 
+#include <chrono>
 #include <list>
 #include <optional>
 #include <string>
@@ -11,6 +12,11 @@
 #include "platform/subscription.h"
 
 namespace arvok::gateway {
+
+struct bus_method {
+    std::string object;
+    std::string name;
+};
 
 class bus_bridge {
   public:
@@ -28,6 +34,13 @@ class bus_bridge {
     bool handle_subscribe(request &r);
 
   private:
+    using time_point = std::chrono::steady_clock::time_point;
+
+    void call(request &r, const bus_method &method, const std::string &arguments, time_point began,
+              json::writer &to, const char *name);
+    bool call_each(request &r, json::view elements, json::writer &results);
+    void all_served() { is_silent_ = false; }
+
     /// An object whose notifications are passed on.
     struct subscription {
         subscription(bus_bridge &, const std::string &name, bool cloud);
@@ -50,6 +63,8 @@ class bus_bridge {
     platform::object_watch &objects_;
     callback<void(std::string)> notify_cloud_;  ///< empty at the end
     subscriptions subscriptions_;               ///< the newest first
+    bool is_silent_ = false;                    ///< an object has not answered
+    next_round served_{bind<&bus_bridge::all_served>(*this)};
 };
 
 }  // namespace arvok::gateway
