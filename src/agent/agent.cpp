@@ -63,14 +63,16 @@ void agent::build() {
     platform::call(qzcap_delete_vsie_beacontx_by_name, gateway::beacon_owner, nullptr);
 
     tasks_.emplace();
-    modules_.gateway.emplace(*tasks_, cache_, *objects_, where_.clock,
-                             gateway::options{options_.gateway_address},
-                             bind<&agent::pass_notification>(*this));
+    modules_.gateway.emplace(
+        *tasks_, cache_, *objects_, where_.clock, gateway::options{options_.gateway_address},
+        gateway::cloud_listeners{bind<&agent::pass_notification>(*this), bind<&agent::answer_cloud>(*this)});
     modules_.gateway->set_sync(sync);
     modules_.cloud.emplace(
         *tasks_, cache_, where_.clock, cloud::options{options_.bss, options_.debug},
-        cloud::agent_services{bind<&agent::run_link_message>(*this), bind<&agent::forget_link_actions>(*this),
-                              bind<&agent::run_link_actions>(*this), bind<&agent::run_app_command>(*this)});
+        cloud::agent_services{bind<&agent::run_link_message>(*this),
+                              bind<&agent::abandon_link_message>(*this),
+                              bind<&agent::forget_link_actions>(*this), bind<&agent::run_link_actions>(*this),
+                              bind<&agent::run_app_command>(*this)});
     modules_.local.emplace(cache_, options_.local_port);
     modules_.access.emplace(where_.clock, where_.rule_folder);
 }

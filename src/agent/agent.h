@@ -51,9 +51,11 @@ class agent {
 
     // --- what the modules need of one another ---
     void pass_notification(std::string message) { modules_.cloud->send_notification(std::move(message)); }
-    json::value run_link_message(json::view message) {
+    void answer_cloud(json::value reply) { modules_.cloud->link_message_answered(std::move(reply)); }
+    std::optional<json::value> run_link_message(json::view message) {
         return modules_.gateway->handle_cloud_message(message);
     }
+    void abandon_link_message() { modules_.gateway->abandon_cloud_message(); }
     void forget_link_actions() { modules_.gateway->forget_actions(); }
     void run_link_actions() { modules_.gateway->run_actions(); }
     std::optional<std::string> run_app_command(const std::string &command) {

@@ -73,6 +73,16 @@ bool write_members(json::writer &to, blob_attr *message) {
     return message && write_each(to, message, false, 0);
 }
 
+bool write_message(json::writer &to, const char *name, blob_attr *message) {
+    const json::writer::position before = to.here();
+    if (!write_members(to.open_object(name), message)) {
+        to.back_to(before);
+        return false;
+    }
+    to.close();
+    return true;
+}
+
 std::optional<std::string> json_of(blob_attr *message) {
     const malloc_text text(message ? blobmsg_format_json_with_cb(message, true, nullptr, nullptr, -1)
                                    : nullptr);

@@ -21,6 +21,8 @@ std::optional<std::string> json_of(blob_attr *message);
 /// other copy. False when one of them cannot be rendered, or there are more than 48 levels; what has been
 /// written until then is the caller's to take back.
 bool write_members(json::writer &to, blob_attr *message);
+/// The same as the member of that name. False with nothing written when it cannot be rendered.
+bool write_message(json::writer &to, const char *name, blob_attr *message);
 
 class bus_message {
   public:

@@ -3,7 +3,8 @@
 namespace arvok {
 namespace {
 
-constexpr int reading_ms = 10;  // until it is looked again whether the loop has read what lies there
+constexpr int reading_ms = 10;   // until it is looked again whether the loop has read what lies there
+constexpr int holding_ms = 500;  // until it is looked again whether the owner reads on
 
 }  // namespace
 
@@ -20,6 +21,10 @@ void deadline::arm(int ms) {
 }
 
 void deadline::look() {
+    if (stream_.is_on_hold()) {
+        in_time_.reset();
+        return timer_.arm(holding_ms);
+    }
     if (!in_time_)
         in_time_ = stream_.arrived();
     const bool is_read = stream_.has_served(*in_time_);

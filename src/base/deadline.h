@@ -5,7 +5,8 @@
 /// the answer lies there. And a peer that still reads what was written before cannot answer yet, nor is its
 /// answer read while the stream is held. So the time counts only when everything that had come in when it was
 /// over has been read, which nothing that comes later puts off. It begins again as long as the peer takes
-/// what lies before what it is to answer. A peer that takes nothing for that time has missed it.
+/// what lies before what it is to answer. A peer that takes nothing for that time has missed it. While the
+/// stream's owner holds it, nobody has.
 
 #include <cstdint>
 #include <optional>

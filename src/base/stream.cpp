@@ -1,6 +1,7 @@
 #include "base/stream.h"
 
 #include <linux/sockios.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@ namespace {
 
 constexpr std::size_t turn_max = body_max / 2;  // bytes taken before everybody else has a turn
 constexpr int reading_ms = 10;  // until it is looked again whether the loop has read what lies there
+constexpr int look_ms = 500;    // between looks for the other side of what is on hold
 
 stream &stream_of(ustream *s) {
     return owner_of<stream>(container_of(s, ustream_fd, stream));
@@ -75,7 +77,7 @@ void stream::take_down() {
     library_.fd.fd = -1;
     fd_ = -1;
     closing_ = false;
-    held_ = false;
+    held_ = on_hold_ = false;
 }
 
 void stream::readable() {
@@ -117,7 +119,7 @@ std::uint64_t stream::arrived() {
 }
 
 bool stream::has_served(std::uint64_t position) {
-    return position <= (is_open() && !held_ ? read_ + buffered() : read_);
+    return position <= (is_open() && !is_held() ? read_ + buffered() : read_);
 }
 
 std::uint64_t stream::delivered() {
@@ -139,6 +141,8 @@ void stream::next_turn() {
     }
     if (end_)
         return end();
+    if (on_hold_)
+        return has_other_side() ? next_turn_.arm(look_ms) : handlers_.broken();
     if (held_ && unsent() > unsent_max_)
         return;  // drained comes back
     ustream_set_read_blocked(&library_.stream, false);
@@ -148,20 +152,44 @@ void stream::next_turn() {
 }
 
 // The library tells of a failed write before what has come in meanwhile is read. A peer that takes nothing
-// any more does not hold its requests up; but where what they are answered with would grow, they go.
+// any more does not hold its requests up; but where what they are answered with would grow, they go. So do
+// those behind one whose answer is still to come: that is nobody's any more.
 void stream::end() {
     if (closing_)
         return;
     const bool advances = end_ != read_ + buffered();
     end_ = read_ + buffered();
-    ustream_set_read_blocked(&library_.stream, false);
-    if (std::exchange(held_, false))
-        announce();
-    if (closing_)
-        return;
-    if (advances && held_by_system(fd_, FIONREAD) > 0 && unsent() <= unsent_max_)
+    if (!on_hold_) {
+        ustream_set_read_blocked(&library_.stream, false);
+        if (std::exchange(held_, false))
+            announce();
+        if (closing_)
+            return;
+    }
+    if (!on_hold_ && advances && held_by_system(fd_, FIONREAD) > 0 && unsent() <= unsent_max_)
         return next_turn_.arm(reading_ms);
     handlers_.broken();
+}
+
+void stream::hold() {
+    if (!is_open())
+        return;
+    on_hold_ = true;
+    ustream_set_read_blocked(&library_.stream, true);
+    next_turn_.arm(look_ms);
+}
+
+void stream::release() {
+    if (!std::exchange(on_hold_, false))
+        return;
+    held_ = true;
+    next_turn_.arm(0);
+}
+
+// What is not read does not show its end.
+bool stream::has_other_side() {
+    pollfd end{fd_, POLLRDHUP, 0};
+    return poll(&end, 1, 0) <= 0;
 }
 
 bool stream::has_input() {

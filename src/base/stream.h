@@ -6,7 +6,8 @@
 /// loop's next turn. To everybody else it is closed at once.
 ///
 /// No peer gets more than its turn: one that sends faster than it is served is read again on the loop's next
-/// turn, after everybody else, and one that does not take its answers is not read from meanwhile.
+/// turn, after everybody else, and one that does not take its answers is not read from meanwhile. Nor is one
+/// whose answer is still to come, for as long as its owner holds it.
 
 extern "C" {
 #include <libubox/ustream.h>
@@ -52,8 +53,14 @@ class stream {
     bool is_open() const { return fd_ >= 0; }
     /// The open descriptor, or -1.
     int fd() const { return fd_; }
-    /// More than the limit waits to be sent: input waits, also what is buffered.
-    bool is_held() const { return held_; }
+    /// More than the limit waits to be sent, or the owner holds it: input waits, also what is buffered.
+    bool is_held() const { return held_ || on_hold_; }
+    /// The owner holds it.
+    bool is_on_hold() const { return on_hold_; }
+    /// Nothing more is read until release(). That the other side has gone shows within half a second all the
+    /// same.
+    void hold();
+    void release();
 
     /// Whether more has come from the peer, on a connection that is open.
     bool has_input();
@@ -81,20 +88,22 @@ class stream {
     void announce();
     void pause();
     void end();
+    bool has_other_side();
     void take_down();
     std::uint64_t buffered();
 
     handlers handlers_;
     std::size_t unsent_max_;
     owned<ustream_fd, stream> library_;
-    timer next_turn_;  ///< takes down what was closed from its read callback, or reads on after a pause
+    timer next_turn_;  ///< takes down what was closed from its read callback, reads on, or looks who is there
     int fd_ = -1;
     std::size_t taken_ = 0;  ///< bytes read since the last pause
     std::uint64_t read_ = 0, written_ = 0;
     std::optional<std::uint64_t> end_;  ///< no more will come; what had, when it was last looked
     bool in_read_ = false;
     bool closing_ = false;  ///< closed, and to be taken down
-    bool held_ = false;
+    bool held_ = false;     ///< by what waits to be sent; what is buffered is to be announced
+    bool on_hold_ = false;  ///< by the owner
 };
 
 }  // namespace arvok

@@ -1,5 +1,7 @@
 #include "cloud/app_messages.h"
 
+#include <utility>
+
 #include "base/crypto.h"
 #include "base/log.h"
 #include "base/text.h"
@@ -26,66 +28,8 @@ std::optional<std::string> post_to_app(const std::string &name, const std::strin
     return std::nullopt;
 }
 
-}  // namespace
-
-void app_messages::deliver(json::view request) {
-    agent_.forget_link_actions();
-    link_.write(run(request));
-    agent_.run_link_actions();
-}
-
-// Its reply, which stays alone: it may be long.
-json::value app_messages::run(json::view request) const {
-    outcome result;
-    const json::value answer = answer_to(request, result);
-    return reply_to(request, result, "return_Parameter", answer);
-}
-
-// The answer in base64; none when there is none, and the outcome says why.
-json::value app_messages::answer_to(json::view request, outcome &result) const {
-    const auto id = request["Plugin_Name"].text(), version = request["Version"].text(),
-               parameter = request["Parameter"].text();
-    if (!id || !version || !parameter) {
-        result.fail("json format invalid");
-        return {};
-    }
-    const auto app_name = find_plugin(*id, *version, cache_.vendor(), result);
-    if (!app_name)
-        return {};
-    const std::optional<std::string> decoded = base64_decode(*parameter);
-    if (!decoded) {
-        result.fail("Parameter base64 encode failed");
-        return {};
-    }
-    auto answer = hand_over(*app_name, std::string(until_zero(*decoded)), result);
-    if (!answer)
-        return {};
-    const std::string encoded = base64_encode(*answer);
-    answer.reset();
-    json::value text = json::text(encoded);
-    if (text)
-        result.code = 0;
-    else
-        result.fail(too_long);
-    return text;
-}
-
-std::optional<std::string> app_messages::hand_over(const std::string &app_name, const std::string &text,
-                                                   outcome &result) const {
-    const bool to_self = app_name == self_app_name;
-    if (to_self && !is_app_command(text))
-        return run_link_message(text);
-    if (!json::parse(text)) {
-        result.fail("Parameter is not json format");
-        return std::nullopt;
-    }
-    return to_self ? run_app_command(text, result) : post_to_app(app_name, text, result);
-}
-
-std::string app_messages::run_link_message(const std::string &text) const {
-    log_printf("[INFO] (arvok) <- %s (%d)\n", text.c_str(), static_cast<int>(text.size()));
-    const json::document message = json::parse(text);
-    json::value reply = agent_.link_message(message.root());
+// What became of a link message, as its answer.
+std::string link_answer(json::value reply) {
     if (!reply)
         reply = json::object()
                     .text("type", "ack")
@@ -96,12 +40,86 @@ std::string app_messages::run_link_message(const std::string &text) const {
     return reply.take();
 }
 
-std::optional<std::string> app_messages::run_app_command(const std::string &text, outcome &result) const {
+// The reply with the answer in base64, or with what the outcome says when there is none. What it is made of
+// does not outlive it: it may be long.
+json::value app_reply(json::view request, outcome result, std::optional<std::string> answer) {
+    json::value text;
+    if (answer) {
+        const std::string encoded = base64_encode(*answer);
+        answer.reset();
+        text = json::text(encoded);
+        if (text)
+            result.code = 0;
+        else
+            result.fail(too_long);
+    }
+    return reply_to(request, result, "return_Parameter", text);
+}
+
+}  // namespace
+
+void app_messages::deliver(json::view request) {
+    agent_.forget_link_actions();
+    outcome result;
+    if (std::optional<answer> given = hand_over(request, result)) {
+        link_.write(app_reply(request, result, std::move(*given)));
+        return agent_.run_link_actions();
+    }
+    waiting_ = json::parse(request.print());
+    link_.hold();
+}
+
+void app_messages::link_message_answered(json::value reply) {
+    const json::document request = std::move(waiting_);
+    link_.write(app_reply(request.root(), {}, link_answer(std::move(reply))));
+    link_.release();
+}
+
+void app_messages::abandon() {
+    if (std::exchange(waiting_, {}))
+        agent_.abandon_link_message();
+}
+
+// The answer: none when there is none and the outcome says why, nothing when it is still to come.
+std::optional<app_messages::answer> app_messages::hand_over(json::view request, outcome &result) const {
+    const auto none = [&](const char *why) {
+        result.fail(why);
+        return answer();
+    };
+    const auto id = request["Plugin_Name"].text(), version = request["Version"].text(),
+               parameter = request["Parameter"].text();
+    if (!id || !version || !parameter)
+        return none("json format invalid");
+    const auto app_name = find_plugin(*id, *version, cache_.vendor(), result);
+    if (!app_name)
+        return answer();
+    const std::optional<std::string> decoded = base64_decode(*parameter);
+    if (!decoded)
+        return none("Parameter base64 encode failed");
+    const std::string text(until_zero(*decoded));
+    const bool to_self = *app_name == self_app_name;
+    if (to_self && !is_app_command(text))
+        return run_link_message(text);
+    if (!json::parse(text))
+        return none("Parameter is not json format");
+    return to_self ? run_app_command(text, result) : post_to_app(*app_name, text, result);
+}
+
+std::optional<app_messages::answer> app_messages::run_link_message(const std::string &text) const {
+    log_printf("[INFO] (arvok) <- %s (%d)\n", text.c_str(), static_cast<int>(text.size()));
+    const json::document message = json::parse(text);
+    std::optional<json::value> reply = agent_.link_message(message.root());
+    if (!reply)
+        return std::nullopt;
+    return link_answer(std::move(*reply));
+}
+
+app_messages::answer app_messages::run_app_command(const std::string &text, outcome &result) const {
     log_printf("[INFO] (extcc) <- %s (%d)\n", text.c_str(), static_cast<int>(text.size()));
-    auto answer = agent_.app_command(text);
-    if (!answer)
+    answer given = agent_.app_command(text);
+    if (!given)
         result.fail("load param failed");
-    return answer;
+    return given;
 }
 
 }  // namespace arvok::cloud

@@ -10,7 +10,7 @@ client::client(task_queue &queue, platform::cache &cache, wall_clock clock, cons
     : settings_(load_settings(given.bss)),
       connection_(queue, cache,
                   {bind<&client::receive>(*this), bind<&enrolment::send_heartbeat>(enrolment_),
-                   bind<&connector::after>(connector_)}),
+                   bind<&connector::after>(connector_), bind<&app_messages::abandon>(app_messages_)}),
       connector_(queue, connection_, settings_, given.debug, bind<&enrolment::begin>(enrolment_)),
       enrolment_(connection_, connector_, settings_, cache),
       plugins_(connection_, cache, clock),

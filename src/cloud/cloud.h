@@ -53,6 +53,9 @@ class client {
     /// Tells the platform something on the agent's behalf, on the loop's next turn.
     void send_notification(std::string message) { plugins_.notify(std::move(message)); }
 
+    /// The reply of a link message that was to follow (app_messages.h).
+    void link_message_answered(json::value reply) { app_messages_.link_message_answered(std::move(reply)); }
+
     // --- for GET_STATUS ---
 
     /// The server of the connection at hand, or else of the next, as "host:port"; empty when none is known.

@@ -61,6 +61,7 @@ void connection::disconnect() {
     keys_.server.reset();
     if (stage_ != stage::bootstrap)
         stage_ = stage::challenge;
+    handlers_.closed();
 }
 
 std::string connection::local_address() const {

@@ -32,6 +32,7 @@ class connection {
         callback<void(json::view)> received;  ///< any JSON value; may disconnect
         callback<void()> heartbeat_due;
         callback<void(failure)> failed;
+        callback<void()> closed;  ///< disconnected
     };
 
     /// All but `callbacks` is borrowed.
@@ -70,6 +71,10 @@ class connection {
     bool expects(std::size_t bytes) { return outbox_.expects(bytes); }
     /// Writes a reply now.
     void write(json::value message);
+    /// Nothing more is read from the platform until release(): the reply of its last message is still to
+    /// come.
+    void hold() { stream_.hold(); }
+    void release() { stream_.release(); }
     /// More than the message that is being handled has come.
     bool has_input() { return stream_.has_input(); }
     /// The acknowledgement has come.

@@ -68,6 +68,10 @@ class connection {
     /// The same on the loop's next turn.
     void post(message what) { outbox_.post(what.body.take()); }
 
+    /// Nothing more is read from the gateway until release(): the reply of its last message is still to come.
+    void hold() { stream_.hold(); }
+    void release() { stream_.release(); }
+
     /// More than the message that is being handled has come.
     bool has_input() { return stream_.has_input(); }
     /// This device's address on the connection.

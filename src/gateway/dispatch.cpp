@@ -80,9 +80,11 @@ void dispatcher::take(json::view message) {
     switch_to_bridge(r);
 }
 
-json::value dispatcher::take_from_cloud(json::view message) {
+std::optional<json::value> dispatcher::take_from_cloud(json::view message) {
     request r(message, true, services_);
     run(r);
+    if (r.is_answered_later)
+        return std::nullopt;
     return std::move(r.reply);
 }
 

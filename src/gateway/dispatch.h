@@ -17,8 +17,8 @@ class dispatcher {
     /// Runs a message of the gateway, sends its reply and carries out the device actions that it asked for.
     void take(json::view message);
     /// Runs a request that came through the cloud. Its reply; none when it was not handled, and for "qlink".
-    /// Its actions wait.
-    json::value take_from_cloud(json::view message);
+    /// Its actions wait. Nothing when the reply follows later.
+    std::optional<json::value> take_from_cloud(json::view message);
 
     void forget_actions() { actions_ = 0; }
     /// Resets or restarts the device when the last message asked for that.

@@ -12,16 +12,21 @@ namespace arvok::gateway {
 
 struct client::modules {
     modules(task_queue &tasks, platform::cache &cache, platform::object_watch &objects, wall_clock now,
-            options where, callback<void(std::string)> notify_cloud)
+            options where, const cloud_listeners &cloud)
         // Bound here, called only after connect(): what is bound is made after the link.
         : link_(tasks, cache, std::move(where), state_,
                 {.opened = bind<&negotiation::request_key>(negotiation_),
                  .received = bind<&dispatcher::take>(dispatcher_),
-                 .closed = bind<&negotiation::forget>(negotiation_)}),
+                 .closed = bind<&modules::closed>(*this)}),
           negotiation_(link_, cache, state_),
-          reports_(link_, cache, state_, queries_, now, notify_cloud),
-          bus_bridge_(link_, state_, objects, notify_cloud),
+          reports_(link_, cache, state_, queries_, now, cloud.notify),
+          bus_bridge_(link_, state_, objects, cloud),
           dispatcher_({cache, state_, beacons_, bus_bridge_, queries_}, link_, negotiation_, reports_) {}
+
+    void closed() {
+        negotiation_.forget();
+        bus_bridge_.abandon_link_calls();
+    }
 
     link_state state_;
     connection link_;
@@ -34,8 +39,8 @@ struct client::modules {
 };
 
 client::client(task_queue &tasks, platform::cache &cache, platform::object_watch &objects, wall_clock now,
-               options where, callback<void(std::string)> notify_cloud)
-    : modules_(std::make_unique<modules>(tasks, cache, objects, now, std::move(where), notify_cloud)) {}
+               options where, const cloud_listeners &cloud)
+    : modules_(std::make_unique<modules>(tasks, cache, objects, now, std::move(where), cloud)) {}
 
 // While the modules are there that the connection tells of its end; after its own end it would find none.
 client::~client() {
@@ -63,8 +68,12 @@ bool client::is_linked() const {
     return modules_->state_.linked;
 }
 
-json::value client::handle_cloud_message(json::view message) {
+std::optional<json::value> client::handle_cloud_message(json::view message) {
     return modules_->dispatcher_.take_from_cloud(message);
+}
+
+void client::abandon_cloud_message() {
+    modules_->bus_bridge_.abandon_cloud_calls();
 }
 
 void client::forget_actions() {

@@ -34,6 +34,15 @@ namespace arvok::gateway {
 /// removed by it.
 inline constexpr char beacon_owner[] = "arvokclt";
 
+/// What the link has for the cloud.
+struct cloud_listeners {
+    /// A notification of a bus object that the cloud subscribed to, or a report that it asked for; empty for
+    /// one that is too long.
+    callback<void(std::string)> notify = {};
+    /// The reply of a message that could not be answered at once; none when it was not handled.
+    callback<void(json::value)> answer = {};
+};
+
 struct options {
     std::optional<std::string> address;  ///< the gateway's; none: it is found at each connection
 };
@@ -42,10 +51,9 @@ class reports;
 
 class client {
   public:
-    /// `notify_cloud` is handed the notifications of those bus objects that the cloud subscribed to. The
-    /// cache has a device record when the link starts.
+    /// The cache has a device record when the link starts.
     client(task_queue &tasks, platform::cache &cache, platform::object_watch &objects, wall_clock now,
-           options where, callback<void(std::string notification)> notify_cloud);
+           options where, const cloud_listeners &cloud);
     /// Disconnects, and ends the subscriptions to bus objects without telling anybody any more.
     ~client();
 
@@ -63,8 +71,11 @@ class client {
     // --- requests through the cloud ---
 
     /// Runs one message. Its reply; none when it was not handled, and for "qlink". The device actions that it
-    /// asks for wait.
-    json::value handle_cloud_message(json::view message);
+    /// asks for wait. Nothing when it calls bus objects: then the reply follows, it asks for no actions, and
+    /// no other message may come until then.
+    std::optional<json::value> handle_cloud_message(json::view message);
+    /// Nobody waits for that reply any more: what is under way is aborted.
+    void abandon_cloud_message();
     /// Those of an earlier message must not run again.
     void forget_actions();
     /// Resets or restarts the device when the last message asked for that.

@@ -57,6 +57,7 @@ class request {
     const request_services &services;
     std::uint32_t actions = 0;  ///< action_bit of what is to be done when the reply has been sent
     json::value reply;          ///< to be sent; none: nothing
+    bool is_answered_later = false;
 
     // --- errors: the last one counts ---
 

@@ -2,10 +2,12 @@
 
 import json
 import os
+import subprocess
 import time
 import unittest
 
 from desk import LinkedCase, UnkeyedCase, call, wait_until
+from local_test import Client, question
 
 LAN = 5
 ARGUMENTS = {"text": "ä\n\"", "number": 7, "big": 123456789012345, "negative": -1, "fraction": 1.5, "yes": True,
@@ -83,21 +85,19 @@ class Calls(BridgeCase):
         self.assertEqual(self.single("odd", "echo")["errmsg"], "qzcap_get_objid_by_name failed: odd")
         agent.expect("[ERROR] (10004) qzcap_get_objid_by_name failed: odd\n")
 
-    def test_list_that_takes_too_much_is_not_gone_through(self):
+    def test_list_whose_reply_is_full_is_not_gone_through(self):
         self.link()
         self.publish("odd")
-        element = lambda ms, size: {"object": "odd", "method": "work", "message": {"ms": ms, "size": size}}
-        for each, error in ((element(0, 250_000), "reply too long"), (element(100, 10), "no time left")):
-            with self.subTest(error):
-                before = self.single("odd", "work", message=element(0, 0)["message"])["data"]["count"]
-                call("lab.gateway", "send", {"message": {"type": "ubus_call", "sequence": 1, "mac": "x", "data": [each] * 20}})
-                after = self.single("odd", "work", message=element(0, 0)["message"])["data"]["count"]
-                reply = json.loads(self.received_texts("ubus_result")[-2])
-                self.assertEqual((reply["errcode"], reply["errmsg"], len(reply["data"])), (10004, error, 20))
-                answered = [item for item in reply["data"] if "message" in item]
-                self.assertEqual(answered, reply["data"][:len(answered)])
-                self.assertIn(len(answered), range(2, 9))
-                self.assertLessEqual(after - before - 1, len(answered) + 1)
+        element = lambda size: {"object": "odd", "method": "work", "message": {"ms": 0, "size": size}}
+        count = lambda: self.single("odd", "work", message=element(0)["message"])["data"]["count"]
+        before = count()
+        call("lab.gateway", "send", {"message": {"type": "ubus_call", "sequence": 1, "mac": "x", "data": [element(250_000)] * 20}})
+        after = count()
+        reply = json.loads(self.received_texts("ubus_result")[-2])
+        self.assertEqual((reply["errcode"], reply["errmsg"], len(reply["data"])), (10004, "reply too long", 20))
+        answered = [item for item in reply["data"] if "message" in item]
+        self.assertEqual(answered, reply["data"][:len(answered)])
+        self.assertEqual((len(answered), after - before - 1), (2, 3))
 
     def test_own_objects_are_not_called(self):
         """Nobody would answer: the agent would wait for itself."""
@@ -138,37 +138,93 @@ class Refused(UnkeyedCase):
         self.assert_logged()
 
 
-class Hanging(BridgeCase):
-    def test_calls_that_are_never_answered(self):
-        """Whoever asks meanwhile is answered within a second."""
+class Slow(BridgeCase):
+    """Objects that take their time, or never answer: nobody waits for them but who has called them."""
+
+    def begin(self, *elements):
+        """Has the gateway call the methods, of an object that comes with it, and waits until the first has been called."""
+        called = self.publish("odd").stdout
+        data = [{"object": obj, "method": method, "message": {}} for obj, method in elements]
+        call("lab.gateway", "send", {"type": "ubus_call", "sequence": 71, "mac": "x", "data": data})
+        self.assertEqual(called.readline(), b"hang\n")
+
+    def test_others_are_served_meanwhile(self):
+        """Its sender waits, and so do its next requests: they are answered in their order."""
         agent = self.link()
         self.publish("odd")
         self.publish("even")
-        calls = [{"message": {"type": "ubus_call", "sequence": 9999, "mac": "x", "object": name, "method": "hang"}}
-                 for name in ("odd", "odd", "even")]
-        for sent in calls * 2:
-            call("lab.gateway", "send", sent)
+        self.assertEqual(self.subscribe("even"), (0, ""))
+        self.forget()
         began = time.monotonic()
-        self.status("cputemp")
-        self.assertLess(time.monotonic() - began, 1)
-        replies = self.wait_for_message("ubus_result", 6)
-        for reply in replies:
-            self.assertEqual((reply["errcode"], reply["errmsg"]), (10004, "ubus_invoke failed: Request timed out"))
-            self.assertNotIn("data", reply)
-        self.assertEqual(self.single("odd", "echo")["data"], {})
-        self.assertEqual(self.peer()["connections"], 1, agent.lines()[-3000:])
+        for ms in (3000, 20):
+            call("lab.gateway", "send", {"message": {"type": "ubus_call", "sequence": ms, "mac": "x", "object": "odd",
+                                                     "method": "work", "message": {"ms": ms, "size": 5}}})
+        call("lab.gateway", "send", {"message": {"type": "get_status", "sequence": 4, "get": [{"name": "cputemp"}]}})
+        agent.expect('"ms":3000')
+        client = Client()
+        for notified in range(3):
+            asked = time.monotonic()
+            client.send(question(1))
+            self.assertTrue(client.receive())
+            self.assertEqual(call("qzapp.arvokclt", "postmsg", {"CmdType": "GET_STATUS"})["arvokclt"]["arvok_status"], 1)
+            call("even", "notify", {"method": "n", "message": {}})
+            self.wait_for_message("ubus_notify", notified + 1, 1)
+            self.assertLess(time.monotonic() - asked, 1)
+        client.close()
+        self.assertEqual(self.received("ubus_result"), [])
+        reply = self.wait_for_message("status")[-1]
+        self.assertGreater(time.monotonic() - began, 3)
+        self.assertEqual(reply["errcode"], 0)
+        first, second = self.received("ubus_result")
+        for reply, ms, count in ((first, 3000, 1), (second, 20, 2)):
+            self.assertEqual((reply["sequence"], reply["errcode"], reply["data"]), (ms, 0, {"count": count, "text": "xxxxx"}))
+        self.assertEqual([m["type"] for m in self.received() if m["type"] in ("ubus_result", "status")],
+                         ["ubus_result", "ubus_result", "status"])
 
-    def test_end_during_a_list_of_calls(self):
-        """The bus library lets the one under way have its time, and those behind it are not begun."""
+    def test_calls_that_are_never_answered(self):
+        """Each has twenty seconds. In a list, who has not answered is not asked again, and nobody after two of them. The
+        acknowledgements of the keepalives, which lie behind the request, are not missed meanwhile."""
+        self.hold_timers()
         agent = self.link()
-        called = self.publish("odd").stdout
-        element = {"object": "odd", "method": "hang", "message": {}}
-        call("lab.gateway", "send", {"type": "ubus_call", "sequence": 1, "mac": "x", "data": [element] * 3})
-        self.assertEqual(called.readline(), b"hang\n")
+        self.publish("even")
+        keepalives = self.peer()["keepalives"]
+        self.begin(*[("odd", "hang")] * 50, ("odd", "echo"), ("even", "hang"), ("odd", "echo"), ("odd", "heard"))
+        for _ in range(19):
+            self.timers.ahead(2)
+        self.assertEqual(self.received("ubus_result"), [])
+        self.assertGreater(self.peer()["keepalives"], keepalives)
+        self.timers.ahead(3)
+        reply, = self.wait_for_message("ubus_result")
+        self.assertEqual((reply["errcode"], reply["errmsg"]), (10004, "ubus_invoke failed: Request timed out"))
+        self.assertEqual(["message" in item for item in reply["data"]], [False] * 50 + [True] + [False] * 3)
+        self.assertEqual(self.single("odd", "echo")["data"], {})
+        self.assertEqual((self.peer()["connections"], self.peer()["state"]), (1, "linked"), agent.lines()[-3000:])
+
+    def test_end_of_the_agent(self):
+        agent = self.link()
+        self.begin(*[("odd", "hang")] * 3)
         began = time.monotonic()
-        agent.process.terminate()
-        self.assertEqual(agent.process.wait(30), 0)
+        self.assertEqual(agent.stop(), 0)
         self.assertLess(time.monotonic() - began, 1)
+
+    def test_end_of_the_connection(self):
+        """What was called for it is nobody's on the next one."""
+        self.hold_timers()
+        agent = self.link()
+        self.begin(*[("odd", "hang")] * 3)
+        self.misbehave(fault="close")
+        with self.assertRaises(subprocess.CalledProcessError):
+            call("lab.gateway", "send", {"type": "nobody_knows"})
+        for _ in range(2):
+            self.timers.ahead(1)
+        agent.expect("[ERROR] (arvok) tcp connection broken\n")
+        self.assertEqual(self.received("ubus_result"), [])
+        self.forget()
+        self.pass_until(lambda: self.received("dev_report"), "linked again")
+        for _ in range(15):
+            self.timers.ahead(2)
+        self.assertEqual(self.received("ubus_result"), [])
+        self.assertEqual(self.single("odd", "echo")["data"], {})
 
 
 class Subscriptions(BridgeCase):

@@ -5,6 +5,7 @@ import json
 import os
 import re
 import subprocess
+import time
 import unittest
 
 from cloud_test import CloudCase
@@ -194,6 +195,42 @@ class Parameters(PluginCase):
         self.assertEqual(args, {"name": "weather", "message": '{"x":1}'})
         self.assertEqual(self.params({}, plugin("printshop_ipq5018x")),
                          failed("qzcap_app_postmsg failed: app is not running: printshop"))
+
+    def test_calls_of_bus_objects_take_their_time(self):
+        """The platform's next request waits for them, and nobody else does."""
+        self.publish("odd")
+        element = lambda ms: {"object": "odd", "method": "work", "message": {"ms": ms, "size": 1}}
+        params = lambda message: {**SELF, "Parameter": base64.b64encode(json.dumps(message).encode()).decode()}
+        call("lab.cloud", "send", {"message": {"RPCMethod": "SetPluginParams", "ID": "slow",
+                                               **params({"type": "ubus_call", "data": [element(1500)] * 2})}})
+        self.agent.expect('"ms":')
+        began = time.monotonic()
+        reply = call("lab.gateway", "request", {"type": "get_status", "get": [{"name": "cputemp"}]})
+        self.assertEqual(reply["errcode"], 0)
+        self.assertLess(time.monotonic() - began, 1)
+        self.assertEqual(self.ask("SetPluginParams", **params({"type": "qlink"}))["Result"], 0)
+        self.assertGreater(time.monotonic() - began, 2.5)
+        slow, quick = [message for _, message in self.heard() if message.get("Ack") == "SetPluginParams"]
+        self.assertEqual((slow["ID"], quick["ID"], slow["Result"]), ("slow", "id 7", 0))
+        answer = json.loads(base64.b64decode(slow["return_Parameter"]))
+        self.assertEqual([item["message"]["count"] for item in answer["data"]], [1, 2])
+        self.assertEqual((answer["type"], answer["errcode"]), ("ubus_result", 0))
+
+    def test_calls_for_a_connection_that_has_gone(self):
+        called = self.publish("odd").stdout
+        hang = {"type": "ubus_call", "object": "odd", "method": "hang"}
+        call("lab.cloud", "send", {"message": {"RPCMethod": "SetPluginParams", "ID": "slow", **SELF,
+                                               "Parameter": base64.b64encode(json.dumps(hang).encode()).decode()}})
+        self.assertEqual(called.readline(), b"hang\n")
+        self.fault(fault="close")
+        with self.assertRaises(subprocess.CalledProcessError):
+            call("lab.cloud", "send", {"message": {"RPCMethod": "Nobody", "ID": "x"}})
+        self.agent.expect("[ERROR] (cloud) tcp connection broken\n", 5)
+        call("lab.cloud", "messages", {"clear": True})
+        call("qzcapd.emulator", "notify", {"object": 6, "method": "wan", "message": {"status": "up"}})
+        self.wait_for_heartbeat()
+        self.assertEqual(self.params({"type": "ubus_call", "object": "odd", "method": "echo"})["data"], {})
+        self.assertEqual(self.methods().count("SetPluginParams"), 1)
 
     def test_messages_of_the_gateway_link(self):
         message = {"type": "get_status", "get": [{"name": "cputemp"}]}

@@ -71,7 +71,8 @@ class Link : public ::testing::Test {
         tasks_.reset();
         tasks_.emplace();
         agent_.emplace(
-            *tasks_, cache_, objects_, [] { return std::time_t{0}; }, where, arvok::bind<&Link::hear>(*this));
+            *tasks_, cache_, objects_, [] { return std::time_t{0}; }, where,
+            cloud_listeners{.notify = arvok::bind<&Link::hear>(*this)});
     }
 
     void accept_one() {
@@ -179,7 +180,7 @@ class Link : public ::testing::Test {
 
     void hear(std::string notification) { heard_ += notification; }
     json::value through_cloud(const std::string &message) {
-        return agent_->handle_cloud_message(json::parse(message).root());
+        return *agent_->handle_cloud_message(json::parse(message).root());
     }
 
     descriptor listener_{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)}, peer_;
