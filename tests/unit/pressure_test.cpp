@@ -1,6 +1,8 @@
 // A gateway that does not read, or that the agent has no time to read from: what waits, what is dropped, and
 // when its time is over.
 
+#include <algorithm>
+
 #include "base/text.h"
 #include "gateway/reports.h"
 #include "link_peer.h"
@@ -15,7 +17,9 @@ std::size_t times_logged(const std::string &line) {
     return times;
 }
 
-// A gateway that asks for more and more, and reads only what it is told to.
+// A gateway that asks for more and more, and reads only what it is told to. It has no more under way than the
+// agent's socket takes at once: where requests are cut elsewhere than the agent's buffer cuts them, one's
+// length may be forgotten.
 class Greedy : public Link {
   protected:
     static constexpr int requests = 1000;
@@ -28,17 +32,20 @@ class Greedy : public Link {
     }
     // Asks until the agent does not read any more.
     void ask() {
-        for (int i = 0; i < requests; i++)
-            unasked_ += frame(key_ ? *lab::encrypt(*key_, request_) : request_);
+        unasked_ = requests;
         for (int idle = 0; idle < 50; turn())
             idle = ask_more() ? 0 : idle + 1;
-        EXPECT_FALSE(unasked_.empty());
+        EXPECT_GT(unasked_, 0u);
     }
     bool ask_more() {
-        const ssize_t taken = ::send(peer_.get(), unasked_.data(), unasked_.size(), MSG_NOSIGNAL);
-        unasked_.erase(0, taken > 0 ? static_cast<std::size_t>(taken) : 0);
+        under_way_ -= times_logged("<- " + request_);
         logged.text.clear();
-        return taken > 0;
+        const std::size_t asked = std::min(unasked_, under_way_max - under_way_);
+        for (std::size_t i = 0; i < asked; i++)
+            send(request_);
+        under_way_ += asked;
+        unasked_ -= asked;
+        return asked > 0;
     }
     void send_keepalive() {
         if (is_armed(1000))  // a slow machine has sent it by now
@@ -56,7 +63,8 @@ class Greedy : public Link {
 
     const std::string request_ = R"({"type":"ubus_call","sequence":1,"mac":"x","method":"m","object":")" +
                                  std::string(7000, 'x') + "\"}";
-    std::string unasked_;
+    static constexpr std::size_t under_way_max = 6;
+    std::size_t unasked_ = 0, under_way_ = 0;
 };
 
 TEST_F(Greedy, ItsAnswersWaitAndItIsNotReadFromMeanwhile) {
@@ -86,8 +94,11 @@ TEST_F(Greedy, ButItHasToRead) {
     negotiate();
     ask();
     send_keepalive();
-    turn();
-    fire(20000);
+    // Its system may still take something for it.
+    for (int period = 0; period < 3 && is_armed(20000); period++) {
+        turn();
+        fire(20000);
+    }
     EXPECT_TRUE(has_logged("[ERROR] (arvok) wait keepalive ack timeout\n"));
 }
 
