@@ -122,7 +122,7 @@ void reports::rssi_report(json::view event) {
     copy_member(data, "rssi", event, "rssi");
     report.body.add("data", data.take());
     if (for_cloud)
-        notify_cloud_(report.body.take().text());
+        notify_cloud_(report.body.take().take());
     else
         link_.post(std::move(report));
 }

@@ -15,7 +15,7 @@ class reports {
   public:
     /// `notify_cloud` is handed what the cloud asked for.
     reports(connection &link, platform::cache &cache, const link_state &state, rssi_queries &queries,
-            wall_clock now, callback<void(const std::string &notification)> notify_cloud)
+            wall_clock now, callback<void(std::string notification)> notify_cloud)
         : link_(link),
           cache_(cache),
           state_(state),
@@ -53,7 +53,7 @@ class reports {
     platform::cache &cache_;
     const link_state &state_;
     rssi_queries &queries_;
-    const callback<void(const std::string &notification)> notify_cloud_;
+    const callback<void(std::string notification)> notify_cloud_;
     first_seen first_seen_;
 };
 
