@@ -113,15 +113,15 @@ void reports::rssi_report(json::view event) {
     const auto mac = event["mac"].text();
     if (!mac || !event["rssi"].is_number())
         return;
-    const bool for_cloud = queries_.end_for_cloud(*mac);
-    if (!for_cloud && !state_.linked)
+    const std::optional<rssi_asker> asker = queries_.ended(*mac);
+    if (!asker || (asker == rssi_asker::gateway && !state_.linked))
         return;
     message report = link_.new_message("aprssi");
     json::object data;
     copy_member(data, "mac", event, "mac");
     copy_member(data, "rssi", event, "rssi");
     report.body.add("data", data.take());
-    if (for_cloud)
+    if (asker == rssi_asker::cloud)
         notify_cloud_(report.body.take().take());
     else
         link_.post(std::move(report));

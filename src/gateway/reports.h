@@ -31,7 +31,8 @@ class reports {
     void lan_report(platform::host_snapshot &hosts);
     /// The stations that roamed, from the platform's notification.
     void roaming_report(json::view event);
-    /// How a station is heard, from the platform's notification: for the cloud when that has asked.
+    /// How a station is heard, from the platform's notification: to who asked, gateway or cloud. Without one
+    /// it is dropped.
     void rssi_report(json::view event);
     /// The device's part in the mesh.
     void map_report();

@@ -103,7 +103,7 @@ void start_rssi_query(request &r, json::view data) {
     platform::reason why;
     if (platform::call(qzcap_start_rssi_query, &query, why) < 0)
         return r.fail(platform_failed, "qzcap_start_rssi_query failed: %s", why.c_str());
-    r.services.queries.begun(mac, r.from_cloud);
+    r.services.queries.begun(mac, r.from_cloud ? rssi_asker::cloud : rssi_asker::gateway, duration);
 }
 
 // The station is free not to go: it is not disconnected.

@@ -231,7 +231,6 @@ class Unlinked(LinkedCase):
     STREAM = ((LAN, "devicestatus", {"mac": DESK, "active": 1}), (LAN, "devicestatus", {"mac": DESK, "active": 0}),
               (LAN, "newdevice", {"mac": DESK, "active": 0}), (WAN, "x", {"status": "up"}),
               (WIFI, "x", {"arvoksync": "off"}), (ROAMING, "x", {"roamingreport": [{}]}),
-              (ROAMING, "aprssi", {"mac": "m", "rssi": -1}),
               (MESH, "x", {"mode": "agent"}), (VSIE, "x", {"band": 0, "mac": "m", "vsie": [1]}))
 
     def check(self, agent):

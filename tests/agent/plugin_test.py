@@ -253,6 +253,13 @@ class Parameters(PluginCase):
         told = json.loads(base64.b64decode(told["Message"]))
         self.assertEqual((told["type"], told["data"]), ("aprssi", {"mac": "02C0FFEE0002", "rssi": -48}))
         self.assertEqual(self.received("aprssi"), [])
+        # Of two who wait for the same station, it is the one whose result is due.
+        query["data"]["duration"] = 60
+        self.assertEqual(self.acknowledged(query), {"errcode": 0, "errmsg": ""})
+        query["data"]["duration"] = 1
+        self.assertEqual(call("lab.gateway", "request", {"message": query})["errcode"], 0)
+        wait_until(lambda: self.received("aprssi"), "the gateway's result")
+        self.assertEqual(len(self.heard("PluginNotification")), 1)
         # What is none, and what the agent takes from its gateway only, or does not answer there either.
         for message in ("", "no JSON", [], {"type": "nonsense"}, {"type": "qlink"}, {"type": "ack"}, {"type": "dh"},
                         {"type": "ubus_call", "object": "x"}, {"type": "get_status", "CmdType": "x"},

@@ -280,14 +280,16 @@ class Stations(VocabularyCase):
         other = {"mac": TABLET, "rssi": self.state()["laninfo"][TABLET]["rssi"]}  # from the queries before
         wait_until(lambda: found in [report["data"] for report in self.received("aprssi")], "the report")
         self.assertEqual(list(self.received("aprssi")[0]), ["type", "sequence", "mac", "data"])
-        # What is no result is not reported, and a result is no roaming report.
+        # What is no result, or one that nobody has asked for, is not reported, and a result is no roaming report.
+        self.assertEqual(send({**good, "mac": PHONE, "duration": 60}), DONE)
         self.forget()
-        for message in ({}, {"mac": PHONE}, {"mac": 5, "rssi": -40}, {"mac": PHONE, "rssi": "-40"}):
+        for message in ({}, {"mac": PHONE}, {"mac": 5, "rssi": -40}, {"mac": PHONE, "rssi": "-40"},
+                        {"mac": LAPTOP, "rssi": -40}, {"mac": PHONE, "rssi": -39}, {"mac": PHONE, "rssi": -38}):
             self.notify(16, "aprssi", message)
-        self.notify(16, "aprssi", {"mac": "last", "rssi": -40})
-        told = lambda: [report["data"] for report in self.received("aprssi") if report["data"] not in (found, other)]
-        self.assertEqual(wait_until(told, "the result"), [{"mac": "last", "rssi": -40}])
-        self.assertEqual(self.received("cfg"), [])
+        self.notify(16, "roamingreport", {"roamingreport": [{"mac": "last"}]})
+        self.assertEqual(len(self.wait_for_message("cfg")), 1)
+        self.assertEqual([report["data"] for report in self.received("aprssi") if report["data"] != other],
+                         [{"mac": PHONE, "rssi": -39}])
         self.assertEqual(send({**good, "mac": DESK}),
                          (10004, "qzcap_start_rssi_query failed: no such station: " + DESK))
         # A device without that radio.

@@ -3,6 +3,7 @@
 #include "gateway/control.h"
 #include "gateway/first_seen.h"
 #include "gateway/reports.h"
+#include "gateway/rssi_queries.h"
 #include "link_peer.h"
 
 namespace arvok::gateway {
@@ -280,6 +281,27 @@ TEST(FirstSeen, TimesOfActiveHostsAreKeptAndOthersBounded) {
     const std::time_t next = now;
     EXPECT_EQ(hosts.of("h100"), next);
     EXPECT_EQ(hosts.of("02:AA:00:00:00:01"), next + 1);
+}
+
+TEST(RssiQueries, AResultGoesToWhomItIsDueFor) {
+    around.uptime = 1000;
+    rssi_queries queries;
+    queries.begun("02c0ffee0001", rssi_asker::cloud, 60);
+    queries.begun("02:C0:FF:EE:00:01", rssi_asker::gateway, 1);
+    EXPECT_EQ(queries.ended("02C0FFEE0002"), std::nullopt);
+    EXPECT_EQ(queries.ended("02C0FFEE0001"), rssi_asker::gateway);
+    EXPECT_EQ(queries.ended("02C0FFEE0001"), rssi_asker::cloud);
+    EXPECT_EQ(queries.ended("02C0FFEE0001"), std::nullopt);
+
+    // One that never has its result takes none of a later one's.
+    queries.begun("02C0FFEE0001", rssi_asker::cloud, 2);
+    around.uptime += 7;
+    EXPECT_EQ(queries.ended("02C0FFEE0001"), rssi_asker::cloud);
+    queries.begun("02C0FFEE0001", rssi_asker::cloud, 2);
+    around.uptime += 8;
+    EXPECT_EQ(queries.ended("02C0FFEE0001"), std::nullopt);
+    queries.begun("02C0FFEE0001", rssi_asker::gateway, 1);
+    EXPECT_EQ(queries.ended("02C0FFEE0001"), rssi_asker::gateway);
 }
 
 }  // namespace

@@ -159,10 +159,11 @@ class Telling : public Link {
         log();
     }
     void tell(const std::string &mac) {
-        agent_->reporting().rssi_report(json::parse(R"({"rssi":-1,"mac":")" + mac + "\"}").root());
+        agent_->reporting().roaming_report(
+            json::parse(R"({"roamingreport":[{"mac":")" + mac + "\"}]}").root());
     }
     // How many reports were written, and how many bytes waited when the first was dropped; one line says so.
-    std::size_t written() const { return times_logged(R"(-> {"type":"aprssi")"); }
+    std::size_t written() const { return times_logged(R"(-> {"type":"cfg")"); }
     int waited() const {
         EXPECT_EQ(times_logged("[WARNING]"), 1u);
         const std::size_t at = logged.text.find("[WARNING]");
@@ -194,7 +195,7 @@ TEST_F(Telling, WhatIsNotReadIsDroppedWithTwoLines) {
         receive();
     EXPECT_EQ(log(), "");
     tell("x");
-    EXPECT_TRUE(contains(receive(), R"("data":{"mac":"x")"));
+    EXPECT_TRUE(contains(receive(), R"("roaming_report":[{"mac":"x")"));
     const std::string lines = log();
     EXPECT_TRUE(
         lines.starts_with("[INFO] (arvok) dropped " + std::to_string(told + 1 - sent) + " own msgs\n"))
@@ -230,7 +231,7 @@ TEST_F(Telling, NothingIsToldWhileAKeyIsNegotiated) {
     EXPECT_TRUE(has_logged("[WARNING] (arvok) drop own msgs, ready 0, 0 bytes wait\n"));
     agree(offer);
     tell("x");
-    EXPECT_TRUE(contains(receive(), R"("data":{"mac":"x")"));
+    EXPECT_TRUE(contains(receive(), R"("roaming_report":[{"mac":"x")"));
     EXPECT_TRUE(has_logged("[INFO] (arvok) dropped 1 own msgs\n"));
 }
 
