@@ -15,7 +15,7 @@ void deadline::arm(int ms) {
     ms_ = ms;
     asked_ = stream_.written();
     taken_ = stream_.delivered();
-    was_behind_ = false;
+    was_behind_ = stream_.unsent() > 0;
     in_time_.reset();
     timer_.arm(ms);
 }
@@ -31,7 +31,7 @@ void deadline::look() {
     if (!is_read && !stream_.is_held())
         return timer_.arm(reading_ms);
     const std::uint64_t delivered = stream_.delivered();
-    const bool is_behind = delivered < asked_;
+    const bool is_behind = delivered <= asked_;
     if (delivered == taken_ || (is_read && !is_behind && !was_behind_))
         return missed_();
     if (is_read)

@@ -4,9 +4,10 @@
 /// The loop runs overdue timers before it reads sockets: behind a call that blocked, the time is over while
 /// the answer lies there. And a peer that still reads what was written before cannot answer yet, nor is its
 /// answer read while the stream is held. So the time counts only when everything that had come in when it was
-/// over has been read, which nothing that comes later puts off. It begins again as long as the peer takes
-/// what lies before what it is to answer. A peer that takes nothing for that time has missed it. While the
-/// stream's owner holds it, nobody has.
+/// over has been read, which nothing that comes later puts off. It begins again when it is over and the peer
+/// was behind when it began, with something unsent before what it is to answer, or still is, and has taken
+/// something meanwhile. A peer that takes nothing for that time has missed it. While the stream's owner holds
+/// it, nobody has.
 
 #include <cstdint>
 #include <optional>
@@ -21,7 +22,7 @@ class deadline {
     /// The stream is borrowed.
     deadline(stream &from, callback<void()> missed);
 
-    /// What has just been written must be answered within `ms` milliseconds. What was due before is not.
+    /// What is written next must be answered within `ms` milliseconds. What was due before is not.
     void arm(int ms);
     /// The answer has come, or the connection has ended.
     void cancel() { timer_.cancel(); }
@@ -35,9 +36,9 @@ class deadline {
     callback<void()> missed_;
     timer timer_;
     int ms_ = 0;
-    std::uint64_t asked_ = 0;               ///< where in the output ends what is to be answered
+    std::uint64_t asked_ = 0;               ///< where in the output what is to be answered begins
     std::uint64_t taken_ = 0;               ///< what of the output the peer had taken at the last look
-    bool was_behind_ = false;               ///< at the last look that was less than `asked_`
+    bool was_behind_ = false;               ///< then, or when it was armed, it had not all before that
     std::optional<std::uint64_t> in_time_;  ///< where in the input ends what came in time
 };
 

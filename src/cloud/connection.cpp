@@ -95,10 +95,10 @@ void connection::ask(json::value message) {
 void connection::send(json::value message) {
     if (!is_open())
         return;
-    write(std::move(message));
-    // Also when it could not be written: without its acknowledgement the connection has to start over.
+    // Also when it cannot be written: without its acknowledgement the connection has to start over.
     heartbeat_.cancel();
     acknowledgement_.arm(acknowledgement_ms);
+    write(std::move(message));
 }
 
 void connection::write(json::value message) {

@@ -237,8 +237,12 @@ bool connection::transmit(json::value body, bool quiet) {
 }
 
 void connection::send(message what) {
-    if (stream_.is_open() && transmit(what.body.take(), what.quiet) && what.ack_timeout_ms > 0)
+    if (!stream_.is_open())
+        return;
+    // Also when it cannot be written: the negotiation goes on with its acknowledgement only.
+    if (what.ack_timeout_ms > 0)
         ack_.arm(what.ack_timeout_ms);
+    transmit(what.body.take(), what.quiet);
 }
 
 void connection::send(json::value body) {
@@ -262,8 +266,8 @@ void connection::send_keepalive() {
     keepalive_sequence_ = sequence_;
     message keepalive = new_message("keepalive");
     keepalive.quiet = true;
-    send(std::move(keepalive));
     keepalive_ack_.arm(keepalive_ack_ms);
+    send(std::move(keepalive));
 }
 
 bool connection::is_keepalive_ack(json::view message) const {

@@ -89,6 +89,20 @@ TEST_F(Greedy, ItMayReadSlowly) {
     pump([] { return is_armed(5000); });
 }
 
+// One that has taken what lay before the keepalive just before the time is over has all of it to answer.
+TEST_F(Greedy, TheTimeBeginsWhenItHasCaughtUp) {
+    connect();
+    negotiate();
+    ask();
+    send_keepalive();
+    receive_answers(requests + 1, R"({"type":"keepalive","sequence":3,"mac":"021122334455"})");
+    turn();
+    fire(20000);
+    ASSERT_TRUE(is_armed(20000));
+    fire(20000);
+    EXPECT_TRUE(has_logged("[ERROR] (arvok) wait keepalive ack timeout\n"));
+}
+
 TEST_F(Greedy, ButItHasToRead) {
     connect();
     negotiate();
