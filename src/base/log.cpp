@@ -30,22 +30,27 @@ void write_to_standard_error(const char *format, ...) {
     va_end(args);
 }
 
-bool is_control(char c) {
-    return static_cast<unsigned char>(c) < ' ' || c == '\x7f';
+// How many bytes there are a control character: one, two of U+0080 to U+009F in UTF-8, 0: it is none.
+std::size_t control_size(const char *at, const char *end) {
+    if (static_cast<unsigned char>(*at) < ' ' || *at == '\x7f')
+        return 1;
+    return *at == '\xc2' && end - at > 1 && (at[1] & 0xe0) == 0x80 ? 2 : 0;
 }
 
-// The first control character. Eight at a time are seen to be none: what is below a blank borrows, a delete
-// carries, both into the top bit, which is set beyond ASCII anyway.
+// The first control character. Eight bytes at a time are seen to be none: what is below a blank borrows, a
+// delete carries, both into the top bit, which is set beyond ASCII anyway.
 const char *find_control(const char *at, const char *end) {
     constexpr std::uint64_t ones = 0x0101010101010101;
     for (std::uint64_t word; end - at >= static_cast<std::ptrdiff_t>(sizeof word); at += sizeof word) {
         std::memcpy(&word, at, sizeof word);
         if (((word - ones * ' ') | (word + ones) | word) & ones * 0x80)
-            if (const char *const found = std::find_if(at, at + sizeof word, is_control);
-                found != at + sizeof word)
-                return found;
+            for (const char *one = at; one != at + sizeof word; one++)
+                if (control_size(one, end) > 0)
+                    return one;
     }
-    return std::find_if(at, end, is_control);
+    while (at != end && control_size(at, end) == 0)
+        at++;
+    return at;
 }
 
 // A line in the making.
@@ -63,18 +68,18 @@ class line {
         append(text);
     }
 
-    // With every control character so that it is seen.
+    // With every byte of a control character so that it is seen.
     void add_visible(std::string_view text) {
         const char *at = text.data();
         const char *const end = at + text.size();
         while (at != end) {
             const char *const control = find_control(at, end);
             add({at, control});
-            if (control == end)
-                break;
-            const char shown[] = {'\\', 'x', hex_digit(*control >> 4), hex_digit(*control)};
-            add({shown, sizeof shown});
-            at = control + 1;
+            at = control;
+            for (std::size_t bytes = at == end ? 0 : control_size(at, end); bytes > 0; bytes--, at++) {
+                const char shown[] = {'\\', 'x', hex_digit(*at >> 4), hex_digit(*at)};
+                add({shown, sizeof shown});
+            }
         }
     }
 

@@ -228,6 +228,9 @@ TEST(Log, NobodyElseMakesLines) {
     EXPECT_EQ(logged("<- %s (%d)\n", "a\n[ERROR] b\r\t\x1b[2J\x7f\\"),
               "<- a\\x0a[ERROR] b\\x0d\\x09\\x1b[2J\\x7f\\ (7)\n");
     EXPECT_EQ(logged("%s\n", "é€😀\n\n"), "é€😀\\x0a\\x0a\n");
+    EXPECT_EQ(logged("%s\n", "\xc2\x80 1;\xc2\x9bm \xc2\x9f\xc2"),
+              "\\xc2\\x80 1;\\xc2\\x9bm \\xc2\\x9f\xc2\n");
+    EXPECT_EQ(logged("%s\n", "\xc2\xa0\xc3\x9b\xc2\x1f"), "\xc2\xa0\xc3\x9b\xc2\\x1f\n");
     EXPECT_EQ(logged("no end %s", "\n"), "no end \\x0a");
     EXPECT_EQ(logged("\n", ""), "\n");
     EXPECT_EQ(logged("%s %d %%", "a%s"), "a%s 7 %");
