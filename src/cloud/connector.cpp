@@ -95,6 +95,7 @@ void connector::resolved(resolution outcome) {
 
 void connector::connect() {
     const server &to = known_.current;
+    connected_ = link_.at() == stage::bootstrap ? settings_.bootstrap : settings_.business[server_index_];
     log_printf("[INFO] (cloud) connect %s \"%s:%s\"\n", link_.at() == stage::bootstrap ? "bss" : "abi",
                to.host.c_str(), to.port.c_str());
     errno = EINVAL;
@@ -107,7 +108,6 @@ void connector::connect() {
     }
     reconnection_.cancel();  // the WAN may have armed it while the name was looked up
     notice_dead_peer(fd);
-    connected_ = link_.at() == stage::bootstrap ? settings_.bootstrap : settings_.business[server_index_];
     link_.open(fd);
     opened_();
 }

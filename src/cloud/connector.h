@@ -79,7 +79,7 @@ class connector {
     resolution known_;
     bool resolving_ = false;
     std::size_t server_index_ = 0;  ///< business server in use
-    server connected_;              ///< the server last connected to, by its name
+    server connected_;              ///< the server of the last attempt, by its name
     int retries_ = 0;               ///< failures in a row at the current server
     int rounds_ = 0;                ///< through all business servers
     std::string trouble_;

@@ -176,6 +176,7 @@ TEST_F(Cloud, WhatTheNetworkOrTheLoopDoesNotTakeIsRetried) {
     make_client().start();
     expect_log("[ERROR] (cloud) create socket failed: Network is unreachable\n[INFO] (cloud) retry count 1 ");
     EXPECT_TRUE(client_->status_words().starts_with("未激活，创建套接字失败，等待"));
+    EXPECT_EQ(client_->server_text(), "172.32.0.1:8088");
 
     // A full task pipe loses neither the end of a look-up nor the connection's timers.
     connect_fully();
