@@ -103,11 +103,12 @@ void apply_test_mode(options &chosen, const std::string &marker) {
     const file_content content = read_file(marker, marker_max);
     const auto *text = std::get_if<std::string>(&content);
     std::string_view address = text ? std::string_view(*text) : std::string_view();
+    address = until_zero(address);
     if (address.ends_with('\n'))
         address.remove_suffix(1);
     if (address.empty())
         return;
-    chosen.gateway_address = cut(until_zero(address), gateway_address_max);
+    chosen.gateway_address = cut(address, gateway_address_max);
 }
 
 }  // namespace arvok

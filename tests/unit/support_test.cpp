@@ -8,6 +8,7 @@
 #include <sys/sysinfo.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
@@ -309,29 +310,34 @@ TEST_F(Files, AreReadAndReplacedWhole) {
 }
 
 TEST(Commands, TellOneLineAndAreNotWaitedForLonger) {
+    // Its seconds tell a program of this process from those of others.
+    const std::string sleep = "sleep 31." + std::to_string(getpid());
     const struct {
-        const char *command;
+        std::string command;
         std::optional<std::string> told;
         double longest_s;
     } cases[] = {
         {"printf abcdef; exit 3", "abcd", 1.9},
         {"exit 3", "", 1.9},
-        {"printf a; sleep 0.3; echo b; sleep 31.25", "ab\n", 1.9},
+        {"printf a; sleep 0.3; echo b; " + sleep, "ab\n", 1.9},
         {"echo a; echo b", "a\n", 1.9},
-        {"printf a; trap '' TERM; sleep 31.25 & sleep 31.25", "a", 20},
-        {"exec >&-; sleep 31.25", "", 1.9},
+        {"printf a; trap '' TERM; " + sleep + " & " + sleep, "a", 20},
+        {"exec >&-; " + sleep, "", 1.9},
     };
     for (const auto &c : cases) {
-        const auto began = std::chrono::steady_clock::now();
-        EXPECT_EQ(command_output(c.command, 4), c.told) << c.command;
-        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
-        EXPECT_LT(took.count(), c.longest_s) << c.command;
+        double shortest_s = 60;
+        for (int tries = 0; tries < 5 && shortest_s > c.longest_s; tries++) {  // the machine may be busy
+            const auto began = std::chrono::steady_clock::now();
+            EXPECT_EQ(command_output(c.command.c_str(), 4), c.told) << c.command;
+            const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
+            shortest_s = std::min(shortest_s, took.count());
+        }
+        EXPECT_LT(shortest_s, c.longest_s) << c.command;
     }
     // What was killed may take a moment to be gone.
-    EXPECT_EQ(
-        std::system(
-            "for i in $(seq 50); do pgrep -f ^sleep.31.25 >/dev/null || exit 0; sleep 0.1; done; exit 1"),
-        0);
+    const std::string wait =
+        "for i in $(seq 50); do pgrep -f '^" + sleep + "$' >/dev/null || exit 0; sleep 0.1; done; exit 1";
+    EXPECT_EQ(std::system(wait.c_str()), 0);
 }
 
 TEST_F(Files, AControlFileTellsTheFirstOfAName) {
@@ -416,9 +422,15 @@ TEST_F(Files, TheTestModePinsTheGatewayOverWhatOptionsSay) {
     EXPECT_EQ(chosen.bss->host + " " + chosen.bss->port, "bss.example 8088");
     EXPECT_EQ(chosen.local_port, "0000001");  // its first seven
     const std::string whole = "192.168.8.1", longest(31, 'x'), option = "10.0.0.2";
-    const std::pair<std::string, std::string> markers[] = {
-        {whole, whole},           {whole + "\n", whole}, {whole + "\r\n", whole + "\r"},
-        {longest + "x", longest}, {"\n", option},        {"", option}};
+    const std::pair<std::string, std::string> markers[] = {{whole, whole},
+                                                           {whole + "\n", whole},
+                                                           {whole + "\r\n", whole + "\r"},
+                                                           {longest + "x", longest},
+                                                           {"\n", option},
+                                                           {"", option},
+                                                           {whole + '\0', whole},
+                                                           {std::string(4, '\0'), option},
+                                                           {std::string("\n\0x", 3), option}};
     for (const auto &[marker, address] : markers) {
         save_file(path_, marker);
         options pinned;
