@@ -19,9 +19,10 @@ namespace {
 
 constexpr std::size_t short_text_max = 15;  // bytes kept of an ordered version and upgrade
 constexpr std::size_t url_max = 255;
-constexpr std::size_t reason_max = 4095;  // of a failure, in the app manager's words: results are kept
-constexpr std::size_t kept_max = 16;      // results; more apps than a device has room for
-constexpr int tellings_max = 2;           // of a result: there are platforms that acknowledge none
+constexpr std::size_t reason_max = 4095;   // of a failure, in the app manager's words: results are kept
+constexpr std::size_t kept_max = 16;       // results; more apps than a device has room for
+constexpr std::size_t under_way_max = 16;  // installations: there are app managers that never end one
+constexpr int tellings_max = 2;            // of a result: there are platforms that acknowledge none
 
 using app_list = platform::record_list<qzcap_app, &qzcap_free_applist>;
 
@@ -91,6 +92,8 @@ void plugins::install(json::view request) {
         result.fail("json format invalid");
     } else if (app_name = app_of_plugin(*id, cache_.vendor()); !app_name) {
         result.fail("invalid Plugin_Name");
+    } else if (under_way_.size() >= under_way_max) {
+        result.fail("too many");
     } else {
         auto ordered = std::make_unique<installation>(installation{
             this, std::string(*id), std::move(*app_name), std::string(cut(*version, short_text_max)),

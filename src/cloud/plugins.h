@@ -27,7 +27,7 @@ class plugins {
     plugins &operator=(const plugins &) = delete;
 
     /// Starts an installation. The platform hears of its end by an "InstallNotification", unless the device's
-    /// platform library never tells how it ended.
+    /// platform library never tells how it ended. No more than 16 are under way.
     void install(json::view request);
     /// Does that with the installed app that the request names.
     void act(json::view request, app_action action);

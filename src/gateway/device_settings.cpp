@@ -1,6 +1,8 @@
 // Settings of the device itself: its software, roaming, access list, part in the mesh and television ports.
 
 #include <algorithm>
+#include <memory>
+#include <utility>
 
 #include "base/bus_message.h"
 #include "base/hex.h"
@@ -13,6 +15,7 @@ namespace arvok::gateway {
 namespace {
 
 constexpr char own_package[] = "arvokclt";
+constexpr unsigned upgrades_max = 16;  // there are app managers that never end one
 constexpr std::size_t blacklist_max = 64;
 constexpr int vlan_max = 4094;
 constexpr std::size_t ports_max = 32;
@@ -29,9 +32,23 @@ struct software {
     std::string_view chksum;
 };
 
+// One more that the app manager has under way; its callback owns it.
+class counted_upgrade {
+  public:
+    explicit counted_upgrade(std::shared_ptr<unsigned> count) : count_(std::move(count)) { ++*count_; }
+    ~counted_upgrade() { --*count_; }
+    counted_upgrade(const counted_upgrade &) = delete;
+    counted_upgrade &operator=(const counted_upgrade &) = delete;
+
+  private:
+    const std::shared_ptr<unsigned> count_;
+};
+
 // The gateway was answered when the installation began; how it ended is for the log. An app is left stopped
 // by its installation. Starting the agent's may end this process: nothing is left to do behind it.
-void client_installed(ubus_request *, blob_attr *message) {
+void client_installed(ubus_request *request, blob_attr *message) {
+    const std::unique_ptr<counted_upgrade> ended(request ? static_cast<counted_upgrade *>(request->priv)
+                                                         : nullptr);
     const json::document outcome = json::parse(json_of(message).value_or(""));
     const std::string_view name = outcome["name"].text().value_or("");
     ubus_context *const bus = qzcap_get_ubus_context();
@@ -186,9 +203,15 @@ void set_upgrade(request &r, json::view value) {
 void set_upgrade_client(request &r, json::view value) {
     request_members members(r, value);
     const software package(members);
-    if (members.ok() && platform::call(qzcap_install_app, qzcap_get_ubus_context(), package.url.data(),
-                                       client_installed, nullptr) < 0)
-        r.fail(platform_failed, "qzcap_install_app failed");
+    if (!members.ok())
+        return;
+    if (*r.services.upgrades >= upgrades_max)
+        return r.fail(platform_failed, "too many");
+    auto begun = std::make_unique<counted_upgrade>(r.services.upgrades);
+    if (platform::call(qzcap_install_app, qzcap_get_ubus_context(), package.url.data(), client_installed,
+                       begun.get()) < 0)
+        return r.fail(platform_failed, "qzcap_install_app failed");
+    static_cast<void>(begun.release());  // client_installed's from here on
 }
 
 void set_ctrlcommand(request &r, json::view value) {

@@ -4,6 +4,7 @@
 
 #include <cstdarg>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -44,6 +45,9 @@ struct request_services {
     gateway::beacons &beacons;
     bus_bridge &bridge;
     rssi_queries &queries;
+    /// Installations of the agent's own package that the app manager has under way; those of an earlier link
+    /// may end later.
+    std::shared_ptr<unsigned> upgrades = std::make_shared<unsigned>(0);
 };
 
 class request {

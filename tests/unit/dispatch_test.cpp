@@ -82,6 +82,33 @@ TEST_F(Link, NegotiationRegistersAndStartsTheKeepalives) {
     expect_log("<-");
 }
 
+TEST_F(Link, InstallationsThatDoNotEndAreBounded) {
+    const auto upgrade = [this](const std::string &url) {
+        const json::value reply = through_cloud(R"({"type":"cfg","set":{"upgrade_client":{"downurl":")" +
+                                                url + R"(","fileSize":1,"chksum":""}}})");
+        const json::document said = json::parse(reply.text());
+        return std::string(said["errmsg"].text().value_or(""));
+    };
+    agent_->set_sync(true);
+    ubus_request ended{};
+    for (int round = 0; round < 2; round++) {
+        while (around.installations.size() < 16) {
+            EXPECT_EQ(upgrade(""), "qzcap_install_app failed");  // which does not count
+            ASSERT_EQ(upgrade("u"), "");
+        }
+        EXPECT_EQ(upgrade("u"), "too many");
+        EXPECT_EQ(around.installations.size(), 16u);
+        ended.priv = around.installations.back();
+        around.installations.pop_back();
+        around.installed(&ended, nullptr);
+    }
+    agent_.reset();
+    for (void *each : around.installations) {
+        ended.priv = each;
+        around.installed(&ended, nullptr);
+    }
+}
+
 TEST_F(Link, ASecondNegotiationForgetsTheKey) {
     connect();
     negotiate();

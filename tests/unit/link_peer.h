@@ -32,6 +32,8 @@ inline struct surroundings {
     std::string elements;           ///< what was done to them, each as "ACTION INDEX "
     std::string looked_up;          ///< bus objects, each with a blank behind
     bool ends_at_lookup = false;
+    std::vector<void *> installations;  ///< what their callback is to be given
+    qzcap_install_handler_t installed = nullptr;
 } around;
 
 inline std::string be32(std::uint32_t n) {

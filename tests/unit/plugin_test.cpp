@@ -128,10 +128,19 @@ class Installations : public Cloud {
 TEST_F(Installations, TheLastAreToldWhenThereIsAConnectionAgain) {
     constexpr int most = 16;
     connect_fully();
-    for (int number = 0; number <= most; number++)
+    for (int number = 0; number < most; number++)
         install(number);
+    // A request leaves no trace here nor with the app manager while so many have not ended.
+    ending.priv = nullptr;
+    install(most);
+    EXPECT_EQ(under_way_.back(), nullptr);
+    under_way_.pop_back();
+    EXPECT_TRUE(contains(log(), R"("Result":-1,"FailReason":"too many"})"));
+    end(0);
+    EXPECT_EQ(take_result(), 0);
+    install(most);
     end_connection();
-    for (int number = 0; number <= most; number++)
+    for (int number = 1; number <= most; number++)
         end(number);
     come_back();
     for (int number = 1; number <= most; number++)  // the first had no room
