@@ -120,6 +120,17 @@ class Changes(EventCase):
     def test_subscribed_to_some(self):
         self.run_changes(["offline", "vsie"])
 
+    def test_name_servers_are_those_of_now(self):
+        self.link()
+        self.sent()
+        servers = ["100.64.0.%d" % n for n in range(60, 65)]
+        for server in servers:  # no message of the gateway in between makes the agent forget what it knows
+            self.patch({"waninfo": {"dns1": server}})
+            self.notify(WAN, "x", {"server": server})
+        told = lambda: [m["status"] for m in self.received("wan_report") if "server" in m["status"]]
+        wait_until(lambda: len(told()) == len(servers), "the reports")
+        self.assertEqual([(s["server"], s["dns"][0]) for s in told()], [(s, s) for s in servers])
+
     def test_first_seen_stays(self):
         self.link()
         self.cfg(eventsub=["online"])

@@ -140,7 +140,7 @@ class Probe(LinkedCase):
         self.assertEqual((status, shown["usable"]), (1, False))
         self.assertEqual(shown["calls"]["qzcap_get_devinfo"]["errors"][1],
                          "failed: without this record the agent does not begin")
-        self.assertRegex(remarks[0], r"^error: qzcap_get_devinfo: took 5\d\d\d ms: the gateway gives up")
+        self.assertRegex(remarks[0], r"^error: qzcap_get_devinfo: took [5-9]\d{3} ms: the gateway gives up")
         self.assertIn("qzcap_mesh_topo", shown["calls"])
 
     def test_options(self):

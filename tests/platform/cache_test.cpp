@@ -117,6 +117,22 @@ TEST_F(Cache, TheDeviceRecordDecidesModeAndBands) {
     EXPECT_TRUE(cache_.access_points(bands[1]).empty());
 }
 
+TEST_F(Cache, ARadioThatComesBackIsNotToldFromWhatItWas) {
+    const auto support_5g = [this](const char *word) {
+        patch(R"({"devinfo":{"support_5g":")" + std::string(word) + "\"}}");
+        cache_.expire();
+        return cache_.refresh_device();
+    };
+    ASSERT_TRUE(cache_.refresh_device() && cache_.refresh_radios() && cache_.refresh_access_points());
+    ASSERT_TRUE(cache_.radio(bands[1]) && !cache_.access_points(bands[1]).empty());
+    ASSERT_TRUE(support_5g("no"));
+    patch(R"({"wifiinfo":{"5G":null},"wifi_ap":{"5G":null}})");
+    ASSERT_TRUE(support_5g("yes"));
+    refresh({&cache::refresh_radios, &cache::refresh_access_points}, false);
+    EXPECT_EQ(cache_.radio(bands[1]), nullptr);
+    EXPECT_TRUE(cache_.access_points(bands[1]).empty());
+}
+
 TEST_F(Cache, AFailedFetchKeepsWhatThereWasAndStaysExpired) {
     const auto all = {&cache::refresh_device, &cache::refresh_wan, &cache::refresh_radios,
                       &cache::refresh_access_points, &cache::refresh_diagnostics};
