@@ -34,7 +34,7 @@ THREAD_TESTS = task_queue_test cloud_test
 BUS_TESTS   = ^(bus_test$$|agent\.|faults\.)
 BUS_TARGETS = desk bus_test bus_object trace_calls fail_calls lab_timers
 
-.PHONY: all run test check-plain check-sanitized sanitized check-thread arm check-system system bundled \
+.PHONY: all run picture test check-plain check-sanitized sanitized check-thread arm check-system system bundled \
 	check-own-bus check-bundled-on-theirs check-theirs-on-bundled arm-boot check-format format lint bench soak fuzz mutants clean
 
 # configure FOLDER OPTION...: shows what CMake has to say only when it fails.
@@ -52,6 +52,13 @@ all:
 run:
 	+@$(build) TARGETS=desk
 	@ARVOK_BIN=$(abspath $(BUILD))/bin lab/home -- lab/tour
+
+# The picture of a session that README shows, made anew from a tour now, and the whole tour as a page.
+picture:
+	+@$(build) TARGETS=desk
+	ARVOK_BIN=$(abspath $(BUILD))/bin lab/home --capture $(BUILD)/tour.pcap -- lab/tour </dev/null | tail -n 1
+	lab/ladder --seconds 10 --title 'The first ten seconds of the tour' -o docs/session.svg $(BUILD)/tour.pcap
+	lab/ladder --title 'The tour' -o $(BUILD)/tour.html $(BUILD)/tour.pcap
 
 # Formatting, static analysis, every test and the tour, then tests and tour again under the sanitizers, and the tests of
 # threads under theirs. Most tests wait for timers of the agent, so what computes runs beside them.
