@@ -120,6 +120,7 @@ class value {
   private:
     friend class writer;
     friend value text(std::string_view characters);
+    friend value base64_text(std::string_view bytes);
     friend value number(double n);
     friend value copy(view of);
     explicit value(std::string text) : text_(std::move(text)), too_long_(text_.size() > text_max) {
@@ -132,6 +133,8 @@ class value {
 };
 
 value text(std::string_view characters);
+/// The text that stands for the bytes.
+value base64_text(std::string_view bytes);
 /// A whole number is written with all its digits up to 2^53.
 value number(double n);
 /// A value that came in, as it is; none for nothing.

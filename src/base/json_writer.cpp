@@ -5,6 +5,7 @@
 #include <charconv>
 #include <utility>
 
+#include "base/crypto.h"
 #include "base/hex.h"
 #include "base/json.h"
 
@@ -75,6 +76,15 @@ void append_number(std::string &out, double n) {
 value text(std::string_view characters) {
     std::string quoted;
     append_quoted(quoted, characters);
+    return value(std::move(quoted));
+}
+
+value base64_text(std::string_view bytes) {
+    std::string quoted;
+    quoted.reserve((bytes.size() + 2) / 3 * 4 + 3);
+    quoted += '"';
+    append_base64(quoted, bytes);
+    quoted += '"';
     return value(std::move(quoted));
 }
 

@@ -45,9 +45,8 @@ std::string link_answer(json::value reply) {
 json::value app_reply(json::view request, outcome result, std::optional<std::string> answer) {
     json::value text;
     if (answer) {
-        const std::string encoded = base64_encode(*answer);
+        text = json::base64_text(*answer);
         answer.reset();
-        text = json::text(encoded);
         if (text)
             result.code = 0;
         else

@@ -109,10 +109,7 @@ void connection::write(json::value message) {
     if (is_logged(message.text()))
         log_printf("[INFO] (cloud) -> %s (%d)\n", message.text().c_str(),
                    static_cast<int>(message.text().size()));
-    const std::string frame = encode_frame(stage_, keys_, message.take());
-    if (!frame.empty())
-        stream_.write(frame);
-    memory_.sent(frame.size());
+    memory_.sent(write_frame(stage_, keys_, message.take(), bind<&stream::write>(stream_)));
 }
 
 // --- receiving ---

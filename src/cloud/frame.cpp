@@ -1,5 +1,6 @@
 #include "cloud/frame.h"
 
+#include <algorithm>
 #include <cstdint>
 
 #include "base/log.h"
@@ -10,6 +11,7 @@ namespace {
 
 constexpr std::string_view magic = "QZSGWMP2";
 constexpr std::string_view frame_end = "\r\n";
+constexpr std::size_t piece_max = std::size_t{48} * 1024;  // bytes, in threes, that are written at once
 
 std::uint32_t word_at(std::string_view bytes, std::size_t at) {
     std::uint32_t word = 0;
@@ -48,18 +50,21 @@ bool decrypt(stage at, key_ring &keys, std::string &data) {
 
 }  // namespace
 
-std::string encode_frame(stage at, key_ring &keys, std::string text) {
+std::size_t write_frame(stage at, key_ring &keys, std::string text, callback<void(std::string_view)> write) {
     if (!encrypt(at, keys, text) || text.empty())
-        return {};
+        return 0;
     const std::size_t length = (text.size() + 2) / 3 * 4 + frame_end.size();
-    std::string frame;
-    frame.reserve(frame_header_size + length);
-    frame += magic;
+    std::string piece(magic);
     for (const int shift : {24, 16, 8, 0})
-        frame += static_cast<char>(length >> shift);
-    append_base64(frame, text);
-    frame += frame_end;
-    return frame;
+        piece += static_cast<char>(length >> shift);
+    for (std::string_view rest = text; !rest.empty(); piece.clear()) {
+        append_base64(piece, rest.substr(0, piece_max));
+        rest.remove_prefix(std::min(piece_max, rest.size()));
+        if (rest.empty())
+            piece += frame_end;
+        write(piece);
+    }
+    return frame_header_size + length;
 }
 
 std::optional<std::size_t> body_length(std::string_view header) {

@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/callback.h"
 #include "base/crypto.h"
 
 namespace arvok::cloud {
@@ -31,9 +32,10 @@ struct key_ring {
 
 constexpr std::size_t frame_header_size = 12;
 
-/// The whole frame of a text. Empty, after a log line where there is something to say, when it cannot be
-/// built. The length limit binds the receiver only.
-std::string encode_frame(stage at, key_ring &keys, std::string text);
+/// Writes the frame of a text, a long one in pieces: it is never there as a whole. Returns its size; 0, after
+/// a log line where there is something to say, when it cannot be built. The length limit binds the receiver
+/// only.
+std::size_t write_frame(stage at, key_ring &keys, std::string text, callback<void(std::string_view)> write);
 
 /// The body length that a header tells; nothing after the log lines that say why not.
 std::optional<std::size_t> body_length(std::string_view header);

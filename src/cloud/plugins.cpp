@@ -197,9 +197,10 @@ void plugins::acknowledged(json::view message) {
 void plugins::notify(std::string message) {
     if (!link_.expects(message.empty() ? json::text_max + 1 : message.size() / 3 * 4))
         return;
-    message = base64_encode(message);
     json::object told = notification("PluginNotification", random_uuid());
-    told.text("Plugin_Name", self_plugin_name).text("Version", product_version).text("Message", message);
+    told.text("Plugin_Name", self_plugin_name)
+        .text("Version", product_version)
+        .add("Message", json::base64_text(message));
     std::string().swap(message);
     link_.tell(told.take());
 }

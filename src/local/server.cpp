@@ -113,7 +113,7 @@ json::value post1(json::view request, std::string_view own_mac) {
             .text("LOID", "")
             .text("DevType", device_type)
             .text("Version", protocol_version);
-    return json::text(base64_encode(answer.take().text()));
+    return json::base64_text(answer.take().text());
 }
 
 // What a message is answered with; nothing, after log lines, when it is no request.
