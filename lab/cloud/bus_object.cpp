@@ -22,8 +22,10 @@ constexpr blobmsg_policy send_options[] = {
     {"split", BLOBMSG_TYPE_INT32},   {"interval", BLOBMSG_TYPE_INT32},        {"repeat", BLOBMSG_TYPE_INT32},
     {"encrypt", BLOBMSG_TYPE_BOOL}};
 constexpr blobmsg_policy forget_arguments[] = {{"mac", BLOBMSG_TYPE_STRING}};
-constexpr blobmsg_policy set_arguments[] = {{"business", BLOBMSG_TYPE_ARRAY},
-                                            {"acknowledge", BLOBMSG_TYPE_ARRAY}};
+constexpr blobmsg_policy statistics_arguments[] = {{"segments", BLOBMSG_TYPE_BOOL}};
+constexpr blobmsg_policy turn_arguments[] = {{"server", BLOBMSG_TYPE_STRING}, {"on", BLOBMSG_TYPE_BOOL}};
+constexpr blobmsg_policy set_arguments[] = {
+    {"business", BLOBMSG_TYPE_ARRAY}, {"spread", BLOBMSG_TYPE_BOOL}, {"acknowledge", BLOBMSG_TYPE_ARRAY}};
 constexpr blobmsg_policy misbehave_arguments[] = {
     {"fault", BLOBMSG_TYPE_STRING}, {"server", BLOBMSG_TYPE_STRING}, {"on", BLOBMSG_TYPE_STRING},
     {"times", BLOBMSG_TYPE_INT32},  {"length", BLOBMSG_TYPE_INT32},  {"delay", BLOBMSG_TYPE_INT32},
@@ -90,6 +92,8 @@ const ubus_method BusObject::methods[] = {
     row<BusObject, &BusObject::messages>("messages", messages_arguments),
     row<BusObject, &BusObject::peer>("peer"),
     row<BusObject, &BusObject::devices>("devices"),
+    row<BusObject, &BusObject::statistics>("statistics", statistics_arguments),
+    row<BusObject, &BusObject::turn>("turn", turn_arguments),
     row<BusObject, &BusObject::forget>("forget", forget_arguments),
     row<BusObject, &BusObject::set>("set", set_arguments),
     row<BusObject, &BusObject::misbehave>("misbehave", misbehave_arguments),
@@ -174,6 +178,28 @@ int BusObject::devices(ubus_request_data *request, const cJSON *arguments) {
     return reply(request, cloud_.devices().get());
 }
 
+int BusObject::statistics(ubus_request_data *request, const cJSON *arguments) {
+    bool segments = false;
+    if (const char *name = unknown_member(arguments, statistics_arguments))
+        return invalid(std::string("statistics: unknown argument \"") + name + "\"");
+    if (!read_bool(arguments, "segments", segments))
+        return invalid("statistics: \"segments\" is true or false");
+    return reply(request, cloud_.statistics(segments).get());
+}
+
+int BusObject::turn(ubus_request_data *, const cJSON *arguments) {
+    std::string server;
+    bool on = true;
+    if (const char *name = unknown_member(arguments, turn_arguments))
+        return invalid(std::string("turn: unknown argument \"") + name + "\"");
+    if (!read_text(arguments, "server", server) || !read_bool(arguments, "on", on) ||
+        !cJSON_GetObjectItemCaseSensitive(arguments, "on"))
+        return invalid("turn: \"server\" is a text, \"on\" true or false");
+    if (!server.empty() && !cloud_.has_server(server))
+        return invalid("turn: there is no such \"server\": " + server);
+    return cloud_.turn(server, on) ? UBUS_STATUS_OK : UBUS_STATUS_UNKNOWN_ERROR;
+}
+
 int BusObject::forget(ubus_request_data *, const cJSON *arguments) {
     std::string mac;
     if (const char *name = unknown_member(arguments, forget_arguments))
@@ -189,7 +215,7 @@ int BusObject::set(ubus_request_data *request, const cJSON *arguments) {
     if (!cloud_.change(arguments))
         return invalid(
             "set: \"business\" is a list of HOST:PORT and of objects, \"acknowledge\" of the notifications' "
-            "names");
+            "names, \"spread\" true or false");
     return reply(request, cloud_.settings().get());
 }
 

@@ -24,6 +24,8 @@ class BusObject : public PeerBus {
     int raw(ubus_request_data *request, const cJSON *arguments);
     int peer(ubus_request_data *request, const cJSON *arguments);
     int devices(ubus_request_data *request, const cJSON *arguments);
+    int statistics(ubus_request_data *request, const cJSON *arguments);
+    int turn(ubus_request_data *request, const cJSON *arguments);
     int forget(ubus_request_data *request, const cJSON *arguments);
     int set(ubus_request_data *request, const cJSON *arguments);
     int misbehave(ubus_request_data *request, const cJSON *arguments);

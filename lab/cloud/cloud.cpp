@@ -11,7 +11,7 @@
 namespace arvok::lab {
 namespace {
 
-constexpr std::size_t max_links = 64;
+constexpr std::size_t max_links = 100000;
 
 bool is_mac(const char *text) {
     return text && std::strlen(text) == 12 && std::all_of(text, text + 12, [](char digit) {
@@ -60,7 +60,7 @@ Cloud::~Cloud() = default;
 
 bool Cloud::update_listening() {
     for (const auto &server : servers_)
-        if (!server->listener.listen(!faults_.refusing(server->name()))) {
+        if (!server->listener.listen(server->on && !faults_.refusing(server->name()))) {
             failed_server_ = server->name();
             return false;
         }
@@ -68,9 +68,18 @@ bool Cloud::update_listening() {
 }
 
 bool Cloud::has_server(std::string_view name) const {
-    return std::any_of(servers_.begin(), servers_.end(), [name](const auto &server) {
-        return name == server->listener.address() || name == server->name();
-    });
+    return std::any_of(servers_.begin(), servers_.end(),
+                       [name](const auto &server) { return server->is(name); });
+}
+
+bool Cloud::turn(std::string_view server, bool on) {
+    for (const auto &each : servers_)
+        if (server.empty() || each->is(server))
+            each->on = on;
+    for (const auto &link : links_)
+        if (!link->server->on && link->connection->open())
+            end(*link, "the server was turned off");
+    return update_listening();
 }
 
 // The newest connection, or the newest of one device.
@@ -97,6 +106,7 @@ void Cloud::arrived(const Server &server, int descriptor, const sockaddr_in &rem
         return;
     }
     links_.push_back(std::move(link));
+    statistics_.accepted();
     traffic_.connection_event(entry.number, "connected", entry.address, "", {{"server", server.name()}});
     if (faults_.hang_up_due(server.name()))
         end(entry, "hung up on purpose");
@@ -176,6 +186,8 @@ void Cloud::handle(Link &link, const cJSON *message, Cipher cipher) {
     if (cipher == Cipher::rsa && !take_client_key(link, message))
         return protocol_error(link, std::string(name) + " without a CKey of 16 characters");
 
+    if (link.mac != mac)
+        registry_.ended(link.mac, link.number);
     link.mac = mac;
     link.state = method->state.value_or(link.state);
     device->connection = link.number;
@@ -204,47 +216,13 @@ void Cloud::acknowledge(Link &link, Device &device, const Method &method, const 
     if (!packed.message)
         return;
     const cJSON *result = cJSON_GetObjectItemCaseSensitive(packed.message.get(), "Result");
-    if (method.take_effect && cJSON_IsNumber(result) && result->valuedouble == 0)
+    const bool good = cJSON_IsNumber(result) && result->valuedouble == 0;
+    statistics_.answered(method.name, good);
+    if (method.take_effect && good)
         method.take_effect(link, device, packed.message.get());
     if (link.state == State::connected && method.cipher == Cipher::rsa)
         keys_.add(link.ends, "server-key", link.server_key);
     link.connection->send(std::move(packed.bytes), packed.pace);
-}
-
-json_ptr Cloud::describe() const {
-    json_ptr reply(cJSON_CreateObject());
-    cJSON *root = reply.get();
-    const Link *link = newest("", false);
-    const auto text = [root](const char *name, const std::string &value) {
-        cJSON_AddStringToObject(root, name, value.c_str());
-    };
-    const auto number = [root](const char *name, auto value) {
-        cJSON_AddNumberToObject(root, name, static_cast<double>(value));
-    };
-    cJSON_AddBoolToObject(root, "connected", link != nullptr);
-    text("state", link ? word_of(link->state) : "idle");
-    if (link) {
-        number("connection", link->number);
-        text("server", link->server->name());
-        text("address", link->address);
-        text("mac", link->mac);
-        text("client_key", link->client_key);
-        text("server_key", link->server_key);
-        number("heartbeats", link->heartbeats);
-        number("received", link->received);
-        number("sent", link->sent);
-    }
-    number("connections", accepted_);
-    cJSON *servers = cJSON_AddArrayToObject(root, "servers");
-    for (const auto &server : servers_) {
-        cJSON *entry = cJSON_CreateObject();
-        cJSON_AddStringToObject(entry, "server", server->name().c_str());
-        cJSON_AddStringToObject(entry, "role", server->role.c_str());
-        cJSON_AddBoolToObject(entry, "listening", server->listener.listening());
-        cJSON_AddItemToArray(servers, entry);
-    }
-    text("faults", faults_.describe());
-    return reply;
 }
 
 void Cloud::protocol_error(Link &link, const std::string &what) {
@@ -253,9 +231,10 @@ void Cloud::protocol_error(Link &link, const std::string &what) {
 
 void Cloud::end(Link &link, const std::string &why) {
     link.connection->close();
+    statistics_.ended(link.connection->segments());
     traffic_.connection_event(link.number, "disconnected", link.address, why,
                               {{"server", link.server->name()}});
-    registry_.ended(link.number);
+    registry_.ended(link.mac, link.number);
     on_ended(link.number);
     sweep_.set(0);
 }

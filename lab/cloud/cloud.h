@@ -31,6 +31,7 @@
 #include "listener.h"
 #include "loop.h"
 #include "registry.h"
+#include "statistics.h"
 #include "traffic.h"
 
 namespace arvok::lab {
@@ -49,7 +50,8 @@ struct CloudSettings {
 
 /// How a message is sent on somebody's behalf.
 struct SendOptions {
-    std::string mac;  ///< the device meant; empty: that of the newest connection
+    std::string
+        mac;  ///< the device meant; empty: that of the newest connection; "all": each that is connected
     Pace pace;
     int repeat = 1;               ///< copies in one write
     std::optional<bool> encrypt;  ///< nothing: as the device expects it at this moment
@@ -65,6 +67,10 @@ class Cloud {
     /// cannot be opened; `failed_server` names it then.
     bool update_listening();
     std::string failed_server() const { return failed_server_; }
+
+    /// Turns a server, or all when `server` is empty, on or off: one that is off has no connections and takes
+    /// none. False as above.
+    bool turn(std::string_view server, bool on);
 
     /// True when a server goes by this name: "ADDRESS" or "ADDRESS:PORT".
     bool has_server(std::string_view name) const;
@@ -87,6 +93,9 @@ class Cloud {
     /// What there is to say about the newest connection and the servers, and about the devices.
     json_ptr describe() const;
     json_ptr devices() const { return registry_.describe(); }
+    /// Numbers: what has passed, and how many connections are open, by state and by server.
+    /// On request also `segments`, which are asked of each connection.
+    json_ptr statistics(bool with_segments) const;
 
     /// Called with every reply of a device, and when a connection has ended.
     std::function<void(int connection, const cJSON *reply)> on_reply;
@@ -101,8 +110,10 @@ class Cloud {
     struct Server {
         std::string role;
         Listener listener;
+        bool on = true;
 
         std::string name() const { return listener.address() + ":" + listener.port(); }
+        bool is(std::string_view named) const { return named == listener.address() || named == name(); }
     };
 
     /// One connection and how far the device on it has come.
@@ -157,6 +168,7 @@ class Cloud {
     std::string frame_of(const Link &link, const cJSON *message, Cipher cipher, const Fault *fault);
     static Cipher cipher_towards(const Link &link);
     std::optional<int> send_on(Link *link, json_ptr message, const SendOptions &options);
+    std::optional<int> send_to_all(const cJSON *message, const SendOptions &options);
     void record(Direction direction, const Link &link, Cipher cipher, std::size_t length,
                 const cJSON *message);
     void protocol_error(Link &link, const std::string &what);
@@ -167,6 +179,7 @@ class Cloud {
     Faults &faults_;
     const KeyLog &keys_;
     Registry registry_;
+    Statistics statistics_;
     json_ptr settings_;
     std::vector<std::unique_ptr<Server>> servers_;  ///< the bootstrap server first
     std::string failed_server_;

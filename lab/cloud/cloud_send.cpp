@@ -117,7 +117,18 @@ std::optional<int> Cloud::send_on(Link *link, json_ptr message, const SendOption
     return link->number;
 }
 
+std::optional<int> Cloud::send_to_all(const cJSON *message, const SendOptions &options) {
+    std::optional<int> last;
+    for (const auto &link : links_)
+        if (link->connection->open() && link->state == State::connected)
+            if (const auto sent = send_on(link.get(), json_ptr(cJSON_Duplicate(message, 1)), options))
+                last = sent;
+    return last;
+}
+
 std::optional<int> Cloud::send(json_ptr message, const SendOptions &options) {
+    if (options.mac == "all")
+        return send_to_all(message.get(), options);
     return send_on(newest(options.mac, false), std::move(message), options);
 }
 
@@ -136,6 +147,10 @@ bool Cloud::send_raw(std::string bytes, const Pace &pace) {
 
 void Cloud::record(Direction direction, const Link &link, Cipher cipher, std::size_t length,
                    const cJSON *message) {
+    if (direction == Direction::rx)
+        statistics_.received(frame_header + length);
+    else
+        statistics_.sent(frame_header + length);
     const char *method = string_member(message, "RPCMethod");
     traffic_.message({direction,
                       link.number,

@@ -109,7 +109,14 @@ void Cloud::fill_boot(Link &, Device &device, const cJSON *message, cJSON *ack) 
     remember_facts(device, message);
     device.boots++;
     cJSON_AddNumberToObject(ack, "Result", 0);
-    cJSON_AddItemToObject(ack, "BizPlat", cJSON_DetachItemFromObject(settings().get(), "business"));
+    cJSON *named = cJSON_DetachItemFromObject(settings().get(), "business");
+    cJSON_AddItemToObject(ack, "BizPlat", named);
+    // Each device begins with the server behind that of the one that was new before it.
+    if (cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(settings_.get(), "spread")))
+        for (std::size_t turn =
+                 device.number % static_cast<std::size_t>(std::max(cJSON_GetArraySize(named), 1));
+             turn > 0; turn--)
+            cJSON_AddItemToArray(named, cJSON_DetachItemFromArray(named, 0));
 }
 
 void Cloud::fill_challenge(Link &, Device &, const cJSON *, cJSON *ack) {
@@ -171,6 +178,11 @@ bool Cloud::change(const cJSON *change) {
         if (!named)
             return false;
         take("business", std::move(named));
+    }
+    if (const cJSON *spread = cJSON_GetObjectItemCaseSensitive(change, "spread")) {
+        if (!cJSON_IsBool(spread))
+            return false;
+        take("spread", json_ptr(cJSON_Duplicate(spread, 1)));
     }
     if (const cJSON *acknowledge = cJSON_GetObjectItemCaseSensitive(change, "acknowledge")) {
         const cJSON *entry = nullptr;

@@ -7,7 +7,7 @@
 namespace arvok::lab {
 namespace {
 
-constexpr std::size_t most_devices = 1000;
+constexpr std::size_t most_devices = 100000;
 constexpr int most_facts = 64;
 
 // Members that say nothing about the device itself.
@@ -44,8 +44,10 @@ Device *Registry::device(const std::string &mac) {
         return known;
     if (devices_.size() >= most_devices)
         return nullptr;
+    const std::size_t known = devices_.size();
     Device &added = devices_[mac];
     added.mac = mac;
+    added.number = known;
     added.facts.reset(cJSON_CreateObject());
     return &added;
 }
@@ -62,12 +64,17 @@ bool Registry::forget(const std::string &mac) {
     return true;
 }
 
-void Registry::ended(int connection) {
-    for (auto &[mac, device] : devices_)
-        if (device.connection == connection) {
-            device.connection = 0;
-            device.connected = false;
-        }
+void Registry::ended(const std::string &mac, int connection) {
+    Device *device = find(mac);
+    if (!device || device->connection != connection)
+        return;
+    device->connection = 0;
+    device->connected = false;
+}
+
+std::size_t Registry::connected() const {
+    return static_cast<std::size_t>(std::count_if(devices_.begin(), devices_.end(),
+                                                  [](const auto &entry) { return entry.second.connected; }));
 }
 
 json_ptr Registry::describe() const {

@@ -12,6 +12,7 @@ namespace arvok::lab {
 
 struct Device {
     std::string mac;
+    std::size_t number = 0;         ///< how many were known before it
     std::string dev_id, dev_token;  ///< empty until it is activated
     std::string challenge;          ///< the code handed out last; used up by an Activate or Connect
     json_ptr facts;                 ///< what it last said of itself: the members of its messages as they are
@@ -32,8 +33,11 @@ class Registry {
     /// Forgets one device, or all when `mac` is empty; false when there is none such.
     bool forget(const std::string &mac);
 
-    /// A connection has ended.
-    void ended(int connection);
+    /// A connection has ended that was last the device's of this MAC.
+    void ended(const std::string &mac, int connection);
+
+    /// How many are connected.
+    std::size_t connected() const;
 
     /// All of them, as array "devices" of an object.
     json_ptr describe() const;

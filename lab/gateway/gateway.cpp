@@ -15,7 +15,7 @@
 namespace arvok::lab {
 namespace {
 
-constexpr std::size_t max_links = 64;
+constexpr std::size_t max_links = 100000;
 
 // The MAC of the interface that holds `address`, as 12 upper-case digits; empty when there is none.
 std::string mac_of(const in_addr &address) {

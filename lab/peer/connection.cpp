@@ -55,6 +55,7 @@ void Connection::close() {
     for (const auto &timer : later_)
         timer->cancel();
     pause_.cancel();
+    segments_ = segments();
     watch_.close();
     queue_.clear();
     queued_ = 0;

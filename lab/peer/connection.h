@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "loop.h"
+#include "segments.h"
 
 namespace arvok::lab {
 
@@ -33,6 +34,8 @@ class Connection {
     /// Ends it at once and drops what is queued; `ended` is not called.
     void close();
     bool open() const { return watch_.descriptor() >= 0; }
+    /// So far, or up to its end.
+    Segments segments() const { return open() ? segments_of(watch_.descriptor()) : segments_; }
 
   private:
     struct Piece {
@@ -49,6 +52,7 @@ class Connection {
     std::function<void(std::string_view)> received_;
     std::function<void(const std::string &)> ended_;
     Watch watch_;
+    Segments segments_;  ///< once it has ended
     Timer pause_;
     std::deque<Piece> queue_;
     std::size_t queued_ = 0;

@@ -1,6 +1,7 @@
 #include "program.h"
 
 #include <arpa/inet.h>
+#include <sys/resource.h>
 
 #include <cctype>
 #include <cerrno>
@@ -20,6 +21,15 @@ namespace arvok::lab {
 namespace {
 
 bool bus_lost = false;
+
+// A peer of many devices has as many connections.
+void allow_many_descriptors() {
+    rlimit files{};
+    if (getrlimit(RLIMIT_NOFILE, &files) == 0) {
+        files.rlim_cur = files.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &files);
+    }
+}
 
 }  // namespace
 
@@ -46,6 +56,7 @@ int Program::run(Parsed parsed, const char *socket, const std::function<int(ubus
         return parsed == Parsed::help ? 0 : 1;
     }
     const HeldLoop loop;
+    allow_many_descriptors();
     setvbuf(stdout, nullptr, _IOLBF, 0);
     uloop_init();
     int status = 1;

@@ -111,6 +111,50 @@ class CloudTest(PeerCase):
         self.assertEqual(self.refused("forget", {"mac": MAC}), "Not found")
         self.assertEqual(self.device(identity=device.identity).enrol()["Result"], -2)
 
+    def test_servers_are_turned_off_and_on(self):
+        before = self.call("statistics", {"segments": True})
+        first, second, third = (self.device(server=n, mac="0A0B0C0D0E" + mac, enrolled=True)
+                                for n, mac in ((1, "01"), (1, "02"), (2, "03")))
+        self.call("turn", {"server": self.servers[1], "on": False})
+        for device in (first, second):
+            self.assertRaises(Ended, device.receive)
+        self.assertRaises(ConnectionRefusedError, self.device, server=1)
+        self.assertEqual(third.ask("Heartbeat"), {"Ack": "Heartbeat", **OK})
+        self.call("turn", {"on": False})
+        self.assertRaises(Ended, third.receive)
+        self.call("turn", {"on": True})
+        again = self.device(server=1, mac=first.mac, identity=first.identity, enrolled=True)
+
+        after = self.call("statistics", {"segments": True})
+        # Each frame is a segment, and as each connection begins and ends there are more.
+        for way in ("received", "sent"):
+            taken = after["segments"][way] - before["segments"][way]
+            self.assertGreaterEqual(taken, after[way]["frames"] - before[way]["frames"] + 4, way)
+            self.assertLess(taken, 200, way)
+        counts = {name: after["answered"][name] - before["answered"][name] for name in ("Activate", "Connect", "Heartbeat")}
+        self.assertEqual(counts, {"Activate": 3, "Connect": 4, "Heartbeat": 1})
+        self.assertEqual((after["accepted"] - before["accepted"], after["connected"]), (4, 1))
+        self.assertEqual([server["connected"] for server in after["servers"]], [0, 1, 0, 0])
+        sent = {name: after["sent"][name] - before["sent"][name] for name in ("frames", "bytes")}
+        self.assertEqual(sent["frames"], after["received"]["frames"] - before["received"]["frames"])
+        self.assertGreater(sent["bytes"], 12 * sent["frames"])
+        again.ask("Heartbeat")
+        self.all_invalid(("turn", {}), ("turn", {"on": 1}), ("turn", {"on": True, "server": "127.0.0.9"}),
+                         ("set", {"spread": 1}), ("statistics", {"x": 1}), ("statistics", {"segments": 1}))
+
+    def test_many_devices_at_once(self):
+        named = self.call("set", {"spread": True})["business"]
+        for n in range(3):
+            with self.device(server=0, mac=f"0A0B0C0D0F0{n}") as device:
+                turned = device.ask("Boot", "rsa")["BizPlat"]
+            self.assertEqual(turned, named[n % 2:] + named[:n % 2])
+        self.call("set", {"spread": False})
+        crowd = [self.device(mac=f"0A0B0C0E00{n:02X}", enrolled=n < 3) for n in range(100)]
+        self.call("send", {"mac": "all", "message": {"RPCMethod": "ListPlugin", "ID": "7"}})
+        for device in crowd[:3]:
+            self.assertEqual(device.receive()["ID"], "7")
+        crowd[99].challenge()
+
     def test_notifications(self):
         device = self.device(enrolled=True)
         device.send("PluginNotification", ID="1", Message="bQ==")
