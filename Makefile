@@ -35,7 +35,7 @@ BUS_TESTS   = ^(bus_test$$|agent\.|faults\.)
 BUS_TARGETS = desk bus_test bus_object trace_calls fail_calls lab_timers
 
 .PHONY: all run picture test check-plain check-sanitized sanitized check-thread arm check-system system bundled \
-	check-own-bus check-bundled-on-theirs check-theirs-on-bundled arm-boot check-format format lint bench soak fuzz mutants clean
+	check-own-bus check-bundled-on-theirs check-theirs-on-bundled arm-boot check-format format lint bench soak fleet fuzz mutants clean
 
 # configure FOLDER OPTION...: shows what CMake has to say only when it fails.
 configure = cmake -S . -B $(1) $(2) >$(1).log 2>&1 || { cat $(1).log; exit 1; }; rm -f $(1).log
@@ -168,6 +168,14 @@ soak:
 	+@$(build) TARGETS='desk arvok-soak'
 	@ARVOK_BIN=$(abspath $(BUILD))/bin ARVOK_LIB=$(abspath $(BUILD))/lib lab/home --peers none --no-agent -- \
 		arvok-soak $(REQUESTS) $(NOTIFICATIONS) $(RECONNECTIONS)
+
+# N homes through a long outage, a short one, and the loss of a server, on clocks that run SPEED times as fast. Table and
+# pictures are in the build's fleet/ then.
+SPEED ?= 15
+fleet: N = 1000
+fleet:
+	+@$(build) TARGETS=desk
+	@ARVOK_BIN=$(abspath $(BUILD))/bin lab/fleet $(N) --speed $(SPEED) --script standard --out $(abspath $(BUILD))/fleet
 
 # N small faults in src/, one at a time: how many the tests catch. ARGS: further options of tests/mutants/run.
 N    ?= 100

@@ -9,7 +9,7 @@ packages=
 for name in "$@"; do
     case $name in
         desk) packages="$packages g++ cmake make $(cat "$tools/libraries") iproute2 util-linux mount dnsmasq-base python3" ;;
-        tests) packages="$packages git $(cat "$tools/test-libraries") procps openssl curl tshark" ;;
+        tests) packages="$packages git $(cat "$tools/test-libraries") procps openssl curl tshark python3-matplotlib" ;;
         format) packages="$packages git clang-format" ;;
         lint) packages="$packages git clang-tidy" ;;
         *) packages="$packages $name" ;;
