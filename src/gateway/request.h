@@ -46,8 +46,8 @@ struct request_services {
     bus_bridge &bridge;
     rssi_queries &queries;
     /// Installations of the agent's own package that the app manager has under way; those of an earlier link
-    /// may end later.
-    std::shared_ptr<unsigned> upgrades = std::make_shared<unsigned>(0);
+    /// may end later. Not by make_shared, which brings the exceptions of the C++ library along.
+    std::shared_ptr<unsigned> upgrades{new unsigned(0)};
 };
 
 class request {

@@ -169,6 +169,8 @@ int main(int argc, char **argv) {
         return arvok::probe::run();
     const bool asked =
         argc == 2 && (argv[1] == std::string_view("-h") || argv[1] == std::string_view("--help"));
+    if (!asked)
+        std::fprintf(stderr, "qzcap-probe: unknown option %s\n", argv[1]);
     std::fputs(
         "usage: qzcap-probe [-h]\n"
         "\n"
