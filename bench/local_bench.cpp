@@ -16,6 +16,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/base64.h"
 #include "base/crypto.h"
 #include "home.h"
 

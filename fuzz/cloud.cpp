@@ -1,5 +1,6 @@
 // The cloud connection, and what it does with the device's packages.
 
+#include "base/base64.h"
 #include "base/json.h"
 #include "cloud/plugin_id.h"
 #include "qzcapd/control_file.h"

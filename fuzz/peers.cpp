@@ -1,4 +1,5 @@
 #include "peers.h"
+#include "base/base64.h"
 
 #include <poll.h>
 #include <sys/socket.h>

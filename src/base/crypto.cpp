@@ -7,10 +7,6 @@
 #include <algorithm>
 #include <utility>
 
-extern "C" {
-#include <libubox/utils.h>
-}
-
 #include "base/log.h"
 
 namespace arvok {
@@ -31,29 +27,6 @@ const char *name_of(aes_mode mode) {
 }
 
 }  // namespace
-
-std::string base64_encode(std::string_view bytes) {
-    std::string text;
-    append_base64(text, bytes);
-    return text;
-}
-
-void append_base64(std::string &text, std::string_view bytes) {
-    const std::size_t begin = text.size(), room = (bytes.size() + 2) / 3 * 4 + 1;
-    text.resize(begin + room);
-    const int length = b64_encode(bytes.data(), bytes.size(), text.data() + begin, room);
-    text.resize(length < 0 ? begin : begin + static_cast<std::size_t>(length));
-}
-
-std::optional<std::string> base64_decode(std::string_view text) {
-    const std::string terminated(text);
-    std::string bytes(text.size() / 4 * 3 + 1, '\0');
-    const int length = b64_decode(terminated.c_str(), bytes.data(), bytes.size());
-    if (length < 0)
-        return std::nullopt;
-    bytes.resize(static_cast<std::size_t>(length));
-    return bytes;
-}
 
 aes_key aes_key_of(std::string_view bytes) {
     aes_key key{};

@@ -1,5 +1,5 @@
 #pragma once
-/// Base64, AES-128 and RSA encryption. Failures are logged and reported as each function says; nothing is
+/// AES-128 and RSA encryption. Failures are logged and reported as each function says; nothing is
 /// retried.
 
 #include <openssl/crypto.h>
@@ -14,14 +14,6 @@
 #include "base/handle.h"
 
 namespace arvok {
-
-std::string base64_encode(std::string_view bytes);
-/// The same behind a text.
-void append_base64(std::string &text, std::string_view bytes);
-
-/// The bytes that a base64 text stands for. White space is skipped, padding must be right. Nothing when it is
-/// no base64.
-std::optional<std::string> base64_decode(std::string_view text);
 
 constexpr std::size_t aes_key_size = 16;
 

@@ -5,7 +5,7 @@
 #include <charconv>
 #include <utility>
 
-#include "base/crypto.h"
+#include "base/base64.h"
 #include "base/hex.h"
 #include "base/json.h"
 

@@ -1,6 +1,7 @@
 // Diffie-Hellman on plain big numbers: the crypto library's own calls refuse a group of 128 bits.
 
 #include "base/key_exchange.h"
+#include "base/base64.h"
 
 #include "base/log.h"
 

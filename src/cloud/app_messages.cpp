@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "base/crypto.h"
+#include "base/base64.h"
 #include "base/log.h"
 #include "base/text.h"
 #include "cloud/plugin_id.h"

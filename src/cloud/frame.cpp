@@ -1,4 +1,5 @@
 #include "cloud/frame.h"
+#include "base/base64.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -4,7 +4,7 @@
 #include <optional>
 #include <vector>
 
-#include "base/crypto.h"
+#include "base/base64.h"
 #include "base/hex.h"
 #include "base/log.h"
 #include "base/table.h"

@@ -1,4 +1,5 @@
 #include "gateway/reports.h"
+#include "base/base64.h"
 
 #include "base/hex.h"
 #include "base/log.h"

@@ -10,7 +10,7 @@
 #include <optional>
 #include <utility>
 
-#include "base/crypto.h"
+#include "base/base64.h"
 #include "base/frame_reader.h"
 #include "base/json.h"
 #include "base/log.h"

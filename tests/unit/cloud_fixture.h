@@ -15,6 +15,7 @@
 #include <mutex>
 
 #include "../loop.h"
+#include "base/base64.h"
 #include "base/crypto.h"
 #include "base/text.h"
 #include "cloud/cloud.h"

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "base/base64.h"
 #include "base/crypto.h"
 #include "base/key_exchange.h"
 #include "base/text.h"

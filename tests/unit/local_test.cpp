@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "../loop.h"
-#include "base/crypto.h"
+#include "base/base64.h"
 #include "base/stream.h"
 #include "base/text.h"
 #include "captured_log.h"
