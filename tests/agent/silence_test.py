@@ -186,6 +186,7 @@ class Flood(SilenceCase):
             self.wait_for_message("dev_report")
             self.stop_agents()
             wait_until(lambda: not self.peer()["connected"], "the gateway's connection closed")
+            call("lab.gateway", "messages", {"clear": True})
 
     def test_end(self):
         agent = self.link()
