@@ -10,7 +10,6 @@ from . import bounds, bus, clients, cloud, device, gateway, messages, peers, wat
 PLAYS = {**gateway.PLAYS, **cloud.PLAYS, **device.PLAYS, **clients.PLAYS}
 TOGETHER = "together"
 SHIFT = 5  # seconds for one gateway, one platform, one state of the device's platform, when all play together
-QUIET_SANITIZED = 0  # seconds; memory does not count
 AGAIN = 4  # seconds from the attack's second begin to SIGTERM: the agent is with a hostile peer by then
 SETTLED = 2  # seconds from registration and enrolment to the idle value
 LEAST = {"platform-silent": 2 * round(bounds.STALL_SILENT)}  # seconds: of what shows later than others
@@ -158,9 +157,12 @@ class Siege:
             self.stop_plays(*self.plays)
             self.be_friends("gateway", "cloud")
             self.await_friends(bounds.BACK * self.slower)
-            time.sleep(QUIET_SANITIZED if self.sanitized else bounds.REST_AFTER)
+            quiet = time.monotonic() + bounds.REST_AFTER
+            kept = lambda: watch.descriptors(self.agent.pid) - self.descriptors
+            while time.monotonic() < quiet and (kept() > 0 or not self.sanitized):  # there memory does not count
+                time.sleep(0.1)
             rest = self.memory.last - self.idle
-            if (left := watch.descriptors(self.agent.pid) - self.descriptors) > 0:
+            if (left := kept()) > 0:
                 faults.append(f"{left} descriptors kept")
             self.attack(name, 1 if self.sanitized else AGAIN, lambda: self.look(name))
             silent_end, began = self.is_silent(), time.monotonic()

@@ -31,7 +31,7 @@ class memory_return {
     }
 
   private:
-    static constexpr std::size_t large = 64 * 1024;
+    static constexpr std::size_t large = std::size_t{64} * 1024;
 
     void give_back();
 
