@@ -68,6 +68,9 @@ blob_attr *told = nullptr;
         return result;                      \
     }
 
+// Those on the connection of the agent's own.
+std::vector<ubus_subscriber *> own_subscribers;
+
 // What was logged is not looked at, but it is put together.
 char log_line[65536];
 
@@ -153,6 +156,37 @@ extern "C" int __wrap_ubus_register_event_handler(ubus_context *, ubus_event_han
 
 extern "C" int __wrap_ubus_remove_object(ubus_context *, ubus_object *) {
     return UBUS_STATUS_OK;
+}
+
+// The connection of the agent's own.
+extern "C" ubus_context *__wrap_ubus_connect(const char *) {
+    static ubus_context own;
+    own = {};
+    own.sock.fd = -1;
+    own.sock.cb = [](uloop_fd *, unsigned int) {};
+    return &own;
+}
+
+extern "C" void __wrap_ubus_free(ubus_context *) {
+    for (ubus_subscriber *subscriber : own_subscribers)
+        std::erase(platform.subscribers, subscriber);
+    own_subscribers.clear();
+}
+
+extern "C" int __wrap_ubus_register_subscriber(ubus_context *, ubus_subscriber *subscriber) {
+    own_subscribers.push_back(subscriber);
+    platform.subscribers.push_back(subscriber);
+    return UBUS_STATUS_OK;
+}
+
+extern "C" int __wrap_ubus_subscribe(ubus_context *, ubus_subscriber *, uint32_t) {
+    return UBUS_STATUS_OK;
+}
+
+extern "C" int __wrap_ubus_unregister_subscriber(ubus_context *, ubus_subscriber *subscriber) {
+    std::erase(own_subscribers, subscriber);
+    std::erase(platform.subscribers, subscriber);
+    return outcome(nullptr);
 }
 
 // --- apps ---

@@ -74,10 +74,6 @@ static void on_readable(struct uloop_fd *fd, unsigned int events) {
         ubus_tell_loss(ctx);
 }
 
-void ubus_handle_event(struct ubus_context *ctx) {
-    on_readable(&ctx->sock, ULOOP_READ);
-}
-
 void ubus_add_uloop(struct ubus_context *ctx) {
     uloop_fd_add(&ctx->sock, ULOOP_READ | ULOOP_BLOCKING);
 }

@@ -92,7 +92,7 @@ void bus_bridge::subscribe(request &r, std::string_view object) {
     }
 }
 
-// The subscription lives until the platform has let go of it: it may still be notified meanwhile.
+// The subscription lives until the bus has let go of it: it may still be notified meanwhile.
 void bus_bridge::unsubscribe(request &r, std::string_view object) {
     const auto found = find(object, r.from_cloud);
     if (found == subscriptions_.end())
@@ -105,15 +105,14 @@ void bus_bridge::unsubscribe(request &r, std::string_view object) {
 
 bus_bridge::~bus_bridge() {
     cloud_ = {};
-    for (subscription &s : subscriptions_)
-        s.bus.stop(platform::object_id(s.object));
+    bus_.close();
 }
 
 bus_bridge::subscription::subscription(bus_bridge &b, const std::string &name, bool cloud)
     : bridge(b),
       object(cut(name, object_name_max)),
       from_cloud(cloud),
-      bus(b.objects_, name, bind<&subscription::notified>(*this)) {}
+      bus(b.objects_, b.bus_, name, bind<&subscription::notified>(*this)) {}
 
 int bus_bridge::subscription::notified(std::string_view method, blob_attr *message) {
     if (!message) {

@@ -9,6 +9,7 @@
 #include "gateway/bus_calls.h"
 #include "gateway/connection.h"
 #include "gateway/request.h"
+#include "platform/own_connection.h"
 #include "platform/subscription.h"
 
 namespace arvok::gateway {
@@ -55,7 +56,8 @@ class bus_bridge {
     connection &link_;
     const link_state &state_;
     platform::object_watch &objects_;
-    cloud_listeners cloud_;        ///< none at the end
+    cloud_listeners cloud_;  ///< none at the end
+    platform::own_connection bus_;
     subscriptions subscriptions_;  ///< the newest first
     bus_calls link_calls_{bind<&bus_bridge::answer_link>(*this)};
     bus_calls cloud_calls_{bind<&bus_bridge::answer_cloud>(*this)};

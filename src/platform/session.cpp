@@ -17,22 +17,29 @@ namespace arvok::platform {
 session::session() {
     log_output = qzcap_printf;
     open_ = qzcap_ubus_start(0) == 0;
-    // What the library does of its own accord ends the loop only while the descriptor is still watched, which
-    // after a hang-up it is not. The agent cannot do without the bus, and its supervisor starts it again.
-    if (open_)
-        qzcap_get_ubus_context()->connection_lost = [](ubus_context *) {
-            if (!uloop_cancelling())
-                log_printf("[ERROR] ubus connection lost\n");
-            uloop_end();
-        };
-    if (open_)
-        gate_.emplace();
+    if (!open_)
+        return;
+    qzcap_get_ubus_context()->connection_lost = end_with_bus;
+    gate_.emplace();
 }
 
 session::~session() {
     gate_.reset();
     if (open_)
         qzcap_ubus_done();
+}
+
+// What the library does of its own accord ends the loop only while the descriptor is still watched, which
+// after a hang-up it is not. The agent cannot do without the bus, and its supervisor starts it again.
+void end_with_bus(ubus_context *) {
+    if (!uloop_cancelling())
+        log_printf("[ERROR] ubus connection lost\n");
+    uloop_end();
+}
+
+bool has_unread(const ubus_context &bus) {
+    int unread = 0;
+    return ioctl(bus.sock.fd, FIONREAD, &unread) == 0 && unread > 0;
 }
 
 daemon_wait::daemon_wait() {
@@ -82,8 +89,7 @@ app_registration::app_registration(handler answer) : answer_(answer), callbacks_
 
 // Whose it is does not show: whoever waits for an answer here has sent nothing more.
 bool app_registration::has_more() {
-    int unread = 0;
-    return ioctl(qzcap_get_ubus_context()->sock.fd, FIONREAD, &unread) == 0 && unread > 0;
+    return has_unread(*qzcap_get_ubus_context());
 }
 
 app_registration::~app_registration() {

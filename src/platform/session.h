@@ -40,6 +40,12 @@ class daemon_wait {
     daemon_wait &operator=(const daemon_wait &) = delete;
 };
 
+/// Ends the loop, with a log line: what a connection to the bus does when it is lost.
+void end_with_bus(ubus_context *);
+
+/// Whether something that has come on the connection has not been read.
+bool has_unread(const ubus_context &bus);
+
 /// The bus id of an object; 0 when it is absent.
 std::uint32_t object_id(const std::string &name);
 std::uint32_t object_id(qzcap_object number);

@@ -70,6 +70,11 @@ subscription::subscription(object_watch &watch, bus_object object, handler notif
     watch_.subscriptions_.push_back(this);
 }
 
+subscription::subscription(object_watch &watch, own_connection &own, bus_object object, handler notified)
+    : subscription(watch, std::move(object), notified) {
+    own_ = &own;
+}
+
 subscription::~subscription() {
     if (started_)
         stop(0);
@@ -94,7 +99,7 @@ bool subscription::stop(std::uint32_t object) {
 bool subscription::subscribe(std::uint32_t id) {
     const daemon_wait wait;
     subscribed_id_ = id;
-    registered_ = qzcap_ubus_subscribe(&subscriber_, id) >= 0;
+    registered_ = own_ ? own_->subscribe(subscriber_, id) : qzcap_ubus_subscribe(&subscriber_, id) >= 0;
     if (!registered_)
         subscribed_id_ = 0;
     return subscribed_id_ != 0;
@@ -103,7 +108,9 @@ bool subscription::subscribe(std::uint32_t id) {
 // A library may not bear to be handed what it never had.
 bool subscription::unsubscribe(std::uint32_t id) {
     const daemon_wait wait;
-    return std::exchange(registered_, false) && qzcap_ubus_unsubscribe(&subscriber_, id) >= 0;
+    if (!std::exchange(registered_, false))
+        return false;
+    return own_ ? own_->unsubscribe(subscriber_, id) : qzcap_ubus_unsubscribe(&subscriber_, id) >= 0;
 }
 
 // An old id's news may be late.
@@ -123,7 +130,7 @@ bool subscription::renew() {
     if (id != subscribed_id_)
         subscribed_id_ = 0;
     if (subscribed_id_ == 0) {
-        // What the platform has kept of it goes first: a subscriber must not be registered twice.
+        // What the connection has kept of it goes first: a subscriber must not be registered twice.
         unsubscribe(id);
         if (id == 0 || !subscribe(id))
             return false;

@@ -12,6 +12,7 @@ extern "C" {
 
 #include "base/callback.h"
 #include "base/loop.h"
+#include "platform/own_connection.h"
 #include "platform/session.h"
 
 namespace arvok::platform {
@@ -66,15 +67,18 @@ class subscription {
     /// it did not answer, and this is called again.
     using catch_up = callback<bool()>;
 
+    /// On the platform library's connection.
     subscription(object_watch &watch, bus_object object, handler notified, catch_up returned = {});
+    /// On that one, which outlives it, for an object that may notify more than there is time for.
+    subscription(object_watch &watch, own_connection &own, bus_object object, handler notified);
     ~subscription();
     subscription(const subscription &) = delete;
     subscription &operator=(const subscription &) = delete;
 
     /// False when the object cannot be subscribed to now; it is as soon as it can.
     bool start();
-    /// Ends it at the object that has this id now; it has none while it is away. Returns whether the platform
-    /// knew of it.
+    /// Ends it at the object that has this id now; it has none while it is away. Returns whether it
+    /// was subscribed to.
     bool stop(std::uint32_t object);
 
   private:
@@ -86,13 +90,14 @@ class subscription {
     bool renew();
 
     object_watch &watch_;
+    own_connection *own_ = nullptr;
     const bus_object object_;
     handler notified_;
     catch_up returned_;
     owned<ubus_subscriber, subscription> subscriber_;
     std::uint32_t subscribed_id_ = 0;  ///< 0: the object is away
     bool started_ = false;
-    bool registered_ = false;  ///< the platform knows the subscriber
+    bool registered_ = false;  ///< the connection knows the subscriber
     bool behind_ = false;      ///< `returned` has not succeeded yet
 };
 

@@ -232,11 +232,10 @@ class Subscriptions(BridgeCase):
         call(obj, "notify", {"method": method, "message": message})
 
     def told(self):
-        """What the gateway was told since the last look. The agent answers on the bus when it has heard all, and what it
-        makes of that waits for a turn of the loop: a second reply on the link shows that nothing more is on its way."""
-        call("qzapp.arvokclt", "postmsg", {"CmdType": "GET_STATUS"})
-        self.status("cputemp")
-        self.status("cputemp")
+        """What the gateway was told since the last look. The agent hears it in the turn of the loop after that, and passes it
+        on in one more: a third reply on the link shows that nothing more is on its way."""
+        for _ in range(3):
+            self.status("cputemp")
         told = [(m["object"], m["method"], m["data"]) for m in self.received("ubus_notify")]
         for message in self.received("ubus_notify"):
             self.assertEqual(list(message), ["type", "sequence", "mac", "object", "method", "data"])

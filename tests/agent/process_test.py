@@ -170,8 +170,8 @@ class Life(AgentCase):
         begin = ["qzcap_ubus_start", "uloop_run_timeout -1", "qzcap_register_appmgtcb", *subscribed]
         end = calls.index("uloop_done")
         self.assertEqual(calls[:len(begin)], begin)
-        self.assertEqual([c for c in calls[len(begin):end] if "subscribe" in c],
-                         ["qzcap_ubus_subscribe", "qzcap_ubus_unsubscribe"])  # the gateway's
+        self.assertEqual([c for c in calls[len(begin):end] if "ubus_" in c],
+                         ["ubus_connect", "ubus_subscribe", "ubus_free"])  # the gateway's, on a connection of its own
         self.assertEqual(calls[end:], ["uloop_done", *handed_back, "qzcap_unregister_appmgtcb", "qzcap_ubus_done",
                                        "qzcap_free_devinfo", "qzcap_free_waninfo"])
 

@@ -1,6 +1,7 @@
 """A platform that does not answer: what it costs a message, those that wait meanwhile, and the end."""
 
 import os
+import re
 import signal
 import subprocess
 import time
@@ -140,6 +141,41 @@ class Silence(SilenceCase):
         self.assertEqual(agent.process.wait(60), 0)
         self.agents.clear()
         self.assertEqual([name for name, _ in self.journal()], ["qzcap_get_wifi_switch"])
+
+
+class Noise(SilenceCase):
+    """Objects that the gateway has subscribed to notify as much as they like."""
+
+    def memory(self, name):
+        """KiB; nothing under a sanitizer, which keeps what has been freed."""
+        pid = self.agent.process.pid
+        with open("/proc/%d/maps" % pid) as maps, open("/proc/%d/status" % pid) as told:
+            return 0 if "libasan" in maps.read() else int(re.search(name + r":\s*(\d+)", told.read()).group(1))
+
+    def subscribe(self, obj, enable=1):
+        reply = self.ask({"type": "ubus_subscribe", "object": obj, "enable": enable})
+        return reply["errcode"], reply["errmsg"]
+
+    def test_while_the_platform_is_silent(self):
+        """Nobody reads it meanwhile, and the bus keeps little of it."""
+        self.link()
+        self.publish("odd")
+        self.assertEqual(self.subscribe("odd"), (0, ""))
+        self.status("cputemp")
+        self.fail_call("qzcap_get_wifi_switch", 10000, mode="timeout")
+        idle = self.memory("VmRSS")
+        with open("/proc/%d/clear_refs" % self.agent.process.pid, "w") as peak:
+            peak.write("5")
+        call("lab.gateway", "send", {"message": {"type": "get_status", "get": [{"name": "wifiswitch"}]}})
+        self.agent.expect('<- {"type":"get_status"')
+        began = time.monotonic()
+        call("odd", "burst", {"count": 20, "size": 600_000})
+        self.assertLess(time.monotonic() - began, TIMEOUT)
+        self.wait_for_message("status")
+        self.wait_for_message("ubus_notify")
+        self.assertLess(self.memory("VmHWM") - idle, 4096)
+        self.mend("qzcap_get_wifi_switch")
+        self.assertEqual(self.subscribe("odd", 0), (0, ""))
 
 
 class Flood(SilenceCase):

@@ -45,8 +45,9 @@ FAILING(void *, qzcap_register_appmgtcb, (void *owner, const void *callbacks), (
 FAILING(uint32_t, qzcap_get_objid_by_id, (int number), (number), 0)
 FAILING(uint32_t, qzcap_get_objid_by_name, (const char *name), (name), 0)
 FAILING(int, qzcap_ubus_subscribe, (void *subscriber, uint32_t id), (subscriber, id), -1)
-/* Lets go of the subscriber all the same, as it always does. */
-FAILING(int, qzcap_ubus_unsubscribe, (void *subscriber, uint32_t id), (subscriber, id),
-        (next(subscriber, id), -1))
+FAILING(void *, ubus_connect, (const char *path), (path), NULL)
+FAILING(int, ubus_register_subscriber, (void *bus, void *subscriber), (bus, subscriber), 8)
+FAILING(int, ubus_subscribe, (void *bus, void *subscriber, uint32_t id), (bus, subscriber, id), 8)
+FAILING(int, ubus_unregister_subscriber, (void *bus, void *subscriber), (bus, subscriber), 8)
 FAILING(void *, qzcap_calloc, (size_t count, size_t size), (count, size), NULL)
 FAILING(char *, qzcap_strdup, (const char *text), (text), NULL)

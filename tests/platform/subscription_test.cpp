@@ -31,9 +31,10 @@ struct Subscriber {
 /// An object of another client of the bus.
 class Foreign {
   public:
-    explicit Foreign(const std::string &socket) : bus_(ubus_connect(socket.c_str())) {
-        type_.name = "foreign";
-        object_.name = "foreign";
+    explicit Foreign(const std::string &socket, const char *name = "foreign")
+        : bus_(ubus_connect(socket.c_str())) {
+        type_.name = name;
+        object_.name = name;
         object_.type = &type_;
     }
     ~Foreign() { ubus_free(bus_); }
@@ -42,6 +43,10 @@ class Foreign {
 
     void come() { ASSERT_EQ(ubus_add_object(bus_, &object_), 0); }
     void go() { ASSERT_EQ(ubus_remove_object(bus_, &object_), 0); }
+    void look_up() {
+        std::uint32_t id;
+        ASSERT_EQ(ubus_lookup_id(bus_, object_.name, &id), 0);
+    }
     void notify(const char *method) { ASSERT_EQ(ubus_notify(bus_, &object_, method, nullptr, -1), 0); }
 
   private:
@@ -125,6 +130,32 @@ TEST_F(Subscriptions, SurviveAnObjectThatFlaps) {
     foreign.notify("still");
     ASSERT_TRUE(run_until([&] { return !one_.heard.empty(); }));
     EXPECT_THAT(one_.heard, testing::ElementsAre("still"));
+}
+
+// While nobody reads, the daemon keeps what it has room for. An answer is not among what it drops.
+TEST_F(Subscriptions, OfAConnectionOfTheirOwnBeginAndEndBehindAnyNumberOfNotifications) {
+    Foreign noisy(socket(), "noisy"), other(socket(), "other");
+    noisy.come();
+    other.come();
+    platform::own_connection own;
+    subscription to_noisy(*watch_, own, std::string("noisy"), bind<&Subscriber::take>(one_)),
+        to_other(*watch_, own, std::string("other"), bind<&Subscriber::take>(other_));
+    ASSERT_TRUE(to_noisy.start());
+    const auto make_noise = [&] {
+        for (int i = 0; i < 50000; i++)
+            noisy.notify("noise");
+        noisy.look_up();  // the daemon has read it
+    };
+    make_noise();
+    EXPECT_EQ(platform::object_id("nobody"), 0U) << "no part of it on the platform's connection";
+    EXPECT_THAT(one_.heard, testing::IsEmpty());
+    EXPECT_TRUE(to_other.start());
+    EXPECT_GT(one_.heard.size(), 100U);
+    EXPECT_LT(one_.heard.size(), 50000U);
+    make_noise();
+    EXPECT_TRUE(to_other.stop(platform::object_id("other")));
+    EXPECT_TRUE(to_noisy.stop(platform::object_id("noisy")));
+    EXPECT_THAT(other_.heard, testing::IsEmpty());
 }
 
 }  // namespace

@@ -257,15 +257,30 @@ TEST_F(Link, AListOfBusCallsStopsWhenTheProcessIsToEnd) {
     EXPECT_FALSE(has_logged("->"));
 }
 
-TEST_F(Link, NobodyIsToldOfABusObjectWhileTheEndUnsubscribes) {
-    through_cloud(R"({"type":"ubus_subscribe","object":"a","enable":1})");
-    through_cloud(R"({"type":"ubus_subscribe","object":"b","enable":1})");
-    through_cloud(R"({"type":"ubus_subscribe","object":"a","enable":0})");
+TEST_F(Link, ConnectionOfTheSubscriptionsIsOpenAsLongAsThereAreAny) {
+    const auto subscribe = [this](const char *object, int enable) {
+        through_cloud(R"({"type":"ubus_subscribe","object":")" + std::string(object) + R"(","enable":)" +
+                      std::to_string(enable) + "}");
+    };
+    EXPECT_EQ(around.bus, "");
+    subscribe("a", 1);
+    subscribe("b", 1);
+    subscribe("a", 0);
+    EXPECT_EQ(around.bus, "opened ");
+    EXPECT_EQ(heard_, "");
+    subscribe("b", 0);
+    EXPECT_EQ(around.bus, "opened closed ");
+    // What had come for it until then is told; nobody is told anything at the end.
     EXPECT_EQ(heard_, R"({"type":"ubus_notify","sequence":0,"mac":"021122334455",)"
-                      R"("object":"a","method":"last","data":{}})");
+                      R"("object":"b","method":"last","data":{}})");
     heard_.clear();
+    subscribe("c1", 1);
+    EXPECT_EQ(around.bus, "opened closed ") << "no such object";
+    subscribe("a", 1);
+    around.looked_up.clear();
     agent_.reset();
-    EXPECT_EQ(around.looked_up, "a b a b ");
+    EXPECT_EQ(around.bus, "opened closed opened closed ");
+    EXPECT_EQ(around.looked_up, "");
     EXPECT_EQ(heard_, "");
 }
 

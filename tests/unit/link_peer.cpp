@@ -71,17 +71,46 @@ int ubus_remove_object(ubus_context *, ubus_object *) {
     return UBUS_STATUS_OK;
 }
 
-int qzcap_ubus_subscribe(ubus_subscriber *, std::uint32_t) {
-    return 0;
+// There is no daemon behind it.
+ubus_context *qzcap_get_ubus_context() {
+    static ubus_context platform;
+    static const int status = ubus_connect_ctx(&platform, "/none");
+    static_cast<void>(status);
+    return &platform;
 }
 
-// A last notification comes while the subscription ends.
-int qzcap_ubus_unsubscribe(ubus_subscriber *subscriber, std::uint32_t) {
-    blob_buf message{};
-    blob_buf_init(&message, 0);
-    subscriber->cb(nullptr, &subscriber->obj, nullptr, "last", message.head);
-    blob_buf_free(&message);
-    return 0;
+// A last notification for each subscriber comes while the connection ends.
+ubus_context *ubus_connect(const char *) {
+    static ubus_context bus{};
+    around.bus += "opened ";
+    bus.sock.fd = -1;
+    bus.sock.cb = [](uloop_fd *, unsigned int) {
+        blob_buf message{};
+        blob_buf_init(&message, 0);
+        for (ubus_subscriber *subscriber : around.subscribers)
+            subscriber->cb(&bus, &subscriber->obj, nullptr, "last", message.head);
+        blob_buf_free(&message);
+    };
+    return &bus;
+}
+
+int ubus_register_subscriber(ubus_context *, ubus_subscriber *subscriber) {
+    around.subscribers.push_back(subscriber);
+    return UBUS_STATUS_OK;
+}
+
+int ubus_subscribe(ubus_context *, ubus_subscriber *, std::uint32_t) {
+    return UBUS_STATUS_OK;
+}
+
+int ubus_unregister_subscriber(ubus_context *, ubus_subscriber *subscriber) {
+    std::erase(around.subscribers, subscriber);
+    return UBUS_STATUS_OK;
+}
+
+void ubus_free(ubus_context *) {
+    around.bus += "closed ";
+    around.subscribers.clear();
 }
 
 }  // extern "C"

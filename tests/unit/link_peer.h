@@ -32,7 +32,9 @@ inline struct surroundings {
     std::string elements;           ///< what was done to them, each as "ACTION INDEX "
     std::string looked_up;          ///< bus objects, each with a blank behind
     bool ends_at_lookup = false;
-    std::vector<void *> installations;  ///< what their callback is to be given
+    std::string bus;  ///< what became of the agent's own connection, with blanks behind
+    std::vector<ubus_subscriber *> subscribers;  ///< on it
+    std::vector<void *> installations;           ///< what their callback is to be given
     qzcap_install_handler_t installed = nullptr;
 } around;
 

@@ -185,7 +185,9 @@ int ubus_reconnect(struct ubus_context *ctx, const char *path);
 void ubus_add_uloop(struct ubus_context *ctx);
 
 /// Serves what has arrived, without a loop; for use when sock.fd is readable.
-void ubus_handle_event(struct ubus_context *ctx);
+static inline void ubus_handle_event(struct ubus_context *ctx) {
+    ctx->sock.cb(&ctx->sock, ULOOP_READ);
+}
 
 const char *ubus_strerror(int error);
 
