@@ -23,9 +23,9 @@ bool own_connection::open() {
         return true;
     sockaddr_un daemon{};
     socklen_t size = sizeof daemon - 1;
-    const bool is_known = getpeername(qzcap_get_ubus_context()->sock.fd,
-                                      reinterpret_cast<sockaddr *>(&daemon), &size) == 0 &&
-                          daemon.sun_path[0] != '\0';
+    const bool is_known =
+        getpeername(qzcap_get_ubus_context()->sock.fd, reinterpret_cast<sockaddr *>(&daemon), &size) == 0 &&
+        daemon.sun_path[0] != '\0';
     bus_ = ubus_connect(is_known ? daemon.sun_path : nullptr);
     if (!bus_)
         return false;
@@ -62,8 +62,8 @@ bool own_connection::subscribe(ubus_subscriber &to, std::uint32_t object) {
 
 // What the library would not let go of goes with the connection.
 bool own_connection::unsubscribe(ubus_subscriber &to, std::uint32_t object) {
-    const auto found = std::find_if(members_.begin(), members_.end(),
-                                    [&](const member &m) { return m.subscriber == &to; });
+    const auto found =
+        std::find_if(members_.begin(), members_.end(), [&](const member &m) { return m.subscriber == &to; });
     if (found == members_.end())
         return false;
     const bool is_its_object = found->object == object;

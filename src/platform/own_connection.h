@@ -20,12 +20,12 @@ class own_connection {
     own_connection(const own_connection &) = delete;
     own_connection &operator=(const own_connection &) = delete;
 
-    /// The subscriber, whose callbacks are set, outlives its subscription. False when there is no such object,
-    /// no bus, or more coming in than can be read, behind which the daemon's answer might be dropped.
+    /// The subscriber, whose callbacks are set, outlives its subscription. False when there is no such
+    /// object, no bus, or more coming in than can be read, behind which the daemon's answer might be dropped.
     bool subscribe(ubus_subscriber &to, std::uint32_t object);
-    /// Returns whether it was subscribed to this object; it hears nothing more in any case. When more comes in
-    /// than can be read, the connection is opened anew: the other subscribers are told that their objects have
-    /// gone.
+    /// Returns whether it was subscribed to this object; it hears nothing more in any case. When more comes
+    /// in than can be read, the connection is opened anew: the other subscribers are told that their objects
+    /// have gone.
     bool unsubscribe(ubus_subscriber &to, std::uint32_t object);
     /// Ends all subscriptions at once, and waits for nobody.
     void close();
