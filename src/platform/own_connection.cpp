@@ -12,8 +12,10 @@
 namespace arvok::platform {
 namespace {
 
-// More than the daemon keeps for a connection is read in less.
+// More than the daemon keeps for a connection is read in less. It may be asked hundreds of times in one turn
+// of the loop, so this holds for all of them together.
 constexpr std::chrono::milliseconds reading_time(300);
+constexpr std::chrono::seconds reading_pause(1);
 
 }  // namespace
 
@@ -37,9 +39,11 @@ bool own_connection::open() {
 // The bus library waits without limit for an answer of the daemon, which drops it when too much lies before
 // it: nothing is asked before that is read. False when it does not end.
 bool own_connection::read_up() {
-    const auto end = std::chrono::steady_clock::now() + reading_time;
     while (has_unread(*bus_)) {
-        if (std::chrono::steady_clock::now() >= end)
+        const auto now = std::chrono::steady_clock::now();
+        if (now >= reading_since_ + reading_pause)
+            reading_since_ = now;
+        if (now >= reading_since_ + reading_time)
             return false;
         ubus_handle_event(bus_);
     }

@@ -5,6 +5,7 @@ extern "C" {
 #include <libubus.h>
 }
 
+#include <chrono>
 #include <cstdint>
 #include <vector>
 
@@ -41,7 +42,8 @@ class own_connection {
     void start_over();
 
     ubus_context *bus_ = nullptr;
-    std::vector<member> members_;  ///< those the bus library has, too
+    std::chrono::steady_clock::time_point reading_since_;  ///< what lay before an answer
+    std::vector<member> members_;                          ///< those the bus library has, too
 };
 
 }  // namespace arvok::platform
