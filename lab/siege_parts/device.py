@@ -9,7 +9,8 @@ from . import bus
 
 FLOOD_OF_HOSTS = 1000
 PATCH = 50  # hosts, what fits a bus message
-BIG = "x" * 900_000  # a bus message has at most a megabyte
+# What the bus just carries, what is just passed on, what is just too long for it, and what is when it is written as JSON.
+LARGE = "x" * 900_000, "x" * 500_000, "x" * 780_000, "\1" * 200_000
 NOISY, GUESTS = ([f"siege.{kind}.{number}" for number in range(4)] for kind in ("noise", "guest"))  # objects
 
 
@@ -18,12 +19,12 @@ def make_noise(names=NOISY):
     noise = bus.Noise()
     objects = [noise.add(name) for name in names]
     small = b"".join(noise.notification(number, "noise", {"n": n, "text": "x" * 100}) for n in range(200) for number in objects)
-    large = [noise.notification(number, "noise", {"text": BIG}) for number in objects]
+    large = [noise.notification(number, "noise", {"text": text}) for number, text in zip(itertools.cycle(objects), LARGE)]
     nested = noise.notification(objects[0], "noise", {"list": [{"a": [1, 2, 3], "b": {"c": "d"}}] * 5000})
     for turn in itertools.count():
         noise.send(small)
         if turn % 4 == 0:
-            noise.send(large[turn % len(large)])
+            noise.send(large[turn // 4 % len(large)])
             noise.send(nested)
         time.sleep(0.05)
 

@@ -158,12 +158,12 @@ class Siege:
             self.be_friends("gateway", "cloud")
             self.await_friends(bounds.BACK * self.slower)
             quiet = time.monotonic() + bounds.REST_AFTER
-            kept = lambda: watch.descriptors(self.agent.pid) - self.descriptors
+            kept = lambda: watch.descriptors(self.agent.pid) - self.descriptors - bounds.KEPT_OPEN
             while time.monotonic() < quiet and (kept() > 0 or not self.sanitized):  # there memory does not count
                 time.sleep(0.1)
             rest = self.memory.last - self.idle
             if (left := kept()) > 0:
-                faults.append(f"{left} descriptors kept")
+                faults.append(f"{left} descriptors too many kept")
             self.attack(name, 1 if self.sanitized else AGAIN, lambda: self.look(name))
             silent_end, began = self.is_silent(), time.monotonic()
             self.agent.terminate()
