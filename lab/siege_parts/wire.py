@@ -46,6 +46,24 @@ def link_cipher(key, data, encrypting):
     return _aes(_crypto.EVP_aes_128_cbc, key, data + bytes(-len(data) % 16), encrypting, False, bytes(16))
 
 
+class HeadCipher:
+    """Decrypts the beginnings of a link's messages, with a key that is prepared once."""
+
+    def __init__(self, key):
+        self.context = ctypes.c_void_p(_crypto.EVP_CIPHER_CTX_new())
+        self.out, self.length = ctypes.create_string_buffer(HEAD + 16), ctypes.c_int()
+        _crypto.EVP_CipherInit_ex(self.context, ctypes.c_void_p(_crypto.EVP_aes_128_cbc()), None, key, bytes(16), 0)
+        _crypto.EVP_CIPHER_CTX_set_padding(self.context, 0)
+
+    def __del__(self):
+        _crypto.EVP_CIPHER_CTX_free(self.context)
+
+    def decrypt(self, data):
+        _crypto.EVP_CipherInit_ex(self.context, None, None, None, bytes(16), 0)
+        _crypto.EVP_CipherUpdate(self.context, self.out, ctypes.byref(self.length), data, len(data))
+        return self.out.raw[:self.length.value]
+
+
 def cloud_cipher(key, data, encrypting):
     return _aes(_crypto.EVP_aes_128_ecb, key, data, encrypting, True)
 
@@ -97,7 +115,7 @@ class Wire:
         self.socket = connected
         self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.socket.settimeout(30)
-        self.input = b""
+        self.input, self.at = b"", 0  # what has come, and how much of it has been taken
         self.sending = threading.Lock()  # frames of several threads stay whole
 
     def close(self, reset=False):
@@ -116,22 +134,24 @@ class Wire:
         """The next frame's body. What came of it stays when a time-out ends the wait."""
         header = len(self.magic) + 4
         while True:
-            if len(self.input) >= header:
-                if not self.input.startswith(self.magic):
+            body = self.at + header
+            if len(self.input) >= body:
+                if not self.input.startswith(self.magic, self.at):
                     raise Ended("bad magic")
-                length, = struct.unpack_from(">I", self.input, header - 4)
-                if len(self.input) >= header + length:
-                    body, self.input = self.input[header:header + length], self.input[header + length:]
-                    return body
-            piece = self.socket.recv(1 << 18)
+                length, = struct.unpack_from(">I", self.input, body - 4)
+                if len(self.input) >= body + length:
+                    self.at = body + length
+                    return self.input[body:self.at]
+            piece = self.socket.recv(1 << 20)
             if not piece:
                 raise Ended("closed")
-            self.input += piece
+            self.input, self.at = self.input[self.at:] + piece, 0
 
 
 # ---- the gateway's end -----------------------------------------------------------------------------------------
 
-LONG, HEAD = 8192, 128  # bytes
+HEAD = 64  # bytes; what a message begins with
+BEGINNING = re.compile(rb'{"type":"(\w+)","sequence":(\d+)')
 
 
 class Link(Wire):
@@ -142,7 +162,7 @@ class Link(Wire):
 
     def __init__(self, connected):
         super().__init__(connected)
-        self.key = self.offer = None
+        self.key = self.head = None
         self.registered = False
 
     def packed(self, message):
@@ -154,16 +174,12 @@ class Link(Wire):
         self.raw(self.packed({"mac": self.mac, **message}))
 
     def receive(self):
-        """Of a long message only what it begins with: who reads it all is slower than who writes it."""
+        """Only type and number, which is fast: who reads it all is slower than who writes it."""
         body = self.receive_body()
-        is_long = len(body) > LONG
-        if is_long:
-            body = body[:HEAD]
-        text = link_cipher(self.key, body, False) if self.key else body
-        if is_long:
-            kind, number = re.match(rb'{"type":"(\w+)","sequence":(\d+)', text).groups()
-            return {"type": kind.decode(), "sequence": int(number)}
-        return json.loads(text.rstrip(b"\0"))
+        kind, number = BEGINNING.match(self.head.decrypt(body[:HEAD]) if self.key else body[:HEAD]).groups()
+        if kind == b"dh":
+            return json.loads(link_cipher(self.key, body, False).rstrip(b"\0") if self.key else body)
+        return {"type": kind.decode(), "sequence": int(number)}
 
     def agree(self, message):
         """Answers "dh"; both have the key then."""
@@ -173,6 +189,7 @@ class Link(Wire):
         self.send({"type": "dh", "sequence": message["sequence"], "data": answer})
         shared = pow(number_of(data["dh_key"]), private, prime)
         self.key = shared.to_bytes((shared.bit_length() + 7) // 8, "big").ljust(16, b"\0")
+        self.head = HeadCipher(self.key)
 
     def serve(self):
         """Takes the next message, answers it as a gateway does, and returns it."""
@@ -182,7 +199,7 @@ class Link(Wire):
             self.send({"type": "keyngack", "sequence": message["sequence"], "keymode": "dh"})
         elif kind == "dh":
             self.agree(message)
-        elif kind not in ("status", "ack", "ubus_result", "rssiinfo"):
+        elif kind not in ("status", "ack", "ubus_result", "ubus_notify", "rssiinfo"):
             self.registered |= kind == "dev_reg"
             self.send({"type": "ack", "sequence": message["sequence"], "errcode": 0})
         return message
