@@ -51,11 +51,14 @@ class Siege:
                 self.questions.pop(role).open = False
                 self.friends.pop(role).close()
 
-    def await_friends(self, seconds):
+    def await_friends(self, seconds, under_attack=None):
+        """What was asked during an attack may be answered only behind it."""
         end = time.monotonic() + seconds
         for role, friend in self.friends.items():
             patience = peers.SOON
             while not friend.wait(min(time.monotonic() + patience * self.slower, end)):
+                if under_attack:
+                    self.look(under_attack)
                 if time.monotonic() >= end:
                     raise Broken(f"the agent did not find back to the {role} within {seconds:.0f} s")
                 (bus.recall_gateway if role == "gateway" else bus.recall_cloud)()
@@ -156,11 +159,12 @@ class Siege:
             self.attack(name, seconds, lambda: self.look(name))
             self.stop_plays(*self.plays)
             self.be_friends("gateway", "cloud")
-            self.await_friends(bounds.BACK * self.slower)
+            self.await_friends(bounds.BACK * self.slower, name)
             quiet = time.monotonic() + bounds.REST_AFTER
             kept = lambda: watch.descriptors(self.agent.pid) - self.descriptors - bounds.KEPT_OPEN
             while time.monotonic() < quiet and (kept() > 0 or not self.sanitized):  # there memory does not count
-                time.sleep(0.1)
+                time.sleep(1)
+                self.look(name)
             rest = self.memory.last - self.idle
             if (left := kept()) > 0:
                 faults.append(f"{left} descriptors too many kept")
