@@ -9,20 +9,26 @@ namespace arvok::gateway {
 
 std::time_t first_seen::of(std::string_view mac) {
     std::string key = upper_case(mac);
-    if (const auto seen = by_mac_.find(key); seen != by_mac_.end()) {
-        hosts_.splice(hosts_.begin(), hosts_, seen->second);
-        return seen->second->time;
-    }
-    const host &added = hosts_.emplace_front(host{std::move(key), now_()});
-    by_mac_.emplace(added.mac, hosts_.begin());
-    return added.time;
+    auto seen =
+        std::lower_bound(hosts_.begin(), hosts_.end(), key,
+                         [](const host &each, const std::string &wanted) { return each.mac < wanted; });
+    if (seen == hosts_.end() || seen->mac != key)
+        seen = hosts_.insert(seen, {std::move(key), now_(), 0});
+    seen->asked = ++questions_;
+    return seen->time;
 }
 
 void first_seen::forget_others(std::size_t active) {
-    while (hosts_.size() > std::max(active, hosts_max)) {
-        by_mac_.erase(hosts_.back().mac);
-        hosts_.pop_back();
-    }
+    const std::size_t kept = std::max(active, hosts_max);
+    if (hosts_.size() <= kept)
+        return;
+    std::vector<std::uint64_t> asked;
+    for (const host &each : hosts_)
+        asked.push_back(each.asked);
+    const auto oldest_kept = asked.end() - static_cast<std::ptrdiff_t>(kept);
+    std::nth_element(asked.begin(), oldest_kept, asked.end());
+    std::erase_if(hosts_, [&](const host &each) { return each.asked < *oldest_kept; });
+    hosts_.shrink_to_fit();
 }
 
 }  // namespace arvok::gateway

@@ -5,11 +5,11 @@
 /// not active any more, the ones longest not asked for are forgotten.
 
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
-#include <list>
-#include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/clock.h"
 
@@ -33,11 +33,14 @@ class first_seen {
     struct host {
         std::string mac;  ///< in upper case
         std::time_t time;
+        std::uint64_t asked;  ///< the number of the last question
     };
 
     wall_clock now_;
-    std::list<host> hosts_;  ///< the one last asked for is the first
-    std::map<std::string_view, std::list<host>::iterator> by_mac_;
+    /// By MAC. In one piece: a thousand of their own, made while reports are written, would keep the reports'
+    /// memory from being given back.
+    std::vector<host> hosts_;
+    std::uint64_t questions_ = 0;
 };
 
 }  // namespace arvok::gateway
