@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -23,17 +24,15 @@ extern "C" {
 namespace arvok::local {
 namespace {
 
-constexpr char any_address[] = "0.0.0.0";
-constexpr char default_port[] = "17998";
+constexpr char any_address[] = "0.0.0.0", default_port[] = "17998";
 constexpr int accept_pause_ms = 1000;
 
 // A client may take 20 KiB, a buffer full of requests and replies: all of them together stay below 2 MiB, and
 // a host that takes all that it may have leaves half as many to the others.
-constexpr std::size_t clients_max = 96;
-constexpr std::size_t clients_of_address_max = 64;
+constexpr std::size_t clients_max = 96, clients_of_address_max = 64;
 
-// Descriptors that clients leave to the agent's own connections, files and commands.
-constexpr rlim_t own_descriptors = 16;
+// Descriptors that clients leave to the agent: some 20 that stay open, and files, commands, server names.
+constexpr rlim_t own_descriptors = 32;
 
 // A client that does not take its replies is read again when it has taken them down to this.
 constexpr std::size_t unsent_max = 4096;
@@ -162,7 +161,6 @@ class server::client {
     bool is_of(in_addr address) const { return address_ == address.s_addr; }
     // Grows with every client that connects or sends: the smallest is the one longest idle.
     std::uint64_t heard() const { return heard_; }
-
     std::size_t unsent() { return stream_.unsent(); }
 
     // The client goes with its connection: at once, or on the loop's next turn from a request of its own.
@@ -268,15 +266,13 @@ void server::make_room(in_addr address) {
 void server::bound_output() {
     for (;;) {
         std::size_t all = 0;
-        client *most = nullptr;
-        for (client &c : clients_) {
+        for (client &c : clients_)
             all += c.unsent();
-            if (!most || c.unsent() > most->unsent())
-                most = &c;
-        }
         if (all <= unsent_of_all_max)
             return;
-        most->close();
+        std::max_element(clients_.begin(), clients_.end(), [](client &a, client &b) {
+            return a.unsent() < b.unsent();
+        })->close();
     }
 }
 
@@ -287,10 +283,8 @@ void server::accept_client() {
         room() > 0 ? accept4(listener_.get(), reinterpret_cast<sockaddr *>(&peer), &size, SOCK_CLOEXEC) : -1;
     if (fd < 0) {
         log_printf("[ERROR] (local) accept failed\n");
-        // Who could not be accepted keeps the socket readable: without a pause this would go on and on.
-        watch_.stop();
-        accept_pause_.arm(accept_pause_ms);
-        return;
+        watch_.stop();  // who could not be accepted keeps the socket readable
+        return accept_pause_.arm(accept_pause_ms);
     }
     char address[INET_ADDRSTRLEN];
     inet_ntop(AF_INET, &peer.sin_addr, address, sizeof address);

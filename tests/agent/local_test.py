@@ -144,12 +144,12 @@ class Crowd(LocalCase):
 
     def test_without_descriptors_clients_wait_and_nothing_spins(self):
         agent = self.serve()
-        self.limit(agent, 17)
+        self.limit(agent, 33)
         first, second = self.connect(), self.connect()
         second.send(question(1))
         self.expect_identity(second, 1)
         self.assertIsNone(first.receive())
-        self.limit(agent, 16)
+        self.limit(agent, 32)
         refused = [self.connect() for _ in range(20)]
         agent.expect("[ERROR] (local) accept failed\n")
         began, cpu, accepted = time.monotonic(), self.cpu_seconds(agent), agent.lines().count("accept client")
