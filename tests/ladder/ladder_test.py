@@ -7,25 +7,22 @@ import re
 import struct
 import subprocess
 import sys
-import tempfile
 import unittest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(1, os.path.join(HERE, "../wireshark"))
 
-from dissected import ACK, RST, SYN, Capture, DEVICE, SERVER
+import dissected
+from dissected import ACK, CLOUD, DEVICE, GATEWAY, LOCAL, RST, SERVER, SYN, Capture
 from drawn import REPO, Page, Picture, run
 
 TRAFFIC = os.path.join(HERE, "../wireshark/traffic.py")
 NASTY = "</script><b>&\"'\u0001\ud800]]>"
-GATEWAY, CLOUD, LOCAL = 32768, 8088, 17998
 
 
 def setUpModule():
-    folder = tempfile.TemporaryDirectory()
-    unittest.addModuleCleanup(folder.cleanup)
     global work
-    work = folder.name
+    work = dissected.folder()
 
 
 def drawn(path, *options, kind=Picture):

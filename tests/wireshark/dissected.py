@@ -3,13 +3,23 @@
 import os
 import struct
 import subprocess
+import tempfile
+import unittest
 
 REPO = os.path.realpath(os.path.join(os.path.dirname(__file__), "../.."))
 SCRIPT = os.path.join(REPO, "tools/wireshark/arvok.lua")
 
 DEVICE, SERVER = "192.168.1.2", "100.64.0.1"
+GATEWAY, CLOUD, LOCAL = 32768, 8088, 17998
 RAW_IP = 101
 FIN, SYN, RST, ACK = 1, 2, 4, 16
+
+
+def folder():
+    """Of this module's tests, while they run."""
+    made = tempfile.TemporaryDirectory()
+    unittest.addModuleCleanup(made.cleanup)
+    return made.name
 
 
 def address(text):

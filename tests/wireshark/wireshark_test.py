@@ -7,23 +7,18 @@ import re
 import struct
 import subprocess
 import sys
-import tempfile
 import unittest
 
 import dissected
-from dissected import Capture, FIN, RST, rows
+from dissected import CLOUD, Capture, FIN, GATEWAY, LOCAL, RST, rows
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 HOME = os.path.join(dissected.REPO, "lab/home")
 
-GATEWAY, CLOUD, LOCAL = 32768, 8088, 17998
-
 
 def setUpModule():
-    folder = tempfile.TemporaryDirectory()
-    unittest.addModuleCleanup(folder.cleanup)
     global work
-    work = folder.name
+    work = dissected.folder()
 
 
 def gateway_frame(body, magic=b"\x3f\x72\x1f\xb5", length=None):
