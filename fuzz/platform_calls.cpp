@@ -154,10 +154,6 @@ extern "C" int __wrap_ubus_register_event_handler(ubus_context *, ubus_event_han
     return UBUS_STATUS_OK;
 }
 
-extern "C" int __wrap_ubus_remove_object(ubus_context *, ubus_object *) {
-    return UBUS_STATUS_OK;
-}
-
 // The connection of the agent's own.
 extern "C" ubus_context *__wrap_ubus_connect(const char *) {
     static ubus_context own;
@@ -183,9 +179,11 @@ extern "C" int __wrap_ubus_subscribe(ubus_context *, ubus_subscriber *, uint32_t
     return UBUS_STATUS_OK;
 }
 
-extern "C" int __wrap_ubus_unregister_subscriber(ubus_context *, ubus_subscriber *subscriber) {
-    std::erase(own_subscribers, subscriber);
-    std::erase(platform.subscribers, subscriber);
+extern "C" int __wrap_ubus_remove_object(ubus_context *, ubus_object *object) {
+    const auto is_its = [&](const ubus_subscriber *each) { return &each->obj == object; };
+    if (std::erase_if(own_subscribers, is_its) == 0)
+        return UBUS_STATUS_OK;
+    std::erase_if(platform.subscribers, is_its);
     return outcome(nullptr);
 }
 

@@ -28,10 +28,6 @@ int ubus_register_subscriber(struct ubus_context *ctx, struct ubus_subscriber *s
     return ubus_add_object(ctx, &sub->obj);
 }
 
-int ubus_unregister_subscriber(struct ubus_context *ctx, struct ubus_subscriber *sub) {
-    return ubus_remove_object(ctx, &sub->obj);
-}
-
 static int ask_for_target(struct ubus_context *ctx, struct ubus_subscriber *sub, uint32_t target,
                           uint8_t type) {
     struct blob_buf b;

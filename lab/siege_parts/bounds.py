@@ -8,8 +8,8 @@ FEW_HOSTS = 64
 # What a siege leaves behind would be there for years: pages that are cut up, the lists that are bounded. No more.
 REST = 512
 REST_AFTER = 10  # quiet seconds
-# Descriptors that stay: the connection on which the objects are heard that gateway and cloud have subscribed to.
-KEPT_OPEN = 1
+# A descriptor that stays behind those who subscribe: of the connection on which their objects are heard.
+HEARD = {"gateway-mute": 1, "gateway-slow": 1, "cloud-mute": 1, "objects-noisy": 1, "objects-come-and-go": 1, "together": 1}
 
 # What a person who waits for a page notices; the gateway's own patience is five times as much.
 STALL = 1.0

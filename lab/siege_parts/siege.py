@@ -161,7 +161,7 @@ class Siege:
             self.be_friends("gateway", "cloud")
             self.await_friends(bounds.BACK * self.slower, name)
             quiet = time.monotonic() + bounds.REST_AFTER
-            kept = lambda: watch.descriptors(self.agent.pid) - self.descriptors - bounds.KEPT_OPEN
+            kept = lambda: watch.descriptors(self.agent.pid) - self.descriptors - bounds.HEARD.get(name, 0)
             while time.monotonic() < quiet and (kept() > 0 or not self.sanitized):  # there memory does not count
                 time.sleep(1)
                 self.look(name)

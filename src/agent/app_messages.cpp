@@ -11,10 +11,11 @@ constexpr std::size_t status_words_max = 127;
 }  // namespace
 
 void app_messages::handle(blob_attr *message, bus_message &reply) {
-    const std::optional<std::string> text = json_of(message);
+    std::optional<std::string> text = json_of(message);
     if (!text)
         return add_outcome(reply, "invalid msg, not json format", "-1");
     const json::document root = json::parse(*text);
+    text.reset();  // it may be long, and so may the answer
     const std::optional<std::string_view> command = root["CmdType"].text();
     if (!command)
         return add_outcome(reply, "invalid msg, CmdType", "-2");

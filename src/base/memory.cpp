@@ -40,7 +40,8 @@ void return_large_memory() {}
 
 void memory_return::soon() {
     left_ = times;
-    next_.arm(pause_ms);
+    if (!next_.is_armed())
+        next_.arm(pause_ms);
 }
 
 void memory_return::give_back() {

@@ -42,8 +42,6 @@ void bus_bridge::answer_link(bus_calls::result done) {
 }
 
 void bus_bridge::answer_cloud(bus_calls::result done) {
-    if (done.consumed)
-        link_.acknowledged();
     cloud_.answer(std::move(done.reply));
 }
 

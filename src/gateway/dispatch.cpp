@@ -50,7 +50,8 @@ constexpr dispatcher::answer_row dispatcher::answers[] = {
     {"ack", &dispatcher::handle_ack},
 };
 
-// Whether the message was consumed, which ends the wait for an acknowledgement.
+// Whether the message was consumed. One of the gateway's ends the wait for its acknowledgement; the cloud
+// cannot answer in its place: nothing would end the wait for a gateway that has gone silent.
 bool dispatcher::run(request &r) {
     services_.cache.expire();
     const std::optional<std::string_view> type = r.root["type"].text();
@@ -64,7 +65,7 @@ bool dispatcher::run(request &r) {
     else
         log_printf("[ERROR] (arvok) unknown type: %s\n", type->data());
     actions_ = r.actions;
-    if (consumed)
+    if (consumed && !r.from_cloud)
         link_.acknowledged();
     return consumed;
 }

@@ -1,6 +1,7 @@
 #include "gateway/first_seen.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "base/text.h"
@@ -28,7 +29,9 @@ void first_seen::forget_others(std::size_t active) {
     const auto oldest_kept = asked.end() - static_cast<std::ptrdiff_t>(kept);
     std::nth_element(asked.begin(), oldest_kept, asked.end());
     std::erase_if(hosts_, [&](const host &each) { return each.asked < *oldest_kept; });
-    hosts_.shrink_to_fit();
+    // Without exceptions a vector does not shrink by itself.
+    std::vector<host>(std::make_move_iterator(hosts_.begin()), std::make_move_iterator(hosts_.end()))
+        .swap(hosts_);
 }
 
 }  // namespace arvok::gateway

@@ -12,8 +12,8 @@
 namespace arvok::platform {
 namespace {
 
-// More than the daemon keeps for a connection is read in less. It may be asked hundreds of times in one turn
-// of the loop, so this holds for all of them together.
+// What the daemon keeps for a connection is usually read in less. It may be asked hundreds of times in one
+// turn of the loop, so this holds for all of a second together.
 constexpr std::chrono::milliseconds reading_time(300);
 constexpr std::chrono::seconds reading_pause(1);
 
@@ -39,29 +39,51 @@ bool own_connection::open() {
 // The bus library waits without limit for an answer of the daemon, which drops it when too much lies before
 // it: nothing is asked before that is read. False when it does not end.
 bool own_connection::read_up() {
-    while (has_unread(*bus_)) {
-        const auto now = std::chrono::steady_clock::now();
-        if (now >= reading_since_ + reading_pause)
-            reading_since_ = now;
-        if (now >= reading_since_ + reading_time)
-            return false;
-        ubus_handle_event(bus_);
+    using clock = std::chrono::steady_clock;
+    const auto began = clock::now();
+    if (began - reading_since_ >= reading_pause) {
+        reading_since_ = began;
+        read_for_ = {};
     }
-    return true;
+    const auto end = began + (reading_time - read_for_);
+    auto now = began;
+    bool is_read;
+    while (!(is_read = !has_unread(*bus_)) && now < end) {
+        ubus_handle_event(bus_);
+        now = clock::now();
+    }
+    read_for_ += now - began;
+    return is_read;
 }
 
-bool own_connection::subscribe(ubus_subscriber &to, std::uint32_t object) {
-    if (object == 0 || !open())
-        return false;
-    if (read_up() && ubus_register_subscriber(bus_, &to) == UBUS_STATUS_OK) {
-        members_.push_back({&to, object});
-        if (ubus_subscribe(bus_, &to, object) == UBUS_STATUS_OK)
+// A connection on which too much comes is given up, with what the daemon keeps for it, for a new one, on
+// which nothing lies before the answers yet.
+void own_connection::start_over() {
+    const std::vector<member> before = std::exchange(members_, {});
+    close();
+    for (const member &each : before)
+        if (!add(each))
+            each.subscriber->remove_cb(nullptr, each.subscriber, each.object);
+}
+
+bool own_connection::add(const member &added) {
+    if (open() && ubus_register_subscriber(bus_, added.subscriber) == UBUS_STATUS_OK) {
+        members_.push_back(added);
+        if (ubus_subscribe(bus_, added.subscriber, added.object) == UBUS_STATUS_OK)
             return true;
-        unsubscribe(to, object);
+        unsubscribe(*added.subscriber, added.object);
     }
     if (members_.empty())
         close();
     return false;
+}
+
+bool own_connection::subscribe(ubus_subscriber &to, std::uint32_t object) {
+    if (object == 0)
+        return false;
+    if (bus_ && !read_up())
+        start_over();
+    return add({&to, object});
 }
 
 // What the library would not let go of goes with the connection.
@@ -77,13 +99,6 @@ bool own_connection::unsubscribe(ubus_subscriber &to, std::uint32_t object) {
     else if (!read_up() || ubus_unregister_subscriber(bus_, &to) != UBUS_STATUS_OK)
         start_over();
     return is_its_object;
-}
-
-void own_connection::start_over() {
-    const std::vector<member> others = std::exchange(members_, {});
-    close();
-    for (const member &other : others)
-        other.subscriber->remove_cb(nullptr, other.subscriber, other.object);
 }
 
 // What came while the library waited for an answer is served first: it would not release it.

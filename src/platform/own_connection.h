@@ -21,12 +21,10 @@ class own_connection {
     own_connection(const own_connection &) = delete;
     own_connection &operator=(const own_connection &) = delete;
 
-    /// The subscriber, whose callbacks are set, outlives its subscription. False when there is no such
-    /// object, no bus, or more coming in than can be read, behind which the daemon's answer might be dropped.
+    /// The subscriber, whose callbacks are set, outlives its subscription. False when there is no such object
+    /// or no bus.
     bool subscribe(ubus_subscriber &to, std::uint32_t object);
-    /// Returns whether it was subscribed to this object; it hears nothing more in any case. When more comes
-    /// in than can be read, the connection is opened anew: the other subscribers are told that their objects
-    /// have gone.
+    /// Returns whether it was subscribed to this object; it hears nothing more in any case.
     bool unsubscribe(ubus_subscriber &to, std::uint32_t object);
     /// Ends all subscriptions at once, and waits for nobody.
     void close();
@@ -38,12 +36,15 @@ class own_connection {
     };
 
     bool open();
+    bool add(const member &added);
     bool read_up();
     void start_over();
 
     ubus_context *bus_ = nullptr;
-    std::chrono::steady_clock::time_point reading_since_;  ///< what lay before an answer
-    std::vector<member> members_;                          ///< those the bus library has, too
+    std::vector<member> members_;  ///< those the bus library has, too
+    // What was read before a question, and for how long, in the second that began then.
+    std::chrono::steady_clock::time_point reading_since_;
+    std::chrono::steady_clock::duration read_for_{};
 };
 
 }  // namespace arvok::platform

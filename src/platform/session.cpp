@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <csignal>
 
+#include "base/json.h"
 #include "base/log.h"
 
 extern "C" {
@@ -78,8 +79,16 @@ app_registration::app_registration(handler answer) : answer_(answer), callbacks_
         const message_scope scope(registered, bind<&app_registration::has_more>(*registered));
         bus_message reply;
         registered->answer_(message, reply);
-        if (request)  // else nobody waits for it
+        if (!request)  // nobody waits for it
+            return 0;
+        if (blob_raw_len(reply.get()) <= json::text_max) {
             ubus_send_reply(bus, request, reply.get());
+            return 0;
+        }
+        log_printf("[ERROR] reply of %d bytes too long\n", static_cast<int>(blob_raw_len(reply.get())));
+        bus_message refusal;
+        add_outcome(refusal, "reply too long", "-102");
+        ubus_send_reply(bus, request, refusal.get());
         return 0;
     };
     registered = this;

@@ -54,7 +54,8 @@ std::uint32_t object_id(qzcap_object number);
 /// for the platform does not tell its callback for whom it calls.
 class app_registration {
   public:
-    /// Answers one message; null when the call had none.
+    /// Answers one message; null when the call had none. Of an answer of more than 768 KiB the caller is only
+    /// told that it is too long: the bus's daemon disconnects whoever sends it more than it carries.
     using handler = callback<void(blob_attr *message, bus_message &reply)>;
 
     explicit app_registration(handler answer);

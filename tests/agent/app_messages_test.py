@@ -31,6 +31,11 @@ class Messages(AgentCase):
             with self.subTest(message=str(message)[:80]):
                 self.assertEqual(list(self.ask(**message).items()), list(answer.items()))
 
+    def test_an_answer_that_the_bus_does_not_carry(self):
+        long = "x" * 400_000
+        self.assertEqual(self.ask(CmdType=long, SequenceId=long), {"FailReason": "reply too long", "Status": "-102"})
+        self.assertEqual(self.ask(CmdType=long)["CmdType"], long)
+
     def test_status(self):
         answer = self.ask(CmdType="GET_STATUS", SequenceId="42", more={"ignored": [1]})
         self.assertEqual(list(answer), ["CmdType", "SequenceId", "arvokclt"])

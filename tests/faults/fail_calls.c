@@ -48,6 +48,6 @@ FAILING(int, qzcap_ubus_subscribe, (void *subscriber, uint32_t id), (subscriber,
 FAILING(void *, ubus_connect, (const char *path), (path), NULL)
 FAILING(int, ubus_register_subscriber, (void *bus, void *subscriber), (bus, subscriber), 8)
 FAILING(int, ubus_subscribe, (void *bus, void *subscriber, uint32_t id), (bus, subscriber, id), 8)
-FAILING(int, ubus_unregister_subscriber, (void *bus, void *subscriber), (bus, subscriber), 8)
+FAILING(int, ubus_remove_object, (void *bus, void *object), (bus, object), 8)
 FAILING(void *, qzcap_calloc, (size_t count, size_t size), (count, size), NULL)
 FAILING(char *, qzcap_strdup, (const char *text), (text), NULL)

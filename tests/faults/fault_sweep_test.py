@@ -137,7 +137,7 @@ class Library(SweepCase):
            ((10004, "qzcap_ubus_subscribe failed: qzcapd.laninfo"), DONE, DONE))
           for call in ("ubus_connect", "ubus_register_subscriber", "ubus_subscribe")],
         # The library would not let go of it: so the connection goes, and the other subscription comes on a new one.
-        ("ubus_unregister_subscriber", lambda t: (t.subscribe(1), t.subscribe(1, "qzcapd.wan"), t.subscribe(0),
+        ("ubus_remove_object", lambda t: (t.subscribe(1), t.subscribe(1, "qzcapd.wan"), t.subscribe(0),
                                                   t.subscribe(0), t.is_heard("qzcapd.wan"), t.subscribe(0, "qzcapd.wan")),
          (DONE, DONE, DONE, (10002, "object 'qzcapd.laninfo' is not subscribed"), True, DONE)),
         ("qzcap_get_objid_by_name", lambda t: (t.bus_call(), t.bus_call()),

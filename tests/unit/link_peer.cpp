@@ -67,7 +67,8 @@ int ubus_register_event_handler(ubus_context *, ubus_event_handler *, const char
     return UBUS_STATUS_OK;
 }
 
-int ubus_remove_object(ubus_context *, ubus_object *) {
+int ubus_remove_object(ubus_context *, ubus_object *object) {
+    std::erase_if(around.subscribers, [&](const ubus_subscriber *each) { return &each->obj == object; });
     return UBUS_STATUS_OK;
 }
 
@@ -100,11 +101,6 @@ int ubus_register_subscriber(ubus_context *, ubus_subscriber *subscriber) {
 }
 
 int ubus_subscribe(ubus_context *, ubus_subscriber *, std::uint32_t) {
-    return UBUS_STATUS_OK;
-}
-
-int ubus_unregister_subscriber(ubus_context *, ubus_subscriber *subscriber) {
-    std::erase(around.subscribers, subscriber);
     return UBUS_STATUS_OK;
 }
 

@@ -238,7 +238,9 @@ void ubus_complete_deferred_request(struct ubus_context *ctx, struct ubus_reques
 
 /// Puts a subscriber on the bus, subscribes it to objects, and takes it off again.
 int ubus_register_subscriber(struct ubus_context *ctx, struct ubus_subscriber *sub);
-int ubus_unregister_subscriber(struct ubus_context *ctx, struct ubus_subscriber *sub);
+static inline int ubus_unregister_subscriber(struct ubus_context *ctx, struct ubus_subscriber *sub) {
+    return ubus_remove_object(ctx, &sub->obj);
+}
 int ubus_subscribe(struct ubus_context *ctx, struct ubus_subscriber *sub, uint32_t id);
 int ubus_unsubscribe(struct ubus_context *ctx, struct ubus_subscriber *sub, uint32_t id);
 
