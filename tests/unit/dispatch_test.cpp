@@ -27,6 +27,8 @@ TEST_F(Link, TheKeyAnswerIsAwaitedForFiveSeconds) {
         expect_log(u.line);
         EXPECT_TRUE(is_armed(5000)) << u.body;
     }
+    EXPECT_TRUE(through_cloud(R"({"type":"get_status","get":[{"name":"cputemp"}]})"));
+    EXPECT_TRUE(is_armed(5000)) << "the cloud cannot answer in the gateway's place";
     fire(5000);
     expect_log("[ERROR] (arvok) wait ack timeout\n");
     expect_reconnection(10000);
