@@ -1,5 +1,6 @@
 """The fleet while it runs: time, waiting, progress, and the figures at the end."""
 
+import contextlib
 import json
 import os
 import select
@@ -9,15 +10,15 @@ import subprocess
 import sys
 import time
 
-from bus import Bus
-
 from .events import ALL_BUSINESS, Events, Wrong
-from .homes import Failure, Homes
+from .failure import Bus, Failure
+from .homes import Homes
 from .record import Recorder
 
 START_PATIENCE_S = 600  # real, for all
 TICK_S = 0.02
 LOOK_S = 0.5  # real; the platform is kept from its work by each look
+ASK_PATIENCE_S = 5  # real, for an event to be told
 
 
 class Fleet:
@@ -31,6 +32,7 @@ class Fleet:
         self.events = Events(self)
         self.figures = {"homes": options.count, "speed": options.speed, "measured": []}
         self.said = 0
+        self.asker = None  # whose event it is
 
     def clock(self):
         """Seconds since the start: real ones, and the devices'."""
@@ -44,11 +46,11 @@ class Fleet:
         print(f"lab/fleet: {self.clock()[0]:6.1f} s  {text}", end=end, file=sys.stderr, flush=True)
 
     def progress(self, text):
-        """A line that the next one writes over; once in ten seconds where it is no terminal."""
+        """A line that the next one writes over; once in ten seconds where it is no terminal. Only then `text` is called for it."""
         terminal = sys.stderr.isatty()
         if time.monotonic() - self.said > (0.5 if terminal else 10):
             self.said = time.monotonic()
-            self.say(text, "   \r" if terminal else "\n")
+            self.say(text(), "   \r" if terminal else "\n")
 
     # ---- what events are made of -------------------------------------------------------------------------------------
 
@@ -69,6 +71,12 @@ class Fleet:
         while (left := (end - self.clock()[1]) / self.options.speed) > 0:
             time.sleep(min(left, 0.2))
             self.look()
+            self.heed_asker()
+
+    def heed_asker(self):
+        """Nothing is waited for any longer when who asked for it has gone."""
+        if self.asker and select.select([self.asker], [], [], 0)[0]:
+            raise Failure("who asked has gone")
 
     def connected(self):
         return self.recorder.look()["connected"]
@@ -76,7 +84,7 @@ class Fleet:
     def rise(self):
         while self.homes.rise():
             self.look()
-            self.progress(f"{self.homes.count()} of {self.options.count} homes run, {self.connected()} connected")
+            self.progress(lambda: f"{self.homes.count()} of {self.options.count} homes run, {self.connected()} connected")
             time.sleep(TICK_S)
 
     def power_on(self):
@@ -87,18 +95,21 @@ class Fleet:
         end = self.clock()[1] + limit_s
         while True:
             self.look()
+            self.heed_asker()
             wanted = round(part * self.homes.count())
             there = self.connected()
             if there >= wanted:
                 break
             if self.clock()[1] > end:
                 raise Failure(f"{there} of {wanted} are connected after {limit_s / 60:.0f} minutes")
-            self.progress(f"{there} of {wanted} connected")
+            self.progress(lambda: f"{there} of {wanted} connected")
             time.sleep(LOOK_S)
         self.recorder.mark(f"connected {there}")
 
     def measure(self):
         memory = sorted(self.homes.anonymous_kib())
+        if not memory:
+            raise Failure("no agents to measure")
         self.figures["measured"].append({"device_s": self.clock()[1], "agents": len(memory),
                                          "anonymous_kib": {"mean": sum(memory) / len(memory), "most": memory[-1]}})
         self.recorder.mark("measured")
@@ -113,10 +124,10 @@ class Fleet:
         self.figures["started_s"] = self.clock()[0]
         while (there := self.connected()) < self.options.count:
             self.look()
-            self.progress(f"{there} of {self.options.count} connected")
+            self.progress(lambda: f"{there} of {self.options.count} connected")
             if self.clock()[0] > START_PATIENCE_S:
                 raise Failure(f"{there} of {self.options.count} are connected after {START_PATIENCE_S} s")
-            time.sleep(0.1)
+            time.sleep(LOOK_S)
         self.figures["enrolled_s"] = self.clock()[0]
         self.begin(f"all {self.options.count} are enrolled")
 
@@ -127,7 +138,7 @@ class Fleet:
             server.bind(path)
             server.listen()
             # A terminal interrupts the command by itself, and the command decides what becomes of it.
-            interrupted = signal.signal(signal.SIGINT, signal.SIG_IGN)
+            signal.signal(signal.SIGINT, signal.SIG_IGN)
             child = subprocess.Popen(command, cwd=self.options.folder,
                                      preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
             try:
@@ -137,30 +148,43 @@ class Fleet:
                     else:
                         self.look()
             finally:
-                signal.signal(signal.SIGINT, interrupted)
                 child.terminate()
         return child.wait()
 
     def _serve(self, connection):
-        with connection, connection.makefile("rw", encoding="utf-8") as stream:
+        """One event. Who asks may say anything, and go at any time; that is no matter of the fleet's."""
+        connection.settimeout(ASK_PATIENCE_S)
+        with connection, connection.makefile("rb") as asked:
+            line, answer = b"", ""
+            with contextlib.suppress(OSError):
+                line = asked.readline()
+            self.asker = connection
             try:
-                self.events.run(stream.readline())
-                answer = ""
+                self.events.run(line.decode())
             except (Wrong, Failure) as error:
-                answer = str(error)
-            stream.write(answer + "\n")
+                answer = " ".join(str(error).split())
+            except UnicodeDecodeError:
+                answer = "not UTF-8"
+            finally:
+                self.asker = None
+            with contextlib.suppress(OSError):
+                connection.sendall(answer.encode() + b"\n")
 
     def run_lines(self, lines):
         for line in lines:
             self.events.run(line)
 
     def end(self):
-        self.begin("end")
-        self.recorder.close()
-        self.homes.end()
+        """The homes in any case; and the figures, which make a report possible, when all had been there once."""
+        try:
+            self.begin("end")
+            self.recorder.close()
+        finally:
+            self.homes.end()
         self.figures["ended_s"] = self.clock()[0]
-        with open("figures.json", "w", encoding="utf-8") as file:
-            json.dump(self.figures, file, indent=1)
+        if "enrolled_s" in self.figures:
+            with open("figures.json", "w", encoding="utf-8") as file:
+                json.dump(self.figures, file, indent=1)
         if self.homes.ended_badly:
             raise Failure("badly ended: " + ", ".join("home %d's %s (%s)" % ended
                                                       for ended in self.homes.ended_badly[:5]))

@@ -13,19 +13,26 @@ import signal
 import subprocess
 import time
 
-from bus import Bus
-
 from . import isolation, processes
+from .failure import Bus, Failure
 from .home import Home
 
 AT_ONCE = 24  # homes on their way up
 PLATFORM_TIMEOUT_MS = 3000  # of the platform library
 PATIENCE = 60  # seconds for one step of a home
 RUN = "/run"
+MODEL = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "home.json")
 
 
-class Failure(Exception):
-    """The fleet, or a home of it, is not as it must be."""
+def speed_library():
+    return os.path.join(os.path.dirname(os.environ["ARVOK_BIN"]), "lib", "liblab_speed.so")
+
+
+def check_programs(speed):
+    """Whether all is built that nobody else looks at: without its library, an agent would just run at speed 1."""
+    for path in (os.path.join(os.environ["ARVOK_BIN"], "arvokclt"), *[speed_library()] * (speed > 1)):
+        if not os.path.exists(path):
+            raise Failure(f"{path} is missing: build it first (make), or set ARVOK_BIN")
 
 
 class Homes:
@@ -40,16 +47,15 @@ class Homes:
         resource.setrlimit(resource.RLIMIT_NOFILE, (self.files[1], self.files[1]))
         self.by_pid, self.rising, self.waiting, self.ended_badly = {}, [], [], []
         self.ending = False
-        with open(os.environ["FLEET_MODEL"], encoding="utf-8") as file:
+        with open(MODEL, encoding="utf-8") as file:
             self.model = json.load(file)
         self.programs = {"bus": ["ubusd", "-s", RUN + "/ubus/ubus.sock"], "platform": ["qzcapd", "-f", ""],
                          "agent": ["arvokclt"]}
         self.environment = {name: value for name, value in os.environ.items() if not name.startswith(("LAB_", "UBUS_", "FLEET_"))}
         self.agent_environment = dict(self.environment)
         if speed > 1:
-            preload = os.path.join(os.path.dirname(os.environ["ARVOK_BIN"]), "lib", "liblab_speed.so")
             # The platform is not faster than it is.
-            self.agent_environment.update(LD_PRELOAD=preload, LAB_SPEED="%d %d %d" % (speed, *start_ns),
+            self.agent_environment.update(LD_PRELOAD=speed_library(), LAB_SPEED="%d %d %d" % (speed, *start_ns),
                                           QZCAP_TIMEOUT=str(PLATFORM_TIMEOUT_MS * speed))
         self.agent_environment["ASAN_OPTIONS"] = os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
 

@@ -5,7 +5,7 @@ import os
 import threading
 import time
 
-from bus import Bus
+from .failure import Bus
 
 STATES = ("open", "boot", "challenge", "activating", "connecting", "connected")
 METHODS = {"boots": "Boot", "challenges": "GetChallengeCode", "enrolments": "Activate", "connects": "Connect",

@@ -11,6 +11,8 @@ from .events import GROUPS
 
 HEARTBEAT_S = 100
 MINUTE = 60
+PICTURES = ("cold-start", "reconnections", "servers", "heartbeats")
+FILES = ("seconds.csv", "events.csv", "figures.json", "report.md", *(name + ".svg" for name in PICTURES))
 
 
 class Outage:
