@@ -2,6 +2,9 @@
 
 The policy, as docs/cloud-link.md has it: after a failure the same server is tried five times more, each after a delay drawn evenly
 from a range of its own; then the next server's turn comes at once. When all have failed, there is a rest, and another round.
+
+All of it is for devices whose lists are whole. A server counts as tried from its turn on, also when it was connected to since: to a
+device that earlier outages have moved down its list the rest comes sooner: to one at its last server, after the tries there.
 """
 
 DELAYS_S = ((0, 90), (90, 180), (180, 360), (360, 720), (720, 1440))
@@ -43,7 +46,7 @@ def _part(tried, returned, away):
 
 
 def after_lost_server(horizon_s):
-    """The same for the devices of one server that stays away while the others are there."""
+    """The same for the devices of one server that stays away while the others are there, and have another one left in their lists."""
     failed = [1.0] + [0.0] * (horizon_s - 1)
     for low, high in DELAYS_S:
         failed = delayed(failed, low, high)

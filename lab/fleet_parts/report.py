@@ -6,11 +6,13 @@ import sys
 import textwrap
 
 from . import policy
+from .failure import Failure
 from .results import HEARTBEAT_S, MINUTE, Results
 
 MILLION = 10 ** 6
 DAY = 86400
 HEADERS = 52  # of IP and TCP, with the time stamps that both ends use
+SHORTEST_MS = 0.01  # what is told is not more exact
 CHANCE = 0.89  # the mean length of the sum of n random directions, by the root of n
 LENGTHS = (("10 s", 10), ("1 min", 60), ("5 min", 300), ("15 min", 900), ("30 min", 1800), ("1 h", 3600), ("4 h", 4 * 3600))
 
@@ -33,8 +35,8 @@ class Report:
         self.run = Results(folder)
         self.homes = self.run.homes
         self.enrolled = self.run.first("all ")
-        self.start()
         self.quiet()
+        self.start()
 
     # ---- figures -----------------------------------------------------------------------------------------------------
 
@@ -42,21 +44,24 @@ class Report:
         lines = [line for line in self.run.lines if line["device_s"] <= self.enrolled["device_s"] + self.run.speed]
         begin = self.run.first("start")
         self.peak_enrolments = max(line["enrolments"] for line in lines)
-        self.enrolment_ms = (self.enrolled["server_ms"] - begin["server_ms"]) / self.homes
+        self.enrolment_ms = self.server_ms(begin, self.enrolled) / self.homes
 
     def quiet(self):
         """The quiet time after the start: until the first event that is no waiting."""
-        after = [event for event in self.run.events if event["device_s"] > self.enrolled["device_s"]]
+        after = self.run.events[self.run.events.index(self.enrolled) + 1:]
         end = next((event for event in after if event["event"].split()[0] not in ("wait", "measured")), after[-1])
         # Whole intervals, and without the lines that the last enrolments are in.
         intervals = (end["device_s"] - self.enrolled["device_s"] - 3 * self.run.speed) // HEARTBEAT_S
         lines = self.run.between(end["device_s"] - intervals * HEARTBEAT_S - self.run.speed, end["device_s"])
+        self.quiet_lines = lines
         self.quiet_s = lines[-1]["device_s"] - lines[0]["device_s"] if lines else 0
-        self.was_quiet = self.quiet_s >= HEARTBEAT_S
+        worked = {name: sum(line[name] for line in lines[1:])
+                  for name in ("heartbeats", "bytes_in", "bytes_out", "connects", "server_ms")}
+        # A few homes may not have been work for a millisecond.
+        self.was_quiet = self.quiet_s >= HEARTBEAT_S and worked["heartbeats"] > 0 and worked["server_ms"] > 0
         if not self.was_quiet:
             self.heartbeat_ms = 0
             return
-        worked = {name: sum(line[name] for line in lines[1:]) for name in ("heartbeats", "bytes_in", "bytes_out", "connects", "server_ms")}
         self.heartbeat_ms = worked["server_ms"] / worked["heartbeats"]
         self.idle_server_ms = worked["server_ms"] / (self.homes * self.quiet_s)
         days = self.homes * self.quiet_s / DAY
@@ -68,13 +73,20 @@ class Report:
         self.agent_percent = 100 * (end["agents_s"] - begin["agents_s"]) / self.homes / (end["device_s"] - begin["device_s"])
 
     def connect_ms(self, outage):
-        """Processor time of the servers for a device that comes back, without what heartbeats take."""
+        """Processor time of the servers for a device that comes back."""
         events = self.run.events
         begin = next(event for event in events if event["device_s"] >= outage.since() - 1e-6)
         end = next(event for event in events if event["device_s"] >= outage.back - 1e-6)
-        span = begin["device_s"], end["device_s"]
-        worked = end["server_ms"] - begin["server_ms"] - self.heartbeat_ms * self.run.counted("heartbeats", *span)
-        return worked / max(1, self.run.counted("connects", *span))
+        return self.server_ms(begin, end) / max(1, self.run.counted("connects", begin["device_s"], end["device_s"]))
+
+    def server_ms(self, begin, end):
+        """Processor time of the servers from one event to another, without what heartbeats take."""
+        beaten = self.run.counted("heartbeats", begin["device_s"], end["device_s"])
+        return end["server_ms"] - begin["server_ms"] - self.heartbeat_ms * beaten
+
+    @staticmethod
+    def busy(lines):
+        return f"{sum(line['busy_percent'] for line in lines) / max(1, len(lines)):.0f} %"
 
     # ---- tables ------------------------------------------------------------------------------------------------------
 
@@ -84,7 +96,9 @@ class Report:
                 ("all processes up after", f"{figures['started_s']:.0f} s"),
                 ("all enrolled after", f"{figures['enrolled_s']:.0f} s"),
                 ("most enrolments in a second", f"{self.peak_enrolments:.0f}"),
-                ("the servers' processor time for one enrolment", f"{self.enrolment_ms:.2f} ms")]
+                ("the servers' processor time for one enrolment" + ", without heartbeats" * self.was_quiet,
+                 f"{self.enrolment_ms:.2f} ms"),
+                ("how busy the machine was, with all that ran on it", self.busy(self.run.lines))]
         if self.was_quiet:
             rows += self.of_the_quiet()
         for measured in figures["measured"][:1]:
@@ -93,7 +107,8 @@ class Report:
         return table(("what", "measured"), rows)
 
     def of_the_quiet(self):
-        return [("heartbeats per device and day", f"{self.heartbeats_day:.0f}"),
+        return [("how busy it was in the quiet time", self.busy(self.quiet_lines[1:])),
+                ("heartbeats per device and day", f"{self.heartbeats_day:.0f}"),
                 ("bytes of frames per device and day, to the platform and back", f"{self.in_day:.0f}, {self.out_day:.0f}"),
                 ("TCP segments per device and day, both ways, keepalives among them", f"{self.segments_day:.0f}"),
                 (f"bytes per device and day with {HEADERS} of headers for each segment, both ways",
@@ -131,7 +146,8 @@ class Report:
     def of_a_million(self):
         rows = [("idle: heartbeats", f"{MILLION * self.heartbeats_day / DAY:.0f}", f"{MILLION * self.idle_server_ms / 1000:.1f}"),
                 ("one core, idle", "", f"{1000 / self.idle_server_ms:.0f} devices"),
-                ("one core, enrolling", f"{1000 / self.enrolment_ms:.0f}", f"{MILLION * self.enrolment_ms / 3600e3:.1f} hours for all")]
+                ("one core, enrolling", f"{1000 / max(self.enrolment_ms, SHORTEST_MS):.0f}",
+                 f"{MILLION * self.enrolment_ms / 3600e3:.1f} hours for all")]
         return table(("a million devices", "per second", "cores of the servers"), rows)
 
     def of_lengths(self):
@@ -173,6 +189,7 @@ def draw(out, script):
     """By whichever Python has matplotlib: this one, or the system's."""
     for python in (sys.executable, "/usr/bin/python3"):
         if subprocess.run([python, "-c", "import matplotlib"], capture_output=True, check=False).returncode == 0:
-            subprocess.run([python, "-B", script, out], check=True)
+            if subprocess.run([python, "-B", script, out], check=False).returncode != 0:
+                raise Failure("the pictures cannot be drawn")
             return
-    raise SystemExit("lab/fleet: no Python here has matplotlib, so there are no pictures")
+    raise Failure("no Python here has matplotlib, so there are no pictures")
