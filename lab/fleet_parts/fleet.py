@@ -3,13 +3,13 @@
 import contextlib
 import json
 import os
-import select
 import signal
 import socket
 import subprocess
 import sys
 import time
 
+from . import processes
 from .events import ALL_BUSINESS, Events, Wrong
 from .failure import Bus, Failure
 from .homes import Homes
@@ -43,7 +43,8 @@ class Fleet:
         return self.bus.call("lab.cloud", method, arguments, 60)
 
     def say(self, text, end="\n"):
-        print(f"lab/fleet: {self.clock()[0]:6.1f} s  {text}", end=end, file=sys.stderr, flush=True)
+        with contextlib.suppress(OSError):  # the terminal may have gone
+            print(f"lab/fleet: {self.clock()[0]:6.1f} s  {text}", end=end, file=sys.stderr, flush=True)
 
     def progress(self, text):
         """A line that the next one writes over; once in ten seconds where it is no terminal. Only then `text` is called for it."""
@@ -75,7 +76,7 @@ class Fleet:
 
     def heed_asker(self):
         """Nothing is waited for any longer when who asked for it has gone."""
-        if self.asker and select.select([self.asker], [], [], 0)[0]:
+        if self.asker and processes.readable(self.asker, 0):
             raise Failure("who asked has gone")
 
     def connected(self):
@@ -143,7 +144,7 @@ class Fleet:
                                      preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
             try:
                 while child.poll() is None:
-                    if select.select([server], [], [], 0.1)[0]:
+                    if processes.readable(server, 0.1):
                         self._serve(server.accept()[0])
                     else:
                         self.look()

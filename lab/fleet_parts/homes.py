@@ -8,7 +8,6 @@ processes end and start again with the power.
 import json
 import os
 import resource
-import select
 import signal
 import subprocess
 import time
@@ -156,7 +155,7 @@ class Homes:
     @staticmethod
     def _wait_for(pipe, count):
         while count > 0:
-            if not select.select([pipe], [], [], PATIENCE)[0]:
+            if not processes.readable(pipe, PATIENCE):
                 raise Failure("the namespaces of the homes take too long")
             told = os.read(pipe, count)
             if not told:

@@ -1,5 +1,6 @@
 """What the system tells of a process."""
 
+import select
 import signal
 import socket
 
@@ -7,6 +8,13 @@ import socket
 def listens(path):
     with socket.socket(socket.AF_UNIX) as probe:
         return probe.connect_ex(path) == 0
+
+
+def readable(what, seconds):
+    """Waits for input, or its end. A fleet has more descriptors open than select() knows."""
+    poll = select.poll()
+    poll.register(what, select.POLLIN)
+    return bool(poll.poll(1000 * seconds))
 
 
 def takes_end(pid):

@@ -2,6 +2,7 @@
 
 import math
 import os
+import resource
 import socket
 import subprocess
 import sys
@@ -70,6 +71,12 @@ class WordsTest(unittest.TestCase):
                 asked._serve(theirs)
                 self.assertEqual(b"" if goes else ours.recv(100), answer)
         self.assertEqual(heard, ["measure\n", "fail\n", "measure\n", ""])
+        # As in a fleet of a thousand.
+        files = resource.getrlimit(resource.RLIMIT_NOFILE)
+        resource.setrlimit(resource.RLIMIT_NOFILE, (min(2000, files[1]), files[1]))
+        self.addCleanup(resource.setrlimit, resource.RLIMIT_NOFILE, files)
+        for _ in range(1100):
+            self.addCleanup(os.close, os.open(os.devnull, os.O_RDONLY))
         asked.asker, theirs = socket.socketpair()
         with asked.asker, theirs:
             asked.heed_asker()
