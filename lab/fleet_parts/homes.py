@@ -50,7 +50,7 @@ class Homes:
             self.model = json.load(file)
         self.programs = {"bus": ["ubusd", "-s", RUN + "/ubus/ubus.sock"], "platform": ["qzcapd", "-f", ""],
                          "agent": ["arvokclt"]}
-        self.environment = {name: value for name, value in os.environ.items() if not name.startswith(("LAB_", "UBUS_", "FLEET_"))}
+        self.environment = {name: value for name, value in os.environ.items() if not name.startswith(("LAB_", "UBUS_"))}
         self.agent_environment = dict(self.environment)
         if speed > 1:
             # The platform is not faster than it is.
