@@ -1,5 +1,7 @@
 // What the platform tells its subscribers when its state changes, whoever changed it.
 #include <cstring>
+#include <string_view>
+#include <unordered_map>
 
 #include "calls_table.h"
 
@@ -28,10 +30,20 @@ Notification host_event(const char *method, const char *mac, bool active) {
     return {lan_object, method, std::move(message)};
 }
 
+// There may be thousands, and a member of cJSON's is looked for from the first one on.
+std::unordered_map<std::string_view, const cJSON *> by_name(const cJSON *object) {
+    std::unordered_map<std::string_view, const cJSON *> members;
+    const cJSON *member = nullptr;
+    cJSON_ArrayForEach(member, object) members.emplace(member->string, member);
+    return members;
+}
+
 void announce_hosts(const cJSON *before, const cJSON *after, std::vector<Notification> &out) {
+    const auto known = by_name(before), present = by_name(after);
     const cJSON *host = nullptr;
     cJSON_ArrayForEach(host, after) {
-        const cJSON *old = get(before, host->string);
+        const auto found = known.find(host->string);
+        const cJSON *old = found == known.end() ? nullptr : found->second;
         if (old == nullptr) {
             out.push_back(host_event("newdevice", host->string, is_active(host)));
         }
@@ -40,7 +52,7 @@ void announce_hosts(const cJSON *before, const cJSON *after, std::vector<Notific
         }
     }
     cJSON_ArrayForEach(host, before) {
-        if (get(after, host->string) == nullptr && is_active(host)) {
+        if (!present.contains(host->string) && is_active(host)) {
             out.push_back(host_event("devicestatus", host->string, false));
         }
     }
