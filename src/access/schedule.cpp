@@ -1,5 +1,6 @@
 #include "access/schedule.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "base/clock.h"
@@ -57,8 +58,12 @@ bool holds(const schedule_rule &rule, const rule_instant &at) {
 // Seconds until one rule begins or ends to hold today; not above 0 when it will do neither.
 std::int64_t seconds_to_boundary(const schedule_rule &rule, const rule_day &day, const rule_instant &at) {
     const std::int64_t to_start = day.start - at.now, to_end = day.end - at.now;
-    if (rule.mode == 0 && day.start > day.end)
+    if (rule.mode == 0 && day.start > day.end) {
+        // Minutes above 59 may carry yesterday's start into today.
+        if (const std::int64_t to_late_start = to_start - day_s; to_late_start > 0)
+            return to_end > 0 ? std::min(to_late_start, to_end) : to_late_start;
         return to_end > 0 ? to_end : to_start;
+    }
     if (rule.mode == 0 || rule.mode == at.weekday)
         return to_start > 0 ? to_start : to_end;
     if (day.start > day.end && next_day(rule.mode) == at.weekday)
