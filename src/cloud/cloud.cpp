@@ -36,7 +36,7 @@ void client::wan_up() {
 bool client::wan_down() {
     const bool connected = connection_.is_open();
     if (connected)
-        connection_.disconnect();
+        connector_.rest();
     return connected;
 }
 

@@ -56,6 +56,7 @@ const server &connector::used() const {
 
 void connector::run() {
     reconnection_.cancel();
+    change_.cancel();  // what it would leave has ended, and it would go to the same server
     if (resolving_) {
         log_printf("[INFO] (cloud) resolving\n");
         return;
@@ -115,6 +116,11 @@ void connector::connect() {
 void connector::reconnect(int ms) {
     link_.disconnect();
     reconnection_.arm(ms);
+}
+
+void connector::rest() {
+    link_.disconnect();
+    change_.cancel();
 }
 
 void connector::change_bootstrap() {

@@ -27,6 +27,8 @@ class connector {
     /// Looks for the next address and connects; a look-up under way is left to end. A connection that is up
     /// must have been closed.
     void run();
+    /// Disconnects a connection that is open, and plans none until run() or reconnect().
+    void rest();
     /// Disconnects, and connects again in `ms` milliseconds.
     void reconnect(int ms);
     /// After a failure: the same server again after a growing delay, in the end another server.
@@ -40,7 +42,8 @@ class connector {
 
     /// What the next connection goes to.
     void choose(target next) { next_ = next; }
-    /// Forgets identity and addresses, and leaves for the bootstrap server a moment later.
+    /// Forgets identity and addresses, and leaves for the bootstrap server a moment later, or with the next
+    /// connection when this one ends before.
     void change_bootstrap();
     /// Remembers what people are told about the last failure.
     void note(std::string trouble) { trouble_ = std::move(trouble); }

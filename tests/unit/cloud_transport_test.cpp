@@ -205,5 +205,25 @@ TEST_F(Cloud, WhatWaitsToBeSentIsBounded) {
         ASSERT_EQ(receive(), refusal(id)) << i << " of " << sent;
 }
 
+TEST_F(Cloud, AChangeOfTheBootstrapServerEndsWithItsConnection) {
+    for (const bool is_up : {false, true}) {
+        connect_fully();
+        machine.names["bss.example"] = {{"100.64.0.9"}};
+        ask("RequestConnectBSS");
+        EXPECT_TRUE(client_->wan_down());
+        if (is_up) {
+            client_->wan_up();
+            EXPECT_EQ(accept_one(), "100.64.0.9");
+            EXPECT_TRUE(contains(receive(), "Boot"));
+        }
+        log();
+        advance(1000);
+        turn();
+        EXPECT_EQ(client_->status_words(), is_up ? "获取能力平台地址中" : "获取挑战码中");
+        EXPECT_EQ(client_->acknowledgement_remaining() >= 0, is_up);
+        EXPECT_EQ(log(), "");
+    }
+}
+
 }  // namespace
 }  // namespace arvok::cloud
