@@ -13,7 +13,6 @@ STATUS, DATA, LOOKUP, INVOKE, ADD_OBJECT, SUBSCRIBE = 1, 2, 4, 5, 6, 8
 ATTRIBUTES = {1: "status", 2: "path", 3: "object", 4: "method", 7: "data", 8: "target", 10: "no_reply"}
 NUMBERS = {"status", "object", "target"}
 FROM_BUS = 1
-LONGEST = 1 << 20
 
 
 def attributes(data):

@@ -49,7 +49,7 @@ def drawing(picture, part, attributes):
 def page(picture):
     body, height = picture.body()
     # A row can be pointed at anywhere.
-    band = re.compile(r'(<g class="row [^>]*)>(<title>)(.*?</title>)<text class="time" x="\d+" y="([\d.]+)"')
+    band = re.compile(r'(<g class="row [^>]*)>(<title>)(.*?</title>)<text class="time" x="\d+" y="([\d.]+)"', re.S)
     chosen = lambda found: (f'{found[1]} role="option">{found[2]}{found[3]}<rect class="band" x="1" y="{float(found[4]) - 12}" '
                             f'width="{picture.width - 2}" height="17"/><text class="time" x="56" y="{found[4]}"')
     body = [band.sub(chosen, part) for part in body]

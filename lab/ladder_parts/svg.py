@@ -5,7 +5,7 @@ import html
 import re
 import unicodedata
 
-from .rows import WAIT, duration, lanes_of, open_before
+from .rows import WAIT, duration, lanes_of
 
 LEFT, RIGHT, STEP = 118, 71, 237  # of the first lane, behind the last one, and between two
 ROOM = STEP - 36  # for a label
@@ -55,6 +55,7 @@ def shortened(text, width):
     text = " ".join(text.split())
     if width_of(text) <= width:
         return text
+    text = text[:int(width / LETTER)]
     while text and width_of(text) > width - LETTER:
         text = text[:-1]
     return text.rstrip() + "…"

@@ -3,6 +3,7 @@
 import html.parser
 import json
 import os
+import struct
 import subprocess
 import sys
 import xml.etree.ElementTree
@@ -42,13 +43,14 @@ class Page(html.parser.HTMLParser):
 
     def __init__(self, path):
         super().__init__()
-        self.articles, self.elements, self.open = [], set(), []
+        self.articles, self.elements, self.open, self.bands = [], set(), [], 0
         with open(path, encoding="utf-8") as file:
             self.feed(file.read())
         assert not self.open, self.open
 
     def handle_starttag(self, tag, attributes):
         self.elements.add(tag)
+        self.bands += ("class", "band") in attributes
         if tag in ("meta",):
             return
         self.open.append(tag)
@@ -73,3 +75,17 @@ class Page(html.parser.HTMLParser):
                 cipher = facts.split(", ")[2:3]
                 found += [(*cipher, json.loads(text)) for kind, text in article if kind == "pre."]
         return found
+
+
+def drawn(path, *options, kind=Picture):
+    """A recording's picture, or its page, and what was said about it."""
+    output = path + (".svg" if kind is Picture else ".html")
+    done = run(path, "-o", output, *options)
+    assert done.returncode == 0, done.stderr
+    return kind(output), done.stderr
+
+
+def frames(*messages):
+    """The frames of the gateway link with these messages, or bodies."""
+    bodies = [json.dumps(message).encode() if isinstance(message, dict) else message for message in messages]
+    return [b"\x3f\x72\x1f\xb5" + struct.pack(">I", len(body)) + body for body in bodies]

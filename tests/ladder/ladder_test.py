@@ -7,6 +7,7 @@ import re
 import struct
 import subprocess
 import sys
+import time
 import unittest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -14,7 +15,7 @@ sys.path.insert(1, os.path.join(HERE, "../wireshark"))
 
 import dissected
 from dissected import ACK, CLOUD, DEVICE, GATEWAY, LOCAL, RST, SERVER, SYN, Capture
-from drawn import REPO, Page, Picture, run
+from drawn import REPO, Page, drawn, frames, run
 
 TRAFFIC = os.path.join(HERE, "../wireshark/traffic.py")
 NASTY = "</script><b>&\"'\u0001\ud800]]>"
@@ -23,14 +24,6 @@ NASTY = "</script><b>&\"'\u0001\ud800]]>"
 def setUpModule():
     global work
     work = dissected.folder()
-
-
-def drawn(path, *options, kind=Picture):
-    """A recording's picture, or its page, and what was said about it."""
-    output = path + (".svg" if kind is Picture else ".html")
-    done = run(path, "-o", output, *options)
-    assert done.returncode == 0, done.stderr
-    return kind(output), done.stderr
 
 
 class Recorded(unittest.TestCase):
@@ -131,14 +124,9 @@ class Written(unittest.TestCase):
     def setUp(self):
         self.path = os.path.join(work, self.id())
 
-    def frames(self, *messages):
-        bodies = [json.dumps(message).encode() if isinstance(message, dict) else message for message in messages]
-        return [b"\x3f\x72\x1f\xb5" + struct.pack(">I", len(body)) + body for body in bodies]
-
     def test_cuts_and_repetitions(self):
         """However the frames are cut, whatever comes twice, late or not at all, each is there once and in its place."""
-        frames = self.frames(*({"type": "a%d" % n, "filling": "x" * 50 * n} for n in range(4)))
-        stream = b"".join(frames)
+        stream = b"".join(frames(*({"type": "a%d" % n, "filling": "x" * 50 * n} for n in range(4))))
         pieces = [(at, stream[at:at + 37]) for at in range(0, len(stream), 37)]
         shuffled = pieces[:1] + pieces[2:4] + pieces[1:2] + pieces[:3] + pieces[:3:-1]
         overlapping = [(at, stream[at:at + 60]) for at in range(0, len(stream), 37)]
@@ -152,13 +140,13 @@ class Written(unittest.TestCase):
             self.assertEqual(drawn(self.path)[0].labels(), ["connects to 100.64.0.1", "a0", "a1", "a2", "a3"])
 
     def test_what_is_wrong(self):
-        good, = self.frames({"type": "good"})
+        good, = frames({"type": "good"})
         cloud = lambda body: b"QZSGWMP2" + struct.pack(">I", len(body)) + body
         local = lambda body: struct.pack(">I", len(body)) + body
         cases = [  # port, segments, labels, and how the connection goes
             (GATEWAY, [good + b"\x3f\x72\x1f\xb6" + good], ["good", "wrong magic: no frame", "closes"], {}),
             (GATEWAY, [good + good[:4] + bytes(4)], ["good", "wrong length 0: no frame", "closes"], {}),
-            (GATEWAY, self.frames(b"x" * 16, b"{\"a"), ["cannot be decrypted · 16 bytes", "unreadable · no JSON object",
+            (GATEWAY, frames(b"x" * 16, b"{\"a"), ["cannot be decrypted · 16 bytes", "unreadable · no JSON object",
                                                         "closes"], {}),
             (GATEWAY, [good + good[:9]], ["good", "resets the connection"], {"end": RST}),
             (GATEWAY, [good + good[:9]], ["good", "closes inside of a frame"], {}),
@@ -192,7 +180,7 @@ class Written(unittest.TestCase):
 
     def test_from_the_middle(self):
         """A connection that is older than the recording, or than the window, is there from the first row on."""
-        first, second = self.frames({"type": "first"}, {"type": "second"})
+        first, second = frames({"type": "first"}, {"type": "second"})
         with Capture(self.path) as capture:
             capture.packet((DEVICE, 40000), (SERVER, GATEWAY), 1000, ACK, first[9:] + second)
         picture, _ = drawn(self.path)
@@ -216,7 +204,7 @@ class Written(unittest.TestCase):
     def test_texts(self):
         """Nothing that a message says becomes part of the page."""
         with Capture(self.path) as capture:
-            capture.connection(GATEWAY, self.frames({"type": NASTY, "sequence": NASTY, "errcode": 1, "text": NASTY,
+            capture.connection(GATEWAY, frames({"type": NASTY, "sequence": NASTY, "errcode": 1, "text": NASTY,
                                                      "Parameter": NASTY},
                                                     b'{"type":"deep","a":' + b"[" * 9000 + b"]" * 9000 + b"}",
                                                     b'{"type":"\xff\xfe","number":1e999}'))
@@ -225,6 +213,30 @@ class Written(unittest.TestCase):
         self.assertEqual(json.loads(page.articles[1][-1][1])["text"], NASTY.replace("\ud800", "\ufffd"))
         self.assertNotIn("b", page.elements)
 
+    def test_hostile_names(self):
+        """A name as long as a message may be is cut, and one of several lines is one row of the page."""
+        names = ["x" * 16000, "\u5b57" * 5000, "a\nb"]
+        with Capture(self.path) as capture:
+            capture.connection(GATEWAY, frames(*({"type": name} for name in names)))
+        began = time.monotonic()
+        (picture, _), (page, _) = drawn(self.path), drawn(self.path, kind=Page)
+        self.assertLess(time.monotonic() - began, 10)
+        self.assertEqual(picture.labels()[1:-1], ["x" * 29 + "\u2026", "\u5b57" * 14 + "\u2026", "a b"])
+        self.assertEqual(page.bands, len(picture.rows))
+
+    def test_useless_bus(self):
+        """Without a usable recording of the bus the rest is drawn."""
+        with Capture(self.path) as capture:
+            capture.connection(GATEWAY, frames({"type": "first"}))
+        with open(self.path, "rb") as file:
+            of_network = file.read()
+        for data, text in ((b"", "is empty"), (b"x" * 100, "is no pcap"), (of_network, "is a recording of another kind")):
+            with open(self.path + ".bus", "wb") as file:
+                file.write(data)
+            picture, said = drawn(self.path)
+            self.assertEqual(picture.labels(), ["connects to 100.64.0.1", "first", "closes"])
+            self.assertRegex(said, rf"\.bus {text}.*not drawn\n\Z")
+
     def test_folding_and_waits(self):
         """Equal messages are one row, with how many they are, and so are questions and answers in turn; long waits are waves."""
         question, answer = {"type": "get_status", "get": [{"name": "cputemp"}]}, {"type": "status", "status": {"cputemp": 1}}
@@ -232,7 +244,7 @@ class Written(unittest.TestCase):
             source, target = (DEVICE, 40000), (SERVER, GATEWAY)
             sequence = {source: 1, target: 1}
             def say(end, message, pause=1000):
-                frame, = self.frames(message)
+                frame, = frames(message)
                 capture.time += pause
                 capture.packet(end, target if end == source else source, sequence[end], ACK, frame)
                 sequence[end] += len(frame)
@@ -255,7 +267,7 @@ class Written(unittest.TestCase):
     def test_not_a_recording(self):
         """A cut capture is drawn as far as it goes; for anything else there is one line and status 1."""
         with Capture(self.path) as capture:
-            capture.connection(GATEWAY, self.frames({"type": "first"}, {"type": "second"}))
+            capture.connection(GATEWAY, frames({"type": "first"}, {"type": "second"}))
         with open(self.path, "rb") as file:
             whole = file.read()
         def write(data):
