@@ -13,7 +13,6 @@ namespace {
 
 constexpr unsigned long limit_max = 2147483648;
 constexpr std::string_view no_continue_id = "nocid";
-constexpr std::size_t kept_id_max = 100;  // older programs read a line of 255 bytes at most
 constexpr char mac_missing[] = "MAC not found";
 
 // The file's and the platform's unsigned numbers are told as signed ones.
@@ -44,11 +43,11 @@ std::optional<std::string_view> add_rule(host_schedule &to, json::view rule) {
     // Numbers as numbers: a text like "+01" is one, but its field in the file has no room for it.
     std::string line = format("%s|%u|", to.mac.c_str(), *mode);
     line.append(*start).append("|").append(*end).append(*enable ? "|1|" : "|0|");
-    line.append(continue_id.empty() ? no_continue_id : cut(continue_id, kept_id_max)).append("|");
-    line.append(cut(rule["GroupID"].text().value_or(""), kept_id_max));
-    to.lines += one_line(std::move(line)) + "\n";
-    to.rules.push_front({static_cast<std::uint8_t>(*enable), static_cast<std::uint8_t>(*mode),
-                         std::string(*start), std::string(*end)});
+    line.append(continue_id.empty() ? no_continue_id : continue_id).append("|");
+    line.append(rule["GroupID"].text().value_or(""));
+    // Only what is told again is kept: there are thousands.
+    to.lines += text_of(parse_schedule_line(one_line(std::move(line)))) + "\n";
+    to.rules.push_back({static_cast<std::uint8_t>(*enable), static_cast<std::uint8_t>(*mode), *start, *end});
     return std::nullopt;
 }
 
@@ -238,12 +237,12 @@ void add_schedule(bus_message &reply, const host_schedule &host) {
     reply.number("num", static_cast<std::int32_t>(host.rules.size()));
     reply.number("internet", host.action);
     const bus_message::array rules(reply, "rules");
-    for (const schedule_rule &rule : host.rules) {
+    for (auto rule = host.rules.rbegin(); rule != host.rules.rend(); ++rule) {
         const bus_message::table rule_table(reply);
-        reply.text("start", rule.start);
-        reply.text("end", rule.end);
-        reply.number("enable", rule.enable);
-        reply.number("weekday", rule.mode);
+        reply.text("start", rule->start.c_str());
+        reply.text("end", rule->end.c_str());
+        reply.number("enable", rule->enable);
+        reply.number("weekday", rule->mode);
     }
 }
 

@@ -75,8 +75,10 @@ std::optional<std::string> rule_store::save(const hosts_to_free &to_free, const 
                                             const std::string &text) {
     if (!is_loaded_)
         return why_unknown_;
-    hosts_to_free either = rules_.to_free;
-    either.add(to_free);
+    std::optional<hosts_to_free> both;  // they may be thousands
+    if (to_free != rules_.to_free)
+        both.emplace(rules_.to_free).add(to_free);
+    const hosts_to_free &either = both ? *both : rules_.to_free;
     if (free_file_is_old_ || either != rules_.to_free) {
         if (auto why = save_hosts_to_free(either))
             return why;
@@ -95,17 +97,21 @@ stored rule_store::set_schedule(host_schedule fresh, bool free) {
     const host_id id(fresh.mac);
     const host_schedule *old = rules_.times.find(id);
     const std::size_t before = old ? old->rules.size() : 0, now = fresh.rules.size();
-    hosts_to_free to_free = rules_.to_free;
-    if (free)
-        to_free.add(id);
-    if (grows_beyond(rules_max, rules_.times.size(), rules_.times.size() - before + now))
+    const std::size_t hosts = rules_.times.hosts().size();
+    if (grows_beyond(rules_max, rules_.times.size(), rules_.times.size() - before + now) ||
+        grows_beyond(scheduled_max, hosts, hosts + (!old && now > 0 ? 1 : 0)))
         return stored::too_many;
-    if (const auto why = save(to_free, schedule_file_.path, rules_.times.text_with(fresh))) {
+    std::optional<hosts_to_free> to_free;
+    if (free)
+        to_free.emplace(rules_.to_free).add(id);
+    if (const auto why =
+            save(to_free ? *to_free : rules_.to_free, schedule_file_.path, rules_.times.text_with(fresh))) {
         log_printf("[ERROR] set_lanhost_timer: failed to save %s %s\n", schedule_file_.path.c_str(),
                    why->c_str());
         return stored::not_saved;
     }
-    rules_.to_free = std::move(to_free);
+    if (to_free)
+        rules_.to_free = std::move(*to_free);
     rules_.times.replace(std::move(fresh));
     return stored::done;
 }

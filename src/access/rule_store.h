@@ -31,10 +31,10 @@ enum class stored {
 
 class rule_store {
   public:
-    /// Schedule rules of all hosts, and hosts with restrictions: some more than the 10,000 rules for 1,000
-    /// hosts of the largest home, so that no app fills memory or disk. What older programs left may be more;
-    /// it is kept and does not grow.
-    static constexpr std::size_t rules_max = 16384, hosts_max = hosts_to_free::max;
+    /// Schedule rules of all hosts, hosts with schedules, and hosts with restrictions: some more than the
+    /// 10,000 rules for 1,000 hosts of the largest home, so that no app fills memory or disk. Schedules then
+    /// take 2 MB whatever is in them. What older programs left may be more; it is kept and does not grow.
+    static constexpr std::size_t rules_max = 16384, scheduled_max = 2048, hosts_max = hosts_to_free::max;
 
     /// Loads the files of the folder, which ends with a slash. A missing file holds nothing. One that cannot
     /// be read, which the log says once, says nothing of what it holds: as long as there is one, no change is

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 
 #include "base/clock.h"
 #include "base/log.h"
@@ -18,12 +19,12 @@ struct rule_day {
 };
 
 // What a text of a time of day stands for on the day of the instant; 0 when it holds no ':'.
-std::int64_t time_on(const rule_instant &at, const std::string &text) {
-    const std::size_t colon = text.find(':');
-    if (colon == std::string::npos)
+std::int64_t time_on(const rule_instant &at, const time_of_day &time) {
+    const char *const colon = std::strchr(time.c_str(), ':');
+    if (!colon)
         return 0;
-    return at.midnight + std::int64_t{std::atoi(text.c_str())} * 3600 +
-           std::int64_t{std::atoi(text.c_str() + colon + 1)} * 60;
+    return at.midnight + std::int64_t{std::atoi(time.c_str())} * 3600 +
+           std::int64_t{std::atoi(colon + 1)} * 60;
 }
 
 rule_day rule_on(const schedule_rule &rule, const rule_instant &at) {
@@ -84,12 +85,12 @@ rule_instant rule_instant_at(std::time_t t, bool shifted) {
 }
 
 bool is_in_range(const host_schedule &host, const rule_instant &at) {
-    for (const schedule_rule &rule : host.rules) {
-        if (!holds(rule, at))
+    for (auto rule = host.rules.rbegin(); rule != host.rules.rend(); ++rule) {
+        if (!holds(*rule, at))
             continue;
         log_printf("_now_in_range (%d): extcc mac %s, now %lld, inrange (%u/%s/%s)\n", __LINE__,
-                   host.mac.c_str(), static_cast<long long>(at.now), rule.mode, rule.start.c_str(),
-                   rule.end.c_str());
+                   host.mac.c_str(), static_cast<long long>(at.now), rule->mode, rule->start.c_str(),
+                   rule->end.c_str());
         return true;
     }
     return false;
@@ -98,11 +99,11 @@ bool is_in_range(const host_schedule &host, const rule_instant &at) {
 int seconds_to_next_check(const std::list<host_schedule> &hosts, const rule_instant &at) {
     std::int64_t delay = day_s + 1 - (at.now - at.midnight);
     for (const host_schedule &host : hosts) {
-        for (const schedule_rule &rule : host.rules) {
-            const rule_day day = rule_on(rule, at);
-            if (!rule.enable || day.start == day.end)
+        for (auto rule = host.rules.rbegin(); rule != host.rules.rend(); ++rule) {
+            const rule_day day = rule_on(*rule, at);
+            if (!rule->enable || day.start == day.end)
                 continue;
-            const std::int64_t own = seconds_to_boundary(rule, day, at);
+            const std::int64_t own = seconds_to_boundary(*rule, day, at);
             if (own > 0 && own < delay)
                 delay = own;
             if (at.now == day.start || at.now == day.end)

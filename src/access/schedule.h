@@ -2,10 +2,13 @@
 /// When a schedule holds and when to look at it again. There is no clock in here: everything is a function of
 /// the rules and an instant, so that it can be asked for any instant in any time zone.
 
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <list>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace arvok::access {
 
@@ -16,19 +19,32 @@ enum internet_access : std::uint8_t {
     unrestricted = 2,  ///< none does; and no restriction at all
 };
 
+/// "HH:MM" or "H:MM", as received. There are thousands: it has no memory beside its own.
+class time_of_day {
+  public:
+    static constexpr std::size_t max = 7;  ///< bytes kept of it, in the files too
+
+    time_of_day(std::string_view text) { text.copy(text_, max); }
+    time_of_day(const char *text) : time_of_day(std::string_view(text)) {}
+    const char *c_str() const { return text_; }
+
+  private:
+    char text_[max + 1] = {};
+};
+
 struct schedule_rule {
     std::uint8_t enable;
     std::uint8_t mode;  ///< 0 every day, 1 Monday to 7 Sunday
-    std::string start;  ///< "HH:MM" or "H:MM", as received
-    std::string end;
+    time_of_day start;
+    time_of_day end;
 };
 
 /// The schedule of one host.
 struct host_schedule {
     std::string mac;                         ///< as it was given
     internet_access action = not_evaluated;  ///< by the last evaluation
-    std::list<schedule_rule> rules{};        ///< newest first
-    std::string lines{};                     ///< in the file, oldest first
+    std::vector<schedule_rule> rules{};      ///< oldest first; the newest is looked at first
+    std::string lines{};                     ///< in the file, in the same order
 };
 
 /// The clock counts as set from then on (2020-06-01 00:00 UTC).

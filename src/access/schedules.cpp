@@ -9,9 +9,19 @@
 namespace arvok::access {
 namespace {
 
+constexpr std::size_t id_max = 15;
+constexpr std::size_t line_max = 17 + 1 + 3 * (time_of_day::max + 1) + 2 + 1 + id_max + 1 + id_max;
+
 schedule_rule rule_of(const schedule_line &line) {
     return {static_cast<std::uint8_t>(std::atoi(line.enable.c_str())),
-            static_cast<std::uint8_t>(std::atoi(line.mode.c_str())), line.start, line.end};
+            static_cast<std::uint8_t>(std::atoi(line.mode.c_str())), time_of_day(line.start),
+            time_of_day(line.end)};
+}
+
+// Gives back what it has grown by beyond what it holds; without exceptions shrink_to_fit() does nothing.
+void trim(host_schedule &host) {
+    std::vector(host.rules).swap(host.rules);
+    std::string(host.lines).swap(host.lines);
 }
 
 }  // namespace
@@ -27,15 +37,23 @@ schedule_line parse_schedule_line(std::string_view line) {
         std::string schedule_line::*text;
         std::size_t max;
     } needed[] = {{&schedule_line::mode, 7},
-                  {&schedule_line::start, 7},
-                  {&schedule_line::end, 7},
+                  {&schedule_line::start, time_of_day::max},
+                  {&schedule_line::end, time_of_day::max},
                   {&schedule_line::enable, 2}};
     for (const auto &[text, max] : needed)
         if ((parsed.*text = field('|', max)).empty())
             return parsed;
-    parsed.continue_id = field('|', 15);
-    parsed.group_id = field('\n', 15);
+    parsed.continue_id = field('|', id_max);
+    parsed.group_id = field('\n', id_max);
     return parsed;
+}
+
+std::string text_of(const schedule_line &line) {
+    std::string text;
+    for (const std::string *field :
+         {&line.mac, &line.mode, &line.start, &line.end, &line.enable, &line.continue_id})
+        text.append(*field).append("|");
+    return text + line.group_id;
 }
 
 const host_schedule *schedules::find(const host_id &id) const {
@@ -53,19 +71,26 @@ void schedules::load(std::string_view file) {
         if (is_new)
             entry->second = hosts_.emplace(hosts_.begin(), host_schedule{parsed.mac});
         host_schedule &host = *entry->second;
-        host.rules.push_front(rule_of(parsed));
-        host.lines.append(line).append("\n");
+        host.rules.push_back(rule_of(parsed));
+        host.lines.append(line.size() <= line_max ? line : text_of(parsed)).append("\n");
         size_++;
     }
+    for (host_schedule &host : hosts_)
+        trim(host);
 }
 
 std::string schedules::text_with(const host_schedule &fresh) const {
     const host_schedule *old = find(host_id(fresh.mac));
+    std::size_t size = fresh.lines.size();
+    for (const host_schedule &host : hosts_)
+        size += host.lines.size();
     std::string text;
+    text.reserve(size);
     for (auto host = hosts_.rbegin(); host != hosts_.rend(); ++host)
         if (&*host != old)
             text += host->lines;
-    return text + fresh.lines;
+    text += fresh.lines;
+    return text;
 }
 
 void schedules::replace(host_schedule fresh) {
@@ -78,6 +103,7 @@ void schedules::replace(host_schedule fresh) {
     if (fresh.rules.empty())
         return;
     size_ += fresh.rules.size();
+    trim(fresh);
     hosts_.push_front(std::move(fresh));
     by_host_.emplace(id, hosts_.begin());
 }

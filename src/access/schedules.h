@@ -23,6 +23,8 @@ struct schedule_line {
 };
 
 schedule_line parse_schedule_line(std::string_view line);
+/// A line that holds just that.
+std::string text_of(const schedule_line &line);
 
 class schedules {
   public:
@@ -37,7 +39,8 @@ class schedules {
     /// Null for none. Constant time.
     const host_schedule *find(const host_id &id) const;
 
-    /// Takes over what a file holds; a line is a rule, and empty ones are none.
+    /// Takes over what a file holds; a line is a rule, and empty ones are none. What is never told of a line
+    /// that is longer than any needs to be is left out.
     void load(std::string_view file);
     /// What the file holds once `fresh` is in the place of its host's schedule: the oldest host first.
     std::string text_with(const host_schedule &fresh) const;

@@ -166,7 +166,7 @@ class Hosts(ExtendedCase):
         self.check(command, {"MAC": PHONE, "Info": [{**noon, "ContinueID": "", "GroupID": "g" * 14 + "\n" + NOBODY}]},
                    SUCCESS)
         desk = DESK + "|0|22:00|6:00|1|c1|g1\n" + DESK + "|7|12:75|24:00|0|nocid|\n"
-        phone = PHONE + "|7|12:75|24:00|0|nocid|" + "g" * 14 + " " + NOBODY + "\n"
+        phone = PHONE + "|7|12:75|24:00|0|nocid|" + "g" * 14 + " \n"  # what is told of it
         self.assertEqual(self.file(SCHEDULES), cut + "\n" + desk + phone)
         told = lambda rule: {"ContinueID": "", "GroupID": "", **rule}
         keys = ("ContinueID", "Mode", "StartTime", "EndTime", "Enable", "GroupID")

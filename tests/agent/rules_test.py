@@ -186,6 +186,9 @@ class Holding(RulesCase):
     def test_texts_are_cut_between_characters(self):
         self.schedule(DESK, {**NIGHT, "ContinueID": "a" * 14 + "é", "GroupID": "家" * 6})
         self.schedule(PHONE, {**NIGHT, "ContinueID": "é" * 8, "GroupID": "g" * 12 + "😀"})
+        # What is not told of them is not kept, either.
+        self.assertEqual([line.split("|", 5)[5] for line in self.file(SCHEDULES).splitlines()],
+                         ["a" * 14 + "|" + "家" * 5, "é" * 7 + "|" + "g" * 12])
         for _ in range(2):
             self.assertEqual(self.told(DESK) + self.told(PHONE),
                              [("a" * 14, "家" * 5), ("é" * 7, "g" * 12)])

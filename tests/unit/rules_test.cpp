@@ -42,8 +42,9 @@ class Rules : public ::testing::Test {
         std::string text;
         for (const host_schedule &host : all.hosts()) {
             text += host.mac + "(";
-            for (const schedule_rule &rule : host.rules)
-                text += format("%u %u %s-%s;", rule.enable, rule.mode, rule.start.c_str(), rule.end.c_str());
+            for (auto rule = host.rules.rbegin(); rule != host.rules.rend(); ++rule)
+                text +=
+                    format("%u %u %s-%s;", rule->enable, rule->mode, rule->start.c_str(), rule->end.c_str());
             text += ")";
         }
         return text;
@@ -116,6 +117,14 @@ TEST_F(Rules, AScheduleTakesThePlaceOfItsHostsAndOfNoOther) {
               stored::done);
     EXPECT_EQ(read(schedule_file), odd + other + "\naB12|0|3:00|4:00|1||\n");
     EXPECT_EQ(told(store.rules().times), "aB12(1 0 3:00-4:00;)CD34(1 0 1:00-2:00;)AB(0 0 8:0-;)");
+    // Of a line that is too long, what is told is kept.
+    const std::string start = "CD34|0|1:00|2:00|1|" + std::string(15, 'c');
+    write(schedule_file, start + std::string(50, 'c') + "|" + std::string(15, 'g') + std::string(50, 'g'));
+    {
+        rule_store long_ids(folder_);
+        EXPECT_EQ(long_ids.set_schedule({"", not_evaluated, {}, ""}, true), stored::done);
+    }
+    EXPECT_EQ(read(schedule_file), start + "|" + std::string(15, 'g') + "\n");
     EXPECT_EQ(store.set_schedule({"CD34", not_evaluated, {}, ""}, true), stored::done);
     EXPECT_EQ(told(rule_store(folder_).rules().times), told(store.rules().times));
     EXPECT_EQ(rule_store(folder_).rules().to_free, (hosts_to_free({host_id("ef56"), host_id("cd34")})));
@@ -148,7 +157,7 @@ TEST_F(Rules, ThereIsAnEndToWhatIsKept) {
     const auto schedule_of = [](const char *mac, std::size_t rules) {
         host_schedule host{mac};
         for (std::size_t i = 0; i < rules; i++) {
-            host.rules.push_front({1, 0, "1:00", "2:00"});
+            host.rules.push_back({1, 0, "1:00", "2:00"});
             host.lines += std::string(mac) + "|0|1:00|2:00|1|c|g\n";
         }
         return host;
@@ -159,6 +168,15 @@ TEST_F(Rules, ThereIsAnEndToWhatIsKept) {
     EXPECT_EQ(store.set_schedule(schedule_of("B", 2), false), stored::too_many);
     EXPECT_EQ(rule_store(folder_).rules().times.size(), rule_store::rules_max);
     EXPECT_EQ(store.set_schedule(schedule_of("B", 0), true), stored::done);
+    std::string one_each;
+    for (std::size_t i = 1; i < rule_store::scheduled_max; i++)
+        one_each += schedule_of(std::to_string(i).c_str(), 1).lines;
+    write(schedule_file, one_each);
+    rule_store crowd(folder_);
+    EXPECT_EQ(crowd.set_schedule(schedule_of("last", 1), false), stored::done);
+    EXPECT_EQ(crowd.set_schedule(schedule_of("more", 1), false), stored::too_many);
+    EXPECT_EQ(crowd.set_schedule(schedule_of("more", 0), true), stored::done);
+    EXPECT_EQ(crowd.set_schedule(schedule_of("last", 2), false), stored::done);
     restrictions limits;
     for (std::size_t i = 0; i < rule_store::hosts_max; i++)
         limits.entry_with(restricts_rate, std::to_string(i)).up_limit = 1;

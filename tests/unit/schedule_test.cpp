@@ -47,7 +47,7 @@ constexpr int hour = 3600, minute = 60, day = 86400;
 TEST(Schedule, HoldsAndChangesAtEveryBoundary) {
     constexpr int monday = 0, saturday = 5, sunday = 6;
     const struct {
-        std::list<schedule_rule> rules;
+        std::vector<schedule_rule> rules;
         std::time_t now;
         bool in_range;
         int delay;
@@ -109,7 +109,7 @@ TEST(Schedule, AgreesWithALookAtEveryMinute) {
                                        hours[1] * 60 + minutes[1]};
                 const std::string start = format("%02d:%02d", hours[0], minutes[0]),
                                   end = format("%02d:%02d", hours[1], minutes[1]);
-                host.rules.push_front(rule(model.mode, start.c_str(), end.c_str()));
+                host.rules.push_back(rule(model.mode, start.c_str(), end.c_str()));
                 carries |= model.carries();
                 if (model.start != model.end)
                     models.push_back(model);
