@@ -13,7 +13,7 @@ client::client(task_queue &queue, platform::cache &cache, wall_clock clock, cons
                    bind<&connector::after>(connector_), bind<&app_messages::abandon>(app_messages_)}),
       connector_(queue, connection_, settings_, given.debug, bind<&enrolment::begin>(enrolment_)),
       enrolment_(connection_, connector_, settings_, cache),
-      plugins_(connection_, cache, clock),
+      plugins_(queue, connection_, cache, clock),
       app_messages_(connection_, cache, agent) {}
 
 void client::receive(json::view message) {

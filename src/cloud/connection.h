@@ -65,6 +65,8 @@ class connection {
     /// The same, awaiting nothing: what is told of the device's own accord. Unless connected, and when there
     /// is no room, it is dropped (base/outbox.h).
     void tell(json::value message) { outbox_.post(std::move(message)); }
+    /// The same, now.
+    void tell_now(json::value message) { outbox_.send(std::move(message)); }
     /// Whether one of so many bytes would not be dropped now.
     bool can_tell(std::size_t bytes) { return outbox_.takes(bytes); }
     /// The same; one that would is counted, and need not be made.

@@ -173,12 +173,19 @@ void plugins::connected() {
 }
 
 void plugins::tell_kept() {
+    const auto is_untold = [](const ending &one) { return !one.told_here; };
+    if (!queued_ && std::any_of(kept_.begin(), kept_.end(), is_untold))
+        queued_ = queue_.post([this] { write_kept(); });
+}
+
+void plugins::write_kept() {
+    queued_ = false;
     for (ending &one : kept_) {
         if (one.told_here)
             continue;
         if (!link_.can_tell(one.message.text().size()))
             return;
-        link_.tell(one.message);
+        link_.tell_now(one.message);
         one.told_here = true;
         one.told++;
     }

@@ -7,6 +7,7 @@
 
 #include "base/clock.h"
 #include "base/json.h"
+#include "base/task_queue.h"
 #include "cloud/connection.h"
 #include "cloud/reply.h"
 #include "platform/cache.h"
@@ -19,8 +20,9 @@ enum class app_action : unsigned { uninstall, stop, run, restore };
 /// Each request is answered at once.
 class plugins {
   public:
-    plugins(connection &link, const platform::cache &cache, wall_clock clock)
-        : link_(link), cache_(cache), clock_(clock) {}
+    /// All but the clock is borrowed. No task may run after its end.
+    plugins(task_queue &queue, connection &link, const platform::cache &cache, wall_clock clock)
+        : queue_(queue), link_(link), cache_(cache), clock_(clock) {}
     /// Installations under way go on; nobody is told of their ends any more, and no app is run.
     ~plugins();
     plugins(const plugins &) = delete;
@@ -39,7 +41,7 @@ class plugins {
     /// The platform is connected again: it is told what has been installed meanwhile, and once more what it
     /// was told on an earlier connection and has not acknowledged.
     void connected();
-    /// Tells what there was no room for.
+    /// Tells what there was no room for, on the loop's next turn: what counts as told has been written.
     void tell_kept();
     /// The platform has acknowledged a result: the one that the message names, else the oldest one told.
     void acknowledged(json::view message);
@@ -56,13 +58,16 @@ class plugins {
 
     static void installed(ubus_request *request, blob_attr *message);
     void report(const installation &ended, json::view told);
+    void write_kept();
     json::object notification(const char *method, const std::string &id) const;
 
+    task_queue &queue_;
     connection &link_;
     const platform::cache &cache_;
     wall_clock clock_;
     std::vector<installation *> under_way_;
     std::deque<ending> kept_;  ///< those that the platform may not know, the oldest first
+    bool queued_ = false;      ///< the task that tells them
 };
 
 }  // namespace arvok::cloud

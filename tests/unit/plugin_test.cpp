@@ -170,6 +170,9 @@ TEST_F(Installations, AreToldTwiceUnlessAcknowledged) {
     expect_nothing_told();
     end_connection();
     come_back();
+    EXPECT_EQ(take_result(), 3);  // it had been told once
+    end_connection();
+    come_back();
     expect_nothing_told();
 }
 
