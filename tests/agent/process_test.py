@@ -148,6 +148,7 @@ class Life(AgentCase):
         self.hold_timers()
         agent = self.start("-g", "192.168.1.1")
         self.pass_until(lambda: self.received("keepalive"), "the first keepalive", 1)
+        self.wait_for_message("dev_report")
         call("qzcapd.emulator", "fail", {"call": "qzcap_get_waninfo", "reason": "", "times": 1, "mode": "timeout"})
         call("qzcapd.emulator", "fail", {"call": "qzcap_get_devinfo", "reason": "", "times": 1, "mode": "timeout"})
         self.misbehave(fault="close", after=1)
