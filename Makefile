@@ -177,12 +177,12 @@ fleet:
 	+@$(build) TARGETS=desk
 	@ARVOK_BIN=$(abspath $(BUILD))/bin lab/fleet $(N) --speed $(SPEED) --script standard --out $(abspath $(BUILD))/fleet
 
-# N small faults in src/, one at a time: how many the tests catch. ARGS: further options of tests/mutants/run.
+# N small faults in src/, one at a time: how many the tests catch. ARGS: further options of tools/mutants/run.
 N    ?= 100
 SEED ?= 1
 mutants:
 	@tools/setup.sh desk tests
-	@tests/mutants/run --folder $(abspath $(MUTATED)) --count $(N) --seed $(SEED) $(ARGS)
+	@tools/mutants/run --folder $(abspath $(MUTATED)) --count $(N) --seed $(SEED) $(ARGS)
 
 clean:
 	rm -rf $(BUILD) $(BUILD)-system-* $(SANITIZED) $(THREADED) $(ARM) $(FUZZED) $(LINTED) $(MUTATED)

@@ -124,14 +124,20 @@ TEST_F(Restrictions, AreEndedWhateverTheDiskRefuses) {
     }
 }
 
-// The loop is blocked for one time-out more than a look may take, and the others' turn comes all the same.
-TEST_F(Restrictions, AreAppliedBesideHostsThatThePlatformDoesNotAnswerFor) {
+// A home of so many hosts, and the command's part that blocks them all.
+std::string hosts_to_block(int count) {
     std::string all;
     device.hosts.clear();
-    for (int i = 0; i < 40; i++) {
+    for (int i = 0; i < count; i++) {
         device.hosts.push_back({format("02C0FFEE01%02d", i)});
         all += format(R"(%s{"MAC":"02C0FFEE01%02d","InternetAccess":"0"})", i ? "," : "", i);
     }
+    return all;
+}
+
+// The loop is blocked for one time-out more than a look may take, and the others' turn comes all the same.
+TEST_F(Restrictions, AreAppliedBesideHostsThatThePlatformDoesNotAnswerFor) {
+    const std::string all = hosts_to_block(40);
     device.silent_hosts = 20;
     EXPECT_EQ(internet(all), saved);
     const auto is_blocked = [](const fake_host &host) { return host.access == 0; };
@@ -158,12 +164,7 @@ struct other {
 };
 
 TEST_F(Restrictions, AreAppliedInTurnWithOthersOnASlowPlatform) {
-    std::string all;
-    device.hosts.clear();
-    for (int i = 0; i < 70; i++) {
-        device.hosts.push_back({format("02C0FFEE01%02d", i)});
-        all += format(R"(%s{"MAC":"02C0FFEE01%02d","InternetAccess":"0"})", i ? "," : "", i);
-    }
+    const std::string all = hosts_to_block(70);
     device.write_ms = 100;
     other waiting;
     waiting.served();
